@@ -1,0 +1,14 @@
+# Each bench/<stem>.cpp becomes bench_<stem>, collected in <build>/bench/ where `make bench`
+# runs them all. They link the static library so they can time internal pieces directly.
+
+find_package(benchmark REQUIRED)
+
+file(GLOB zeptick_bench_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/bench/*.cpp")
+foreach(source IN LISTS zeptick_bench_sources)
+  get_filename_component(stem "${source}" NAME_WE)
+  set(target bench_${stem})
+  add_executable(${target} "${source}")
+  target_link_libraries(${target} PRIVATE zeptick_internal benchmark::benchmark)
+  zeptick_set_warnings(${target})
+  set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bench")
+endforeach()

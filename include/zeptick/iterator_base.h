@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "zeptick/export.h"
+#include "zeptick/ordered_barrier.h"
+#include "zeptick/tag.h"
+#include "zeptick/zeptick_base.h"
+
+namespace zeptick {
+
+struct IteratorBaseListNode;
+class ZeptickRunner;
+
+/// Base of every measurement and virtual channel. A subclass registers its
+/// channels in its constructor, calls finishInitialization() last, calls stop()
+/// first in its destructor, and takes getLock() in every accessor. Blocks reach
+/// next_impl one at a time, in stream order, with the measurement's lock held.
+/// A measurement must not outlive its tagger's registry entry unless the tagger
+/// was freed first, in which case it stays stopped and readable.
+class ZEPTICK_API IteratorBase {
+ public:
+  IteratorBase(const IteratorBase&) = delete;
+  IteratorBase& operator=(const IteratorBase&) = delete;
+  virtual ~IteratorBase();
+
+  /// Starts taking data with no time limit; a running measurement only loses its limit.
+  void start();
+  /// Takes data for `capture_duration` ps of stream time and then stops by
+  /// itself, cutting the last block exactly. With `clear` the data are reset
+  /// first; without, the limit counts from the present capture duration.
+  void startFor(int64_t capture_duration, bool clear = true);
+  /// Stops taking data; collected data stay readable.
+  void stop();
+  /// Forgets collected data; blocks fetched before the call are not seen.
+  void clear();
+  bool isRunning();
+  /// Stream time in ps this measurement has taken data for since the last clear.
+  int64_t getCaptureDuration();
+
+ protected:
+  explicit IteratorBase(ZeptickBase* tagger);
+
+  /// Forgets all collected data. Runs with the lock held.
+  virtual void clear_impl() {}
+  /// The measurement is about to run. Runs with the lock held.
+  virtual void on_start() {}
+  /// The measurement has just stopped. Runs with the lock held, on any thread.
+  virtual void on_stop() {}
+  /// Processes one block, tags in [begin_time, end_time) in time order. Runs
+  /// with the lock held and must return with it held. Returns true if `tags`
+  /// was changed (virtual channels), false if only read.
+  virtual bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) = 0;
+
+  void registerChannel(int channel);
+  void unregisterChannel(int channel);
+  /// Only while the tagger lives, i.e. from a constructor.
+  int getNewVirtualChannel();
+  /// Starts the measurement unless it was made on a synchronized group's tagger.
+  void finishInitialization();
+  void lock();
+  void unlock();
+  std::unique_lock<std::mutex> getLock();
+  /// Ticket for the next ordered stage of this block. REQUIRES: lock held.
+  OrderedBarrier::OrderInstance parallelize(OrderedPipeline& pipeline);
+  /// The tagger, or null once it has been freed. Stable only under the lock.
+  ZeptickBase* getTagger() const { return tagger; }
+
+ private:
+  friend class ZeptickRunner;
+  friend class SynchronizedMeasurements;
+  friend class ZeptickProxy;
+
+  void clearWithoutLock();
+  void pre_stop();
+  void startLocked();
+  void allocateFence();
+  void next(std::unique_lock<std::mutex>& lock, std::vector<Tag>& tags, int64_t begin_time,
+            int64_t end_time, uint32_t fence);
+  void processCutBlock(std::vector<Tag>& tags, int64_t begin_time, int64_t capture_end);
+
+  std::set<int> channels;
+  bool running = false;
+  bool autostart = true;
+  ZeptickBase* tagger;
+  int64_t capture_duration = 0;
+  IteratorBaseListNode* iterator_node;
+  int64_t max_capture_duration = -1;
+  uint32_t fence = 0;
+};
+
+}  // namespace zeptick

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <mutex>
+
+#include "zeptick/ordered_barrier.h"
+
+namespace zeptick {
+
+class IteratorBase;
+
+/// A measurement's link in the tagger's chain. It outlives the measurement
+/// until a worker unlinks it, so a worker never touches freed memory.
+struct IteratorBaseListNode {
+  /// Next link; guarded by the chain of turnstiles, changed only by the worker
+  /// standing at this position.
+  IteratorBaseListNode* next = nullptr;
+  /// Nulled by the measurement's destructor, which holds both mutexes; atomic
+  /// because a pending synchronized callback looks it up without them.
+  std::atomic<IteratorBase*> iterator{nullptr};
+  /// Guards all state of the measurement.
+  std::mutex measurement_mutex;
+  /// Held by a worker from before it reaches measurement_mutex until next()
+  /// takes that; keeps blocks in order through the chain.
+  std::mutex turnstile_mutex;
+  /// Ordered stages of the measurement, grown by parallelize().
+  std::list<OrderedBarrier> barriers;
+};
+
+}  // namespace zeptick

@@ -1,0 +1,213 @@
+#include "test_tagger.h"
+
+#include <chrono>
+#include <stdexcept>
+
+#include "core/log.h"
+#include "zeptick/library.h"
+
+namespace zeptick::testing {
+
+TestTaggerCore::TestTaggerCore() : scheme(getZeptickChannelNumberScheme()) {
+  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_AUTO) scheme = ZT_CHANNEL_NUMBER_SCHEME_ONE;
+}
+
+std::vector<Block> TestTaggerCore::pushBlocks(std::vector<Block> blocks) {
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    // Like data arriving at an instrument: the blocks belong to the configuration
+    // in force now, however late a worker gets to them. Taken under the queue's
+    // lock so that fences never decrease along the queue.
+    const uint32_t fence = takeFence();
+    if (!blocks.empty()) {
+      const int64_t shift = stream_end - blocks.front().begin_time;
+      for (Block& block : blocks) {
+        if (block.begin_time + shift != stream_end || block.end_time < block.begin_time) {
+          throw std::logic_error("pushed blocks must be contiguous");
+        }
+        block.begin_time += shift;
+        block.end_time += shift;
+        for (Tag& tag : block.tags) tag.time += shift;
+        stream_end = block.end_time;
+        queue.push_back(Queued{block, fence});
+      }
+    }
+  }
+  queue_cv.notify_all();
+  return blocks;
+}
+
+void TestTaggerCore::setIdleSpan(int64_t span_ps) {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  idle_span = span_ps;
+}
+
+int64_t TestTaggerCore::streamEnd() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return stream_end;
+}
+
+size_t TestTaggerCore::queuedBlocks() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return queue.size();
+}
+
+std::vector<Block> TestTaggerCore::claimedBlocks() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return claimed;
+}
+
+void TestTaggerCore::setRecordClaimed(bool record) {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  record_claimed = record;
+}
+
+bool TestTaggerCore::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
+                                   uint32_t /*fence*/, const std::function<void()>& /*ready*/) {
+  std::unique_lock<std::mutex> guard(queue_mutex);
+  if (queue.empty()) {
+    // Give pushes a moment before serving an idle block, without holding the
+    // claim lock, so the stream does not race ahead of the test.
+    lock.unlock();
+    queue_cv.wait_for(guard, std::chrono::milliseconds(1));
+    if (queue.empty() && idle_span > 0) {
+      queue.push_back(Queued{Block{{}, stream_end, stream_end + idle_span}, takeFence()});
+      stream_end += idle_span;
+    }
+    return true;
+  }
+  Block& block = queue.front().block;
+  worker->tags.swap(block.tags);
+  worker->blockBegin = block.begin_time;
+  worker->blockEnd = block.end_time;
+  worker->fence = queue.front().fence;
+  for (const Tag& tag : worker->tags) {
+    if (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::Error) ++overflows;
+  }
+  if (record_claimed) claimed.push_back(Block{worker->tags, block.begin_time, block.end_time});
+  queue.pop_front();
+  return false;
+}
+
+bool TestTaggerCore::isInput(int channel) const {
+  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel >= 0 && channel < 16;
+  return channel != 0 && channel >= -8 && channel <= 8;
+}
+
+int TestTaggerCore::getInvertedChannel(int channel) {
+  if (!isInput(channel)) return CHANNEL_UNUSED;
+  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel < 8 ? channel + 8 : channel - 8;
+  return -channel;
+}
+
+bool TestTaggerCore::isUnusedChannel(int channel) {
+  return channel == CHANNEL_UNUSED || (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO && channel == -1);
+}
+
+std::string TestTaggerCore::getConfiguration() { return "{\"tagger\": \"test\"}"; }
+
+void TestTaggerCore::setInputDelay(int channel, int64_t delay) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to set the input delay of an unknown channel");
+    return;
+  }
+  input_delays[channel] = delay;
+}
+
+int64_t TestTaggerCore::getInputDelay(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to get the input delay of an unknown channel");
+    return 0;
+  }
+  return input_delays[channel];
+}
+
+int64_t TestTaggerCore::setDeadtime(int channel, int64_t deadtime) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to configure the deadtime for an unknown channel");
+    return 0;
+  }
+  return deadtimes[channel] = deadtime;
+}
+
+int64_t TestTaggerCore::getDeadtime(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to query the deadtime for an unknown channel");
+    return 0;
+  }
+  return deadtimes[channel];
+}
+
+void TestTaggerCore::setTestSignal(std::vector<int> channels, bool enabled) {
+  for (int channel : channels) setTestSignal(channel, enabled);
+}
+
+void TestTaggerCore::setTestSignal(int channel, bool enabled) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to set the test signal of an unknown channel");
+    return;
+  }
+  test_signals[channel] = enabled;
+}
+
+bool TestTaggerCore::getTestSignal(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel)) {
+    ZT_LOG_WARNING("Tried to query the test signal of an unknown channel");
+    return false;
+  }
+  return test_signals[channel];
+}
+
+int64_t TestTaggerCore::getOverflows() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  return overflows;
+}
+
+void TestTaggerCore::clearOverflows() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  overflows = 0;
+}
+
+int64_t TestTaggerCore::getOverflowsAndClear() {
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  const int64_t count = overflows;
+  overflows = 0;
+  return count;
+}
+
+int TestTaggerCore::getNewVirtualChannel() {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return next_virtual_channel++;
+}
+
+void TestTaggerCore::registerChannel(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel) && (channel < 1000 || channel >= next_virtual_channel)) {
+    ZT_LOG_WARNING("Tried to register an unknown channel");
+    return;
+  }
+  ++registration_counts[channel];
+}
+
+void TestTaggerCore::unregisterChannel(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  if (!isInput(channel) && (channel < 1000 || channel >= next_virtual_channel)) {
+    ZT_LOG_WARNING("Tried to unregister an unknown channel");
+    return;
+  }
+  --registration_counts[channel];
+}
+
+int TestTaggerCore::registrations(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  auto found = registration_counts.find(channel);
+  return found == registration_counts.end() ? 0 : found->second;
+}
+
+}  // namespace zeptick::testing

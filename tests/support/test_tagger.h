@@ -1,0 +1,169 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/zeptick_runner.h"
+#include "zeptick/zeptick_hardware.h"
+
+namespace zeptick::testing {
+
+/// A block as a tagger hands it to the chain.
+struct Block {
+  std::vector<Tag> tags;
+  int64_t begin_time = 0;
+  int64_t end_time = 0;
+};
+
+/// A tagger for tests: serves blocks pushed by the test, in order, and empty
+/// idle blocks when none are queued so that fences and sync() keep moving.
+/// A block carries the fence current when it was queued, as data that reached
+/// an instrument does, so sync() covers every block pushed before it.
+/// Inputs are 1..8 with falling edges -1..-8; virtual channels start at 1000.
+class TestTaggerCore : public ZeptickRunner {
+ public:
+  /// Shifts `blocks` so the first begins where the stream ends, queues them,
+  /// and returns them as they will be delivered. Spans must touch.
+  std::vector<Block> pushBlocks(std::vector<Block> blocks);
+  /// Length of the empty blocks served when the queue is empty; 0 serves none.
+  void setIdleSpan(int64_t span_ps);
+  /// End of the last span handed out or queued.
+  int64_t streamEnd();
+  /// Blocks queued and not yet claimed by a worker.
+  size_t queuedBlocks();
+  /// Every block claimed so far, idle ones included, in claim order.
+  std::vector<Block> claimedBlocks();
+  /// Stops recording claimed blocks (for long streams).
+  void setRecordClaimed(bool record);
+  /// Current registration count of `channel`.
+  int registrations(int channel);
+
+  int getInvertedChannel(int channel) override;
+  bool isUnusedChannel(int channel) override;
+  std::string getConfiguration() override;
+  void setInputDelay(int channel, int64_t delay) override;
+  int64_t getInputDelay(int channel) override;
+  int64_t setDeadtime(int channel, int64_t deadtime) override;
+  int64_t getDeadtime(int channel) override;
+  void setTestSignal(std::vector<int> channels, bool enabled) override;
+  void setTestSignal(int channel, bool enabled) override;
+  bool getTestSignal(int channel) override;
+  int64_t getOverflows() override;
+  void clearOverflows() override;
+  int64_t getOverflowsAndClear() override;
+  int getNewVirtualChannel() override;
+  void registerChannel(int channel) override;
+  void unregisterChannel(int channel) override;
+
+ protected:
+  TestTaggerCore();
+  bool readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock, uint32_t fence,
+                     const std::function<void()>& ready) override;
+  bool isInput(int channel) const;
+
+  std::mutex config_mutex;
+  int scheme;
+  std::map<int, int> registration_counts;
+  std::map<int, int64_t> input_delays;
+  std::map<int, int64_t> deadtimes;
+  std::map<int, bool> test_signals;
+  int next_virtual_channel = 1000;
+
+ private:
+  std::mutex queue_mutex;
+  std::condition_variable queue_cv;
+  struct Queued {
+    Block block;
+    uint32_t fence;  // the fence current when the block was queued
+  };
+  std::deque<Queued> queue;
+  std::vector<Block> claimed;
+  bool record_claimed = true;
+  int64_t stream_end = 0;
+  int64_t idle_span = 1000000;
+  int64_t overflows = 0;
+};
+
+/// Test double of the hardware tagger. Settings are stored and read back;
+/// nothing reaches a device.
+class TestZeptick final : public TestTaggerCore, public Zeptick {
+ public:
+  /// `workers` 0 starts one per hardware thread.
+  explicit TestZeptick(std::string serial = "TEST-1", unsigned workers = 4);
+  ~TestZeptick() override;
+
+  void reset() override {}
+  void setTestSignalDivider(int divider) override;
+  int getTestSignalDivider() override;
+  void setTriggerLevel(int channel, double voltage) override;
+  double getTriggerLevel(int channel) override;
+  int64_t getHardwareDelayCompensation(int channel) override;
+  void setInputMux(int channel, int mux_mode) override;
+  int getInputMux(int channel) override;
+  void setConditionalFilter(std::vector<int> trigger, std::vector<int> filtered,
+                            bool hardwareDelayCompensation) override;
+  void clearConditionalFilter() override;
+  std::vector<int> getConditionalFilterTrigger() override;
+  std::vector<int> getConditionalFilterFiltered() override;
+  void setNormalization(bool enabled) override;
+  bool getNormalization() override;
+  void setHardwareBufferSize(int size) override;
+  int getHardwareBufferSize() override;
+  void setStreamBlockSize(int max_events, int max_latency) override;
+  int getStreamBlockSizeEvents() override;
+  int getStreamBlockSizeLatency() override;
+  void setEventDivider(int channel, uint32_t divider) override;
+  uint32_t getEventDivider(int channel) override;
+  void autoCalibration(std::function<double*(size_t)> array_out) override;
+  std::string getSerial() override;
+  std::string getModel() override;
+  int getChannelNumberScheme() override;
+  std::vector<double> getDACRange() override;
+  void getDistributionCount(std::function<int64_t*(size_t, size_t)> array_out) override;
+  void getDistributionPSecs(std::function<int64_t*(size_t, size_t)> array_out) override;
+  std::vector<int> getChannelList(int type) override;
+  int64_t getPsPerClock() override;
+  std::string getPcbVersion() override;
+  std::string getFirmwareVersion() override;
+  std::string getSensorData() override;
+  void setLED(uint32_t bitmask) override;
+  uint32_t factoryAccess(uint32_t pin, uint32_t address, uint32_t data, uint32_t mask) override;
+
+ private:
+  std::string serial;
+  std::map<int, double> trigger_levels;
+  std::map<int, int> input_mux;
+  std::map<int, uint32_t> event_dividers;
+  std::vector<int> filter_trigger;
+  std::vector<int> filter_filtered;
+  int test_signal_divider = 63;
+  bool normalization = true;
+  int hardware_buffer_size = 67108864;
+  int max_events = 131072;
+  int max_latency = 20;
+  uint32_t led = 0;
+};
+
+/// Test double of the replay tagger, serving pushed blocks as "recordings".
+class TestZeptickVirtual final : public TestTaggerCore, public ZeptickVirtual {
+ public:
+  explicit TestZeptickVirtual(unsigned workers = 4);
+  ~TestZeptickVirtual() override;
+
+  uint64_t replay(const std::string& file, int64_t begin, int64_t duration, bool queue) override;
+  void stop() override;
+  bool waitForCompletion(uint64_t id, int32_t timeout) override;
+  void setReplaySpeed(double speed) override;
+  double getReplaySpeed() override;
+
+ private:
+  uint64_t last_id = 0;
+  double speed = -1.0;
+};
+
+}  // namespace zeptick::testing
