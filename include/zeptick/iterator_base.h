@@ -78,8 +78,10 @@ class ZEPTICK_API IteratorBase {
   void pre_stop();
   void startLocked();
   void allocateFence();
-  void next(std::unique_lock<std::mutex>& lock, std::vector<Tag>& tags, int64_t begin_time,
-            int64_t end_time, uint32_t fence);
+  // `node` is this measurement's node, passed by the worker that found it: the
+  // worker may arrive before the constructor has stored iterator_node.
+  void next(IteratorBaseListNode* node, std::unique_lock<std::mutex>& lock, std::vector<Tag>& tags,
+            int64_t begin_time, int64_t end_time, uint32_t fence);
   void processCutBlock(std::vector<Tag>& tags, int64_t begin_time, int64_t capture_end);
 
   std::set<int> channels;

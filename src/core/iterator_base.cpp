@@ -169,9 +169,11 @@ void logUnhandledOnStop(const void* iterator, const char* what) {
 
 }  // namespace
 
-void IteratorBase::next(std::unique_lock<std::mutex>& lock, std::vector<Tag>& tags,
-                        int64_t begin_time, int64_t end_time, uint32_t block_fence) {
-  std::unique_lock<std::mutex> guard(iterator_node->measurement_mutex);
+void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>& lock,
+                        std::vector<Tag>& tags, int64_t begin_time, int64_t end_time,
+                        uint32_t block_fence) {
+  std::unique_lock<std::mutex> guard(node->measurement_mutex);
+  // Running implies start() has run, so the constructor's stores are visible from here on.
   if (!running) return;
   // Blocks fetched before this measurement's fence was allocated are not ours.
   // The signed difference lets the fence counter wrap.

@@ -221,7 +221,7 @@ void ZeptickRunner::runAllIterators(Worker* worker) {
     lock.unlock();
     lock = std::move(turnstile);
     wake_next_worker();
-    iterator->next(lock, worker->tags, worker->blockBegin, worker->blockEnd, worker->fence);
+    iterator->next(node, lock, worker->tags, worker->blockBegin, worker->blockEnd, worker->fence);
     link = &node->next;
   }
 
