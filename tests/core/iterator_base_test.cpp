@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "support/log_capture.h"
+#include "support/recording_measurement.h"
+#include "support/test_tagger.h"
+#include "zeptick/library.h"
+
+namespace zeptick::testing {
+namespace {
+
+// Blocks of 1000 ps with one channel-1 tag every 250 ps.
+std::vector<Block> grid(size_t count) {
+  std::vector<Block> blocks;
+  for (size_t i = 0; i < count; ++i) {
+    const auto begin = static_cast<int64_t>(i) * 1000;
+    Block block{{}, begin, begin + 1000};
+    for (int64_t t = begin; t < begin + 1000; t += 250) {
+      block.tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, 1, t});
+    }
+    blocks.push_back(block);
+  }
+  return blocks;
+}
+
+TEST(IteratorBase, ChannelsAreRegisteredOnceAndReleasedAtDestruction) {
+  LogCapture log;
+  TestZeptick tagger("T", 2);
+  auto first =
+      std::make_unique<RecordingMeasurement>(&tagger, std::vector<int>{1, 1, 2, CHANNEL_UNUSED});
+  RecordingMeasurement second(&tagger, {1});
+  EXPECT_EQ(tagger.registrations(1), 2);
+  EXPECT_EQ(tagger.registrations(2), 1);
+
+  first->unregisterChannel(2);
+  first->unregisterChannel(2);  // a second time does nothing
+  first->unregisterChannel(3);  // never registered
+  EXPECT_EQ(tagger.registrations(2), 0);
+  first.reset();
+  EXPECT_EQ(tagger.registrations(1), 1);
+  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
+}
+
+TEST(IteratorBase, MinusOneNamesNoChannelUnderTheZeroBasedScheme) {
+  LogCapture log;
+  const int saved = getZeptickChannelNumberScheme();
+  setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO);
+  {
+    TestZeptick zero_based("T", 2);
+    RecordingMeasurement measurement(&zero_based, {-1, 0});
+    EXPECT_EQ(zero_based.registrations(-1), 0);
+    EXPECT_EQ(zero_based.registrations(0), 1);
+  }
+  setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ONE);
+  {
+    TestZeptick one_based("T", 2);
+    RecordingMeasurement measurement(&one_based, {-1});
+    EXPECT_EQ(one_based.registrations(-1), 1);  // the falling edge of input 1
+  }
+  setZeptickChannelNumberScheme(saved);
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(IteratorBase, StartStopAndClearCallTheHooksOnlyOnChange) {
+  TestZeptick tagger("T", 2);
+  RecordingMeasurement m(&tagger);
+  EXPECT_TRUE(m.isRunning());
+  EXPECT_EQ(m.starts(), 1);
+
+  m.start();  // already running: no second on_start
+  m.startFor(1000000, false);
+  EXPECT_EQ(m.starts(), 1);
+  m.clear();
+  EXPECT_EQ(m.clears(), 1);
+  EXPECT_TRUE(m.isRunning());
+
+  m.stop();
+  m.stop();
+  EXPECT_EQ(m.stops(), 1);
+  EXPECT_FALSE(m.isRunning());
+
+  m.startFor(1000000, false);  // from stopped: on_start again, no clear
+  EXPECT_EQ(m.starts(), 2);
+  EXPECT_EQ(m.clears(), 1);
+  m.startFor(1000000, true);
+  EXPECT_EQ(m.clears(), 2);
+  EXPECT_EQ(m.starts(), 2);
+}
+
+TEST(IteratorBase, StartForWithoutClearCountsFromThePresentCaptureDuration) {
+  TestZeptick tagger("T", 3);
+  tagger.setIdleSpan(0);
+  RecordingMeasurement m(&tagger);
+  std::vector<Block> pushed = tagger.pushBlocks(grid(2));
+  ASSERT_TRUE(eventually([&] { return m.getCaptureDuration() == 2000; }));
+
+  m.startFor(1500, false);  // running: only the limit moves, to 3500
+  EXPECT_EQ(m.starts(), 1);
+  pushed = tagger.pushBlocks(grid(3));
+  ASSERT_TRUE(eventually([&] { return !m.isRunning(); }));
+  EXPECT_EQ(m.getCaptureDuration(), 3500);
+  const auto seen = m.blocks();
+  ASSERT_EQ(seen.size(), 4u);
+  EXPECT_EQ(seen.back().begin_time, pushed[1].begin_time);
+  EXPECT_EQ(seen.back().end_time, pushed[1].begin_time + 500);
+  EXPECT_EQ(seen.back().tags.size(), 2u);
+
+  // start() on a limited, running measurement lifts the limit.
+  m.startFor(500, true);
+  m.start();
+  pushed = tagger.pushBlocks(grid(3));
+  ASSERT_TRUE(eventually([&] { return m.getCaptureDuration() == 3000; }));
+  EXPECT_TRUE(m.isRunning());
+}
+
+class FailingStart : public IteratorBase {
+ public:
+  explicit FailingStart(ZeptickBase* tagger) : IteratorBase(tagger) {}
+  ~FailingStart() override { stop(); }
+  void begin() { finishInitialization(); }
+
+ protected:
+  void on_start() override { throw std::runtime_error("cannot start"); }
+  void clear_impl() override { throw std::logic_error("cannot clear"); }
+  bool next_impl(std::vector<Tag>&, int64_t, int64_t) override { return false; }
+};
+
+TEST(IteratorBase, FailuresOfStartAndClearReachTheCaller) {
+  TestZeptick tagger("T", 2);
+  FailingStart m(&tagger);
+  EXPECT_THROW(m.begin(), std::runtime_error);
+  EXPECT_FALSE(m.isRunning());
+  EXPECT_THROW(m.clear(), std::logic_error);
+}
+
+// Forgets to stop in its destructor; the base class must say so.
+class Careless : public IteratorBase {
+ public:
+  explicit Careless(ZeptickBase* tagger) : IteratorBase(tagger) { finishInitialization(); }
+
+ protected:
+  bool next_impl(std::vector<Tag>&, int64_t, int64_t) override { return false; }
+};
+
+TEST(IteratorBase, DestroyingARunningMeasurementIsReported) {
+  LogCapture log;
+  TestZeptick tagger("T", 2);
+  tagger.setIdleSpan(0);  // no block may reach the half-destroyed object
+  { Careless careless(&tagger); }
+  EXPECT_TRUE(log.contains("Iterator still running, please call stop() within the destructor"));
+}
+
+}  // namespace
+}  // namespace zeptick::testing
