@@ -62,8 +62,6 @@ void ZeptickRunner::workerLoop(Worker* worker) {
   while (!worker->stop.load(std::memory_order_acquire)) runAllIterators(worker);
 }
 
-void ZeptickRunner::notifyWorkers() { idle_cv.notify_all(); }
-
 void ZeptickRunner::stopWorkers() {
   {
     std::lock_guard<std::mutex> guard(idle_mutex);

@@ -70,8 +70,6 @@ class ZeptickRunner : public virtual ZeptickBase {
   void stopWorkers();
   /// One pass of a worker: claims one block and carries it through the chain.
   void runAllIterators(Worker* worker);
-  /// Wakes workers that sleep because every source was busy.
-  void notifyWorkers();
   /// The current fence, marked as taken the way a claimed block takes it: for
   /// a tagger that stamps data with the fence of its arrival, not of its claim.
   uint32_t takeFence();
