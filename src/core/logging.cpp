@@ -79,9 +79,14 @@ CustomLogger& CustomLogger::operator=(const CustomLogger& /*other*/) { return *t
 
 CustomLogger::~CustomLogger() { disable(); }
 
+// The two locks are taken one after the other, never nested: a message on its
+// way through LogCallback holds log_mutex and then takes instance_mutex, so
+// nesting them the other way here could deadlock against a worker that logs.
 void CustomLogger::enable() {
-  std::lock_guard<std::mutex> instance_lock(instance_mutex);
-  instance = this;
+  {
+    std::lock_guard<std::mutex> instance_lock(instance_mutex);
+    instance = this;
+  }
   LogState& state = logState();
   std::lock_guard<std::mutex> log_lock(state.mutex);
   state.logger = &CustomLogger::LogCallback;
@@ -90,8 +95,10 @@ void CustomLogger::enable() {
 // Turns logging back to stderr whichever object is enabled: there is only one
 // receiver, so the application keeps one CustomLogger at a time.
 void CustomLogger::disable() {
-  std::lock_guard<std::mutex> instance_lock(instance_mutex);
-  instance = nullptr;
+  {
+    std::lock_guard<std::mutex> instance_lock(instance_mutex);
+    instance = nullptr;
+  }
   LogState& state = logState();
   std::lock_guard<std::mutex> log_lock(state.mutex);
   state.logger = &defaultWriter;
