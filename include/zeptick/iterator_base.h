@@ -65,6 +65,9 @@ class ZEPTICK_API IteratorBase {
   void unlock();
   std::unique_lock<std::mutex> getLock();
   /// Ticket for the next ordered stage of this block. REQUIRES: lock held.
+  /// Between unlock() and lock() in next_impl nothing may escape: catch every
+  /// exception there and re-lock before rethrowing, since next_impl must always
+  /// return holding the lock.
   OrderedBarrier::OrderInstance parallelize(OrderedPipeline& pipeline);
   /// The tagger, or null once it has been freed. Stable only under the lock.
   ZeptickBase* getTagger() const { return tagger; }

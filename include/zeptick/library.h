@@ -23,6 +23,8 @@ ZEPTICK_API ZeptickVirtual* createZeptickVirtual();
 
 /// Drops one reference; destroys the tagger at zero and returns true only then.
 /// Measurements still alive stop and stay readable. Unknown pointers return false.
+/// Do not pass a handle of a tagger already destroyed: converting a dead
+/// Zeptick* to ZeptickBase* already reads freed memory.
 ZEPTICK_API bool freeZeptick(ZeptickBase* tagger);
 
 /// Destroys every live tagger whatever its reference count.
