@@ -12,6 +12,10 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/zeptick"
 install(TARGETS zeptick EXPORT ZeptickTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 
+# The emulator's firmware files, where the library looks when no other directory is set.
+file(GLOB zeptick_firmware_files "${PROJECT_SOURCE_DIR}/firmware/*.bit")
+install(FILES ${zeptick_firmware_files} DESTINATION "${CMAKE_INSTALL_DATADIR}/zeptick/firmware")
+
 install(EXPORT ZeptickTargets
   NAMESPACE Zeptick::
   DESTINATION "${ZEPTICK_CMAKE_INSTALL_DIR}")

@@ -5,7 +5,7 @@ find_package(GTest REQUIRED)
 include(GoogleTest)
 
 # Folders whose tests drive worker threads; `make test` reruns exactly these under TSan.
-set(ZEPTICK_CONCURRENCY_TEST_FOLDERS core measurements integration)
+set(ZEPTICK_CONCURRENCY_TEST_FOLDERS core measurements integration emulator)
 
 # Folders under tests/ that hold no suite of their own.
 set(zeptick_non_suite_folders support install)
@@ -38,6 +38,11 @@ function(zeptick_add_test_suite name)
     zeptick_internal zeptick_test_support GTest::gtest_main GTest::gmock)
   zeptick_set_warnings(${target})
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
+  # Firmware files under the source tree, and the emulator library for the dlopen path.
+  target_compile_definitions(${target} PRIVATE
+    ZEPTICK_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    ZEPTICK_EMULATOR_LIBRARY="$<TARGET_FILE:zeptick_emulator>")
+  add_dependencies(${target} zeptick_emulator)
 
   set(labels ${name})
   if(name IN_LIST ZEPTICK_CONCURRENCY_TEST_FOLDERS)

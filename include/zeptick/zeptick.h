@@ -2,6 +2,7 @@
 
 // Everything a user of the library needs, in one include.
 #include "zeptick/countrate.h"
+#include "zeptick/emulator.h"
 #include "zeptick/export.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/library.h"

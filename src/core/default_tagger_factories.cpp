@@ -1,6 +1,8 @@
 #include <stdexcept>
 
 #include "core/tagger_factories.h"
+#include "device/device_scan.h"
+#include "device/frontpanel_provider.h"
 
 namespace zeptick::detail {
 
@@ -14,8 +16,10 @@ TaggerFactories defaultTaggerFactories() {
   factories.replay = []() -> ZeptickVirtual* {
     throw std::runtime_error("The replay tagger is not available in this build.");
   };
-  factories.scan = [] { return std::vector<std::string>{}; };
-  factories.model = [](const std::string&) { return std::string("unknown"); };
+  factories.scan = [] { return device::scanDevices(device::activeFrontPanelApi()); };
+  factories.model = [](const std::string& serial) {
+    return device::scannedModelTag(device::activeFrontPanelApi(), serial);
+  };
   return factories;
 }
 

@@ -1,0 +1,297 @@
+#include "emulator/source_generator.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace zeptick::emulator {
+namespace {
+
+constexpr uint64_t kFractionMask = 0xFFFFFFFFULL;
+constexpr double kFractionScale = 0x1.0p32;
+
+// Jitter beyond this many standard deviations is cut, which bounds how far an
+// edge can move ahead of its occurrence (probability of a cut: 2e-9).
+constexpr double kJitterCut = 6.0;
+
+}  // namespace
+
+void EdgeBuffer::dropFront(size_t n) {
+  std::copy(edges_.get() + n, edges_.get() + size_, edges_.get());
+  size_ -= n;
+}
+
+void EdgeBuffer::reallocate(size_t capacity) {
+  std::unique_ptr<int64_t[]> grown(new int64_t[capacity]);
+  if (size_ > 0) std::copy(edges_.get(), edges_.get() + size_, grown.get());
+  edges_ = std::move(grown);
+  capacity_ = capacity;
+}
+
+void Lane::settle(int64_t end) {
+  for (size_t i = std::max(sorted, head + 1); !ordered && i < edges.size(); ++i) {
+    const int64_t v = edges[i];
+    if (edges[i - 1] <= v) continue;
+    size_t j = i;
+    for (; j > head && edges[j - 1] > v; --j) edges[j] = edges[j - 1];
+    edges[j] = v;
+  }
+  sorted = edges.size();
+  size_t r = edges.size();
+  while (r > head && edges[r - 1] >= end) --r;
+  ready = r;
+}
+
+void Lane::consume() {
+  head = ready;
+  if (head == edges.size()) {
+    edges.clear();
+    head = sorted = ready = 0;
+  } else if (head >= 1024 && head * 2 >= edges.size()) {
+    edges.dropFront(head);
+    sorted -= head;
+    ready -= head;
+    head = 0;
+  }
+}
+
+void Lane::reset() {
+  edges.clear();
+  head = sorted = ready = 0;
+}
+
+void Lane::rebase(int64_t shift) {
+  for (int64_t& e : edges) e -= shift;
+}
+
+Source::Source(const SourceDescription& description, const std::vector<int64_t>& latency,
+               int inputs, uint64_t seed)
+    : timing_(description.timing),
+      random_(seed),
+      amplitude_(description.amplitude_volts),
+      rate_(description.occurrenceRate()),
+      width_(std::max<int64_t>(1, std::llround(description.width_ps))),
+      sigma_(description.jitter_ps),
+      clamp_(description.jitter_ps > 0
+                 ? static_cast<int64_t>(std::ceil(kJitterCut * description.jitter_ps))
+                 : 0),
+      clamp_limit_(static_cast<double>(clamp_)) {
+  std::vector<int64_t> base;
+  for (const SourceMember& m : description.members) {
+    base.push_back(std::llround(m.delay_ps) + latency[static_cast<size_t>(m.input)]);
+  }
+  const int64_t min_base = *std::min_element(base.begin(), base.end());
+
+  const bool negative = amplitude_ < 0;
+  for (size_t i = 0; i < description.members.size(); ++i) {
+    const int input = description.members[i].input;
+    const int rising = input;
+    const int falling = inputs + input;
+    auto lane_of = [this](int index, int in) {
+      for (size_t l = 0; l < lanes_.size(); ++l) {
+        if (lanes_[l].index == index) return l;
+      }
+      Lane lane;
+      lane.index = index;
+      lane.input = in;
+      lanes_.push_back(std::move(lane));
+      return lanes_.size() - 1;
+    };
+    Member m;
+    m.offset = base[i] - min_base + clamp_;
+    m.jittered = description.members[i].jittered && sigma_ > 0;
+    m.lead_lane = lane_of(negative ? falling : rising, input);
+    m.trail_lane = lane_of(negative ? rising : falling, input);
+    members_.push_back(m);
+  }
+
+  if (timing_ == SourceDescription::Timing::Periodic) {
+    period_whole_ = static_cast<int64_t>(std::floor(description.period_ps));
+    period_fraction_ = static_cast<uint64_t>(std::llround(
+        (description.period_ps - static_cast<double>(period_whole_)) * kFractionScale));
+    if (period_fraction_ > kFractionMask) {
+      ++period_whole_;
+      period_fraction_ = 0;
+    }
+    next_ = std::llround(description.phase_ps) + min_base - clamp_;
+  } else {
+    mean_interval_ = 1e12 / description.rate_hz;
+  }
+
+  // A lane fed by one member whose jitter cannot swap neighbours receives its
+  // edges in order and needs no sorting.
+  std::vector<int> feeders(lanes_.size());
+  std::vector<bool> jittered(lanes_.size());
+  for (const Member& m : members_) {
+    for (size_t lane : {m.lead_lane, m.trail_lane}) {
+      ++feeders[lane];
+      if (m.jittered) jittered[lane] = true;
+    }
+  }
+  const bool jitter_keeps_order =
+      timing_ == SourceDescription::Timing::Periodic && period_whole_ > 2 * clamp_;
+  for (size_t l = 0; l < lanes_.size(); ++l) {
+    lanes_[l].ordered = feeders[l] == 1 && (!jittered[l] || jitter_keeps_order);
+  }
+  restart(0);
+}
+
+void Source::bind() {
+  active_ = false;
+  for (Member& m : members_) {
+    m.lead = lanes_[m.lead_lane].active ? &lanes_[m.lead_lane] : nullptr;
+    m.trail = lanes_[m.trail_lane].active ? &lanes_[m.trail_lane] : nullptr;
+    active_ = active_ || m.lead != nullptr || m.trail != nullptr;
+  }
+}
+
+double Source::activeEdgeRate() const {
+  int edges = 0;
+  for (const Member& m : members_) edges += (m.lead != nullptr) + (m.trail != nullptr);
+  return rate_ * edges;
+}
+
+void Source::restart(int64_t from) {
+  if (timing_ == SourceDescription::Timing::Poisson) {
+    next_ = from;
+    carry_ = 0;
+    advance();
+    return;
+  }
+  if (next_ >= from) return;
+  const double period =
+      static_cast<double>(period_whole_) + static_cast<double>(period_fraction_) / kFractionScale;
+  const double estimate = std::floor(static_cast<double>(from - next_) / period) - 1;
+  if (estimate > 0) advancePeriods(static_cast<uint64_t>(estimate));
+  while (next_ < from) advancePeriods(1);
+}
+
+void Source::advancePeriods(uint64_t periods) {
+  __extension__ using Wide = unsigned __int128;
+  const Wide fraction = static_cast<Wide>(periods) * period_fraction_ + fraction_;
+  next_ += static_cast<int64_t>(periods) * period_whole_ + static_cast<int64_t>(fraction >> 32);
+  fraction_ = static_cast<uint64_t>(fraction) & kFractionMask;
+}
+
+void Source::advance() {
+  if (timing_ == SourceDescription::Timing::Periodic) {
+    advancePeriodic();
+  } else {
+    advancePoisson();
+  }
+}
+
+void Source::emit(int64_t reference) {
+  for (Member& m : members_) {
+    int64_t t = reference + m.offset;
+    if (m.jittered) t += jitter();
+    if (m.lead != nullptr) m.lead->edges.push_back(t);
+    if (m.trail != nullptr) m.trail->edges.push_back(t + width_);
+  }
+}
+
+// One member: a laser, a detector's dark counts, a pulse train. The hot loops
+// of the common sources, with the timing and the jitter decided at compile
+// time, writing into room made in the lanes ahead of the loop.
+template <bool kPeriodic, bool kJitter>
+void Source::generateSingle(int64_t end) {
+  Lane* lead = members_[0].lead;
+  Lane* trail = members_[0].trail;
+  const int64_t offset = members_[0].offset;
+  const int64_t width = width_;
+  // The state lives in locals during the loop: the edge stores could alias members.
+  int64_t next = next_;
+  uint64_t fraction = fraction_;
+  double carry = carry_;
+  Random random = random_;
+  while (next < end) {
+    // Enough room for the rest of the window on average, plus a margin; a
+    // Poisson source that runs past it simply comes round again.
+    const double expected = static_cast<double>(end - next) /
+                            (kPeriodic ? static_cast<double>(period_whole_) : mean_interval_);
+    const size_t room =
+        static_cast<size_t>(std::min(expected + 4 * std::sqrt(expected), 65536.0)) + 16;
+    int64_t* lead_at = lead != nullptr ? lead->grow(room) : nullptr;
+    int64_t* trail_at = trail != nullptr ? trail->grow(room) : nullptr;
+    size_t k = 0;
+    for (; k < room && next < end; ++k) {
+      int64_t t = next + offset;
+      if constexpr (kJitter) t += roundedJitter(random);
+      if (lead_at != nullptr) lead_at[k] = t;
+      if (trail_at != nullptr) trail_at[k] = t + width;
+      if constexpr (kPeriodic) {
+        fraction += period_fraction_;
+        next += period_whole_ + static_cast<int64_t>(fraction >> 32);
+        fraction &= kFractionMask;
+      } else {
+        const double interval = mean_interval_ * random.exponential() + carry;
+        const auto whole = static_cast<int64_t>(interval);
+        carry = interval - static_cast<double>(whole);
+        next += whole;
+      }
+    }
+    if (lead != nullptr) lead->shrink(room - k);
+    if (trail != nullptr) trail->shrink(room - k);
+  }
+  next_ = next;
+  fraction_ = fraction;
+  carry_ = carry;
+  random_ = random;
+}
+
+void Source::generate(int64_t end) {
+  if (members_.size() == 1) {
+    const bool periodic = timing_ == SourceDescription::Timing::Periodic;
+    const bool jittered = members_[0].jittered;
+    if (periodic && jittered) return generateSingle<true, true>(end);
+    if (periodic) return generateSingle<true, false>(end);
+    if (jittered) return generateSingle<false, true>(end);
+    return generateSingle<false, false>(end);
+  }
+  if (timing_ == SourceDescription::Timing::Poisson) return generateCascade(end);
+  while (next_ < end) {
+    emit(next_);
+    advance();
+  }
+}
+
+// Pairs, cascades and bursts: Poisson occurrences with several members, the
+// state in locals as in generateSingle().
+void Source::generateCascade(int64_t end) {
+  int64_t next = next_;
+  double carry = carry_;
+  Random random = random_;
+  const int64_t width = width_;
+  while (next < end) {
+    const int64_t reference = next;
+    for (const Member& m : members_) {
+      int64_t t = reference + m.offset;
+      if (m.jittered) t += roundedJitter(random);
+      if (m.lead != nullptr) m.lead->edges.push_back(t);
+      if (m.trail != nullptr) m.trail->edges.push_back(t + width);
+    }
+    const double interval = mean_interval_ * random.exponential() + carry;
+    const auto whole = static_cast<int64_t>(interval);
+    carry = interval - static_cast<double>(whole);
+    next += whole;
+  }
+  next_ = next;
+  carry_ = carry;
+  random_ = random;
+}
+
+void Source::rebase(int64_t shift) {
+  next_ -= shift;
+  for (Lane& lane : lanes_) lane.rebase(shift);
+  // A source left idle while the origin moves on would drift out of range;
+  // periodic timing keeps its phase, Poisson timing draws anew when it wakes.
+  constexpr int64_t kOldest = -(int64_t{1} << 52);
+  if (next_ < kOldest) {
+    if (timing_ == SourceDescription::Timing::Periodic) {
+      restart(kOldest);
+    } else {
+      next_ = kOldest;
+    }
+  }
+}
+
+}  // namespace zeptick::emulator

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+
+#include "emulator/stream_profile.h"
+
+namespace zeptick::emulator {
+
+/// An event on its way out, as one sortable number: the clock cycle in bits
+/// 22-63, the offset in ps within the cycle in bits 6-21 and the hardware
+/// index in bits 0-5. Keys order events exactly by time, and the word follows
+/// from the key and the channel's bins.
+constexpr int kKeyOffsetShift = 6;
+constexpr int kKeyClockShift = 22;
+
+constexpr uint64_t eventKey(int64_t clock, int64_t offset, unsigned index) {
+  return (static_cast<uint64_t>(clock) << kKeyClockShift) |
+         (static_cast<uint64_t>(offset) << kKeyOffsetShift) | index;
+}
+
+/// A growable array of event keys that never initialises what is about to be
+/// overwritten. Not thread-safe.
+class KeyBuffer {
+ public:
+  /// Room for `n` keys at data(); the contents are lost.
+  uint64_t* prepare(size_t n) {
+    if (n > capacity_) {
+      capacity_ = 2 * n;
+      keys_.reset(new uint64_t[capacity_]);
+    }
+    size_ = 0;
+    return keys_.get();
+  }
+  /// Marks the first `n` keys written through prepare() as valid.
+  void resize(size_t n) { size_ = n; }
+  const uint64_t* data() const { return keys_.get(); }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+ private:
+  std::unique_ptr<uint64_t[]> keys_;
+  size_t capacity_ = 0;
+  size_t size_ = 0;
+};
+
+/// Builds a NativeTag word from its fields.
+constexpr uint32_t nativeWord(unsigned kind, unsigned code, unsigned bin, unsigned tick) {
+  return (tick & 0xFFFFu) | ((bin & 0xFFu) << 16) | ((code & 0x3Fu) << 24) | (kind << 30);
+}
+
+/// What the firmware does to one hardware channel on its own: dead time, then
+/// the event divider, then the time stamp (clock cycle and offset).
+///
+/// Dead time counts in clock cycles: after an event in cycle c the channel
+/// ignores every edge before cycle c + deadtime_clocks, so two events of a
+/// channel are always at least that many cycles apart (a setting of 0 acts as 1).
+/// The divider then passes the first event it sees and every Nth after it,
+/// with N = divider_field + 1.
+class ChannelStage {
+ public:
+  ChannelStage(int index, ClockDivider clock)
+      : index_(static_cast<unsigned>(index)), clock_(clock) {}
+
+  /// Changes the settings; the divider restarts its count when its setting changes.
+  void configure(uint16_t deadtime_clocks, uint16_t divider_field) {
+    deadtime_ = deadtime_clocks == 0 ? 1 : deadtime_clocks;
+    const uint32_t divider = uint32_t{divider_field} + 1;
+    if (divider != divider_) count_ = 0;
+    divider_ = divider;
+  }
+
+  /// Replaces `out` with the keys of the events that pass, for edge times in
+  /// ascending order.
+  void run(const int64_t* edges, size_t n, KeyBuffer& out) {
+    const int64_t ps = clock_.psPerClock();
+    const int64_t deadtime = deadtime_;
+    const uint32_t divider = divider_;
+    int64_t ready_at = ready_at_;  // locals: the key stores could alias members
+    uint32_t count = count_;
+    uint64_t* keys = out.prepare(n);
+    size_t kept = 0;
+    for (size_t i = 0; i < n; ++i) {
+      const int64_t t = edges[i];
+      const int64_t c = clock_.clockOf(t);
+      if (c < ready_at) continue;
+      ready_at = c + deadtime;
+      if (divider > 1) {
+        if (count != 0) {
+          if (++count == divider) count = 0;
+          continue;
+        }
+        count = 1;
+      }
+      keys[kept++] = eventKey(c, t - c * ps, index_);
+    }
+    ready_at_ = ready_at;
+    count_ = count;
+    out.resize(kept);
+  }
+
+  void rebase(int64_t clocks) {
+    if (ready_at_ != kLongAgo) ready_at_ -= clocks;
+  }
+
+ private:
+  static constexpr int64_t kLongAgo = std::numeric_limits<int64_t>::min() / 2;
+
+  unsigned index_;
+  ClockDivider clock_;
+  int64_t deadtime_ = 1;
+  int64_t ready_at_ = kLongAgo;
+  uint32_t divider_ = 1;
+  uint32_t count_ = 0;
+};
+
+}  // namespace zeptick::emulator

@@ -1,0 +1,94 @@
+#include "emulator/stream_model.h"
+
+#include <bit>
+#include <chrono>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator/stream_engine.h"
+
+namespace zeptick::emulator {
+
+static_assert(std::endian::native == std::endian::little,
+              "stream words are copied out in native order, which must be the board's");
+
+// Paced: the stream starts when the model is built (a board starts streaming
+// once its firmware is loaded), and cycle c of the stream becomes available c
+// clock periods of real time later. A read produces whole windows of the
+// stream as they come due and sleeps, unlocked, until the next one is.
+struct StreamModel::State {
+  using Clock = std::chrono::steady_clock;
+
+  State(const StreamParameters& parameters, const nlohmann::json& sources)
+      : engine(parameters, sources),
+        paced(parameters.paced),
+        ps_per_clock(parameters.ps_per_clock),
+        origin(Clock::now()) {}
+
+  /// Cycles of real time since the start, in the engine's coordinates.
+  /// REQUIRES: mutex held.
+  int64_t dueClock() const {
+    __extension__ using Wide = __int128;
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - origin);
+    const Wide clocks = static_cast<Wide>(ns.count()) * 1000 / ps_per_clock;
+    return static_cast<int64_t>(clocks) - engine.originClocks();
+  }
+
+  /// The real time at which engine cycle `clock` is due. REQUIRES: mutex held.
+  Clock::time_point dueTime(int64_t clock) const {
+    __extension__ using Wide = __int128;
+    const Wide ps = static_cast<Wide>(clock + engine.originClocks()) * ps_per_clock;
+    const auto ns = static_cast<int64_t>((ps + 999) / 1000);
+    return origin + std::chrono::nanoseconds(ns);
+  }
+
+  std::mutex mutex;
+  StreamEngine engine;  // guarded by mutex
+  const bool paced;
+  const int64_t ps_per_clock;
+  const Clock::time_point origin;
+};
+
+StreamModel::StreamModel(const StreamParameters& parameters, const nlohmann::json& sources)
+    : state(std::make_unique<State>(parameters, sources)) {}
+
+StreamModel::~StreamModel() = default;
+
+void StreamModel::configure(const FirmwareSetup& setup) {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  state->engine.configure(setup);
+}
+
+long StreamModel::read(unsigned char* data, long bytes) {
+  if (data == nullptr || bytes < 4) return 0;
+  const auto words = static_cast<size_t>(bytes / 4);
+  size_t filled = 0;
+  std::unique_lock<std::mutex> lock(state->mutex);
+  StreamEngine& engine = state->engine;
+  for (;;) {
+    filled += engine.take(data + 4 * filled, words - filled);
+    if (filled == words) break;
+    if (!state->paced) {
+      engine.advance(std::numeric_limits<int64_t>::max());
+      continue;
+    }
+    if (engine.advance(state->dueClock())) continue;
+    const State::Clock::time_point wake = state->dueTime(engine.nextWindowEnd());
+    lock.unlock();
+    std::this_thread::sleep_until(wake);
+    lock.lock();
+  }
+  return static_cast<long>(words * 4);
+}
+
+std::vector<int64_t> StreamModel::binUpperEdges(int index) const {
+  // The profiles never change after construction, so no lock is needed.
+  return state->engine.binUpperEdges(index);
+}
+
+int64_t StreamModel::inputLatency(int input) const { return state->engine.inputLatency(input); }
+
+}  // namespace zeptick::emulator

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "emulator/firmware_setup.h"
+
+namespace zeptick::emulator {
+
+/// Fixed facts of one emulated board that shape its stream.
+struct StreamParameters {
+  int model = 36;                     ///< 4 "Zeptick 20" or 36 "Zeptick Ultra"
+  int inputs = 18;                    ///< physical inputs; 2 * inputs hardware indices
+  int64_t ps_per_clock = 0;           ///< as reported on wire-out 0x22
+  int bin_count = 0;                  ///< as reported on wire-out 0x23
+  uint64_t seed = 1;                  ///< makes sources, jitter and bin profile reproducible
+  bool paced = true;                  ///< real time, or as fast as the host reads
+  double usb_words_per_second = 1e8;  ///< drain rate of the hardware buffer
+};
+
+/// The firmware's data path: signal sources on the inputs, the physical latency
+/// of each input, trigger levels, enables, dead time, divider, conditional
+/// filter, the test signal, the hardware buffer with its overflow words, and
+/// the NativeTag words that leave on pipe-out 0xA0 (rollovers carry the fence).
+///
+/// Thread-safety: configure() and read() may be called from different threads;
+/// the model serialises them itself. read() never holds a lock while it waits.
+class StreamModel {
+ public:
+  /// `sources` is the JSON array of source descriptions of the device
+  /// (format documented in the README); throws std::invalid_argument on a bad one.
+  StreamModel(const StreamParameters& parameters, const nlohmann::json& sources);
+  ~StreamModel();
+  StreamModel(const StreamModel&) = delete;
+  StreamModel& operator=(const StreamModel&) = delete;
+
+  /// Takes effect for every word not yet produced.
+  void configure(const FirmwareSetup& setup);
+
+  /// Fills `bytes` bytes (a multiple of 4) with stream words. Paced: returns
+  /// when a real board would have delivered them. Returns the bytes written.
+  long read(unsigned char* data, long bytes);
+
+  /// Truth for tests: the upper edge in ps (from the clock edge) of each fine
+  /// bin of hardware index `index`; bin_count values, the last equal to ps_per_clock.
+  std::vector<int64_t> binUpperEdges(int index) const;
+
+  /// Truth for tests: the fixed latency of input `input` in ps that the host's
+  /// hardware delay compensation cancels.
+  int64_t inputLatency(int input) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state;
+};
+
+}  // namespace zeptick::emulator

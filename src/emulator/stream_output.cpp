@@ -1,0 +1,343 @@
+#include "emulator/stream_output.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace zeptick::emulator {
+namespace {
+
+constexpr unsigned kRolloverCode = 62;
+constexpr unsigned kControlCode = 63;
+constexpr uint64_t kOneWord = uint64_t{1} << 32;
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max() / 4;
+constexpr int64_t kNoTime = std::numeric_limits<int64_t>::max();
+
+}  // namespace
+
+StreamOutput::StreamOutput(int64_t ps_per_clock, bool paced, double usb_words_per_second)
+    : paced_(paced) {
+  const double per_clock = usb_words_per_second * static_cast<double>(ps_per_clock) * 1e-12;
+  if (std::isfinite(per_clock) && per_clock > 0 && per_clock < 1e9) {
+    drain_per_clock_ = static_cast<uint64_t>(std::llround(per_clock * 0x1.0p32));
+  }
+  if (drain_per_clock_ > 0) {
+    max_gap_ = static_cast<int64_t>(std::numeric_limits<uint64_t>::max() / 2 / drain_per_clock_);
+  }
+  updateNextControl();
+}
+
+void StreamOutput::setBuffer(uint32_t buffer_words) {
+  buffer_words_ = buffer_words;
+  buffer_on_ = buffer_words > 0 && drain_per_clock_ > 0;
+  if (buffer_on_) {
+    limit_ = (uint64_t{buffer_words} - 1) << 32;
+    resume_level_ = (uint64_t{buffer_words} << 32) / 2;
+    if (overflow_) planResume(last_clock_);
+  } else {
+    level_ = 0;
+    if (overflow_) resume_clock_ = std::max(last_clock_, period_base_);
+  }
+  updateNextControl();
+}
+
+void StreamOutput::setFilter(uint64_t trigger_mask, uint64_t filtered_mask) {
+  if (trigger_mask != trigger_mask_ || filtered_mask != filtered_mask_) armed_ = 0;
+  trigger_mask_ = trigger_mask;
+  filtered_mask_ = filtered_mask;
+  filter_on_ = filtered_mask != 0;
+}
+
+void StreamOutput::advanceTo(int64_t clock) { controlsUpTo(clock); }
+
+void StreamOutput::skipQuietTo(int64_t clock) {
+  while (next_boundary_ < clock) {
+    if (overflow_ || paced_ || words_since_rollover_ || fence_ != fence_sent_) {
+      controlsUpTo(next_boundary_);
+      continue;
+    }
+    const int64_t boundaries = (clock - next_boundary_ + kPeriodClocks - 1) / kPeriodClocks;
+    const int64_t taken = std::min<int64_t>(boundaries, kMaxRun - run_);
+    run_ += static_cast<uint32_t>(taken);
+    period_base_ = next_boundary_ + (taken - 1) * kPeriodClocks;
+    next_boundary_ = period_base_ + kPeriodClocks;
+    if (run_ == kMaxRun) flushRun(period_base_);
+    words_since_rollover_ = false;
+  }
+  updateNextControl();
+}
+
+namespace {
+
+// Branch-free two-way merge: which side goes next is data, not a jump, so
+// finely interleaved channels cost no mispredictions.
+template <typename Sink>
+__attribute__((always_inline)) inline void mergeTwo(const uint64_t* a, const uint64_t* a_end,
+                                                    const uint64_t* b, const uint64_t* b_end,
+                                                    Sink&& sink) {
+  while (a != a_end && b != b_end) {
+    const uint64_t av = *a;
+    const uint64_t bv = *b;
+    const bool take_b = bv < av;
+    b += take_b;
+    a += !take_b;
+    sink(std::min(av, bv));
+  }
+  for (; a != a_end; ++a) sink(*a);
+  for (; b != b_end; ++b) sink(*b);
+}
+
+}  // namespace
+
+void StreamOutput::merge(const KeyBuffer* const* streams, size_t count) {
+  size_t total = 0;
+  for (size_t i = 0; i < count; ++i) total += streams[i]->size();
+  reserve(total);
+  Hot hot = load();
+  auto take = [&](uint64_t key) __attribute__((always_inline)) { event(hot, key, total); };
+  if (count == 1) {
+    const uint64_t* keys = streams[0]->data();
+    for (size_t i = 0; i < streams[0]->size(); ++i) take(keys[i]);
+  } else {
+    // Merge the two smallest streams first, so that a busy channel passes
+    // through one merge only: the last one, which feeds the words.
+    pending_.assign(streams, streams + count);
+    if (scratch_.size() < count) scratch_.resize(count);  // no growth below: pointers stay valid
+    size_t spare = 0;
+    auto by_size = [](const KeyBuffer* a, const KeyBuffer* b) { return a->size() > b->size(); };
+    while (pending_.size() > 2) {
+      std::sort(pending_.begin(), pending_.end(), by_size);
+      const KeyBuffer& a = *pending_[pending_.size() - 1];
+      const KeyBuffer& b = *pending_[pending_.size() - 2];
+      KeyBuffer& out = scratch_[spare++];
+      uint64_t* at = out.prepare(a.size() + b.size());
+      mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(),
+               [&at](uint64_t key) { *at++ = key; });
+      out.resize(a.size() + b.size());
+      pending_.pop_back();
+      pending_.back() = &out;
+    }
+    const KeyBuffer& a = *pending_[0];
+    const KeyBuffer& b = *pending_[1];
+    mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(), take);
+  }
+  store(hot);
+}
+
+void StreamOutput::store(const Hot& hot) {
+  size_ = static_cast<size_t>(hot.out - words_.get());
+  level_ = hot.level;
+  last_clock_ = hot.last_clock;
+  armed_ = hot.armed;
+  if (hot.wrote) words_since_rollover_ = true;
+}
+
+// The per-event path. Anything rare (a due rollover or overflow end, an
+// overflow beginning, a pending rollover run) leaves the locals, runs the
+// member functions and reloads; `bound` keeps room for one word per event.
+__attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_t key,
+                                                               size_t bound) {
+  if (key >= next_control_key_) {
+    store(hot);
+    controlsUpTo(static_cast<int64_t>(key >> kKeyClockShift));
+    reserve(bound);
+    hot = load();
+  }
+  const auto index = static_cast<unsigned>(key & 0x3F);
+  const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+  const unsigned tick = static_cast<unsigned>(clock & 0xFFFF);
+  if (hot.plain) {
+    // The usual case, with the general path's buffer step and nothing else.
+    const int64_t gap = clock - hot.last_clock;
+    hot.last_clock = clock;
+    const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
+    hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
+    if (hot.level <= limit_) {
+      hot.level += kOneWord;
+      const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
+      *hot.out++ = nativeWord(1, index, bin, tick);
+      hot.wrote = true;
+      return;
+    }
+    store(hot);
+    beginOverflow(clock, index);
+    reserve(bound);
+    hot = load();
+    return;
+  }
+  const uint64_t bit = uint64_t{1} << index;
+  if (filter_on_) {
+    if (trigger_mask_ & bit) hot.armed = ~uint64_t{0};
+    if (filtered_mask_ & bit) {
+      if (!(hot.armed & bit)) return;
+      hot.armed &= ~bit;
+    }
+  }
+  if (buffer_on_) {
+    if (overflow_) {
+      ++missed_[index];
+      missed_mask_ |= bit;
+      return;
+    }
+    const int64_t gap = clock - hot.last_clock;
+    hot.last_clock = clock;
+    if (gap > 0) {
+      const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
+      hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
+    }
+    if (hot.level > limit_) {
+      store(hot);
+      beginOverflow(clock, index);
+      reserve(bound);
+      hot = load();
+      return;
+    }
+    hot.level += kOneWord;
+  }
+  if (run_ != 0) {
+    store(hot);
+    flushRun(clock);
+    reserve(bound);
+    hot = load();
+  }
+  const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
+  *hot.out++ = nativeWord(1, index, bin, tick);
+  hot.wrote = true;
+}
+
+void StreamOutput::reserve(size_t more) {
+  if (size_ + more <= capacity_) return;
+  if (read_ > 0) {
+    std::memmove(words_.get(), words_.get() + read_, (size_ - read_) * sizeof(uint32_t));
+    size_ -= read_;
+    read_ = 0;
+    if (size_ + more <= capacity_) return;
+  }
+  const size_t capacity = std::max(2 * capacity_, size_ + more + 1024);
+  std::unique_ptr<uint32_t[]> grown(new uint32_t[capacity]);
+  if (size_ > 0) std::memcpy(grown.get(), words_.get(), size_ * sizeof(uint32_t));
+  words_ = std::move(grown);
+  capacity_ = capacity;
+}
+
+void StreamOutput::controlsUpTo(int64_t clock) {
+  for (;;) {
+    const int64_t resume_at = overflow_ ? resume_clock_ : kNoTime;
+    if (resume_at < next_boundary_) {
+      if (resume_at > clock) break;
+      resume();
+    } else {
+      if (next_boundary_ > clock) break;
+      boundary();
+    }
+  }
+  updateNextControl();
+}
+
+void StreamOutput::boundary() {
+  const int64_t at = next_boundary_;
+  period_base_ = at;
+  next_boundary_ = at + kPeriodClocks;
+  flushRun(at);
+  push(nativeWord(1, kRolloverCode, fence_, 0), at);
+  fence_sent_ = fence_;
+  words_since_rollover_ = false;
+}
+
+void StreamOutput::resume() {
+  const int64_t at = resume_clock_;
+  overflow_ = false;
+  flushRun(at);
+  const auto tick = static_cast<unsigned>(at & 0xFFFF);
+  for (uint64_t mask = missed_mask_; mask != 0; mask &= mask - 1) {
+    const auto index = static_cast<unsigned>(__builtin_ctzll(mask));
+    for (uint64_t left = missed_[index]; left > 0;) {
+      const uint64_t chunk = std::min<uint64_t>(left, 65535);
+      if (chunk >> 8) push(nativeWord(3, index, static_cast<unsigned>(chunk >> 8), tick), at);
+      if (chunk & 0xFF) push(nativeWord(2, index, static_cast<unsigned>(chunk & 0xFF), tick), at);
+      left -= chunk;
+    }
+    missed_[index] = 0;
+  }
+  missed_mask_ = 0;
+  push(nativeWord(3, kControlCode, 0, tick), at);
+  words_since_rollover_ = true;
+  armed_ = 0;
+}
+
+void StreamOutput::beginOverflow(int64_t clock, unsigned index) {
+  flushRun(clock);
+  push(nativeWord(2, kControlCode, 0, static_cast<unsigned>(clock & 0xFFFF)), clock);
+  overflow_ = true;
+  words_since_rollover_ = true;
+  armed_ = 0;
+  missed_[index] += 1;
+  missed_mask_ |= uint64_t{1} << index;
+  planResume(clock);
+  updateNextControl();
+}
+
+void StreamOutput::flushRun(int64_t clock) {
+  if (run_ == 0) return;
+  if (run_ >> 8) push(nativeWord(3, kRolloverCode, run_ >> 8, 0), clock);
+  if (run_ & 0xFF) push(nativeWord(2, kRolloverCode, run_ & 0xFF, 0), clock);
+  run_ = 0;
+}
+
+void StreamOutput::push(uint32_t word, int64_t clock) {
+  if (buffer_on_) {
+    drain(clock);
+    level_ += kOneWord;
+    if (overflow_) planResume(clock);
+  }
+  reserve(1);
+  words_[size_++] = word;
+}
+
+void StreamOutput::drain(int64_t clock) {
+  const int64_t gap = clock - last_clock_;
+  last_clock_ = clock;
+  if (gap <= 0) return;
+  if (gap >= max_gap_) {
+    level_ = 0;
+    return;
+  }
+  const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
+  level_ = level_ > drained ? level_ - drained : 0;
+}
+
+void StreamOutput::planResume(int64_t clock) {
+  if (!buffer_on_) {
+    resume_clock_ = std::max(clock, period_base_);
+    return;
+  }
+  const uint64_t excess = level_ > resume_level_ ? level_ - resume_level_ : 0;
+  const uint64_t cycles = (excess + drain_per_clock_ - 1) / drain_per_clock_;
+  resume_clock_ = clock + std::max<int64_t>(1, static_cast<int64_t>(cycles));
+}
+
+void StreamOutput::updateNextControl() {
+  const int64_t next = std::min(next_boundary_, overflow_ ? resume_clock_ : kNever);
+  next_control_key_ = next >= (kNever >> kKeyClockShift)
+                          ? std::numeric_limits<uint64_t>::max()
+                          : static_cast<uint64_t>(next) << kKeyClockShift;
+}
+
+void StreamOutput::rebase(int64_t clocks) {
+  period_base_ -= clocks;
+  next_boundary_ -= clocks;
+  last_clock_ -= clocks;
+  if (overflow_) resume_clock_ -= clocks;
+  updateNextControl();
+}
+
+size_t StreamOutput::take(unsigned char* out, size_t count) {
+  const size_t n = std::min(count, available());
+  if (n > 0) std::memcpy(out, words_.get() + read_, n * sizeof(uint32_t));
+  read_ += n;
+  if (read_ == size_) read_ = size_ = 0;
+  return n;
+}
+
+}  // namespace zeptick::emulator

@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "device/file_searcher.h"
+#include "device_fixture.h"
+#include "zeptick/logging.h"
+
+namespace zeptick::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using device::searchFirmware;
+
+// Messages with their levels, which the search must get right too.
+std::mutex messages_mutex;
+std::vector<std::pair<int, std::string>> messages;
+void collect(LogLevel level, std::string message) {
+  std::lock_guard<std::mutex> guard(messages_mutex);
+  // Drop the "file:line: " prefix.
+  const size_t cut = message.find(": ");
+  messages.emplace_back(level, cut == std::string::npos ? message : message.substr(cut + 2));
+}
+
+// Runs each test in an empty working directory of its own, with no firmware
+// settings in the environment and no custom file.
+class FirmwareSearch : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    previous_directory = fs::current_path();
+    directory = fs::path(::testing::TempDir()) /
+                ("firmware_search_" + std::to_string(getpid()) + "_" +
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    fs::current_path(directory);
+    setCustomBitFileName("");
+    messages.clear();
+    setLogger(&collect);
+  }
+  void TearDown() override {
+    setLogger(nullptr);
+    setCustomBitFileName("");
+    fs::current_path(previous_directory);
+    fs::remove_all(directory);
+  }
+  void createLocal(const std::string& name) { std::ofstream(directory / name) << "bits"; }
+
+  fs::path previous_directory;
+  fs::path directory;
+  ScopedEnvironment base{"ZEPTICK_BASE_DIRECTORY", std::nullopt};
+  ScopedEnvironment subdirectory{"ZEPTICK_FIRMWARE_SUBDIRECTORY", std::nullopt};
+};
+
+TEST_F(FirmwareSearch, CustomFileWinsEvenWhenItDoesNotExist) {
+  createLocal("ZeptickController.bit");
+  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
+  setCustomBitFileName("/nowhere/custom.bit");
+  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/nowhere/custom.bit");
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0],
+            (std::pair<int, std::string>{30, "Loading custom bitfile '/nowhere/custom.bit'"}));
+}
+
+TEST_F(FirmwareSearch, WorkingDirectoryShadowsTheInstallation) {
+  createLocal("ZeptickUltraController.bit");
+  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
+  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "firmware", 1);
+  EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "./ZeptickUltraController.bit");
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0],
+            (std::pair<int, std::string>{
+                30, "INFO: Loading bitfile from current directory: ZeptickUltraController.bit"}));
+  // Only a file of that very name counts.
+  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/opt/zeptick/firmware/ZeptickController.bit");
+}
+
+TEST_F(FirmwareSearch, EnvironmentThenInstalledDirectory) {
+  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
+  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "fw", 1);
+  EXPECT_EQ(searchFirmware("A.bit"), "/opt/zeptick/fw/A.bit");
+  // A missing subdirectory reads as empty, and the search still gives a path.
+  unsetenv("ZEPTICK_FIRMWARE_SUBDIRECTORY");
+  EXPECT_EQ(searchFirmware("A.bit"), "/opt/zeptick//A.bit");
+  // Without a base directory the subdirectory alone means nothing.
+  unsetenv("ZEPTICK_BASE_DIRECTORY");
+  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "fw", 1);
+  const std::string installed = searchFirmware("A.bit");
+  EXPECT_EQ(installed, device::installedFirmwareDirectory() + "/A.bit");
+  EXPECT_TRUE(fs::path(installed).is_absolute());
+  EXPECT_EQ(fs::path(installed).parent_path().filename(), "firmware");
+  EXPECT_TRUE(messages.empty());
+}
+
+}  // namespace
+}  // namespace zeptick::testing

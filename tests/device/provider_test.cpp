@@ -1,0 +1,134 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "device/device_scan.h"
+#include "device/frontpanel_provider.h"
+#include "device/pipe_backend.h"
+#include "device_fixture.h"
+#include "zeptick/library.h"
+
+namespace zeptick::testing {
+namespace {
+
+using device::FrontPanelLibrary;
+using device::PipeBackend;
+
+class Provider : public EmulatedBoards {};
+
+TEST_F(Provider, ScanAndModelFollowTheAttachedBoards) {
+  // No vendor library on this machine, so without emulated boards nothing is listed.
+  ScopedEnvironment vendor("ZEPTICK_FRONTPANEL_LIBRARY", std::string("/nonexistent/libfp.so"));
+  attachAll({boardEntry("SCAN-A", 4, 2), boardEntry("SCAN-B", 36, 5), boardEntry("SCAN-C", 36, 1)});
+  EXPECT_EQ(scanZeptick(), (std::vector<std::string>{"SCAN-A", "SCAN-B", "SCAN-C"}));
+  EXPECT_EQ(getZeptickModel("SCAN-A"), "ZT-20");
+  EXPECT_EQ(getZeptickModel("SCAN-B"), "ZT-Ultra");
+  EXPECT_EQ(getZeptickModel("SCAN-Z"), "unknown");
+
+  emulator::detachBoards();
+  EXPECT_FALSE(emulator::emulatedDevicesAttached());
+  EXPECT_TRUE(scanZeptick().empty());
+  EXPECT_EQ(getZeptickModel("SCAN-A"), "unknown");
+  PipeBackend backend;
+  EXPECT_EQ(errorOf([&] { backend.openDevice("SCAN-A"); }),
+            "Opening of USB connection failed or device with serial 'SCAN-A' not found.");
+  EXPECT_FALSE(backend.openDevice("", true));
+}
+
+TEST(FrontPanelLibraryTest, MissingLibraryOrSymbolLeavesNoTable) {
+  const FrontPanelLibrary missing("/nonexistent/libokFrontPanel.so");
+  EXPECT_EQ(missing.api(), nullptr);
+  EXPECT_FALSE(missing.error().empty());
+
+  // A real library without the platform's functions.
+  const FrontPanelLibrary unrelated("libm.so.6");
+  EXPECT_EQ(unrelated.api(), nullptr);
+  EXPECT_NE(unrelated.error().find("missing symbol okFrontPanel_Construct"), std::string::npos)
+      << unrelated.error();
+
+  EXPECT_TRUE(device::scanDevices(nullptr).empty());
+  EXPECT_EQ(device::scannedModelTag(nullptr, "X"), "unknown");
+  PipeBackend backend(1024, PipeBackend::kDefaultEmptyThreshold, missing.api());
+  EXPECT_EQ(errorOf([&] { backend.openDevice("X"); }),
+            "Opening of USB connection failed or device with serial 'X' not found.");
+}
+
+// The emulator built as a separate shared library, loaded the way the vendor's
+// library is. It has an emulator of its own, configured by ZEPTICK_EMULATOR on
+// its first use; the boards of this process stay out of it.
+class SharedLibraryProvider : public EmulatedBoards {
+ protected:
+  static const FrontPanelLibrary& library() {
+    static const FrontPanelLibrary* loaded = load();
+    return *loaded;
+  }
+
+ private:
+  static const FrontPanelLibrary* load() {
+    // Settle this process's own emulator first, so that it does not read the variable too.
+    emulator::emulatedDevicesAttached();
+    const std::string path =
+        ::testing::TempDir() + "/zeptick_dlopen_" + std::to_string(getpid()) + ".json";
+    std::ofstream(path) << nlohmann::json{
+        {"devices",
+         {boardEntry("DL-20", 4, 1), boardEntry("DL-ULTRA", 36, 5), boardEntry("DL-OLD", 36, 2)}}};
+    ScopedEnvironment configuration("ZEPTICK_EMULATOR", path);
+    auto* library = new FrontPanelLibrary(ZEPTICK_EMULATOR_LIBRARY);
+    // The first call into the library reads the configuration.
+    if (library->api() != nullptr) device::scanDevices(library->api());
+    std::filesystem::remove(path);
+    return library;
+  }
+};
+
+TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
+  const device::FrontPanelApi* api = library().api();
+  ASSERT_NE(api, nullptr) << library().error();
+  EXPECT_NE(api, &emulator::emulatorFrontPanelApi());
+  EXPECT_EQ(device::scanDevices(api), (std::vector<std::string>{"DL-20", "DL-ULTRA", "DL-OLD"}));
+  EXPECT_EQ(device::scannedModelTag(api, "DL-20"), "ZT-20");
+  EXPECT_EQ(emulator::findBoard("DL-20"), nullptr);
+
+  PipeBackend z20(1024, 1000, api);
+  ASSERT_TRUE(z20.openDevice("DL-20"));
+  EXPECT_EQ(z20.modelName(), "ZT-20");
+  EXPECT_EQ(z20.revision(), 1u);
+  EXPECT_EQ(z20.inputCount(), 8);
+  EXPECT_EQ(z20.getWireIn(0x01), 500u);
+  EXPECT_EQ(z20.getWireIn(0x0D), 1u);
+  // The converter reset left its command word on the bus wires.
+  EXPECT_EQ(z20.getWireIn(0x04), 0x800u);
+
+  PipeBackend ultra(1024, 1000, api);
+  ASSERT_TRUE(ultra.openDevice("DL-ULTRA"));
+  EXPECT_EQ(ultra.modelName(), "ZT-Ultra");
+  EXPECT_EQ(ultra.revision(), 5u);
+  EXPECT_EQ(ultra.getWireIn(0x15), 0u);
+  EXPECT_EQ(ultra.getWireIn(0x0F), 7u);
+  EXPECT_EQ(ultra.getWireIn(0x04), 0x30000u);
+  EXPECT_EQ(ultra.getWireIn(0x0E), 0u);
+  EXPECT_NEAR(ultra.readVoltage(9), 12.0, 0.015);
+  EXPECT_NE(ultra.getSensorReport().find("\n11611 incurr\t"), std::string::npos);
+
+  PipeBackend old(1024, 1000, api);
+  ASSERT_TRUE(old.openDevice("DL-OLD"));
+  EXPECT_EQ(old.getWireIn(0x15), 0x0Cu);
+  EXPECT_EQ(old.getSensorReport().find("6615"), std::string::npos);
+
+  std::vector<unsigned char> buffer(2048);
+  EXPECT_EQ(z20.readBlock(buffer.data(), 2048), 2048);
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 2048), 2048);
+
+  // A board already held by another handle cannot be opened twice.
+  PipeBackend again(1024, 1000, api);
+  EXPECT_FALSE(again.openDevice("DL-ULTRA", true));
+  EXPECT_EQ(errorOf([&] { again.openDevice("NOPE"); }),
+            "Opening of USB connection failed or device with serial 'NOPE' not found.");
+}
+
+}  // namespace
+}  // namespace zeptick::testing

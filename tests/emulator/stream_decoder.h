@@ -1,0 +1,152 @@
+#pragma once
+
+// A deliberately plain decoder of board words for the stream tests: it widens
+// ticks with the rollover words and places an event in the middle of its fine
+// bin, using the board's true bin edges.
+
+#include <cstdint>
+#include <initializer_list>
+#include <stdexcept>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator/stream_model.h"
+
+namespace zeptick::emulator::testing {
+
+struct Decoded {
+  enum class Kind { Event, Missed, OverflowBegin, OverflowEnd, Error, Rollover, Filler };
+  Kind kind;
+  int index = -1;       // hardware index of events and missed counts
+  int64_t clock = 0;    // widened cycle: events, overflow words; rollovers: the new period start
+  int bin = 0;          // fine bin of events
+  uint32_t missed = 0;  // events counted by a missed-events word
+  int fence = -1;       // fence byte of kind-1 rollovers
+  int64_t periods = 0;  // rollover periods that a rollover word adds
+  size_t position = 0;  // word number in the stream
+};
+
+class ReferenceDecoder {
+ public:
+  std::vector<Decoded> decode(const std::vector<uint32_t>& words) {
+    std::vector<Decoded> out;
+    for (uint32_t w : words) {
+      const int64_t tick = w & 0xFFFF;
+      const int bin = static_cast<int>((w >> 16) & 0xFF);
+      const int code = static_cast<int>((w >> 24) & 0x3F);
+      const int kind = static_cast<int>(w >> 30);
+      Decoded d{Decoded::Kind::Filler};
+      d.position = position_++;
+      if (kind == 0) {
+      } else if (code == 62) {
+        d.kind = Decoded::Kind::Rollover;
+        d.periods = kind == 1 ? 1 : kind == 2 ? bin : bin * 256;
+        if (kind == 1) d.fence = bin;
+        base_ += d.periods * 65536;
+        d.clock = base_;
+      } else if (code == 63) {
+        if (kind == 1) base_ += 65536;
+        d.kind = kind == 1   ? Decoded::Kind::Error
+                 : kind == 2 ? Decoded::Kind::OverflowBegin
+                             : Decoded::Kind::OverflowEnd;
+        d.clock = base_ + tick;
+      } else if (code < 58) {
+        d.index = code;
+        d.clock = base_ + tick;
+        d.bin = bin;
+        if (kind == 1) {
+          d.kind = Decoded::Kind::Event;
+        } else {
+          d.kind = Decoded::Kind::Missed;
+          d.missed = kind == 2 ? static_cast<uint32_t>(bin) : static_cast<uint32_t>(bin) * 256;
+        }
+      } else {
+        throw std::runtime_error("a board without a Synchronizer sent a sync word");
+      }
+      out.push_back(d);
+    }
+    return out;
+  }
+
+  int64_t base() const { return base_; }
+
+ private:
+  int64_t base_ = 0;
+  size_t position_ = 0;
+};
+
+inline std::vector<uint32_t> readWords(StreamModel& model, size_t count) {
+  std::vector<uint32_t> words(count);
+  const long got =
+      model.read(reinterpret_cast<unsigned char*>(words.data()), static_cast<long>(count * 4));
+  if (got != static_cast<long>(count * 4)) throw std::runtime_error("short read");
+  return words;
+}
+
+/// Reads on until the decoded stream has passed `clocks` more cycles, and
+/// returns what lies before that cycle.
+inline std::vector<Decoded> readFor(StreamModel& model, ReferenceDecoder& decoder, int64_t clocks) {
+  std::vector<Decoded> all;
+  const int64_t end = decoder.base() + clocks;
+  while (decoder.base() < end) {
+    std::vector<Decoded> part = decoder.decode(readWords(model, 4096));
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  while (!all.empty() && all.back().clock >= end) all.pop_back();
+  return all;
+}
+
+inline std::vector<Decoded> only(const std::vector<Decoded>& all, Decoded::Kind kind,
+                                 int index = -1) {
+  std::vector<Decoded> out;
+  for (const Decoded& d : all) {
+    if (d.kind == kind && (index < 0 || d.index == index)) out.push_back(d);
+  }
+  return out;
+}
+
+/// The event's time in ps: its cycle plus the middle of its fine bin.
+inline double timePs(const Decoded& event, const std::vector<int64_t>& upper, int64_t ps) {
+  const int64_t lower = event.bin == 0 ? 0 : upper[static_cast<size_t>(event.bin) - 1];
+  return static_cast<double>(event.clock * ps) +
+         0.5 * static_cast<double>(lower + upper[static_cast<size_t>(event.bin)]);
+}
+
+inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
+  StreamParameters p;
+  p.model = 36;
+  p.inputs = 18;
+  p.ps_per_clock = 2500;
+  p.bin_count = 256;
+  p.seed = seed;
+  p.paced = paced;
+  p.usb_words_per_second = 1e8;
+  return p;
+}
+
+inline StreamParameters model20(bool paced = false, uint64_t seed = 7) {
+  StreamParameters p;
+  p.model = 4;
+  p.inputs = 8;
+  p.ps_per_clock = 6000;
+  p.bin_count = 180;
+  p.seed = seed;
+  p.paced = paced;
+  p.usb_words_per_second = 1e8;
+  return p;
+}
+
+/// Every listed hardware index enabled, all trigger levels at `level`, no
+/// buffer limit, default dead time and divider.
+inline FirmwareSetup enable(const StreamParameters& p, std::initializer_list<int> indices,
+                            double level = 0.5) {
+  FirmwareSetup s;
+  s.channels.assign(static_cast<size_t>(2 * p.inputs), ChannelSetup{});
+  for (int i : indices) s.channels[static_cast<size_t>(i)].enabled = true;
+  s.trigger_volts.assign(static_cast<size_t>(p.inputs), level);
+  s.started = true;
+  return s;
+}
+
+}  // namespace zeptick::emulator::testing

@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "emulator/stream_decoder.h"
+#include "emulator/stream_model.h"
+
+namespace zeptick::emulator {
+namespace {
+
+using nlohmann::json;
+using testing::Decoded;
+using testing::ReferenceDecoder;
+
+constexpr int64_t kPeriod = 65536;
+
+struct Overflow {
+  int64_t begin = 0;
+  int64_t end = 0;
+  uint64_t missed = 0;
+  bool operator==(const Overflow&) const = default;
+};
+
+// A pulse every 2 cycles against a drain of 1/4 word per cycle: the buffer
+// fills by half a word per pulse, overflows, drains to half, and so on.
+TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
+  const auto p = testing::ultra();  // 1e8 words/s drain exactly 0.25 words per 2500 ps cycle
+  StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 1, "period_ps": 5000}])"));
+  FirmwareSetup setup = testing::enable(p, {0});
+  const uint32_t size = 1000;
+  setup.buffer_words = size;
+  model.configure(setup);
+  ReferenceDecoder decoder;
+  const int64_t horizon = 150'000;
+  const auto all = testing::readFor(model, decoder, horizon + 10'000);
+
+  // Brute force, cycle by cycle: drain, rollover word, due overflow end (not
+  // in the cycle of a word that re-planned it), then the pulse of the cycle.
+  std::vector<Overflow> expected;
+  double level = 0;
+  bool overflow = false;
+  bool replanned = false;
+  uint64_t missed = 0;
+  const int64_t latency = model.inputLatency(0);
+  // Pulse k comes at latency + 5000 k ps; does one fall into cycle c?
+  auto fires = [latency](int64_t c) {
+    const int64_t low = c * 2500 - latency;
+    const int64_t k = low <= 0 ? 0 : (low + 4999) / 5000;
+    return 5000 * k >= low && 5000 * k < low + 2500;
+  };
+  for (int64_t c = 0; c < horizon; ++c) {
+    level = std::max(0.0, level - 0.25);
+    replanned = false;
+    if (c > 0 && c % kPeriod == 0) {
+      level += 1;
+      replanned = overflow;
+    }
+    if (overflow && !replanned && level <= size / 2.0) {
+      overflow = false;
+      level += 1 + (missed >> 8 ? 1 : 0) + (missed & 0xFF ? 1 : 0);  // counts, then the end word
+      expected.back().end = c;
+      expected.back().missed = missed;
+    }
+    if (!fires(c)) continue;
+    if (overflow) {
+      ++missed;
+    } else if (level > size - 1) {
+      overflow = true;
+      missed = 1;
+      level += 1;
+      expected.push_back({c, 0, 0});
+    } else {
+      level += 1;
+    }
+  }
+  if (overflow) expected.pop_back();
+  ASSERT_GE(expected.size(), 10u);
+
+  std::vector<Overflow> seen;
+  for (const Decoded& d : all) {
+    if (d.kind == Decoded::Kind::OverflowBegin) seen.push_back({d.clock, 0, 0});
+    if (d.kind == Decoded::Kind::Missed) {
+      ASSERT_EQ(d.index, 0);
+      seen.back().missed += d.missed;
+    }
+    if (d.kind == Decoded::Kind::OverflowEnd) seen.back().end = d.clock;
+  }
+  seen.resize(expected.size());
+  EXPECT_EQ(seen, expected);
+
+  // Between begin and end nothing but framing words, and up to the last end
+  // every pulse is either delivered or counted as missed.
+  const int64_t last_end = expected.back().end;
+  bool inside = false;
+  int64_t delivered = 0;
+  int64_t counted = 0;
+  for (const Decoded& d : all) {
+    if (d.clock > last_end) break;
+    inside =
+        d.kind == Decoded::Kind::OverflowBegin || (inside && d.kind != Decoded::Kind::OverflowEnd);
+    if (d.kind == Decoded::Kind::Event) {
+      EXPECT_FALSE(inside);
+      delivered += d.clock < last_end;
+    }
+    if (d.kind == Decoded::Kind::Missed) counted += d.missed;
+  }
+  int64_t pulses = 0;
+  for (int64_t c = 0; c < last_end; ++c) pulses += fires(c);
+  EXPECT_EQ(delivered + counted, pulses);
+}
+
+TEST(StreamFramingTest, MissedCountsBeyondSixteenBitsArriveInFull) {
+  auto p = testing::ultra();
+  p.usb_words_per_second = 1e5;  // a quarter of a word every thousand cycles
+  StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 2, "period_ps": 5000}])"));
+  FirmwareSetup setup = testing::enable(p, {1});
+  setup.buffer_words = 100;
+  model.configure(setup);
+  ReferenceDecoder decoder;
+  std::vector<Decoded> all;
+  while (testing::only(all, Decoded::Kind::OverflowEnd).empty()) {
+    const auto part = decoder.decode(testing::readWords(model, 4096));
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  const auto begin = testing::only(all, Decoded::Kind::OverflowBegin).at(0);
+  const auto end = testing::only(all, Decoded::Kind::OverflowEnd).at(0);
+  uint64_t missed = 0;
+  for (const Decoded& d : testing::only(all, Decoded::Kind::Missed)) {
+    ASSERT_LE(d.missed, 65535u);
+    if (d.position < end.position) missed += d.missed;
+  }
+  // One pulse every 2 cycles from the first dropped one up to the end.
+  EXPECT_GT(missed, 100'000u);
+  EXPECT_NEAR(static_cast<double>(missed), static_cast<double>(end.clock - begin.clock) / 2, 1);
+}
+
+// A new fence comes back in the first kind-1 rollover after the words already
+// produced: at the boundary that ends the period of the last word read, moved
+// on by any multi-rollover words that were still waiting.
+TEST(StreamFramingTest, FenceReturnsAtTheNextBoundaryAfterConfigure) {
+  const auto p = testing::ultra();
+  for (const char* sources : {"[]", R"([{"type": "poisson", "input": 1, "rate_hz": 3e6}])"}) {
+    StreamModel model(p, json::parse(sources));
+    FirmwareSetup setup = testing::enable(p, {0});
+    setup.fence = 5;
+    model.configure(setup);
+    ReferenceDecoder decoder;
+    const auto before = decoder.decode(testing::readWords(model, 10'000));
+    for (const Decoded& d : testing::only(before, Decoded::Kind::Rollover)) {
+      if (d.fence >= 0) {
+        ASSERT_EQ(d.fence, 5);
+      }
+    }
+    ASSERT_FALSE(testing::only(before, Decoded::Kind::Rollover).empty());
+    const int64_t last = before.back().clock;
+
+    setup.fence = 6;
+    model.configure(setup);
+    const auto after = decoder.decode(testing::readWords(model, 10'000));
+    int64_t runs = 0;
+    bool found = false;
+    for (const Decoded& d : after) {
+      if (d.kind != Decoded::Kind::Rollover) continue;
+      if (d.fence < 0 && !found) runs += d.periods;
+      if (d.fence < 0) continue;
+      if (!found) {
+        EXPECT_EQ(d.fence, 6) << sources;
+        EXPECT_EQ(d.clock, (last / kPeriod + 1 + runs) * kPeriod) << sources;
+        found = true;
+      }
+      EXPECT_EQ(d.fence, 6) << sources;
+    }
+    EXPECT_TRUE(found) << sources;
+  }
+}
+
+TEST(StreamFramingTest, QuietStreamsNeverStall) {
+  const auto p = testing::ultra();
+  // Free-running: long runs of rollover periods, in multi-rollover words.
+  StreamModel fast(p, json::array());
+  fast.configure(testing::enable(p, {0}));
+  ReferenceDecoder decoder;
+  const auto words = decoder.decode(testing::readWords(fast, 4096));
+  int64_t periods = 0;
+  for (const Decoded& d : words) {
+    ASSERT_EQ(d.kind, Decoded::Kind::Rollover);
+    periods += d.periods;
+  }
+  EXPECT_GT(periods, 4096 * 1000);
+  EXPECT_EQ(decoder.base(), periods * kPeriod);
+
+  // Paced: a kind-1 rollover per period, none before its time.
+  const auto start = std::chrono::steady_clock::now();
+  StreamModel paced(testing::ultra(true), json::array());
+  ReferenceDecoder slow;
+  const auto rollovers = slow.decode(testing::readWords(paced, 6));
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  for (size_t k = 0; k < rollovers.size(); ++k) {
+    EXPECT_EQ(rollovers[k].fence, 0);
+    EXPECT_EQ(rollovers[k].clock, static_cast<int64_t>(k + 1) * kPeriod);
+  }
+  EXPECT_GE(elapsed, std::chrono::nanoseconds(6 * kPeriod * 2500 / 1000));
+}
+
+TEST(StreamFramingTest, EventsGetTheBinThatHoldsTheirOffset) {
+  for (const auto& p : {testing::ultra(), testing::model20()}) {
+    StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 2, "period_ps": 100007}])"));
+    model.configure(testing::enable(p, {1}));
+    ReferenceDecoder decoder;
+    const auto events =
+        testing::only(testing::readFor(model, decoder, 2'000'000), Decoded::Kind::Event, 1);
+    const auto upper = model.binUpperEdges(1);
+    ASSERT_EQ(upper.size(), static_cast<size_t>(p.bin_count));
+    ASSERT_EQ(upper.back(), p.ps_per_clock);
+    const double mean = static_cast<double>(p.ps_per_clock) / p.bin_count;
+    int64_t narrowest = p.ps_per_clock;
+    int64_t widest = 0;
+    for (size_t b = 0; b < upper.size(); ++b) {
+      const int64_t width = upper[b] - (b ? upper[b - 1] : 0);
+      narrowest = std::min(narrowest, width);
+      widest = std::max(widest, width);
+    }
+    EXPECT_GE(narrowest, 1);
+    EXPECT_LT(static_cast<double>(narrowest), 0.8 * mean);
+    EXPECT_GT(static_cast<double>(widest), 1.2 * mean);
+    EXPECT_NE(model.binUpperEdges(0), upper);
+
+    ASSERT_GT(events.size(), 1000u);
+    for (size_t k = 0; k < events.size(); ++k) {
+      const int64_t t = model.inputLatency(1) + 100007 * static_cast<int64_t>(k);
+      const int64_t offset = t % p.ps_per_clock;
+      const auto bin = std::upper_bound(upper.begin(), upper.end(), offset) - upper.begin();
+      ASSERT_EQ(events[k].clock, t / p.ps_per_clock) << k;
+      ASSERT_EQ(events[k].bin, bin) << k;
+    }
+  }
+}
+
+// A 1 Hz source leaves more than 2^40 cycles between the first and the last
+// pulse; the time between pulses stays exact throughout.
+TEST(StreamFramingTest, SparseEventsKeepExactTimesOverLongStretches) {
+  const auto p = testing::ultra();
+  StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 1, "period_ps": 1e12}])"));
+  model.configure(testing::enable(p, {0}));
+  ReferenceDecoder decoder;
+  std::vector<Decoded> events;
+  while (events.size() < 4000) {
+    const auto part =
+        testing::only(decoder.decode(testing::readWords(model, 1024)), Decoded::Kind::Event);
+    events.insert(events.end(), part.begin(), part.end());
+  }
+  ASSERT_GT(events.back().clock, int64_t{1} << 40);
+  for (size_t k = 1; k < events.size(); ++k) {
+    ASSERT_EQ(events[k].clock - events[k - 1].clock, 400'000'000) << k;
+    ASSERT_EQ(events[k].bin, events[0].bin);
+  }
+}
+
+}  // namespace
+}  // namespace zeptick::emulator
