@@ -270,6 +270,11 @@ void Board::setVoltage(int channel, double volts) {
   i2c->converter().setValue(channel, volts);
 }
 
+void Board::injectError() {
+  std::shared_ptr<StreamModel> model = streamModel();
+  if (model) model->injectError();
+}
+
 void Board::setFirmwareVersion(uint32_t version) {
   std::lock_guard<std::mutex> lock(mutex);
   version_override = true;

@@ -94,6 +94,7 @@ class Board : public BoardControl {
   void failDeviceInfo(int error_code) override;
   void setVoltage(int channel, double volts) override;
   void setFirmwareVersion(uint32_t version) override;
+  void injectError() override;
 
   // --- Truth for tests and tools ---
   /// What the firmware applies now, as last handed to the stream model.

@@ -67,6 +67,9 @@ class BoardControl {
   virtual void failDeviceInfo(int error_code) = 0;
   /// The MAX11611 sees this voltage (after the board's scaling) on `channel`.
   virtual void setVoltage(int channel, double volts) = 0;
+  /// The stream carries an error word at its next rollover boundary, as when
+  /// the board loses its clock. Does nothing while no firmware is loaded.
+  virtual void injectError() = 0;
   /// Replaces the firmware version the loaded firmware reports on wire-out 0x24.
   virtual void setFirmwareVersion(uint32_t version) = 0;
 };

@@ -41,6 +41,7 @@ class StreamEngine {
 
   /// Copies up to `count` produced words to `out`; returns how many.
   size_t take(unsigned char* out, size_t count) { return output_.take(out, count); }
+  void injectError() { output_.injectError(); }
 
   /// Cycle up to which the stream has been produced, from the current origin.
   int64_t position() const { return position_; }

@@ -89,6 +89,11 @@ std::vector<int64_t> StreamModel::binUpperEdges(int index) const {
   return state->engine.binUpperEdges(index);
 }
 
+void StreamModel::injectError() {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  state->engine.injectError();
+}
+
 int64_t StreamModel::inputLatency(int input) const { return state->engine.inputLatency(input); }
 
 }  // namespace zeptick::emulator

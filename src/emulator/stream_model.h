@@ -44,6 +44,9 @@ class StreamModel {
   /// when a real board would have delivered them. Returns the bytes written.
   long read(unsigned char* data, long bytes);
 
+  /// Puts an error word, as on a lost clock, at the next rollover boundary.
+  void injectError();
+
   /// Truth for tests: the upper edge in ps (from the clock edge) of each fine
   /// bin of hardware index `index`; bin_count values, the last equal to ps_per_clock.
   std::vector<int64_t> binUpperEdges(int index) const;

@@ -53,7 +53,7 @@ void StreamOutput::advanceTo(int64_t clock) { controlsUpTo(clock); }
 
 void StreamOutput::skipQuietTo(int64_t clock) {
   while (next_boundary_ < clock) {
-    if (overflow_ || paced_ || words_since_rollover_ || fence_ != fence_sent_) {
+    if (overflow_ || paced_ || words_since_rollover_ || fence_ != fence_sent_ || error_pending_) {
       controlsUpTo(next_boundary_);
       continue;
     }
@@ -240,9 +240,16 @@ void StreamOutput::boundary() {
   period_base_ = at;
   next_boundary_ = at + kPeriodClocks;
   flushRun(at);
+  words_since_rollover_ = false;
+  if (error_pending_) {
+    // An error word also counts as the period's rollover on the host.
+    error_pending_ = false;
+    armed_ = 0;
+    push(nativeWord(1, kControlCode, 0, 0), at);
+    return;
+  }
   push(nativeWord(1, kRolloverCode, fence_, 0), at);
   fence_sent_ = fence_;
-  words_since_rollover_ = false;
 }
 
 void StreamOutput::resume() {

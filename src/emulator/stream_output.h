@@ -51,6 +51,9 @@ class StreamOutput {
   void setBuffer(uint32_t buffer_words);
   void setFilter(uint64_t trigger_mask, uint64_t filtered_mask);
   void setFence(uint8_t fence) { fence_ = fence; }
+  /// The next rollover boundary carries an error word instead of the rollover,
+  /// as when the board loses its clock; the filter is disarmed with it.
+  void injectError() { error_pending_ = true; }
 
   /// Emits the boundaries and the overflow end that fall on cycles up to `clock`.
   void advanceTo(int64_t clock);
@@ -106,6 +109,7 @@ class StreamOutput {
   int64_t next_boundary_ = kPeriodClocks;
   uint32_t run_ = 0;
   bool words_since_rollover_ = false;
+  bool error_pending_ = false;
   uint8_t fence_ = 0;
   uint8_t fence_sent_ = 0;
 

@@ -178,6 +178,38 @@ TEST(StreamFramingTest, FenceReturnsAtTheNextBoundaryAfterConfigure) {
   }
 }
 
+// A lost clock shows as one error word in place of a rollover; the host counts
+// it as that period's rollover, so event times stay continuous across it.
+TEST(StreamFramingTest, AnInjectedErrorTakesThePlaceOfOneRollover) {
+  const auto p = testing::ultra();
+  StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 1, "period_ps": 1000000}])"));
+  model.configure(testing::enable(p, {0}));
+  ReferenceDecoder decoder;
+  std::vector<Decoded> all = decoder.decode(testing::readWords(model, 3000));
+  const int64_t last = all.back().clock;
+  model.injectError();
+  const auto after = decoder.decode(testing::readWords(model, 6000));
+  all.insert(all.end(), after.begin(), after.end());
+
+  const auto errors = testing::only(after, Decoded::Kind::Error);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].clock, (last / kPeriod + 1) * kPeriod);
+  int64_t boundary = kPeriod;
+  int64_t previous_event = -1;
+  for (const Decoded& d : all) {
+    if (d.kind == Decoded::Kind::Rollover || d.kind == Decoded::Kind::Error) {
+      ASSERT_EQ(d.clock, boundary);
+      boundary += kPeriod;
+    } else if (d.kind == Decoded::Kind::Event) {
+      if (previous_event >= 0) {
+        ASSERT_EQ(d.clock - previous_event, 400);
+      }
+      previous_event = d.clock;
+    }
+  }
+  EXPECT_GT(boundary, errors[0].clock + 2 * kPeriod);
+}
+
 TEST(StreamFramingTest, QuietStreamsNeverStall) {
   const auto p = testing::ultra();
   // Free-running: long runs of rollover periods, in multi-rollover words.
