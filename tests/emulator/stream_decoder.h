@@ -113,28 +113,25 @@ inline double timePs(const Decoded& event, const std::vector<int64_t>& upper, in
          0.5 * static_cast<double>(lower + upper[static_cast<size_t>(event.bin)]);
 }
 
-inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
+inline StreamParameters board(int model, int inputs, int64_t ps_per_clock, int bin_count,
+                              bool paced, uint64_t seed) {
   StreamParameters p;
-  p.model = 36;
-  p.inputs = 18;
-  p.ps_per_clock = 2500;
-  p.bin_count = 256;
+  p.model = model;
+  p.inputs = inputs;
+  p.ps_per_clock = ps_per_clock;
+  p.bin_count = bin_count;
   p.seed = seed;
   p.paced = paced;
   p.usb_words_per_second = 1e8;
   return p;
 }
 
+inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
+  return board(36, 18, 2500, 256, paced, seed);
+}
+
 inline StreamParameters model20(bool paced = false, uint64_t seed = 7) {
-  StreamParameters p;
-  p.model = 4;
-  p.inputs = 8;
-  p.ps_per_clock = 6000;
-  p.bin_count = 180;
-  p.seed = seed;
-  p.paced = paced;
-  p.usb_words_per_second = 1e8;
-  return p;
+  return board(4, 8, 6000, 180, paced, seed);
 }
 
 /// Every listed hardware index enabled, all trigger levels at `level`, no
