@@ -20,7 +20,7 @@ TSAN_ENV := TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
             UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-.PHONY: deps test sanitize bench format format-check clean
+.PHONY: deps test sanitize fuzz demo bench format format-check clean
 
 deps:
 	scripts/install-deps
@@ -38,6 +38,18 @@ sanitize: deps
 	cmake -S . -B build-asan -DZEPTICK_SANITIZE=address -DZEPTICK_WERROR=ON
 	cmake --build build-asan -j$(JOBS)
 	$(ASAN_ENV) ctest --test-dir build-asan $(CTEST_FLAGS)
+	$(MAKE) fuzz
+
+# libFuzzer targets (clang with ASan and UBSan), each for a bounded time; FUZZ_SECONDS sets it.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	scripts/fuzz $(FUZZ_SECONDS)
+
+# The main job on the emulated instrument, from nothing: installs, builds, runs.
+demo: deps
+	cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DZEPTICK_BUILD_TESTS=OFF
+	cmake --build build-release -j$(JOBS)
+	scripts/demo build-release
 
 bench: deps
 	cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release \
