@@ -5,7 +5,7 @@ find_package(GTest REQUIRED)
 include(GoogleTest)
 
 # Folders whose tests drive worker threads; `make test` reruns exactly these under TSan.
-set(ZEPTICK_CONCURRENCY_TEST_FOLDERS core measurements integration emulator)
+set(ZEPTICK_CONCURRENCY_TEST_FOLDERS core measurements integration emulator files engine)
 
 # Folders under tests/ that hold no suite of their own.
 set(zeptick_non_suite_folders support install)
