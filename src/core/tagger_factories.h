@@ -26,6 +26,11 @@ TaggerFactories& taggerFactories();
 /// The library's own factories.
 TaggerFactories defaultTaggerFactories();
 
+/// The library's hardware tagger for `serial` ("" for the first free device). Throws when none.
+Zeptick* makeHardwareTagger(const std::string& serial);
+/// The library's replay tagger.
+ZeptickVirtual* makeReplayTagger();
+
 /// The one place that may destroy a tagger; ZeptickBase befriends it.
 struct TaggerDeleter {
   static void destroy(ZeptickBase* tagger) { delete tagger; }
