@@ -1,0 +1,230 @@
+#include "zeptick/time_differences_nd.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/histogram_streams.h"
+#include "support/test_tagger.h"
+
+namespace zeptick {
+namespace {
+
+using testing::Block;
+using testing::TestZeptick;
+
+Tag timeTag(int channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
+Tag marker(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
+
+struct Histograms {
+  size_t count = 0;
+  size_t bins = 0;
+  std::vector<int32_t> cells;
+};
+
+Histograms histograms(TimeDifferencesND& h) {
+  Histograms out;
+  h.getData([&out](size_t count, size_t bins) {
+    out.count = count;
+    out.bins = bins;
+    out.cells.assign(count * bins, -1);
+    return out.cells.data();
+  });
+  return out;
+}
+
+// Fed by hand, without threads: stopped at once, so no worker calls next_impl
+// while the test does. Stopping keeps the sequences as they are.
+class DirectND : public TimeDifferencesND {
+ public:
+  using TimeDifferencesND::TimeDifferencesND;
+  void feed(std::vector<Tag> tags) {
+    if (isRunning()) stop();
+    lock();
+    next_impl(tags, tags.front().time, tags.back().time + 1);
+    unlock();
+  }
+};
+
+class TimeDifferencesNDTest : public ::testing::Test {
+ protected:
+  TimeDifferencesNDTest() { tagger.setIdleSpan(0); }
+  std::string failure(std::vector<int> next, std::vector<int> sync, std::vector<int> n_hist,
+                      int64_t binwidth, uint64_t n_bins) {
+    try {
+      TimeDifferencesND h(&tagger, 1, 2, next, sync, n_hist, binwidth, n_bins);
+    } catch (const std::invalid_argument& e) {
+      return e.what();
+    }
+    return "";
+  }
+  TestZeptick tagger{"TEST-1", 2};
+};
+
+TEST_F(TimeDifferencesNDTest, RejectsBadArgumentsInOrderAndSizesTheData) {
+  EXPECT_EQ(failure({3, 4}, {5}, {2, 2}, 0, 0), "dimension mismatch of input arguments");
+  EXPECT_EQ(failure({3, 4}, {}, {2}, 10, 4), "dimension mismatch of input arguments");
+  EXPECT_EQ(failure({3}, {}, {0}, 0, 0), "binwidth must be at least 1 ps");
+  EXPECT_EQ(failure({3}, {}, {0}, 1, 0), "n_bins must be at least 1");
+  EXPECT_EQ(failure({3, 4}, {}, {2, 0}, 1, 1), "all elements of n_histograms must be at least 1");
+  EXPECT_EQ(tagger.registrations(1), 0);  // a failed constructor leaves nothing registered
+
+  DirectND h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 25, 4);
+  const Histograms shape = histograms(h);
+  EXPECT_EQ(shape.count, 6u);
+  EXPECT_EQ(shape.bins, 4u);
+  std::vector<int64_t> index;
+  h.getIndex([&index](size_t n) {
+    index.assign(n, -1);
+    return index.data();
+  });
+  EXPECT_EQ(index, (std::vector<int64_t>{0, 25, 50, 75}));
+
+  // No dimension: one histogram, and nothing ever counts.
+  DirectND flat(&tagger, 1, 1, {}, {}, {}, 10, 3);
+  flat.feed({timeTag(1, 100), timeTag(1, 105)});
+  const Histograms none = histograms(flat);
+  EXPECT_EQ(none.count, 1u);
+  EXPECT_EQ(none.cells, std::vector<int32_t>(3, 0));
+}
+
+// Two wrapping dimensions of 2 and 3 histograms, 4 bins of 10 ps: a start
+// takes the tuple current at its arrival, the first dimension varying fastest.
+TEST_F(TimeDifferencesNDTest, StartsTakeTheTupleAtArrivalAndOutliveAnOverflow) {
+  DirectND h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  h.feed({timeTag(3, 100), timeTag(2, 101),  // dimension 1 not stepped yet: dropped
+          timeTag(4, 102), timeTag(2, 110),  // (0, 0)
+          timeTag(1, 125),                   // 15 ps: histogram 0, bin 1
+          timeTag(3, 130), timeTag(2, 131),  // (1, 0)
+          timeTag(4, 132),                   // (1, 1)
+          timeTag(1, 150),                   // 110 is 40 ps old, out; 131: histogram 1, bin 1
+          timeTag(3, 160), timeTag(2, 160),  // dimension 0 wraps: (0, 1) is histogram 2
+          timeTag(1, 160)});                 // 131: histogram 1, bin 2; 160: histogram 2, bin 0
+  std::vector<int32_t> expected(24, 0);
+  expected[1] = expected[5] = expected[6] = expected[8] = 1;
+  EXPECT_EQ(histograms(h).cells, expected);
+
+  // The overflow restarts both sequences, but the start at 160 stays open.
+  h.feed({marker(Tag::Type::OverflowBegin, 170), marker(Tag::Type::OverflowEnd, 175),
+          timeTag(1, 190), timeTag(2, 191), timeTag(3, 192), timeTag(1, 195)});
+  expected[11] = 2;
+  EXPECT_EQ(histograms(h).cells, expected);
+
+  h.clear();  // forgets counts and open starts, not the sequences
+  h.feed({timeTag(4, 200), timeTag(2, 201), timeTag(1, 202)});
+  expected.assign(24, 0);
+  expected[0] = 1;  // dimension 0 is still 0 from 192, dimension 1 steps to 0: histogram 0
+  EXPECT_EQ(histograms(h).cells, expected);
+}
+
+// One dimension with a sync channel: it stops past its end until the sync
+// and then its next tag. Start and click share a channel, so each start meets
+// itself in bin 0.
+TEST_F(TimeDifferencesNDTest, SyncedDimensionWaitsPastItsEnd) {
+  DirectND h(&tagger, 1, 1, {3}, {4}, {2}, 10, 2);
+  h.feed({timeTag(1, 100),                     // no step yet
+          timeTag(3, 101), timeTag(1, 102),    // index 0: 102 meets itself
+          timeTag(3, 103), timeTag(1, 104),    // index 1: 2 ps to 102, 0 to itself
+          timeTag(3, 105), timeTag(1, 106),    // past the end: no start; 4 and 2 ps
+          timeTag(3, 107), timeTag(4, 108),    // ignored while waiting; sync
+          timeTag(1, 109),                     // not stepped since the sync: 7 and 5 ps
+          timeTag(3, 110), timeTag(1, 111)});  // index 0 again: 9, 7 and 0 ps
+  EXPECT_EQ(histograms(h).cells, (std::vector<int32_t>{6, 0, 4, 0}));
+}
+
+struct NDSetup {
+  int click;
+  int start;
+  std::vector<int> next;
+  std::vector<int> sync;
+  std::vector<int> n_histograms;
+  int64_t binwidth;
+  uint64_t n_bins;
+};
+
+// The stated rules in another form: a dimension's index is the number of its
+// next tags since its last sync or the last tag other than a time tag, minus
+// one; it wraps without a sync channel and is void past its end with one. Each
+// click then meets every valid start within range, with no queue.
+std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& blocks) {
+  const size_t dims = s.next.size();
+  int64_t histograms = 1;
+  for (int n : s.n_histograms) histograms *= n;
+  std::vector<int32_t> data(static_cast<size_t>(histograms) * s.n_bins, 0);
+  const int64_t range = static_cast<int64_t>(s.n_bins) * s.binwidth;
+  std::vector<int64_t> steps(dims, 0);
+  std::vector<std::pair<int64_t, int64_t>> starts;  // time, histogram
+  for (const Block& block : blocks) {
+    for (const Tag& tag : block.tags) {
+      if (tag.type != Tag::Type::TimeTag) {
+        steps.assign(dims, 0);
+        continue;
+      }
+      for (size_t j = 0; j < s.sync.size(); ++j) {
+        if (tag.channel == s.sync[j]) steps[j] = 0;
+      }
+      for (size_t j = 0; j < dims; ++j) {
+        if (tag.channel == s.next[j]) ++steps[j];
+      }
+      if (tag.channel == s.start && dims > 0) {
+        bool valid = true;
+        int64_t histogram = 0;
+        for (size_t j = dims; j-- > 0;) {
+          const bool wraps = s.sync.empty() || s.sync[j] == CHANNEL_UNUSED;
+          valid = valid && steps[j] >= 1 && (wraps || steps[j] <= s.n_histograms[j]);
+          histogram = histogram * s.n_histograms[j] + (steps[j] - 1) % s.n_histograms[j];
+        }
+        if (valid) starts.emplace_back(tag.time, histogram);
+      }
+      if (tag.channel == s.click) {
+        for (const auto& [time, histogram] : starts) {
+          const int64_t d = tag.time - time;
+          if (d >= 0 && d < range) ++data[histogram * s.n_bins + d / s.binwidth];
+        }
+      }
+    }
+  }
+  return data;
+}
+
+TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
+  TestZeptick tagger("TEST-1", 3);
+  tagger.setIdleSpan(0);
+  const std::vector<NDSetup> setups = {
+      {1, 2, {3}, {}, {3}, 7, 20},                                   // one wrapping dimension
+      {1, 2, {3, 4}, {5, -2}, {2, 3}, 8, 16},                        // both synced
+      {1, 2, {3, 4, 3}, {5, CHANNEL_UNUSED, -2}, {2, 4, 3}, 1, 90},  // mixed, a shared next channel
+      {2, 2, {3, 5}, {}, {4, 2}, 13, 11},                            // start is click
+      {1, 2, {1}, {3}, {5}, 1000, 1000000},                          // the click steps; long range
+  };
+  for (uint64_t seed = 1; seed <= 15; ++seed) {
+    const NDSetup& s = setups[seed % setups.size()];
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2};
+    shape.max_gap = 30;
+    shape.n_tags = 3000;
+    int64_t end = 0;
+    const std::vector<Tag> line = testing::makeTagLine(rng, shape, 0, &end);
+    for (size_t n_cuts : {size_t{0}, size_t{25}, size_t{600}}) {
+      auto h = std::make_unique<TimeDifferencesND>(&tagger, s.click, s.start, s.next, s.sync,
+                                                   s.n_histograms, s.binwidth, s.n_bins);
+      const std::vector<Block> seen =
+          testing::pushAndWait(tagger, testing::cutIntoBlocks(rng, line, 0, end, n_cuts));
+      const std::vector<int32_t> expected = bruteForce(s, seen);
+      int64_t total = 0;
+      for (int32_t c : expected) total += c;
+      ASSERT_GT(total, 100);  // the stream must exercise the histograms
+      EXPECT_EQ(histograms(*h).cells, expected) << n_cuts << " cuts";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zeptick
