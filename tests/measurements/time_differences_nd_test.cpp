@@ -16,10 +16,10 @@ namespace zeptick {
 namespace {
 
 using testing::Block;
+using testing::marker;
 using testing::TestZeptick;
-
-Tag timeTag(int channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
-Tag marker(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
+using testing::timeTag;
+using DirectND = testing::DirectFeed<TimeDifferencesND>;
 
 struct Histograms {
   size_t count = 0;
@@ -37,19 +37,6 @@ Histograms histograms(TimeDifferencesND& h) {
   });
   return out;
 }
-
-// Fed by hand, without threads: stopped at once, so no worker calls next_impl
-// while the test does. Stopping keeps the sequences as they are.
-class DirectND : public TimeDifferencesND {
- public:
-  using TimeDifferencesND::TimeDifferencesND;
-  void feed(std::vector<Tag> tags) {
-    if (isRunning()) stop();
-    lock();
-    next_impl(tags, tags.front().time, tags.back().time + 1);
-    unlock();
-  }
-};
 
 class TimeDifferencesNDTest : public ::testing::Test {
  protected:
@@ -78,12 +65,6 @@ TEST_F(TimeDifferencesNDTest, RejectsBadArgumentsInOrderAndSizesTheData) {
   const Histograms shape = histograms(h);
   EXPECT_EQ(shape.count, 6u);
   EXPECT_EQ(shape.bins, 4u);
-  std::vector<int64_t> index;
-  h.getIndex([&index](size_t n) {
-    index.assign(n, -1);
-    return index.data();
-  });
-  EXPECT_EQ(index, (std::vector<int64_t>{0, 25, 50, 75}));
 
   // No dimension: one histogram, and nothing ever counts.
   DirectND flat(&tagger, 1, 1, {}, {}, {}, 10, 3);

@@ -10,6 +10,29 @@
 
 namespace zeptick::testing {
 
+inline Tag timeTag(int channel, int64_t time) {
+  return Tag{Tag::Type::TimeTag, 0, 0, channel, time};
+}
+inline Tag marker(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
+
+/// A measurement fed by the test's own thread. It is stopped before the first
+/// block, so no worker calls next_impl while the test does (the tagger must
+/// serve no block meanwhile), and each block goes in under the lock as a
+/// worker's would.
+template <typename Measurement>
+class DirectFeed : public Measurement {
+ public:
+  using Measurement::Measurement;
+  void feed(int64_t begin_time, int64_t end_time, std::vector<Tag> tags) {
+    if (this->isRunning()) this->stop();
+    this->lock();
+    this->next_impl(tags, begin_time, end_time);
+    this->unlock();
+  }
+  /// A block spanning exactly its tags.
+  void feed(std::vector<Tag> tags) { feed(tags.front().time, tags.back().time + 1, tags); }
+};
+
 /// Shape of a random stream for the histogram measurements.
 struct StreamShape {
   std::vector<int> channels;  ///< time tags pick one of these uniformly
