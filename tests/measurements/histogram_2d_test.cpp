@@ -19,32 +19,13 @@ using testing::TestZeptick;
 using testing::timeTag;
 using DirectHistogram2D = testing::DirectFeed<Histogram2D>;
 
-struct Grid {
-  size_t rows = 0;
-  size_t columns = 0;
-  std::vector<int32_t> cells;
-};
+testing::Table<int32_t> grid(Histogram2D& h) { return testing::readTable<int32_t>(h); }
 
-Grid grid(Histogram2D& h) {
-  Grid g;
-  h.getData([&g](size_t rows, size_t columns) {
-    g.rows = rows;
-    g.columns = columns;
-    g.cells.assign(rows * columns, -1);
-    return g.cells.data();
-  });
-  return g;
-}
-
-class Histogram2DTest : public ::testing::Test {
- protected:
-  Histogram2DTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using Histogram2DTest = testing::QuietTaggerTest;
 
 TEST_F(Histogram2DTest, ShapeAndCellEdges) {
   DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
-  const Grid g = grid(h);
+  const testing::Table<int32_t> g = grid(h);
   EXPECT_EQ(g.rows, 3u);
   EXPECT_EQ(g.columns, 2u);
   EXPECT_EQ(g.cells, std::vector<int32_t>(6, 0));

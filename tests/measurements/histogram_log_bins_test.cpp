@@ -44,11 +44,7 @@ std::vector<double> g2(HistogramLogBins& h) {
   return read<double>([&h](auto f) { h.getDataNormalizedG2(f); });
 }
 
-class HistogramLogBinsTest : public ::testing::Test {
- protected:
-  HistogramLogBinsTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using HistogramLogBinsTest = testing::QuietTaggerTest;
 
 TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
   DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);

@@ -21,26 +21,10 @@ using testing::TestZeptick;
 using testing::timeTag;
 using DirectND = testing::DirectFeed<TimeDifferencesND>;
 
-struct Histograms {
-  size_t count = 0;
-  size_t bins = 0;
-  std::vector<int32_t> cells;
-};
+testing::Table<int32_t> histograms(TimeDifferencesND& h) { return testing::readTable<int32_t>(h); }
 
-Histograms histograms(TimeDifferencesND& h) {
-  Histograms out;
-  h.getData([&out](size_t count, size_t bins) {
-    out.count = count;
-    out.bins = bins;
-    out.cells.assign(count * bins, -1);
-    return out.cells.data();
-  });
-  return out;
-}
-
-class TimeDifferencesNDTest : public ::testing::Test {
+class TimeDifferencesNDTest : public testing::QuietTaggerTest {
  protected:
-  TimeDifferencesNDTest() { tagger.setIdleSpan(0); }
   std::string failure(std::vector<int> next, std::vector<int> sync, std::vector<int> n_hist,
                       int64_t binwidth, uint64_t n_bins) {
     try {
@@ -50,7 +34,6 @@ class TimeDifferencesNDTest : public ::testing::Test {
     }
     return "";
   }
-  TestZeptick tagger{"TEST-1", 2};
 };
 
 TEST_F(TimeDifferencesNDTest, RejectsBadArgumentsInOrderAndSizesTheData) {
@@ -62,15 +45,15 @@ TEST_F(TimeDifferencesNDTest, RejectsBadArgumentsInOrderAndSizesTheData) {
   EXPECT_EQ(tagger.registrations(1), 0);  // a failed constructor leaves nothing registered
 
   DirectND h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 25, 4);
-  const Histograms shape = histograms(h);
-  EXPECT_EQ(shape.count, 6u);
-  EXPECT_EQ(shape.bins, 4u);
+  const testing::Table<int32_t> shape = histograms(h);
+  EXPECT_EQ(shape.rows, 6u);
+  EXPECT_EQ(shape.columns, 4u);
 
   // No dimension: one histogram, and nothing ever counts.
   DirectND flat(&tagger, 1, 1, {}, {}, {}, 10, 3);
   flat.feed({timeTag(1, 100), timeTag(1, 105)});
-  const Histograms none = histograms(flat);
-  EXPECT_EQ(none.count, 1u);
+  const testing::Table<int32_t> none = histograms(flat);
+  EXPECT_EQ(none.rows, 1u);
   EXPECT_EQ(none.cells, std::vector<int32_t>(3, 0));
 }
 

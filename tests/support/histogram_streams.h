@@ -1,10 +1,13 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <random>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "test_tagger.h"
 
@@ -32,6 +35,34 @@ class DirectFeed : public Measurement {
   /// A block spanning exactly its tags.
   void feed(std::vector<Tag> tags) { feed(tags.front().time, tags.back().time + 1, tags); }
 };
+
+/// A tagger serving only the blocks a test pushes: no idle blocks, so a
+/// measurement fed directly never meets a worker.
+class QuietTaggerTest : public ::testing::Test {
+ protected:
+  QuietTaggerTest() { tagger.setIdleSpan(0); }
+  TestZeptick tagger{"TEST-1", 2};
+};
+
+/// What a getData with two sizes hands out: the sizes it asked for and the values.
+template <typename T>
+struct Table {
+  size_t rows = 0;
+  size_t columns = 0;
+  std::vector<T> cells;
+};
+
+template <typename T, typename Measurement>
+Table<T> readTable(Measurement& measurement) {
+  Table<T> table;
+  measurement.getData([&table](size_t rows, size_t columns) {
+    table.rows = rows;
+    table.columns = columns;
+    table.cells.assign(rows * columns, T{});
+    return table.cells.data();
+  });
+  return table;
+}
 
 /// Shape of a random stream for the histogram measurements.
 struct StreamShape {
