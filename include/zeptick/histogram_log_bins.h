@@ -17,8 +17,9 @@ namespace zeptick {
 /// After construction, clear(), an Error or an overflow the measurement settles:
 /// starts are stored but not counted, clicks are ignored and no capture time
 /// runs, until one whole range has passed, so that every counted click sees all
-/// of its range. Counters are 64-bit. Only the (unchecked) ring limit of 2^32
-/// starts is reported, as a failure that stops the measurement.
+/// of its range. Counters are 64-bit. The one failure is some 2^32 starts
+/// alive within the range at once: it stops the measurement (logged as an
+/// unhandled exception), and the counts so far stay readable.
 class ZEPTICK_API HistogramLogBins : public IteratorBase {
  public:
   /// `exp_start` and `exp_stop` are decimal exponents of seconds: edge i of the
@@ -36,8 +37,9 @@ class ZEPTICK_API HistogramLogBins : public IteratorBase {
   /// Counts divided by each bin's width in picoseconds.
   void getDataNormalizedCountsPerPs(std::function<double*(size_t)> array_out);
   /// Counts scaled so that uncorrelated starts and clicks give 1 in every bin:
-  /// counts x capture time / (clicks x starts x bin width). With no click or no
-  /// start counted yet the result is infinite or NaN.
+  /// counts x time / (clicks x starts x bin width), over the time counted
+  /// outside settling and overflows (less than getCaptureDuration()). With no
+  /// click or no start counted yet the result is infinite or NaN.
   void getDataNormalizedG2(std::function<double*(size_t)> array_out);
 
  protected:
