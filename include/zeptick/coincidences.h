@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <vector>
 
@@ -13,7 +12,8 @@ namespace zeptick {
 
 namespace detail {
 class ChannelIndex;
-}
+class TagQueue;
+}  // namespace detail
 
 /// The time stamped on an inserted coincidence tag.
 enum class CoincidenceTimestamp : int {
@@ -67,8 +67,6 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   int64_t groupTime(const Group& group, int64_t time) const;
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
   void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
-  // Puts `tag` into `pending` behind every tag of earlier or equal time.
-  void insertPending(const Tag& tag);
 
   std::vector<Tag> output;
   std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)
@@ -79,7 +77,7 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   // Read without the lock by setCoincidenceWindow's early return.
   std::atomic<int64_t> window;
   CoincidenceTimestamp timestamp;
-  std::deque<Tag> pending;
+  std::unique_ptr<detail::TagQueue> pending;  // the delayed stream, in time order
   std::vector<int> virtual_channels;
 };
 

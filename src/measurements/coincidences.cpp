@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "measurements/channel_index.h"
+#include "measurements/tag_queue.h"
 
 namespace zeptick {
 
@@ -13,7 +14,8 @@ Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<in
     : IteratorBase(tagger),
       channels(std::make_unique<detail::ChannelIndex>()),
       window(window),
-      timestamp(timestamp) {
+      timestamp(timestamp),
+      pending(std::make_unique<detail::TagQueue>()) {
   if (static_cast<unsigned>(timestamp) > 3) {
     throw std::invalid_argument("invalid coincidence timestamp type");
   }
@@ -125,15 +127,9 @@ void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
   }
 }
 
-void Coincidences::insertPending(const Tag& tag) {
-  // `pending` is sorted, and new tags belong near its back.
-  auto at = pending.end();
-  while (at != pending.begin() && tag.time - std::prev(at)->time < 0) --at;
-  pending.insert(at, tag);
-}
-
 void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
   const detail::ChannelIndex& index = *channels;
+  detail::TagQueue& pending = *this->pending;
   for (const Tag& tag : tags) {
     while (!pending.empty() && pending.front().time - tag.time < 0) {
       output.push_back(pending.front());
@@ -142,7 +138,7 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
     Tag shifted = tag;
     shifted.time += window_now;
     // A plain append unless the window shrank since the queued tags were shifted.
-    insertPending(shifted);
+    pending.insertSorted(shifted);
     if (tag.type != Tag::Type::TimeTag) {
       forgetAll(window_now);
       continue;
@@ -155,7 +151,7 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
       Tag coincidence = tag;
       coincidence.channel = groups[g].virtual_channel;
       coincidence.time = groupTime(groups[g], tag.time) + window_now;
-      insertPending(coincidence);
+      pending.insertSorted(coincidence);
     }
   }
   while (!pending.empty() && pending.front().time - end_time < 0) {
