@@ -73,6 +73,7 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   std::vector<int64_t> last_times;                 // per entry
   std::vector<std::vector<int>> group_indices;     // per entry, ascending
   std::vector<uint64_t> group_masks;
+  std::vector<uint64_t> relevant_masks;  // per entry, the union of its groups' masks
   std::vector<Group> groups;
   // Read without the lock by setCoincidenceWindow's early return.
   std::atomic<int64_t> window;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -7,21 +8,31 @@
 namespace zeptick::detail {
 
 /// Maps channel numbers to small dense indices, for the per-tag lookup of
-/// virtual channels. Open addressing in a power-of-two table kept at most half
-/// full, so a lookup is one multiply and, nearly always, one probe; no
-/// allocation after construction.
+/// virtual channels. Channels within a narrow range (inputs, and virtual
+/// channels of one tagger) are looked up in a plain array; others in an
+/// open-addressing table kept at most half full, so a lookup is one multiply
+/// and, nearly always, one probe. No allocation after construction.
 class ChannelIndex {
  public:
   /// Adds `channel` with `index` (>= 0) unless it is present; returns its index.
   int insert(int channel, int index) {
     if (2 * (size + 1) > slots.size()) grow();
     const int found = place(channel, index);
-    if (found == index) ++size;
+    if (found == index) {
+      ++size;
+      lowest = size == 1 ? channel : std::min(lowest, channel);
+      highest = size == 1 ? channel : std::max(highest, channel);
+      rebuildDirect();
+    }
     return found;
   }
 
   /// The index of `channel`, or -1.
   int find(int channel) const {
+    if (!direct.empty()) {
+      const uint32_t offset = static_cast<uint32_t>(channel) - static_cast<uint32_t>(lowest);
+      return offset < direct.size() ? direct[offset] : -1;
+    }
     if (slots.empty()) return -1;
     for (uint32_t at = hash(channel);; at = (at + 1) & mask) {
       const Slot& slot = slots[at];
@@ -63,7 +74,22 @@ class ChannelIndex {
     }
   }
 
+  void rebuildDirect() {
+    direct.clear();
+    const int64_t span = int64_t{highest} - int64_t{lowest} + 1;
+    if (span > kDirectLimit) return;
+    direct.assign(static_cast<size_t>(span), -1);
+    for (const Slot& slot : slots) {
+      if (slot.index >= 0) direct[static_cast<uint32_t>(slot.channel - lowest)] = slot.index;
+    }
+  }
+
+  static constexpr int64_t kDirectLimit = 4096;
+
   std::vector<Slot> slots;
+  std::vector<int> direct;  // by channel - lowest, when the channels span little
+  int lowest = 0;
+  int highest = 0;
   size_t size = 0;
   uint32_t mask = 0;
   uint32_t shift = 32;

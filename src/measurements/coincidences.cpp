@@ -1,6 +1,7 @@
 #include "zeptick/coincidences.h"
 
 #include <algorithm>
+#include <bit>
 #include <set>
 #include <stdexcept>
 
@@ -40,6 +41,7 @@ Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<in
     }
   }
   group_indices.resize(last_times.size());
+  relevant_masks.assign(last_times.size(), 0);
   group_masks.assign(groups_in.size(), 0);
   groups.resize(groups_in.size());
   for (size_t g = 0; g < groups_in.size(); ++g) {
@@ -57,6 +59,7 @@ Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<in
         indices.push_back(static_cast<int>(g));
       }
     }
+    for (int entry : group.bits) relevant_masks[entry] |= group_masks[g];
   }
   finishInitialization();
 }
@@ -71,14 +74,15 @@ void Coincidences::setCoincidenceWindow(int64_t new_window) {
   window.store(new_window, std::memory_order_relaxed);
 }
 
-uint64_t Coincidences::updateMask(int entry, int64_t time, int64_t window_now) {
+[[gnu::always_inline]] inline uint64_t Coincidences::updateMask(int entry, int64_t time,
+                                                                int64_t window_now) {
   last_times[entry] = time;
-  // Every entry is tested, not only the group's: one pass builds the mask that
-  // all groups of this channel are then checked against.
+  // Only the entries of this channel's groups can decide whether they fire:
+  // one pass over their union builds the mask all of them are checked against.
   uint64_t mask = 0;
   const int64_t* const last = last_times.data();
-  const size_t n = last_times.size();
-  for (size_t i = 0; i < n; ++i) {
+  for (uint64_t rest = relevant_masks[entry]; rest != 0; rest &= rest - 1) {
+    const int i = std::countr_zero(rest);
     mask |= static_cast<uint64_t>(time - last[i] < window_now) << i;
   }
   return mask;

@@ -83,7 +83,7 @@ std::vector<int> DelayedChannel::getChannels() { return output_channels; }
 
 void DelayedChannel::on_start() { pending->release(); }
 
-void DelayedChannel::flushCopies(int64_t limit) {
+[[gnu::always_inline]] inline void DelayedChannel::flushCopies(int64_t limit) {
   detail::TagQueue& queue = *pending;
   while (!queue.empty() && queue.front().time - limit < 0) {
     // A copy landing inside an overflow may stand for tags lost there.
@@ -92,7 +92,7 @@ void DelayedChannel::flushCopies(int64_t limit) {
   }
 }
 
-void DelayedChannel::flushStream(int64_t limit) {
+[[gnu::always_inline]] inline void DelayedChannel::flushStream(int64_t limit) {
   detail::TagQueue& queue = *pending;
   while (!queue.empty() && queue.front().time - limit < 0) {
     const Tag& tag = queue.front();
