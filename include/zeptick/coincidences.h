@@ -64,6 +64,10 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   // inside the window. REQUIRES: lock held.
   uint64_t updateMask(int entry, int64_t time, int64_t window_now);
   void forgetAll(int64_t window_now);
+  // Runs the coincidence test for one tag and calls `fire` for each group
+  // that fires, in ascending order. REQUIRES: lock held.
+  template <class Fire>
+  void testTag(const Tag& tag, int64_t window_now, Fire fire);
   int64_t groupTime(const Group& group, int64_t time) const;
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
   void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);

@@ -111,28 +111,33 @@ int64_t Coincidences::groupTime(const Group& group, int64_t time) const {
   }
 }
 
+template <class Fire>
+[[gnu::always_inline]] inline void Coincidences::testTag(const Tag& tag, int64_t window_now,
+                                                         Fire fire) {
+  if (tag.type != Tag::Type::TimeTag) {
+    forgetAll(window_now);
+    return;
+  }
+  const int entry = channels->find(tag.channel);
+  if (entry < 0) return;
+  const uint64_t mask = updateMask(entry, tag.time, window_now);
+  for (int g : group_indices[entry]) {
+    if ((mask & group_masks[g]) == group_masks[g]) fire(groups[g]);
+  }
+}
+
 void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
-  const detail::ChannelIndex& index = *channels;
   for (const Tag& tag : tags) {
     output.push_back(tag);
-    if (tag.type != Tag::Type::TimeTag) {
-      forgetAll(window_now);
-      continue;
-    }
-    const int entry = index.find(tag.channel);
-    if (entry < 0) continue;
-    const uint64_t mask = updateMask(entry, tag.time, window_now);
-    for (int g : group_indices[entry]) {
-      if ((mask & group_masks[g]) != group_masks[g]) continue;
+    testTag(tag, window_now, [&](const Group& group) {
       Tag copy = tag;
-      copy.channel = groups[g].virtual_channel;
+      copy.channel = group.virtual_channel;
       output.push_back(copy);
-    }
+    });
   }
 }
 
 void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
-  const detail::ChannelIndex& index = *channels;
   detail::TagQueue& pending = *this->pending;
   for (const Tag& tag : tags) {
     while (!pending.empty() && pending.front().time - tag.time < 0) {
@@ -143,20 +148,12 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
     shifted.time += window_now;
     // A plain append unless the window shrank since the queued tags were shifted.
     pending.insertSorted(shifted);
-    if (tag.type != Tag::Type::TimeTag) {
-      forgetAll(window_now);
-      continue;
-    }
-    const int entry = index.find(tag.channel);
-    if (entry < 0) continue;
-    const uint64_t mask = updateMask(entry, tag.time, window_now);
-    for (int g : group_indices[entry]) {
-      if ((mask & group_masks[g]) != group_masks[g]) continue;
+    testTag(tag, window_now, [&](const Group& group) {
       Tag coincidence = tag;
-      coincidence.channel = groups[g].virtual_channel;
-      coincidence.time = groupTime(groups[g], tag.time) + window_now;
+      coincidence.channel = group.virtual_channel;
+      coincidence.time = groupTime(group, tag.time) + window_now;
       pending.insertSorted(coincidence);
-    }
+    });
   }
   while (!pending.empty() && pending.front().time - end_time < 0) {
     output.push_back(pending.front());

@@ -19,6 +19,7 @@ namespace zeptick {
 namespace {
 
 using testing::checkVirtualChannel;
+using testing::invalidArgument;
 using testing::kFirstVirtualChannel;
 using testing::marker;
 using testing::sameTags;
@@ -114,18 +115,6 @@ void expectMatchesReference(const TagStream& stream, const Groups& groups, int64
 
 TagStream handStream(std::vector<Tag> tags, int64_t begin, int64_t end) {
   return TagStream{std::move(tags), begin, end};
-}
-
-template <class Call>
-std::string invalidArgument(Call call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  } catch (...) {
-    return "another exception";
-  }
-  return "no exception";
 }
 
 class CoincidencesTest : public ::testing::Test {

@@ -19,6 +19,7 @@ namespace {
 
 using testing::checkVirtualChannel;
 using testing::Direct;
+using testing::invalidArgument;
 using testing::kFirstVirtualChannel;
 using testing::marker;
 using testing::missedTag;
@@ -92,18 +93,6 @@ VirtualChannelRules rulesFor(int64_t delay, int64_t tail) {
   if (delay < 0) rules.shift = [delay](const Tag&) { return -delay; };
   rules.tail = tail;
   return rules;
-}
-
-template <class Call>
-std::string invalidArgument(Call call) {
-  try {
-    call();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  } catch (...) {
-    return "another exception";
-  }
-  return "no exception";
 }
 
 class DelayedChannelTest : public ::testing::Test {

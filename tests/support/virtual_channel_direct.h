@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -31,6 +33,20 @@ class Direct : public Measurement {
     this->stop();
   }
 };
+
+/// The message of the std::invalid_argument that `call` throws; "no exception"
+/// or "another exception" otherwise.
+template <class Call>
+std::string invalidArgument(Call call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  } catch (...) {
+    return "another exception";
+  }
+  return "no exception";
+}
 
 inline Tag timeTag(int channel, int64_t time) {
   return Tag{Tag::Type::TimeTag, 0, 0, channel, time};
