@@ -188,23 +188,6 @@ TEST(CoincidencesEdgeTest, WindowIsStrictAndOverflowForgetsEverything) {
   EXPECT_TRUE(sameTags(out.output, reference(stream, {{1, 2}}, 100, Stamp::Last, 6000)));
 }
 
-TEST(CoincidencesEdgeTest, NestedGroupsFireInGroupOrderAndTagsAreNotUsedUp) {
-  // Three tags on 1 and one on 2 in the window: (1,2) fires on 2 and on every later 1.
-  const auto stream = handStream({timeTag(3, 100), timeTag(1, 110), timeTag(2, 120),
-                                  timeTag(1, 130), timeTag(1, 130), timeTag(4, 150)},
-                                 0, 1000);
-  const auto out = checkVirtualChannel(stream, [](TestZeptick* tagger) {
-    return std::make_unique<Coincidences>(tagger, Groups{{1, 2, 3}, {1, 2}, {4}}, 50, Stamp::Last);
-  });
-  const int all3 = kFirstVirtualChannel, pair = kFirstVirtualChannel + 1,
-            single = kFirstVirtualChannel + 2;
-  EXPECT_TRUE(sameTags(
-      out.output,
-      {timeTag(3, 100), timeTag(1, 110), timeTag(2, 120), timeTag(all3, 120), timeTag(pair, 120),
-       timeTag(1, 130), timeTag(all3, 130), timeTag(pair, 130), timeTag(1, 130), timeTag(all3, 130),
-       timeTag(pair, 130), timeTag(4, 150), timeTag(single, 150)}));
-}
-
 TEST(CoincidencesEdgeTest, DelayedStampsLagTheStreamByTheWindow) {
   // 1@1000, 2@1040, 3@1070 complete (1,1,2,3); window 100 shifts all by 100.
   const auto stream = handStream({timeTag(1, 1000), timeTag(2, 1040), timeTag(3, 1070)}, 900, 1100);

@@ -162,15 +162,6 @@ TEST_F(DelayedChannelTest, LoweringTheDelayDropsQueuedCopiesRaisingKeepsThem) {
   EXPECT_TRUE(channel.feed({}, 401, 500).empty());
 }
 
-TEST(DelayedChannelEdgeTest, ZeroDelayCopyStandsBehindItsSourceAndEqualTimes) {
-  const TagStream stream{{timeTag(1, 10), timeTag(2, 10), timeTag(1, 10), timeTag(2, 11)}, 0, 20};
-  const auto out = checkVirtualChannel(
-      stream, [](TestZeptick* tagger) { return std::make_unique<DelayedChannel>(tagger, 1, 0); });
-  const int vc = kFirstVirtualChannel;
-  EXPECT_TRUE(sameTags(out.output, {timeTag(1, 10), timeTag(2, 10), timeTag(1, 10), timeTag(vc, 10),
-                                    timeTag(vc, 10), timeTag(2, 11)}));
-}
-
 TEST(DelayedChannelEdgeTest, OverflowAndErrorRulesInBothDirections) {
   // Delay 100: the copy of 1@10 lands in the overflow [50, 150) and turns into a
   // missed event; the copy of 1@160 dies with the error at 200; 1@300 survives.
