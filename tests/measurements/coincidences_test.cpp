@@ -235,6 +235,15 @@ TEST(CoincidencesEdgeTest, WindowChangesApplyFromTheNextBlock) {
   direct.setCoincidenceWindow(200);
   EXPECT_TRUE(sameTags(direct.feed({timeTag(1, 2000), timeTag(2, 2150)}, 2000, 3000),
                        {timeTag(1, 2000), timeTag(2, 2150), timeTag(vc, 2150)}));
+
+  // A shrinking window lets later tags overtake queued ones, but never out of time order.
+  testing::Direct<Coincidences> delayed(&tagger, Groups{{3}}, 1000, Stamp::Average);
+  const int single = delayed.getChannels()[0];
+  EXPECT_TRUE(delayed.feed({timeTag(3, 500)}, 0, 1000).empty());
+  delayed.setCoincidenceWindow(100);
+  EXPECT_TRUE(
+      sameTags(delayed.feed({timeTag(3, 1200)}, 1000, 2000),
+               {timeTag(3, 1300), timeTag(single, 1300), timeTag(3, 1500), timeTag(single, 1500)}));
 }
 
 TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {

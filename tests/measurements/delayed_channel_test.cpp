@@ -140,6 +140,13 @@ TEST_F(DelayedChannelTest, DelayChangesFollowTheSignRules) {
   EXPECT_EQ(invalidArgument([&] { negative.setDelay(5); }), "no exception");
   EXPECT_EQ(invalidArgument([&] { negative.setDelay(-1); }),
             "changing from a positive delay to a negative delay while running is not supported");
+
+  // A shorter lag lets later tags overtake queued ones, but never out of time order.
+  Direct<DelayedChannel> shrinking(&tagger, 1, -10);
+  EXPECT_TRUE(sameTags(shrinking.feed({timeTag(1, 100)}, 100, 101), {timeTag(vc + 1, 100)}));
+  shrinking.setDelay(-5);
+  EXPECT_TRUE(
+      sameTags(shrinking.feed({timeTag(2, 102)}, 101, 200), {timeTag(2, 107), timeTag(1, 110)}));
 }
 
 TEST_F(DelayedChannelTest, LoweringTheDelayDropsQueuedCopiesRaisingKeepsThem) {
