@@ -1,0 +1,89 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "zeptick/export.h"
+#include "zeptick/iterator_base.h"
+
+namespace zeptick {
+
+namespace detail {
+class ChannelIndex;
+class TagQueue;
+}  // namespace detail
+
+/// The time stamped on an inserted coincidence tag.
+enum class CoincidenceTimestamp : int {
+  Last = 0,         ///< the tag that completed the coincidence
+  Average = 1,      ///< the mean of the group's latest tag times, rounded towards zero
+  First = 2,        ///< the earliest of the group's latest tag times
+  ListedFirst = 3,  ///< the latest tag time of the group's first listed channel
+};
+
+/// Virtual channels for coincidences in several groups of channels at once.
+/// A group fires on each time tag of one of its channels while every channel
+/// of the group has had a tag less than `window` ago; each firing inserts a
+/// tag on the group's own virtual channel. Tags are not used up, and any tag
+/// that is not a time tag (error, overflow) makes the memory forget all tags.
+///
+/// With `Last` the new tag stands right behind the completing tag. The other
+/// stamps lie in the past, so then the whole stream, including the new tags,
+/// leaves `window` later than it came, and the last `window` of the stream
+/// stays queued between blocks. The window must be positive in those modes.
+class ZEPTICK_API Coincidences : public IteratorBase {
+ public:
+  /// `groups`: one list of channels per virtual channel; a channel may be in
+  /// several groups, and at most 64 distinct channels in all. `window` in ps.
+  /// Throws std::invalid_argument for an unknown stamp, no groups, an empty
+  /// group or more than 64 distinct channels.
+  Coincidences(ZeptickBase* tagger, const std::vector<std::vector<int>>& groups,
+               int64_t window = 1000, CoincidenceTimestamp timestamp = CoincidenceTimestamp::Last);
+  ~Coincidences() override;
+
+  /// The virtual channels, in the order of the groups. Thread-safe.
+  std::vector<int> getChannels();
+  /// Changes the window for tags from the next block on; tags already queued
+  /// keep the lag they were given. Thread-safe.
+  void setCoincidenceWindow(int64_t window);
+
+ protected:
+  bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
+
+ private:
+  struct Group {
+    int first_channel;
+    int virtual_channel;
+    std::vector<int> group_channels;  // as listed, repeats kept
+    std::vector<int> bits;            // the entry of each of group_channels
+  };
+
+  // Marks `last_times` of the tag's entry and returns the mask of entries
+  // inside the window. REQUIRES: lock held.
+  uint64_t updateMask(int entry, int64_t time, int64_t window_now);
+  void forgetAll(int64_t window_now);
+  // Runs the coincidence test for one tag and calls `fire` for each group
+  // that fires, in ascending order. REQUIRES: lock held.
+  template <class Fire>
+  void testTag(const Tag& tag, int64_t window_now, Fire fire);
+  int64_t groupTime(const Group& group, int64_t time) const;
+  void runLast(const std::vector<Tag>& tags, int64_t window_now);
+  void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
+
+  std::vector<Tag> output;
+  std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)
+  std::vector<int64_t> last_times;                 // per entry
+  std::vector<std::vector<int>> group_indices;     // per entry, ascending
+  std::vector<uint64_t> group_masks;
+  std::vector<uint64_t> relevant_masks;  // per entry, the union of its groups' masks
+  std::vector<Group> groups;
+  // Read without the lock by setCoincidenceWindow's early return.
+  std::atomic<int64_t> window;
+  CoincidenceTimestamp timestamp;
+  std::unique_ptr<detail::TagQueue> pending;  // the delayed stream, in time order
+  std::vector<int> virtual_channels;
+};
+
+}  // namespace zeptick
