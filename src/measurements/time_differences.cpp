@@ -4,14 +4,14 @@
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
-#include "measurements/ring_queue.h"
+#include "measurements/sliding_queue.h"
 
 namespace zeptick {
 
 TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int start_channel,
                                  int next_channel, int sync_channel, int64_t binwidth, int n_bins,
                                  int n_histograms)
-    : IteratorBase(tagger), pending(std::make_unique<detail::RingQueue<PendingStart>>()) {
+    : IteratorBase(tagger), pending(std::make_unique<detail::SlidingQueue<PendingStart>>()) {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
   if (n_histograms < 1) throw std::invalid_argument("n_histograms must be at least 1");
@@ -103,7 +103,7 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   const bool has_sync = !sync_unused;
   const size_t bins = static_cast<size_t>(n_bins);
   int32_t* const counters = data.data();
-  detail::RingQueue<PendingStart>& starts = *pending;
+  detail::SlidingQueue<PendingStart>& starts = *pending;
 
   for (const Tag& tag : tags) {
     if (tag.type != Tag::Type::TimeTag) {
@@ -140,11 +140,14 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
         index < n_histograms) {
       starts.push_back(PendingStart{time, static_cast<size_t>(index) * bins});
     }
-    while (!starts.empty() && detail::timeDifference(time, starts.front().timestamp) >= range) {
-      starts.pop_front();
-    }
     if (channel == click_channel) {
-      // Every pending start is younger than the range, so every bin is in bounds.
+      // Starts expire only here and at the end of the block: between clicks
+      // nothing reads them, and the clicks see the same starts as if every tag
+      // expired them. All that remain are younger than the range, so every bin
+      // is in bounds.
+      while (!starts.empty() && detail::timeDifference(time, starts.front().timestamp) >= range) {
+        starts.pop_front();
+      }
       starts.forEach([&](const PendingStart& start) {
         const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(start.timestamp);
         detail::wrappingIncrement(counters[start.offset + binner.template divide<M>(delta)]);
