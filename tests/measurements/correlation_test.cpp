@@ -90,21 +90,6 @@ std::vector<double> normalizedOf(Correlation& correlation) {
   return out;
 }
 
-// Driven by hand, with no worker involved: stopped at once and fed block by block.
-class DirectCorrelation : public Correlation {
- public:
-  DirectCorrelation(ZeptickBase* tagger, int channel_1, int channel_2, int64_t binwidth, int n_bins)
-      : Correlation(tagger, channel_1, channel_2, binwidth, n_bins) {
-    stop();
-    clear();
-  }
-  void feed(std::vector<Tag> tags, int64_t begin_time, int64_t end_time) {
-    lock();
-    next_impl(tags, begin_time, end_time);
-    unlock();
-  }
-};
-
 class CorrelationTest : public ::testing::Test {
  protected:
   TestZeptick tagger{"TEST-1", 4};
@@ -188,7 +173,7 @@ TEST_F(CorrelationTest, PlacesOffsetsAtTheRangeEdgesByHand) {
 }
 
 TEST_F(CorrelationTest, ErrorForgetsStampsAndOverflowOnlyShortensTheCapture) {
-  DirectCorrelation correlation(&tagger, 1, 2, 10, 10);  // half range 50
+  testing::Fed<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   // Before any tag every normalised bin is 0 x (0 / 0).
   for (double value : normalizedOf(correlation)) EXPECT_TRUE(std::isnan(value));
 
@@ -210,7 +195,7 @@ TEST_F(CorrelationTest, ErrorForgetsStampsAndOverflowOnlyShortensTheCapture) {
 }
 
 TEST_F(CorrelationTest, OverflowEndWithoutBeginZeroesOnlyTheCaptureTime) {
-  DirectCorrelation correlation(&tagger, 1, 2, 10, 10);
+  testing::Fed<Correlation> correlation(&tagger, 1, 2, 10, 10);
   correlation.feed({}, 0, 100);
   correlation.feed({histTimeTag(1, 100), histTimeTag(2, 110),  // offset -10: bin 4
                     histMarker(Tag::Type::OverflowEnd, 150)},
@@ -221,16 +206,10 @@ TEST_F(CorrelationTest, OverflowEndWithoutBeginZeroesOnlyTheCaptureTime) {
 }
 
 TEST_F(CorrelationTest, RejectsBadArgumentsAndRegistersBothChannels) {
-  auto message = [](auto make) -> std::string {
-    try {
-      make();
-    } catch (const std::invalid_argument& e) {
-      return e.what();
-    }
-    return "no exception";
-  };
-  EXPECT_EQ(message([&] { Correlation(&tagger, 1, 2, 0, 0); }), "binwidth must be at least 1 ps");
-  EXPECT_EQ(message([&] { Correlation(&tagger, 1, 2, 1, 0); }), "n_bins must be at least 1");
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { Correlation(&tagger, 1, 2, 0, 0); }),
+            "binwidth must be at least 1 ps");
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { Correlation(&tagger, 1, 2, 1, 0); }),
+            "n_bins must be at least 1");
   EXPECT_EQ(tagger.registrations(1), 0);
   {
     Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);

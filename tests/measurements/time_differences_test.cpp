@@ -93,19 +93,12 @@ std::vector<int32_t> dataOf(TimeDifferences& measurement) {
   return out;
 }
 
-// Driven by hand, with no worker involved: stopped at once and fed block by block.
-class DirectTimeDifferences : public TimeDifferences {
+// Fed by the test, with the limit of the configuration set.
+class DirectTimeDifferences : public testing::Fed<TimeDifferences> {
  public:
   DirectTimeDifferences(ZeptickBase* tagger, const Config& c)
-      : TimeDifferences(tagger, c.click, c.start, c.next, c.sync, c.binwidth, c.n_bins,
-                        c.n_histograms) {
-    stop();
+      : Fed(tagger, c.click, c.start, c.next, c.sync, c.binwidth, c.n_bins, c.n_histograms) {
     setMaxCounts(c.max_counts);
-  }
-  void feed(std::vector<Tag> tags, int64_t end_time) {
-    lock();
-    next_impl(tags, tags.empty() ? end_time : tags.front().time, end_time);
-    unlock();
   }
 };
 
@@ -276,22 +269,16 @@ TEST_F(TimeDifferencesTest, NextOnTheStartTagStepsFirstAndOneHistogramRollsOver)
 }
 
 TEST_F(TimeDifferencesTest, RejectsBadArgumentsInOrderAndRegistersChannels) {
-  auto message = [](auto make) -> std::string {
-    try {
-      make();
-    } catch (const std::invalid_argument& e) {
-      return e.what();
-    }
-    return "no exception";
-  };
-  EXPECT_EQ(message([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 0, 0, 0); }),
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 0, 0, 0); }),
             "binwidth must be at least 1 ps");
-  EXPECT_EQ(message([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 1, 0, 0); }),
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 1, 0, 0); }),
             "n_bins must be at least 1");
-  EXPECT_EQ(message([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 1, 1, 0); }),
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { TimeDifferences(&tagger, 1, 2, 3, 4, 1, 1, 0); }),
             "n_histograms must be at least 1");
-  EXPECT_EQ(message([&] { Histogram(&tagger, 1, 2, 1, 0); }), "n_bins must be at least 1");
-  EXPECT_EQ(message([&] { Flim(&tagger, 1, 2, 3, -5, 1, 1); }), "binwidth must be at least 1 ps");
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { Histogram(&tagger, 1, 2, 1, 0); }),
+            "n_bins must be at least 1");
+  EXPECT_EQ(testing::invalidArgumentMessage([&] { Flim(&tagger, 1, 2, 3, -5, 1, 1); }),
+            "binwidth must be at least 1 ps");
   for (int channel : {1, 2, 3, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
 
   {
