@@ -192,17 +192,12 @@ TEST_F(CorrelationTest, ErrorForgetsStampsAndOverflowOnlyShortensTheCapture) {
   correlation.feed({}, 300, 400);
   correlation.feed({histMarker(Tag::Type::OverflowEnd, 420)}, 400, 500);
   EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], (70.0 + 50 + 80) / (10.0 * 2 * 1));
-}
 
-TEST_F(CorrelationTest, OverflowEndWithoutBeginZeroesOnlyTheCaptureTime) {
-  testing::Fed<Correlation> correlation(&tagger, 1, 2, 10, 10);
-  correlation.feed({}, 0, 100);
-  correlation.feed({histTimeTag(1, 100), histTimeTag(2, 110),  // offset -10: bin 4
-                    histMarker(Tag::Type::OverflowEnd, 150)},
-                   100, 200);
-  EXPECT_EQ(dataOf(correlation)[4], 1);
-  // The end marker dropped the 100 ps before it; the block it stands in counts from its start.
-  EXPECT_DOUBLE_EQ(normalizedOf(correlation)[4], 100.0 / (10.0 * 1 * 1));
+  // An end with no begin (the measurement started inside an overflow) drops
+  // the capture time before it, but no counts.
+  correlation.feed({histTimeTag(2, 510), histMarker(Tag::Type::OverflowEnd, 550)}, 500, 600);
+  EXPECT_EQ(dataOf(correlation)[9], 1);
+  EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], 100.0 / (10.0 * 2 * 2));
 }
 
 TEST_F(CorrelationTest, RejectsBadArgumentsAndRegistersBothChannels) {
