@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/histogram_streams.h"
+#include "support/histogram_shapes.h"
 #include "support/test_tagger.h"
 
 namespace zeptick {

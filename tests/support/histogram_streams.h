@@ -1,146 +1,159 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "test_tagger.h"
+#include "zeptick/iterator_base.h"
 
 namespace zeptick::testing {
 
-inline Tag timeTag(int channel, int64_t time) {
+/// A stream as the histogram tests reason about it: the tags in order and the
+/// span they were delivered in. Block boundaries are left out on purpose: the
+/// histograms must not depend on them.
+struct FlatStream {
+  std::vector<Tag> tags;
+  int64_t begin_time = 0;
+  int64_t end_time = 0;
+};
+
+inline Tag histTimeTag(int channel, int64_t time) {
   return Tag{Tag::Type::TimeTag, 0, 0, channel, time};
 }
-inline Tag marker(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
-
-/// A measurement fed by the test's own thread. It is stopped before the first
-/// block, so no worker calls next_impl while the test does (the tagger must
-/// serve no block meanwhile), and each block goes in under the lock as a
-/// worker's would.
-template <typename Measurement>
-class DirectFeed : public Measurement {
- public:
-  using Measurement::Measurement;
-  void feed(int64_t begin_time, int64_t end_time, std::vector<Tag> tags) {
-    if (this->isRunning()) this->stop();
-    this->lock();
-    this->next_impl(tags, begin_time, end_time);
-    this->unlock();
-  }
-  /// A block spanning exactly its tags.
-  void feed(std::vector<Tag> tags) { feed(tags.front().time, tags.back().time + 1, tags); }
-};
-
-/// A tagger serving only the blocks a test pushes: no idle blocks, so a
-/// measurement fed directly never meets a worker.
-class QuietTaggerTest : public ::testing::Test {
- protected:
-  QuietTaggerTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
-
-/// What a getData with two sizes hands out: the sizes it asked for and the values.
-template <typename T>
-struct Table {
-  size_t rows = 0;
-  size_t columns = 0;
-  std::vector<T> cells;
-};
-
-template <typename T, typename Measurement>
-Table<T> readTable(Measurement& measurement) {
-  Table<T> table;
-  measurement.getData([&table](size_t rows, size_t columns) {
-    table.rows = rows;
-    table.columns = columns;
-    table.cells.assign(rows * columns, T{});
-    return table.cells.data();
-  });
-  return table;
+inline Tag histMarker(Tag::Type type, int64_t time) {
+  return Tag{type, 0, 0, CHANNEL_UNUSED, time};
 }
 
-/// Shape of a random stream for the histogram measurements.
-struct StreamShape {
-  std::vector<int> channels;  ///< time tags pick one of these uniformly
-  int64_t max_gap = 1000;     ///< plain gaps are uniform in [0, max_gap]
-  size_t n_tags = 2000;       ///< time tags, bursts included
-  int burst_percent = 5;      ///< chance that a tag starts a burst of equal or close times
-  int error_permille = 5;     ///< chance per tag of an Error tag
-  int overflow_permille = 5;  ///< chance per tag of an overflow with missed events
-};
-
-/// One time line of tags in stream order, from `begin` to the returned end:
-/// equal times, dense bursts, errors and framed overflows included.
-inline std::vector<Tag> makeTagLine(std::mt19937_64& rng, const StreamShape& shape, int64_t begin,
-                                    int64_t* end) {
-  std::uniform_int_distribution<int64_t> gap(0, shape.max_gap);
-  std::uniform_int_distribution<size_t> pick(0, shape.channels.size() - 1);
+/// Random tags on `channels` with gaps around `mean_gap`: equal times, bursts
+/// of tags close together, device errors, and overflows (begin, missed events,
+/// end) spread over time. Times start at 0. With a `grid`, gaps are multiples
+/// of it, so that differences land exactly on bin edges and range limits.
+inline std::vector<Tag> randomHistogramTags(std::mt19937_64& rng, const std::vector<int>& channels,
+                                            int64_t mean_gap, size_t n_tags, int64_t grid = 1) {
+  std::uniform_int_distribution<size_t> pick(0, channels.size() - 1);
   std::uniform_int_distribution<int> percent(0, 99);
-  std::uniform_int_distribution<int> permille(0, 999);
+  std::uniform_int_distribution<int64_t> gap_steps(1, std::max<int64_t>(1, 2 * mean_gap / grid));
+  auto gap = [&](std::mt19937_64& r) { return gap_steps(r) * grid; };
   std::vector<Tag> tags;
-  int64_t time = begin;
-  size_t emitted = 0;
-  while (emitted < shape.n_tags) {
-    time += gap(rng);
-    const int special = permille(rng);
-    if (special < shape.error_permille) {
-      tags.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, time});
-    } else if (special < shape.error_permille + shape.overflow_permille) {
-      tags.push_back(Tag{Tag::Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, time});
-      for (int k = percent(rng) % 4; k > 0; --k) {
-        time += gap(rng);
-        tags.push_back(Tag{Tag::Type::MissedEvents, 0, 3, shape.channels[pick(rng)], time});
+  int64_t time = 0;
+  while (tags.size() < n_tags) {
+    const int roll = percent(rng);
+    if (roll < 12) {
+      // Same time as the tag before.
+    } else if (roll < 20) {
+      // A burst: several tags within a small fraction of the usual gap.
+      const int n = std::uniform_int_distribution<int>(2, 8)(rng);
+      for (int i = 0; i < n; ++i) {
+        time += std::uniform_int_distribution<int64_t>(0, std::max<int64_t>(1, mean_gap / 8))(rng);
+        tags.push_back(histTimeTag(channels[pick(rng)], time));
       }
-      time += gap(rng) * 3;
-      tags.push_back(Tag{Tag::Type::OverflowEnd, 0, 0, CHANNEL_UNUSED, time});
+      continue;
+    } else {
+      time += gap(rng);
     }
-    int burst = percent(rng) < shape.burst_percent ? 2 + percent(rng) : 1;
-    while (burst-- > 0 && emitted < shape.n_tags) {
-      tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, shape.channels[pick(rng)], time});
-      ++emitted;
-      time += percent(rng) < 50 ? 0 : gap(rng) / 64;
+    if (roll == 98) {
+      tags.push_back(histMarker(Tag::Type::Error, time));
+    } else if (roll == 99) {
+      tags.push_back(histMarker(Tag::Type::OverflowBegin, time));
+      const int missed = std::uniform_int_distribution<int>(0, 3)(rng);
+      for (int i = 0; i < missed; ++i) {
+        time += gap(rng);
+        tags.push_back(Tag{Tag::Type::MissedEvents, 0, 5, channels[pick(rng)], time});
+      }
+      time += gap(rng);
+      tags.push_back(histMarker(Tag::Type::OverflowEnd, time));
+    } else {
+      tags.push_back(histTimeTag(channels[pick(rng)], time));
     }
   }
-  *end = time + 1 + gap(rng);
   return tags;
 }
 
-/// Cuts a time line covering [begin, end) into contiguous blocks at random
-/// times: empty blocks, zero-length blocks and blocks of a single tag occur.
-inline std::vector<Block> cutIntoBlocks(std::mt19937_64& rng, const std::vector<Tag>& tags,
-                                        int64_t begin, int64_t end, size_t n_cuts) {
-  std::uniform_int_distribution<int64_t> at(begin, end);
-  std::vector<int64_t> cuts(n_cuts);
-  for (int64_t& cut : cuts) cut = at(rng);
-  cuts.push_back(begin);
-  cuts.push_back(end);
-  std::sort(cuts.begin(), cuts.end());
+/// Cuts a stream into blocks at random times: many short blocks, some empty,
+/// some holding most of the stream. Tags of equal time always share a block,
+/// as the half-open spans demand.
+inline std::vector<Block> cutIntoBlocks(std::mt19937_64& rng, const FlatStream& stream) {
   std::vector<Block> blocks;
-  size_t next = 0;
-  for (size_t k = 0; k + 1 < cuts.size(); ++k) {
-    Block block{{}, cuts[k], cuts[k + 1]};
-    while (next < tags.size() && tags[next].time < block.end_time)
-      block.tags.push_back(tags[next++]);
+  const int64_t length = stream.end_time - stream.begin_time;
+  std::vector<int64_t> cuts;
+  const int n_cuts = std::uniform_int_distribution<int>(0, 40)(rng);
+  std::uniform_int_distribution<int64_t> at(stream.begin_time + 1, stream.end_time - 1);
+  for (int i = 0; i < n_cuts && length > 1; ++i) cuts.push_back(at(rng));
+  cuts.push_back(stream.end_time);
+  std::sort(cuts.begin(), cuts.end());
+  cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+  int64_t begin = stream.begin_time;
+  size_t next_tag = 0;
+  for (int64_t end : cuts) {
+    Block block{{}, begin, end};
+    while (next_tag < stream.tags.size() && stream.tags[next_tag].time < end) {
+      block.tags.push_back(stream.tags[next_tag++]);
+    }
     blocks.push_back(std::move(block));
+    begin = end;
   }
   return blocks;
 }
 
-/// Queues `blocks` and returns once every measurement has processed them,
-/// without idle blocks (the tagger's idle span must be 0). An empty block of
-/// zero length follows them to carry the fence waited for; it is returned too.
-inline std::vector<Block> pushAndWait(TestTaggerCore& tagger, std::vector<Block> blocks) {
-  std::vector<Block> pushed = tagger.pushBlocks(std::move(blocks));
-  const uint32_t fence = tagger.getFence(true);
-  const std::vector<Block> marker = tagger.pushBlocks({Block{{}, 0, 0}});
-  tagger.waitForFence(fence, -1);
-  pushed.insert(pushed.end(), marker.begin(), marker.end());
-  return pushed;
+/// The pushed blocks, as delivered (shifted to where the tagger's stream
+/// stood), taken back into one stream.
+inline FlatStream flatten(const std::vector<Block>& blocks) {
+  FlatStream stream;
+  stream.begin_time = blocks.front().begin_time;
+  stream.end_time = blocks.back().end_time;
+  for (const Block& block : blocks) {
+    stream.tags.insert(stream.tags.end(), block.tags.begin(), block.tags.end());
+  }
+  return stream;
+}
+
+/// Pushes `stream` cut at random into `tagger`, waits until every measurement
+/// has seen it, and returns the stream as delivered. The measurements must be
+/// running already.
+template <typename Tagger>
+FlatStream deliverInRandomBlocks(Tagger& tagger, std::mt19937_64& rng, const FlatStream& stream) {
+  const FlatStream delivered = flatten(tagger.pushBlocks(cutIntoBlocks(rng, stream)));
+  tagger.sync();
+  return delivered;
+}
+
+/// A measurement fed by the test itself, block by block: stopped and cleared
+/// at once, so that no worker calls into it.
+template <typename Measurement>
+class Fed : public Measurement {
+ public:
+  template <typename... Args>
+  explicit Fed(Args&&... args) : Measurement(std::forward<Args>(args)...) {
+    this->stop();
+    this->clear();
+  }
+  void feed(std::vector<Tag> tags, int64_t begin_time, int64_t end_time) {
+    this->lock();
+    this->next_impl(tags, begin_time, end_time);
+    this->unlock();
+    last_end = end_time;
+  }
+  /// The next block, beginning where the last one ended.
+  void feed(std::vector<Tag> tags, int64_t end_time) { feed(std::move(tags), last_end, end_time); }
+
+ private:
+  int64_t last_end = 0;
+};
+
+/// The text of the std::invalid_argument that `make` throws, or "no exception".
+template <typename Make>
+std::string invalidArgumentMessage(Make&& make) {
+  try {
+    make();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
 }
 
 }  // namespace zeptick::testing
