@@ -107,8 +107,13 @@ inline constexpr uint8_t SHORT_TAG_ERROR = 255;
 struct ShortTag {
   uint32_t word;
 
+  /// Left uninitialised on purpose: word buffers are sized first and filled after, and zeroing
+  /// them on every block would cost as much as the encoding.
+  ShortTag() noexcept {}
+  constexpr explicit ShortTag(uint32_t word) noexcept : word(word) {}
+
   static constexpr ShortTag make(uint32_t value, uint8_t code) {
-    return ShortTag{(value << 8) | code};
+    return ShortTag((value << 8) | code);
   }
   constexpr uint8_t code() const { return static_cast<uint8_t>(word & 0xFF); }
   constexpr uint32_t value() const { return word >> 8; }

@@ -54,7 +54,10 @@ class ZeptickFileReader {
 
  private:
   bool read(void* buffer, uint64_t size, uint64_t* remaining);
+  template <class Container>
+  bool readSized(Container& container, uint64_t count, uint64_t* remaining);
   bool readBlock();
+  bool readChannelMap(uint64_t& remaining);
   bool readTimeTagBlock(uint64_t& remaining);
   bool verifyBlock();
   bool available(uint64_t size);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -98,9 +99,16 @@ class ZeptickFileWriter {
   void writePadding(uint64_t payload_size);             // REQUIRES: file_mutex
   void writeText(uint32_t type, const std::string& text);
 
+  uint32_t lookupIndex(int32_t channel) const;
+
+  // Channels near zero (the inputs) are looked up by table, others by binary search, since a
+  // map lookup per tag would dominate the encoding.
+  static constexpr int32_t kDirectChannels = 256;
+  static constexpr uint8_t kNoIndex = 0xFF;  // never an index: they end at MAX_CHANNEL_INDEX
+
   std::map<int32_t, uint32_t> channel_index;
-  std::vector<int32_t> channel_lookup_keys;     // channel_index flattened for the hot loop
-  std::vector<uint32_t> channel_lookup_values;  // parallel to channel_lookup_keys
+  std::array<uint8_t, 2 * kDirectChannels> direct_index;
+  std::vector<std::pair<int32_t, uint32_t>> far_index;  // sorted by channel
   bool in_overflow = false;
   std::atomic<uint64_t> bytes_written{0};
   uint64_t events_written = 0;

@@ -1,0 +1,382 @@
+// The bytes of written files checked against the layout by a decoder that reads fields at
+// their byte offsets, and round trips of random streams through writer and reader.
+
+#include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <random>
+#include <set>
+
+#include "file_format_testing.h"
+#include "files/block_signing.h"
+#include "files/file_format.h"
+
+namespace zeptick::testing {
+namespace {
+
+constexpr int64_t k24 = int64_t{1} << 24;
+constexpr int64_t k48 = int64_t{1} << 48;
+
+struct RawBlock {
+  size_t offset;
+  uint32_t type;
+  Bytes payload;
+};
+
+// Walks a file by the layout alone: magic, size, type, zero reserved word, payload, zero
+// padding to 16, each block at a multiple of 16, nothing left over.
+std::vector<RawBlock> walkBlocks(const Bytes& file) {
+  std::vector<RawBlock> blocks;
+  size_t offset = 0;
+  while (offset + 16 <= file.size()) {
+    EXPECT_EQ(offset % 16, 0u);
+    EXPECT_EQ(std::string(file.begin() + offset, file.begin() + offset + 4), "MIZT");
+    const uint32_t size = u32At(file, offset + 4);
+    EXPECT_EQ(u32At(file, offset + 12), 0u) << "reserved word at " << offset;
+    const size_t padded = (size + 15) / 16 * 16;
+    EXPECT_LE(offset + 16 + padded, file.size());
+    if (offset + 16 + padded > file.size()) break;
+    RawBlock block{offset, u32At(file, offset + 8),
+                   Bytes(file.begin() + offset + 16, file.begin() + offset + 16 + size)};
+    for (size_t i = size; i < padded; ++i) EXPECT_EQ(file[offset + 16 + i], 0) << offset;
+    blocks.push_back(std::move(block));
+    offset += 16 + padded;
+  }
+  EXPECT_EQ(offset, file.size());
+  return blocks;
+}
+
+std::vector<uint32_t> wordsOf(const Bytes& payload) {
+  std::vector<uint32_t> words;
+  for (size_t at = 144; at + 4 <= payload.size(); at += 4) words.push_back(u32At(payload, at));
+  return words;
+}
+
+Bytes sha1Field(const uint8_t* data, size_t size) {
+  Bytes field(32, 0);
+  unsigned int length = 0;
+  EXPECT_EQ(EVP_Digest(data, size, field.data(), &length, EVP_sha1(), nullptr), 1);
+  EXPECT_EQ(length, 20u);
+  return field;
+}
+
+// ECDSA P-256 over the 32-byte field, signature as raw r then s: checked with OpenSSL directly.
+bool verifiesWith(const char* public_pem, const Bytes& hash, const Bytes& signature) {
+  BIO* bio = BIO_new_mem_buf(public_pem, -1);
+  EVP_PKEY* key = PEM_read_bio_PUBKEY(bio, nullptr, nullptr, nullptr);
+  BIO_free(bio);
+  ECDSA_SIG* sig = ECDSA_SIG_new();
+  ECDSA_SIG_set0(sig, BN_bin2bn(signature.data(), 32, nullptr),
+                 BN_bin2bn(signature.data() + 32, 32, nullptr));
+  unsigned char* der = nullptr;
+  const int der_length = i2d_ECDSA_SIG(sig, &der);
+  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new(key, nullptr);
+  const bool ok =
+      EVP_PKEY_verify_init(context) == 1 &&
+      EVP_PKEY_verify(context, der, static_cast<size_t>(der_length), hash.data(), hash.size()) == 1;
+  EVP_PKEY_CTX_free(context);
+  OPENSSL_free(der);
+  ECDSA_SIG_free(sig);
+  EVP_PKEY_free(key);
+  return ok;
+}
+
+Tag timeTag(int32_t channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
+Tag special(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
+Tag missed(int32_t channel, uint16_t count, int64_t time) {
+  return Tag{Tag::Type::MissedEvents, 0, count, channel, time};
+}
+
+TEST(FileFormat, MakeFileNameDropsOneExtensionAndNumbersSplits) {
+  using ZeptickFile::makeFileName;
+  EXPECT_EQ(makeFileName("data", 0), "data.ztbin");
+  EXPECT_EQ(makeFileName("data.ztbin", 0), "data.ztbin");
+  EXPECT_EQ(makeFileName("data", 3), "data.3.ztbin");
+  EXPECT_EQ(makeFileName("dir/data.ztbin", 12), "dir/data.12.ztbin");
+  // Only a name longer than the extension loses it.
+  EXPECT_EQ(makeFileName(".ztbin", 1), ".ztbin.1.ztbin");
+  EXPECT_EQ(makeFileName("a.ztbin.ztbin", 0), "a.ztbin.ztbin");
+  EXPECT_EQ(makeFileName("data.ZTBIN", 0), "data.ZTBIN.ztbin");
+}
+
+TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("layout.ztbin");
+  const int64_t begin = 1000;
+  const int64_t t1 = begin + k24;          // exactly 2^24 after the first tag
+  const int64_t t2 = t1 + 5;               // error tag
+  const int64_t t3 = t2 + k48;             // exactly 2^48
+  const int64_t overflow_begin = t3 + 10;  // overflow from here
+  const int64_t overflow_end = overflow_begin + k24 + 3 + 4;
+  const int64_t end = overflow_end + 1 + 100;
+  const std::vector<Tag> tags = {
+      timeTag(1, begin),
+      timeTag(2, t1),
+      timeTag(5, t1 + 1),  // not in the map: no word
+      special(Tag::Type::Error, t2),
+      timeTag(-1, t3),
+      timeTag(1, t3 - 1),  // earlier than the last tag: no word
+      missed(1, 9, t3),    // outside an overflow: no word
+      special(Tag::Type::OverflowBegin, overflow_begin),
+      missed(2, 77, overflow_begin),
+      timeTag(1, overflow_begin + k24 + 3),  // in overflow: only its high word stays
+      special(Tag::Type::OverflowEnd, overflow_end),
+      timeTag(2, overflow_end + 1),
+  };
+  uint64_t events = 0;
+  {
+    ZeptickFileWriter writer(path, 0, {0x11111111, 0x22222222, 0x33333333, 0x44444444});
+    writer.writeConfiguration("");
+    writer.writeChannelMap({{1, -1}, {2, -2}, {1, -1}, {-1, 1}});
+    writer.writeMarker("x");
+    writer.writeMarker("0123456789abcdef");
+    auto* state = writer.encodeBlock(tags, begin, end);
+    ZeptickFileWriter::finishBlock(state);
+    writer.writeBlock(state);
+    writer.recycleBlock(state);
+    events = writer.getEventsWritten();
+  }
+  const Bytes file = readBytes(path);
+  const std::vector<RawBlock> blocks = walkBlocks(file);
+  ASSERT_EQ(blocks.size(), 7u);
+  std::vector<uint32_t> types;
+  for (const RawBlock& block : blocks) types.push_back(block.type);
+  EXPECT_EQ(types, (std::vector<uint32_t>{2, 5, 3, 6, 6, 4, 1}));
+
+  const Bytes& header = blocks[0].payload;
+  ASSERT_EQ(header.size(), 32u);
+  EXPECT_EQ(u32At(header, 0), 16u);  // alignment
+  EXPECT_EQ(u32At(header, 4), 1u);   // version
+  EXPECT_EQ(u32At(header, 8), 1u);   // required_version
+  EXPECT_EQ(u32At(header, 12), 0u);
+  EXPECT_EQ(u32At(header, 16), 0x11111111u);
+  EXPECT_EQ(u32At(header, 28), 0x44444444u);
+
+  EXPECT_TRUE(blocks[1].payload.empty());  // empty text: no padding either
+  EXPECT_EQ(blocks[2].offset, blocks[1].offset + 16);
+  EXPECT_EQ(blocks[4].offset, blocks[3].offset + 32);  // 1 byte + 15 padding
+  EXPECT_EQ(blocks[5].offset, blocks[4].offset + 32);  // 16 bytes, no padding
+  EXPECT_EQ(std::string(blocks[4].payload.begin(), blocks[4].payload.end()), "0123456789abcdef");
+
+  // The repeated channel has one entry; indices in order of first appearance.
+  const Bytes& map = blocks[2].payload;
+  ASSERT_EQ(map.size(), 16u + 3 * 16);
+  EXPECT_EQ(u32At(map, 0), 3u);
+  const int32_t expected_map[3][3] = {{0, 1, -1}, {1, 2, -2}, {2, -1, 1}};
+  for (size_t i = 0; i < 3; ++i) {
+    for (size_t field = 0; field < 3; ++field) {
+      EXPECT_EQ(static_cast<int32_t>(u32At(map, 16 + 16 * i + 4 * field)), expected_map[i][field]);
+    }
+    EXPECT_EQ(u32At(map, 16 + 16 * i + 12), 0u);
+  }
+
+  const Bytes& block = blocks[5].payload;
+  ASSERT_GE(block.size(), 144u);
+  EXPECT_EQ(i64At(block, 0), begin);
+  EXPECT_EQ(i64At(block, 8), end);
+  EXPECT_EQ(i64At(block, 16), (overflow_begin - begin) + (end - overflow_end));  // valid_time
+  const std::vector<uint32_t> expected_words = {
+      shortTag(0, 0),   shortTag(1, 251), shortTag(0, 1),    shortTag(5, 255),
+      shortTag(1, 252), shortTag(0, 2),   shortTag(10, 253), shortTag(77, 1),
+      shortTag(1, 251), shortTag(7, 254), shortTag(1, 1)};
+  EXPECT_EQ(u32At(block, 24), expected_words.size());      // word_count
+  EXPECT_EQ(u32At(block, 28), expected_words.size() * 4);  // stored_size: small blocks stay raw
+  EXPECT_EQ(u32At(block, 32), 1u);                         // time_unit
+  EXPECT_EQ(u32At(block, 36), 0u);                         // compression
+  EXPECT_EQ(u32At(block, 40), 1u);                         // signature_kind
+  EXPECT_EQ(block[44], 0);                                 // overflow_at_begin
+  EXPECT_EQ(block[45] | block[46] | block[47], 0);
+  EXPECT_EQ(wordsOf(block), expected_words);
+  EXPECT_EQ(events, 8u);  // the high-bit words stand for no tag
+
+  const Bytes hash = sha1Field(block.data() + 144, block.size() - 144);
+  EXPECT_EQ(Bytes(block.begin() + 48, block.begin() + 80), hash);
+  EXPECT_TRUE(verifiesWith(detail::kBuiltinPublicKeyPem, hash,
+                           Bytes(block.begin() + 80, block.begin() + 144)));
+}
+
+TEST(FileFormat, OverflowStateAndValidTimeCarryAcrossBlocks) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("carry.ztbin");
+  writeRecording(path,
+                 {{{special(Tag::Type::OverflowBegin, 40)}, 0, 100},
+                  {{timeTag(1, 150), special(Tag::Type::OverflowEnd, 160)}, 100, 200},
+                  {{}, 200, 300}},
+                 {{1, -1}});
+  std::vector<RawBlock> blocks = walkBlocks(readBytes(path));
+  std::vector<Bytes> time_blocks;
+  for (const RawBlock& block : blocks) {
+    if (block.type == 4) time_blocks.push_back(block.payload);
+  }
+  ASSERT_EQ(time_blocks.size(), 3u);
+  EXPECT_EQ(time_blocks[0][44], 0);
+  EXPECT_EQ(i64At(time_blocks[0], 16), 40);  // valid until the overflow began
+  EXPECT_EQ(time_blocks[1][44], 1);
+  EXPECT_EQ(i64At(time_blocks[1], 16), 40);  // valid again from 160
+  // The tag at 150 fell inside the overflow: only the overflow end remains.
+  EXPECT_EQ(wordsOf(time_blocks[1]), (std::vector<uint32_t>{shortTag(60, 254)}));
+  EXPECT_EQ(time_blocks[2][44], 0);
+  EXPECT_EQ(i64At(time_blocks[2], 16), 100);
+  // An empty block: no words, yet a digest (of nothing) and a valid signature.
+  EXPECT_EQ(u32At(time_blocks[2], 24), 0u);
+  EXPECT_EQ(u32At(time_blocks[2], 28), 0u);
+  EXPECT_EQ(time_blocks[2].size(), 144u);
+  const Bytes hash = sha1Field(nullptr, 0);
+  EXPECT_EQ(Bytes(time_blocks[2].begin() + 48, time_blocks[2].begin() + 80), hash);
+  EXPECT_TRUE(verifiesWith(detail::kBuiltinPublicKeyPem, hash,
+                           Bytes(time_blocks[2].begin() + 80, time_blocks[2].end())));
+}
+
+// A well-formed stream: sorted, every tag on a mapped channel, missed-event tags only inside
+// overflows at the time of the tag before them, time tags only outside. Gaps of every size,
+// including beyond 2^24 and 2^48, and blocks large enough to be compressed.
+std::vector<Block> wellFormedStream(std::mt19937_64& rng, const std::vector<int32_t>& channels,
+                                    size_t block_count) {
+  std::vector<Block> blocks;
+  std::uniform_int_distribution<size_t> pick(0, channels.size() - 1);
+  std::uniform_int_distribution<int> roll(0, 999);
+  std::uniform_int_distribution<int> size(0, 2500);
+  int64_t time = -5000000;
+  bool overflow = false;
+  for (size_t b = 0; b < block_count; ++b) {
+    Block block;
+    block.begin_time = time;
+    const int count = size(rng) % (b % 3 == 0 ? 3000 : 40);
+    for (int i = 0; i < count; ++i) {
+      const int r = roll(rng);
+      int64_t gap = r < 600 ? r : r < 990 ? r * 1000 : r < 997 ? k24 * r : k48 + r;
+      if (r % 7 == 0) gap = 0;
+      time += gap;
+      if (r < 5 && !overflow) {
+        block.tags.push_back(special(Tag::Type::OverflowBegin, time));
+        overflow = true;
+      } else if (r < 10 && overflow) {
+        block.tags.push_back(special(Tag::Type::OverflowEnd, time));
+        overflow = false;
+      } else if (r < 12) {
+        block.tags.push_back(special(Tag::Type::Error, time));
+      } else if (overflow) {
+        block.tags.push_back(special(Tag::Type::Error, time));
+        block.tags.push_back(
+            missed(channels[pick(rng)], static_cast<uint16_t>(rng() % 65536), time));
+      } else {
+        block.tags.push_back(timeTag(channels[pick(rng)], time));
+      }
+    }
+    time += roll(rng);
+    block.end_time = time;
+    blocks.push_back(std::move(block));
+  }
+  return blocks;
+}
+
+TEST(FileFormat, WellFormedStreamsSurviveTheRoundTripUnchanged) {
+  ScratchDirectory directory;
+  std::mt19937_64 rng(20261122);
+  const std::vector<int32_t> channels = {1, -1, 2, 7, -300, 1 << 30, -(1 << 30), 255, -256};
+  std::vector<std::pair<int32_t, int32_t>> map;
+  for (int32_t channel : channels) map.emplace_back(channel, -channel);
+  for (int round = 0; round < 4; ++round) {
+    const std::string path = directory.file("round" + std::to_string(round) + ".ztbin");
+    const std::vector<Block> blocks = wellFormedStream(rng, channels, 60);
+    writeRecording(path, blocks, map);
+    uint64_t overflows = 0;
+    const std::vector<Block> read = readRecording(path, true, &overflows);
+    ASSERT_EQ(read.size(), blocks.size());
+    uint64_t expected_overflows = 0;
+    for (size_t b = 0; b < blocks.size(); ++b) {
+      EXPECT_EQ(read[b].begin_time, blocks[b].begin_time);
+      EXPECT_EQ(read[b].end_time, blocks[b].end_time);
+      ASSERT_EQ(fields(read[b].tags), fields(blocks[b].tags)) << "block " << b;
+      for (const Tag& tag : blocks[b].tags) {
+        expected_overflows += tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::Error;
+      }
+    }
+    EXPECT_EQ(overflows, expected_overflows);
+  }
+  // Large blocks of this stream are stored compressed: the round trip covered both forms.
+  const Bytes file = readBytes(directory.file("round0.ztbin"));
+  size_t compressed = 0;
+  for (const RawBlock& block : walkBlocks(file)) {
+    compressed += block.type == 4 && u32At(block.payload, 36) == 1;
+  }
+  EXPECT_GT(compressed, 0u);
+}
+
+// What a file keeps of an arbitrary stream, written plainly from the rules of the encoding:
+// unmapped channels, earlier times, missed events outside overflows and time tags inside them
+// vanish; a missed-event tag takes the time of the last word that moved the clock.
+std::vector<Tag> expectedAfterFile(const std::vector<Tag>& tags, int64_t begin,
+                                   const std::set<int32_t>& mapped, bool& overflow) {
+  std::vector<Tag> kept;
+  int64_t clock = begin;
+  for (const Tag& tag : tags) {
+    const bool on_channel = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
+    if (on_channel && !mapped.count(tag.channel)) continue;
+    if (tag.type == Tag::Type::MissedEvents) {
+      if (overflow) kept.push_back(missed(tag.channel, tag.missed_events, clock));
+      continue;
+    }
+    if (tag.time < clock) continue;
+    int64_t delta = tag.time - clock;
+    if (delta >= k48) clock += delta / k48 * k48;
+    delta = tag.time - clock;
+    if (delta >= k24) clock += delta / k24 * k24;
+    if (tag.type == Tag::Type::TimeTag) {
+      if (overflow) continue;
+      kept.push_back(timeTag(tag.channel, tag.time));
+    } else if (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::OverflowEnd) {
+      overflow = tag.type == Tag::Type::OverflowBegin;
+      kept.push_back(special(tag.type, tag.time));
+    } else {
+      kept.push_back(special(Tag::Type::Error, tag.time));
+    }
+    clock = tag.time;
+  }
+  return kept;
+}
+
+TEST(FileFormat, ArbitraryStreamsKeepWhatTheEncodingDefines) {
+  ScratchDirectory directory;
+  std::mt19937_64 rng(7);
+  std::vector<Block> blocks = makeRandomBlocks(rng, 300, {1, 2, 3, -1, 9});
+  // Shuffle in what the encoder must drop or cope with: out-of-order times, missed events out
+  // of overflows, time tags inside them, an unknown tag type, and huge jumps.
+  std::uniform_int_distribution<int> roll(0, 99);
+  for (Block& block : blocks) {
+    for (Tag& tag : block.tags) {
+      const int r = roll(rng);
+      if (r < 3) tag.time -= 1000;
+      if (r == 3) tag.type = Tag::Type::MissedEvents;
+      if (r == 4) tag.type = static_cast<Tag::Type>(9);
+    }
+    if (roll(rng) < 5) block.tags.push_back(timeTag(2, block.end_time - 1));
+    if (roll(rng) < 3) {
+      block.end_time += k48 + k24 * 5;
+      block.tags.push_back(timeTag(1, block.end_time - 1));
+    }
+  }
+  for (size_t b = 1; b < blocks.size(); ++b) {
+    const int64_t shift = blocks[b - 1].end_time - blocks[b].begin_time;
+    blocks[b].begin_time += shift;
+    blocks[b].end_time += shift;
+    for (Tag& tag : blocks[b].tags) tag.time += shift;
+  }
+  const std::string path = directory.file("arbitrary.ztbin");
+  writeRecording(path, blocks, {{1, -1}, {2, -2}, {-1, 1}});
+  const std::vector<Block> read = readRecording(path);
+  ASSERT_EQ(read.size(), blocks.size());
+  bool overflow = false;
+  for (size_t b = 0; b < blocks.size(); ++b) {
+    const std::vector<Tag> expected =
+        expectedAfterFile(blocks[b].tags, blocks[b].begin_time, {1, 2, -1}, overflow);
+    ASSERT_EQ(fields(read[b].tags), fields(expected)) << "block " << b;
+  }
+}
+
+}  // namespace
+}  // namespace zeptick::testing
