@@ -21,35 +21,6 @@ namespace {
 constexpr int64_t k24 = int64_t{1} << 24;
 constexpr int64_t k48 = int64_t{1} << 48;
 
-struct RawBlock {
-  size_t offset;
-  uint32_t type;
-  Bytes payload;
-};
-
-// Walks a file by the layout alone: magic, size, type, zero reserved word, payload, zero
-// padding to 16, each block at a multiple of 16, nothing left over.
-std::vector<RawBlock> walkBlocks(const Bytes& file) {
-  std::vector<RawBlock> blocks;
-  size_t offset = 0;
-  while (offset + 16 <= file.size()) {
-    EXPECT_EQ(offset % 16, 0u);
-    EXPECT_EQ(std::string(file.begin() + offset, file.begin() + offset + 4), "MIZT");
-    const uint32_t size = u32At(file, offset + 4);
-    EXPECT_EQ(u32At(file, offset + 12), 0u) << "reserved word at " << offset;
-    const size_t padded = (size + 15) / 16 * 16;
-    EXPECT_LE(offset + 16 + padded, file.size());
-    if (offset + 16 + padded > file.size()) break;
-    RawBlock block{offset, u32At(file, offset + 8),
-                   Bytes(file.begin() + offset + 16, file.begin() + offset + 16 + size)};
-    for (size_t i = size; i < padded; ++i) EXPECT_EQ(file[offset + 16 + i], 0) << offset;
-    blocks.push_back(std::move(block));
-    offset += 16 + padded;
-  }
-  EXPECT_EQ(offset, file.size());
-  return blocks;
-}
-
 std::vector<uint32_t> wordsOf(const Bytes& payload) {
   std::vector<uint32_t> words;
   for (size_t at = 144; at + 4 <= payload.size(); at += 4) words.push_back(u32At(payload, at));

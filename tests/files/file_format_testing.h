@@ -78,6 +78,35 @@ inline void appendLittleEndian(Bytes& bytes, uint64_t value, size_t width) {
   for (size_t i = 0; i < width; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
 }
 
+struct RawBlock {
+  size_t offset;
+  uint32_t type;
+  Bytes payload;
+};
+
+/// Walks a file by the layout alone: magic, size, type, zero reserved word, payload, zero
+/// padding to 16, each block at a multiple of 16, nothing left over.
+inline std::vector<RawBlock> walkBlocks(const Bytes& file) {
+  std::vector<RawBlock> blocks;
+  size_t offset = 0;
+  while (offset + 16 <= file.size()) {
+    EXPECT_EQ(offset % 16, 0u);
+    EXPECT_EQ(std::string(file.begin() + offset, file.begin() + offset + 4), "MIZT");
+    const uint32_t size = u32At(file, offset + 4);
+    EXPECT_EQ(u32At(file, offset + 12), 0u) << "reserved word at " << offset;
+    const size_t padded = (size + 15) / 16 * 16;
+    EXPECT_LE(offset + 16 + padded, file.size());
+    if (offset + 16 + padded > file.size()) break;
+    RawBlock block{offset, u32At(file, offset + 8),
+                   Bytes(file.begin() + offset + 16, file.begin() + offset + 16 + size)};
+    for (size_t i = size; i < padded; ++i) EXPECT_EQ(file[offset + 16 + i], 0) << offset;
+    blocks.push_back(std::move(block));
+    offset += 16 + padded;
+  }
+  EXPECT_EQ(offset, file.size());
+  return blocks;
+}
+
 /// Builds a file block by block from raw payloads, the way the layout describes it.
 class FileBuilder {
  public:
@@ -91,12 +120,12 @@ class FileBuilder {
     appendLittleEndian(bytes, type, 4);
     appendLittleEndian(bytes, 0, 4);
     bytes.insert(bytes.end(), payload.begin(), payload.end());
-    while (bytes.size() % 16 != 0) bytes.push_back(0);
+    while (pad && bytes.size() % 16 != 0) bytes.push_back(0);
     return *this;
   }
-  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t id = 7) {
+  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t id = 7, uint32_t alignment = 16) {
     Bytes payload;
-    for (uint32_t word : {16u, 1u, required_version, 0u, id, id + 1, id + 2, id + 3}) {
+    for (uint32_t word : {alignment, 1u, required_version, 0u, id, id + 1, id + 2, id + 3}) {
       appendLittleEndian(payload, word, 4);
     }
     return block(2, payload);
@@ -132,6 +161,7 @@ class FileBuilder {
   FileBuilder& end() { return block(1, {}); }
 
   Bytes bytes;
+  bool pad = true;  ///< false for files whose header turns alignment off
 };
 
 inline uint32_t shortTag(uint32_t value, uint32_t code) { return (value << 8) | code; }
