@@ -31,6 +31,8 @@ foreach(source IN LISTS zeptick_fuzzer_sources)
   get_filename_component(target "${source}" NAME_WE)
   add_executable(${target} "${source}")
   target_link_libraries(${target} PRIVATE zeptick_fuzz_objects)
+  # Fuzzers may check against the plain models that the tests use.
+  target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
   target_compile_options(${target} PRIVATE -fsanitize=fuzzer ${zeptick_fuzz_sanitizers})
   target_link_options(${target} PRIVATE -fsanitize=fuzzer ${zeptick_fuzz_sanitizers})
   zeptick_set_warnings(${target})

@@ -117,7 +117,7 @@ class ZeptickFileWriter {
 
   std::mutex file_mutex;  // one block, text or header at a time reaches the file
   std::FILE* file = nullptr;
-  std::vector<char> file_buffer;
+  std::unique_ptr<char[]> file_buffer;  // left uninitialised: stdio fills it before use
 };
 
 }  // namespace zeptick

@@ -56,12 +56,6 @@ bool verifiesWith(const char* public_pem, const Bytes& hash, const Bytes& signat
   return ok;
 }
 
-Tag timeTag(int32_t channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
-Tag special(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
-Tag missed(int32_t channel, uint16_t count, int64_t time) {
-  return Tag{Tag::Type::MissedEvents, 0, count, channel, time};
-}
-
 TEST(FileFormat, MakeFileNameDropsOneExtensionAndNumbersSplits) {
   using ZeptickFile::makeFileName;
   EXPECT_EQ(makeFileName("data", 0), "data.ztbin");
@@ -88,14 +82,14 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
       timeTag(1, begin),
       timeTag(2, t1),
       timeTag(5, t1 + 1),  // not in the map: no word
-      special(Tag::Type::Error, t2),
+      specialTag(Tag::Type::Error, t2),
       timeTag(-1, t3),
-      timeTag(1, t3 - 1),  // earlier than the last tag: no word
-      missed(1, 9, t3),    // outside an overflow: no word
-      special(Tag::Type::OverflowBegin, overflow_begin),
-      missed(2, 77, overflow_begin),
+      timeTag(1, t3 - 1),   // earlier than the last tag: no word
+      missedTag(1, 9, t3),  // outside an overflow: no word
+      specialTag(Tag::Type::OverflowBegin, overflow_begin),
+      missedTag(2, 77, overflow_begin),
       timeTag(1, overflow_begin + k24 + 3),  // in overflow: only its high word stays
-      special(Tag::Type::OverflowEnd, overflow_end),
+      specialTag(Tag::Type::OverflowEnd, overflow_end),
       timeTag(2, overflow_end + 1),
   };
   uint64_t events = 0;
@@ -174,8 +168,8 @@ TEST(FileFormat, OverflowStateAndValidTimeCarryAcrossBlocks) {
   ScratchDirectory directory;
   const std::string path = directory.file("carry.ztbin");
   writeRecording(path,
-                 {{{special(Tag::Type::OverflowBegin, 40)}, 0, 100},
-                  {{timeTag(1, 150), special(Tag::Type::OverflowEnd, 160)}, 100, 200},
+                 {{{specialTag(Tag::Type::OverflowBegin, 40)}, 0, 100},
+                  {{timeTag(1, 150), specialTag(Tag::Type::OverflowEnd, 160)}, 100, 200},
                   {{}, 200, 300}},
                  {{1, -1}});
   std::vector<RawBlock> blocks = walkBlocks(readBytes(path));
@@ -223,17 +217,17 @@ std::vector<Block> wellFormedStream(std::mt19937_64& rng, const std::vector<int3
       if (r % 7 == 0) gap = 0;
       time += gap;
       if (r < 5 && !overflow) {
-        block.tags.push_back(special(Tag::Type::OverflowBegin, time));
+        block.tags.push_back(specialTag(Tag::Type::OverflowBegin, time));
         overflow = true;
       } else if (r < 10 && overflow) {
-        block.tags.push_back(special(Tag::Type::OverflowEnd, time));
+        block.tags.push_back(specialTag(Tag::Type::OverflowEnd, time));
         overflow = false;
       } else if (r < 12) {
-        block.tags.push_back(special(Tag::Type::Error, time));
+        block.tags.push_back(specialTag(Tag::Type::Error, time));
       } else if (overflow) {
-        block.tags.push_back(special(Tag::Type::Error, time));
+        block.tags.push_back(specialTag(Tag::Type::Error, time));
         block.tags.push_back(
-            missed(channels[pick(rng)], static_cast<uint16_t>(rng() % 65536), time));
+            missedTag(channels[pick(rng)], static_cast<uint16_t>(rng() % 65536), time));
       } else {
         block.tags.push_back(timeTag(channels[pick(rng)], time));
       }
@@ -276,39 +270,6 @@ TEST(FileFormat, WellFormedStreamsSurviveTheRoundTripUnchanged) {
     compressed += block.type == 4 && u32At(block.payload, 36) == 1;
   }
   EXPECT_GT(compressed, 0u);
-}
-
-// What a file keeps of an arbitrary stream, written plainly from the rules of the encoding:
-// unmapped channels, earlier times, missed events outside overflows and time tags inside them
-// vanish; a missed-event tag takes the time of the last word that moved the clock.
-std::vector<Tag> expectedAfterFile(const std::vector<Tag>& tags, int64_t begin,
-                                   const std::set<int32_t>& mapped, bool& overflow) {
-  std::vector<Tag> kept;
-  int64_t clock = begin;
-  for (const Tag& tag : tags) {
-    const bool on_channel = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
-    if (on_channel && !mapped.count(tag.channel)) continue;
-    if (tag.type == Tag::Type::MissedEvents) {
-      if (overflow) kept.push_back(missed(tag.channel, tag.missed_events, clock));
-      continue;
-    }
-    if (tag.time < clock) continue;
-    int64_t delta = tag.time - clock;
-    if (delta >= k48) clock += delta / k48 * k48;
-    delta = tag.time - clock;
-    if (delta >= k24) clock += delta / k24 * k24;
-    if (tag.type == Tag::Type::TimeTag) {
-      if (overflow) continue;
-      kept.push_back(timeTag(tag.channel, tag.time));
-    } else if (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::OverflowEnd) {
-      overflow = tag.type == Tag::Type::OverflowBegin;
-      kept.push_back(special(tag.type, tag.time));
-    } else {
-      kept.push_back(special(Tag::Type::Error, tag.time));
-    }
-    clock = tag.time;
-  }
-  return kept;
 }
 
 TEST(FileFormat, ArbitraryStreamsKeepWhatTheEncodingDefines) {

@@ -12,9 +12,6 @@
 namespace zeptick::testing {
 namespace {
 
-Tag timeTag(int32_t channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
-Tag special(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
-
 // A recording of small raw blocks and one large compressed block, with markers between.
 class RecordedFile : public ::testing::Test {
  protected:
@@ -304,11 +301,11 @@ TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnit) {
   const std::vector<Tag> expected = {
       timeTag(4, t1),
       timeTag(9, t2),
-      special(Tag::Type::OverflowBegin, t3),
+      specialTag(Tag::Type::OverflowBegin, t3),
       Tag{Tag::Type::MissedEvents, 0, 9, 4, t3},
       Tag{Tag::Type::MissedEvents, 0, 5, CHANNEL_UNUSED, t3},
-      special(Tag::Type::OverflowEnd, t3 + 3),
-      special(Tag::Type::Error, t3 + 18),
+      specialTag(Tag::Type::OverflowEnd, t3 + 3),
+      specialTag(Tag::Type::Error, t3 + 18),
       timeTag(CHANNEL_UNUSED, t3 + 18),
   };
   EXPECT_EQ(fields(tags), fields(expected));

@@ -15,8 +15,6 @@
 namespace zeptick::testing {
 namespace {
 
-Tag timeTag(int32_t channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
-
 // `count` tags on channel 1, one per word: equal times compress well, random gaps do not.
 std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible, uint64_t seed = 1) {
   std::mt19937_64 rng(seed);
