@@ -1,0 +1,395 @@
+// ZeptickFileReader on good, damaged and forged files: what it delivers, and that each fault
+// is told exactly once.
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <sys/resource.h>
+
+#include <random>
+
+#include "file_format_testing.h"
+
+namespace zeptick::testing {
+namespace {
+
+// A recording of small raw blocks and one large compressed block, with markers between.
+class RecordedFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::mt19937_64 rng(5);
+    blocks = makeRandomBlocks(rng, 6, {1, 2});
+    Block large;
+    large.begin_time = blocks.back().end_time;
+    large.end_time = large.begin_time + 100000;
+    for (int64_t t = 0; t < 3000; ++t)
+      large.tags.push_back(timeTag(1 + t % 2, large.begin_time + t));
+    blocks.push_back(large);
+    Block last{{timeTag(2, large.end_time + 5)}, large.end_time, large.end_time + 10};
+    blocks.push_back(last);
+    {
+      ZeptickFileWriter writer(path, 0, {9, 8, 7, 6});
+      writer.writeConfiguration("{\"first\":1}");
+      writer.writeChannelMap({{1, -1}, {2, -2}});
+      for (size_t i = 0; i < blocks.size(); ++i) {
+        auto* state = writer.encodeBlock(blocks[i].tags, blocks[i].begin_time, blocks[i].end_time);
+        ZeptickFileWriter::finishBlock(state);
+        writer.writeBlock(state);
+        writer.recycleBlock(state);
+        if (i == 2) writer.writeMarker("after block 2");
+      }
+    }
+    bytes = readBytes(path);
+    for (const RawBlock& block : walkBlocks(bytes)) {
+      if (block.type == 4) time_blocks.push_back(block);
+    }
+    ASSERT_EQ(time_blocks.size(), blocks.size());
+    ASSERT_EQ(u32At(time_blocks[6].payload, 36), 1u) << "the large block should be compressed";
+    ASSERT_EQ(u32At(time_blocks[1].payload, 36), 0u);
+    ASSERT_GE(u32At(time_blocks[1].payload, 24), 2u) << "damage tests need words in block 1";
+    ASSERT_GE(u32At(time_blocks[3].payload, 24), 2u) << "and in block 3";
+    clean = readRecording(path);
+    ASSERT_EQ(clean.size(), blocks.size());
+  }
+
+  // Offset in the file of a byte of time tag block `index`, counted from its payload.
+  size_t offsetIn(size_t index, size_t payload_offset) const {
+    return time_blocks[index].offset + 16 + payload_offset;
+  }
+
+  ScratchDirectory directory;
+  std::string path = directory.file("recording.ztbin");
+  std::vector<Block> blocks;
+  Bytes bytes;
+  std::vector<RawBlock> time_blocks;
+  std::vector<Block> clean;
+};
+
+TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
+  const std::string cut = directory.file("cut.ztbin");
+  for (size_t length = 0; length < bytes.size(); ++length) {
+    writeBytes(cut, Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length)));
+    LogCapture log;
+    const std::vector<Block> read = readRecording(cut);
+    size_t complete = 0;
+    for (const RawBlock& block : time_blocks) {
+      complete += block.offset + 16 + (block.payload.size() + 15) / 16 * 16 <= length;
+    }
+    ASSERT_EQ(read.size(), complete) << "cut at " << length;
+    for (size_t b = 0; b < read.size(); ++b) {
+      ASSERT_EQ(fields(read[b].tags), fields(clean[b].tags)) << "cut at " << length;
+    }
+    // The short read, then what could not be loaded: two lines, whatever the place.
+    const std::vector<std::string> messages = log.messages();
+    ASSERT_EQ(messages.size(), 2u) << "cut at " << length;
+    EXPECT_EQ(countMessages(log, "File access failed"), 1u) << "cut at " << length;
+  }
+}
+
+TEST_F(RecordedFile, KeepsConfigurationMarkerAndChannelPartners) {
+  ZeptickFileReader reader(path, true);
+  EXPECT_TRUE(reader.isOpen());
+  EXPECT_EQ(reader.getConfiguration(), "{\"first\":1}");
+  EXPECT_EQ(reader.getLastMarker(), "");  // not reached yet: only one block is loaded
+  ZeptickFile::FileId id{};
+  reader.getFileId(id);
+  EXPECT_EQ(id, (ZeptickFile::FileId{9, 8, 7, 6}));
+  EXPECT_EQ(reader.getInvertedChannel(1), -1);
+  EXPECT_EQ(reader.getInvertedChannel(-2), 2);
+  EXPECT_EQ(reader.getInvertedChannel(3), CHANNEL_UNUSED);
+  int64_t begin = 0, end = 0;
+  size_t skipped = 0;
+  while (reader.getBlockRange(begin, end)) {
+    EXPECT_EQ(begin, blocks[skipped].begin_time);
+    EXPECT_EQ(end, blocks[skipped].end_time);
+    EXPECT_TRUE(reader.skipBlock());
+    ++skipped;
+  }
+  EXPECT_EQ(skipped, blocks.size());
+  EXPECT_EQ(reader.getLastMarker(), "after block 2");
+  EXPECT_FALSE(reader.skipBlock());
+  std::vector<Tag> untouched = {timeTag(1, 1)};
+  uint64_t overflows = 0;
+  EXPECT_FALSE(reader.decodeBlock(untouched, 0, overflows));
+  EXPECT_EQ(untouched.size(), 1u);
+}
+
+struct Damage {
+  const char* what;
+  size_t block;           // time tag block
+  size_t payload_offset;  // byte within its payload
+  std::vector<std::string> messages;
+};
+
+TEST_F(RecordedFile, DamagedOrForgedBlocksEndTheFileWhenVerifying) {
+  const std::string invalid = "Time tag block data with invalid hash or signature";
+  const std::vector<Damage> damages = {
+      {"raw data", 3, 144 + 5, {"Hash missmatch", invalid}},
+      {"hash field", 3, 48 + 19, {"Hash missmatch", invalid}},
+      {"zero tail of the hash field", 3, 48 + 25, {"Hash missmatch", invalid}},
+      {"signature r", 3, 80 + 3, {"ECC signature is wrong", invalid}},
+      {"signature s", 3, 80 + 60, {"ECC signature is wrong", invalid}},
+  };
+  for (const Damage& damage : damages) {
+    SCOPED_TRACE(damage.what);
+    Bytes damaged = bytes;
+    damaged[offsetIn(damage.block, damage.payload_offset)] ^= 0x10;
+    writeBytes(path, damaged);
+    {
+      LogCapture log;
+      const std::vector<Block> read = readRecording(path, true);
+      EXPECT_EQ(read.size(), damage.block);
+      EXPECT_EQ(log.messages().size(), damage.messages.size());
+      for (const std::string& message : damage.messages) {
+        EXPECT_EQ(countMessages(log, message), 1u) << message;
+      }
+    }
+    // Without verification the damage passes unnoticed.
+    LogCapture log;
+    const std::vector<Block> read = readRecording(path, false);
+    EXPECT_EQ(read.size(), blocks.size());
+    EXPECT_TRUE(log.messages().empty());
+  }
+}
+
+TEST_F(RecordedFile, ForgedDataWithAFreshDigestFailsOnTheSignature) {
+  Bytes forged = bytes;
+  const size_t data = offsetIn(1, 144);
+  const size_t words = u32At(time_blocks[1].payload, 24);
+  ASSERT_GT(words, 0u);
+  forged[data] ^= 0x01;  // one tick later
+  unsigned int length = 0;
+  ASSERT_EQ(
+      EVP_Digest(&forged[data], words * 4, &forged[offsetIn(1, 48)], &length, EVP_sha1(), nullptr),
+      1);
+  writeBytes(path, forged);
+  LogCapture log;
+  EXPECT_EQ(readRecording(path, true).size(), 1u);
+  EXPECT_EQ(log.messages().size(), 2u);
+  EXPECT_EQ(countMessages(log, "ECC signature is wrong"), 1u);
+}
+
+TEST_F(RecordedFile, ImplausibleSizesEndTheFileWithTheirMessage) {
+  struct Edit {
+    const char* what;
+    size_t block;
+    size_t payload_offset;
+    uint32_t value;
+    std::vector<std::string> messages;
+  };
+  const std::vector<Edit> edits = {
+      {"one word more than compressed",
+       6,
+       24,
+       3001,
+       {"Time tag block data could not be decompressed"}},
+      {"a compressed block claiming 16 GiB",
+       6,
+       24,
+       0xFFFFFFFF,
+       {"Time tag block data could not be decompressed"}},
+      {"a compressed block claiming more stored bytes than its size",
+       6,
+       28,
+       0x7FFFFFFF,
+       {"Block is too small", "Compressed time tag block data could not be loaded"}},
+      {"a raw block claiming more words than its size",
+       1,
+       24,
+       0x40000000,
+       {"Block is too small", "Time tag block data could not be loaded"}},
+      {"unknown compression", 1, 36, 2, {"Time tag block data with unknown compression"}},
+  };
+  for (const Edit& edit : edits) {
+    SCOPED_TRACE(edit.what);
+    Bytes edited = bytes;
+    putLittleEndian(edited, offsetIn(edit.block, edit.payload_offset), edit.value, 4);
+    writeBytes(path, edited);
+    LogCapture log;
+    EXPECT_EQ(readRecording(path, false).size(), edit.block);
+    EXPECT_EQ(log.messages().size(), edit.messages.size());
+    for (const std::string& message : edit.messages) {
+      EXPECT_EQ(countMessages(log, message), 1u) << message;
+    }
+  }
+}
+
+TEST(FileReader, MissingFileHasNoBlockAndNoMessage) {
+  ScratchDirectory directory;
+  LogCapture log;
+  ZeptickFileReader reader(directory.file("missing.ztbin"), true);
+  int64_t begin = 0, end = 0;
+  EXPECT_FALSE(reader.isOpen());
+  EXPECT_FALSE(reader.getBlockRange(begin, end));
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(FileReader, TooNewFileKeepsItsIdentifierAndYieldsNothing) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("new.ztbin");
+  writeBytes(path, FileBuilder()
+                       .fileHeader(2, 40)
+                       .channelMap({{0, 1, -1}})
+                       .timeTags(0, 10, {shortTag(1, 0)})
+                       .end()
+                       .bytes);
+  LogCapture log;
+  ZeptickFileReader reader(path, false);
+  int64_t begin = 0, end = 0;
+  EXPECT_FALSE(reader.getBlockRange(begin, end));
+  ZeptickFile::FileId id{};
+  reader.getFileId(id);
+  EXPECT_EQ(id, (ZeptickFile::FileId{40, 41, 42, 43}));
+  EXPECT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(countMessages(log, "This file is too new. Please update your Zeptick installation."),
+            1u);
+}
+
+TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnitAndTheLatestChannelMaps) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("unit.ztbin");
+  // Worked by hand with time_unit 3 from start time 100.
+  const std::vector<uint32_t> words = {
+      shortTag(1, 251),  // t = 100 + (3 << 24)
+      shortTag(2, 0),    // t += 6: time tag on index 0
+      shortTag(1, 252),  // t += 3 << 48
+      shortTag(0, 1),    // time tag on index 1 at the same t
+      shortTag(4, 253),  // t += 12: overflow begins
+      shortTag(9, 0),    // 9 missed events on index 0 at t
+      shortTag(5, 7),    // index 7 is in no map: the unused channel
+      shortTag(1, 254),  // t += 3: overflow ends
+      shortTag(5, 255),  // t += 15: error
+      shortTag(0, 7),    // time tag on an unmapped index
+  };
+  writeBytes(path, FileBuilder()
+                       .fileHeader()
+                       .channelMap({{0, 4, -4}, {1, 2, -2}})
+                       .channelMap({{1, 9, -9}, {600, 6, -6}})  // refines; 600 names no code
+                       .block(77, Bytes(40, 0xAB))              // a kind this reader does not know
+                       .timeTags(100, 200, words, 3)
+                       .block(77, {})
+                       .timeTags(200, 300, {shortTag(8, 1)}, 1, true)
+                       .end()
+                       .bytes);
+  LogCapture log;
+  ZeptickFileReader reader(path, false);
+  std::vector<Tag> tags;
+  uint64_t overflows = 10;
+  ASSERT_TRUE(reader.decodeBlock(tags, 100, overflows));
+  const int64_t t1 = 100 + (int64_t{3} << 24) + 6;
+  const int64_t t2 = t1 + (int64_t{3} << 48);
+  const int64_t t3 = t2 + 12;
+  const std::vector<Tag> expected = {
+      timeTag(4, t1),
+      timeTag(9, t2),
+      specialTag(Tag::Type::OverflowBegin, t3),
+      Tag{Tag::Type::MissedEvents, 0, 9, 4, t3},
+      Tag{Tag::Type::MissedEvents, 0, 5, CHANNEL_UNUSED, t3},
+      specialTag(Tag::Type::OverflowEnd, t3 + 3),
+      specialTag(Tag::Type::Error, t3 + 18),
+      timeTag(CHANNEL_UNUSED, t3 + 18),
+  };
+  EXPECT_EQ(fields(tags), fields(expected));
+  EXPECT_EQ(overflows, 12u);
+  // The second block starts in overflow: its channel word is a missed-event count. A start
+  // time other than begin_time moves the whole block.
+  ASSERT_TRUE(reader.decodeBlock(tags, 5000, overflows));
+  EXPECT_EQ(fields(tags), fields({Tag{Tag::Type::MissedEvents, 0, 8, 9, 5000}}));
+  EXPECT_EQ(reader.getInvertedChannel(2), -2);  // kept though its index was given to 9
+  EXPECT_EQ(reader.getInvertedChannel(-9), 9);
+  EXPECT_EQ(reader.getInvertedChannel(6), -6);
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(FileReader, BlocksSmallerThanTheirFieldsAndUnalignedFiles) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("small.ztbin");
+  struct Case {
+    const char* what;
+    Bytes file;
+    std::vector<std::string> messages;
+  };
+  const std::vector<Case> cases = {
+      {"file header",
+       FileBuilder().blockWithSize(2, 8, Bytes(32, 0)).bytes,
+       {"Block is too small", "File header could not be loaded"}},
+      {"channel map head",
+       FileBuilder().fileHeader().blockWithSize(3, 8, Bytes(16, 0)).bytes,
+       {"Block is too small", "Channel map could not be loaded"}},
+      {"channel map entries",
+       FileBuilder().fileHeader().blockWithSize(3, 32, {3, 0, 0, 0}).bytes,
+       {"Block is too small", "Channel map data could not be loaded"}},
+      {"time tag header",
+       FileBuilder().fileHeader().blockWithSize(4, 100, Bytes(144, 0)).bytes,
+       {"Block is too small", "Time tag block header could not be loaded"}},
+      {"configuration of 4 GiB",
+       FileBuilder().fileHeader().blockWithSize(5, 0xFFFFFFF0, Bytes(64, 'x')).bytes,
+       {"File access failed", "JSON config could not be loaded"}},
+      {"marker past the end",
+       FileBuilder().fileHeader().blockWithSize(6, 40, Bytes(20, 'x')).bytes,
+       {"File access failed", "last_marker could not be loaded"}},
+      {"channel map of 4 G entries",
+       FileBuilder().fileHeader().blockWithSize(3, 0xFFFFFFF0, {0xF0, 0xFF, 0xFF, 0x0F}).bytes,
+       {"File access failed", "Channel map data could not be loaded"}},
+      {"wrong magic", Bytes(48, 1), {"Incorrect Header"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    writeBytes(path, c.file);
+    LogCapture log;
+    EXPECT_TRUE(readRecording(path).empty());
+    EXPECT_EQ(log.messages().size(), c.messages.size());
+    for (const std::string& message : c.messages) {
+      EXPECT_EQ(countMessages(log, message), 1u) << message;
+    }
+  }
+
+  // Alignment 0: no padding anywhere after the file header.
+  FileBuilder unaligned;
+  unaligned.fileHeader(1, 7, 0);
+  unaligned.pad = false;
+  unaligned.block(5, {'{', '}', ' '}).channelMap({{0, 3, -3}}).timeTags(0, 9, {shortTag(4, 0)});
+  unaligned.end();
+  writeBytes(path, unaligned.bytes);
+  LogCapture log;
+  ZeptickFileReader reader(path, false);
+  std::vector<Tag> tags;
+  uint64_t overflows = 0;
+  ASSERT_TRUE(reader.decodeBlock(tags, 0, overflows));
+  EXPECT_EQ(fields(tags), fields({timeTag(3, 4)}));
+  EXPECT_EQ(reader.getConfiguration(), "{} ");
+  EXPECT_TRUE(log.messages().empty());
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Under an address-space limit far below what the headers claim, the reader must still end
+// these files calmly: a single allocation of the claimed size would throw.
+[[noreturn]] void readWithLittleMemory(const std::string& path) {
+  rlimit limit{uint64_t{1} << 30, uint64_t{1} << 30};
+  setrlimit(RLIMIT_AS, &limit);
+  try {
+    readRecording(path, false);
+  } catch (...) {
+    std::_Exit(1);
+  }
+  std::_Exit(0);
+}
+
+TEST(FileReader, HeaderClaimsDoNotAllocate) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("claims.ztbin");
+  Bytes header(144, 0);
+  putLittleEndian(header, 24, 0x3FFFFF00, 4);  // word_count: 4 GiB of words
+  putLittleEndian(header, 28, 0xFFFFFC00, 4);
+  const std::vector<Bytes> files = {
+      FileBuilder().fileHeader().blockWithSize(4, 0xFFFFFFF0, header).bytes,
+      FileBuilder().fileHeader().blockWithSize(5, 0xFFFFFFF0, Bytes(64, 'x')).bytes,
+  };
+  for (const Bytes& file : files) {
+    writeBytes(path, file);
+    EXPECT_EXIT(readWithLittleMemory(path), ::testing::ExitedWithCode(0), "");
+  }
+}
+#endif
+
+}  // namespace
+}  // namespace zeptick::testing

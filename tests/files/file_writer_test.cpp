@@ -1,0 +1,258 @@
+// ZeptickFileWriter: compression choice, channel numbering, failures with their messages,
+// parallel finishing, and reuse of block states.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "file_format_testing.h"
+
+namespace zeptick::testing {
+namespace {
+
+// `count` tags on channel 1, one per word: equal times compress well, random gaps do not.
+std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible, uint64_t seed = 1) {
+  std::mt19937_64 rng(seed);
+  std::vector<Tag> tags;
+  int64_t time = 0;
+  for (size_t i = 0; i < count; ++i) {
+    if (!compressible) time += static_cast<int64_t>(rng() % (1 << 23));
+    tags.push_back(timeTag(1, time));
+  }
+  return tags;
+}
+
+struct StoredForm {
+  uint32_t compression;
+  uint32_t stored_size;
+  uint32_t word_count;
+};
+
+StoredForm finishAndWrite(const std::string& path, const std::vector<Tag>& tags) {
+  ZeptickFileWriter writer(path, 0, {});
+  writer.writeChannelMap({{1, -1}});
+  auto* state = writer.encodeBlock(tags, 0, tags.empty() ? 1 : tags.back().time + 1);
+  ZeptickFileWriter::finishBlock(state);
+  const StoredForm form{state->header.compression, state->header.stored_size,
+                        state->header.word_count};
+  writer.writeBlock(state);
+  writer.recycleBlock(state);
+  return form;
+}
+
+TEST(FileWriter, CompressesFromOneKibibyteOnAndOnlyWhenItShrinks) {
+  ScratchDirectory directory;
+  struct Case {
+    size_t words;
+    bool compressible;
+    uint32_t compression;
+  };
+  for (const Case& c : {Case{255, true, 0}, Case{256, true, 1}, Case{5000, true, 1},
+                        Case{5000, false, 0}, Case{0, true, 0}}) {
+    SCOPED_TRACE(::testing::Message() << c.words << " words, compressible " << c.compressible);
+    const std::string path = directory.file("c" + std::to_string(c.words) + ".ztbin");
+    const std::vector<Tag> tags = tagsOnOneChannel(c.words, c.compressible);
+    const StoredForm form = finishAndWrite(path, tags);
+    EXPECT_EQ(form.word_count, c.words);
+    EXPECT_EQ(form.compression, c.compression);
+    if (c.compression == 0) {
+      EXPECT_EQ(form.stored_size, c.words * 4);
+    } else {
+      EXPECT_LT(form.stored_size, c.words * 4);
+    }
+    const std::vector<Block> read = readRecording(path);
+    ASSERT_EQ(read.size(), 1u);
+    EXPECT_EQ(fields(read[0].tags), fields(tags));
+  }
+}
+
+TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
+  ScratchDirectory directory;
+  const std::string path = directory.file("map.ztbin");
+  {
+    ZeptickFileWriter writer(path, 0, {});
+    std::vector<std::pair<int32_t, int32_t>> many;
+    for (int32_t channel = 1; channel <= 251; ++channel) many.emplace_back(channel, -channel);
+    many.emplace_back(7, -7);  // a repeat takes no number
+    writer.writeChannelMap(many);
+    many.emplace_back(252, -252);
+    try {
+      writer.writeChannelMap(many);
+      ADD_FAILURE() << "a 252nd channel was accepted";
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(),
+                   "Too many channels. This format does not support more than 250 channels.");
+    }
+    // The failed map changed nothing: channel 251 still has the last index.
+    const std::vector<Tag> first = {timeTag(251, 10), timeTag(252, 11)};
+    auto* state = writer.encodeBlock(first, 0, 20);
+    ASSERT_EQ(state->data.size(), 1u);
+    EXPECT_EQ(state->data[0].word, shortTag(10, 250));
+    ZeptickFileWriter::finishBlock(state);
+    writer.writeBlock(state);
+    writer.recycleBlock(state);
+
+    // A new map replaces the numbering; channel 1 is no longer known.
+    writer.writeChannelMap({{2, -2}});
+    const std::vector<Tag> second = {timeTag(1, 25), timeTag(2, 30)};
+    state = writer.encodeBlock(second, 20, 40);
+    ASSERT_EQ(state->data.size(), 1u);
+    EXPECT_EQ(state->data[0].word, shortTag(10, 0));
+    ZeptickFileWriter::finishBlock(state);
+    writer.writeBlock(state);
+    writer.recycleBlock(state);
+  }
+  const std::vector<Block> read = readRecording(path);
+  ASSERT_EQ(read.size(), 2u);
+  EXPECT_EQ(fields(read[0].tags), fields({timeTag(251, 10)}));
+  EXPECT_EQ(fields(read[1].tags), fields({timeTag(2, 30)}));
+}
+
+TEST(FileWriter, OpeningFailureNamesTheBaseNameAsGiven) {
+  try {
+    ZeptickFileWriter writer("/nonexistent-zeptick-dir/data", 3, {});
+    ADD_FAILURE() << "opened a file in a missing directory";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(),
+                 "FileWriter: Error on opening the file '/nonexistent-zeptick-dir/data' for "
+                 "writing.");
+  }
+}
+
+TEST(FileWriter, FullDiskRaisesTheWriteErrorAndClosingLogsIt) {
+  ScratchDirectory directory;
+  const std::string base = directory.file("full");
+  ASSERT_EQ(symlink("/dev/full", (base + ".ztbin").c_str()), 0);
+  LogCapture log;
+  {
+    ZeptickFileWriter writer(base, 0, {});
+    // More than the stream buffer, so the bytes must reach the device.
+    const std::vector<Tag> tags = tagsOnOneChannel(600000, false);
+    writer.writeChannelMap({{1, -1}});
+    auto* state = writer.encodeBlock(tags, 0, tags.back().time + 1);
+    ZeptickFileWriter::finishBlock(state);
+    try {
+      writer.writeBlock(state);
+      ADD_FAILURE() << "writing to a full disk succeeded";
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(), "FileWriter: Error on writing to the disk.");
+    }
+    writer.recycleBlock(state);
+  }
+  EXPECT_EQ(countMessages(log, "FileWriter: Error on writing to the disk."), 1u);
+}
+
+TEST(FileWriter, BlocksFinishedOnSeveralThreadsReadBackInOrder) {
+  ScratchDirectory directory;
+  std::mt19937_64 rng(99);
+  const std::vector<Block> blocks = makeRandomBlocks(rng, 400, {1, 2, 3});
+  std::vector<Block> large;  // some blocks big enough to be compressed
+  for (size_t i = 0; i < 20; ++i) {
+    Block block;
+    block.begin_time = blocks.back().end_time + static_cast<int64_t>(i) * 1000000;
+    block.end_time = block.begin_time + 1000000;
+    for (int64_t t = 0; t < 2000; ++t)
+      block.tags.push_back(timeTag(1 + t % 3, block.begin_time + t * 7));
+    large.push_back(block);
+  }
+  std::vector<Block> all = blocks;
+  all.insert(all.end(), large.begin(), large.end());
+
+  const std::string serial_path = directory.file("serial.ztbin");
+  const std::string parallel_path = directory.file("parallel.ztbin");
+  writeRecording(serial_path, all, {{1, -1}, {2, -2}, {3, -3}});
+  {
+    ZeptickFileWriter writer(parallel_path, 0, {1, 2, 3, 4});
+    writer.writeConfiguration("{\"model\":\"test\"}");
+    writer.writeChannelMap({{1, -1}, {2, -2}, {3, -3}});
+    std::vector<ZeptickFileWriter::TimeTagBlockState*> states;
+    for (const Block& block : all) {
+      states.push_back(writer.encodeBlock(block.tags, block.begin_time, block.end_time));
+    }
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        for (size_t i = next++; i < states.size(); i = next++) {
+          ZeptickFileWriter::finishBlock(states[i]);
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (auto* state : states) writer.writeBlock(state);
+    for (auto* state : states) writer.recycleBlock(state);
+  }
+  // Same words, same stored form; the signatures differ, ECDSA being randomised, and both
+  // verify.
+  const std::vector<Block> serial = readRecording(serial_path);
+  const std::vector<Block> parallel = readRecording(parallel_path);
+  ASSERT_EQ(parallel.size(), all.size());
+  ASSERT_EQ(serial.size(), all.size());
+  for (size_t b = 0; b < all.size(); ++b) {
+    EXPECT_EQ(parallel[b].begin_time, all[b].begin_time);
+    ASSERT_EQ(fields(parallel[b].tags), fields(serial[b].tags)) << "block " << b;
+  }
+  EXPECT_EQ(readBytes(serial_path).size(), readBytes(parallel_path).size());
+}
+
+TEST(FileWriter, ReusesBlockStatesWithoutGrowingThem) {
+  ScratchDirectory directory;
+  ZeptickFileWriter writer(directory.file("pool"), 0, {});
+  writer.writeChannelMap({{1, -1}});
+  const std::vector<Tag> tags = tagsOnOneChannel(3000, true);
+  const ZeptickFileWriter::TimeTagBlockState* first_state = nullptr;
+  const void* first_words = nullptr;
+  for (int i = 0; i < 50; ++i) {
+    auto* state = writer.encodeBlock(tags, 0, 10);
+    ZeptickFileWriter::finishBlock(state);
+    if (i == 0) {
+      first_state = state;
+      first_words = state->data.data();
+    }
+    EXPECT_EQ(state, first_state);
+    EXPECT_EQ(static_cast<const void*>(state->data.data()), first_words) << "block " << i;
+    writer.writeBlock(state);
+    writer.recycleBlock(state);
+  }
+  // Two blocks in flight at once need two states, and no more afterwards.
+  auto* a = writer.encodeBlock(tags, 0, 10);
+  auto* b = writer.encodeBlock(tags, 0, 10);
+  EXPECT_NE(a, b);
+  writer.recycleBlock(a);
+  writer.recycleBlock(b);
+  for (int i = 0; i < 10; ++i) writer.recycleBlock(writer.encodeBlock(tags, 0, 10));
+  EXPECT_EQ(writer.getBlockPool()->size(), 2u);
+}
+
+TEST(FileWriter, BlockInFlightOutlivesItsWriterThroughTheSharedPool) {
+  ScratchDirectory directory;
+  const std::vector<Tag> tags = tagsOnOneChannel(500, false);
+  auto first = std::make_unique<ZeptickFileWriter>(directory.file("split"), 0,
+                                                   ZeptickFile::FileId{5, 6, 7, 8});
+  first->writeChannelMap({{1, -1}});
+  auto* state = first->encodeBlock(tags, 0, tags.back().time + 1);
+  // A split replaces the writer while the block is still to be finished and written.
+  auto second = std::make_unique<ZeptickFileWriter>(
+      directory.file("split"), 1, ZeptickFile::FileId{5, 6, 7, 8}, first->getBlockPool());
+  second->writeChannelMap({{1, -1}});
+  const uint64_t head_bytes = second->getBytesWritten();
+  first.reset();
+  ZeptickFileWriter::finishBlock(state);
+  second->writeBlock(state);
+  const uint32_t stored = state->header.stored_size;
+  second->recycleBlock(state);
+  EXPECT_EQ(second->getBytesWritten(),
+            head_bytes + 16 + 144 + stored + ZeptickFile::paddingAfter(stored));
+  const uint64_t bytes = second->getBytesWritten();
+  second.reset();
+  EXPECT_EQ(readBytes(directory.file("split.1.ztbin")).size(), bytes + 16);  // + end block
+  const std::vector<Block> read = readRecording(directory.file("split.1.ztbin"));
+  ASSERT_EQ(read.size(), 1u);
+  EXPECT_EQ(fields(read[0].tags), fields(tags));
+}
+
+}  // namespace
+}  // namespace zeptick::testing
