@@ -57,7 +57,11 @@ class ZEPTICK_API EventGenerator : public IteratorBase {
   bool in_overflow = false;
   std::vector<int64_t> pattern;
   std::vector<Tag> output;
-  std::vector<Tag> pending;  // binary heap, earliest on top
+  // Generated tags waiting for their time: one queue per distinct offset,
+  // each in time order since triggers come in time order, merged by a small
+  // heap of queues. That costs log(offsets), not log(tags waiting).
+  struct Pending;
+  std::unique_ptr<Pending> pending;
   bool non_negative = true;
   int64_t lag = 0;
   std::unique_ptr<detail::TagQueue> delayed;  // the lagging stream, with a negative pattern
