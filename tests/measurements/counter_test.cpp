@@ -12,6 +12,7 @@
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
+#include "support/virtual_channel_direct.h"
 
 namespace zeptick {
 namespace {
@@ -20,25 +21,14 @@ using testing::Block;
 using testing::TestZeptick;
 using Rows = std::vector<std::vector<int32_t>>;
 
-Tag timeTag(int channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
+using testing::timeTag;
 
-// Fed by hand, without threads: stopped at once, so no worker calls next_impl.
-class DirectCounter : public Counter {
+// Fed by hand on the test's thread (see Direct).
+class DirectCounter : public testing::Direct<Counter> {
  public:
-  DirectCounter(ZeptickBase* tagger, std::vector<int> channels, int64_t binwidth, int32_t n)
-      : Counter(tagger, std::move(channels), binwidth, n) {
-    stop();
-    clear();
-  }
+  using Direct::Direct;
   void feed(int64_t begin_time, int64_t end_time, std::vector<Tag> tags = {}) {
-    lock();
-    next_impl(tags, begin_time, end_time);
-    unlock();
-  }
-  void restart() {
-    lock();
-    on_start();
-    unlock();
+    Direct::feed(std::move(tags), begin_time, end_time);
   }
   Rows rows() {
     Rows out;
@@ -147,7 +137,7 @@ TEST_F(CounterTest, RejectsBadArguments) {
 }
 
 TEST_F(CounterTest, BinsFollowTheStreamClockAndReturnOldestFirst) {
-  DirectCounter counter(&tagger, {1, 2, 1}, 100, 3);
+  DirectCounter counter(&tagger, std::vector<int>{1, 2, 1}, 100, 3);
   EXPECT_EQ(counter.rows(), Rows(3, {0, 0, 0}));
   // Grid from 1000: bins [1000,1100), [1100,1200), ... A tag at exactly 1100
   // belongs to the second bin.
@@ -168,12 +158,12 @@ TEST_F(CounterTest, BinsFollowTheStreamClockAndReturnOldestFirst) {
 
 TEST_F(CounterTest, AGapOfAWholeRingClearsItAndRealignsTheGrid) {
   // Ring of 3 columns of 100 ps, grid from 1000 with one count in the open bin.
-  DirectCounter shorter(&tagger, {1}, 100, 2);
+  DirectCounter shorter(&tagger, std::vector<int>{1}, 100, 2);
   shorter.feed(1000, 1001, {timeTag(1, 1000)});
   shorter.feed(1001, 1299);  // 299 ps after the grid's start: walks two bins
   EXPECT_EQ(shorter.rows(), (Rows{{1, 0}}));
 
-  DirectCounter whole(&tagger, {1}, 100, 2);
+  DirectCounter whole(&tagger, std::vector<int>{1}, 100, 2);
   whole.feed(1000, 1001, {timeTag(1, 1000)});
   whole.feed(1001, 1300);  // exactly the ring: all forgotten
   EXPECT_EQ(whole.rows(), (Rows{{0, 0}}));
