@@ -21,6 +21,8 @@ class TagQueue;
 /// the reference channel (4 ns plus 1 ns per channel number). The whole stream
 /// is held back by the window, times unchanged, so that each mean can be
 /// sorted in. Any tag but a time tag forgets the latest times.
+/// Since times stay unchanged, a block behind this channel may carry tags up
+/// to `window` older than its begin_time; the stream as a whole stays in order.
 class ZEPTICK_API AverageChannel : public IteratorBase {
  public:
   /// Sets the input multiplexer of every input other than the reference's
