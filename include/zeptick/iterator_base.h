@@ -13,6 +13,7 @@
 namespace zeptick {
 
 struct IteratorBaseListNode;
+class SynchronizedMeasurements;
 class ZeptickRunner;
 
 /// Base of every measurement and virtual channel. A subclass registers its
@@ -95,6 +96,9 @@ class ZEPTICK_API IteratorBase {
   IteratorBaseListNode* iterator_node;
   int64_t max_capture_duration = -1;
   uint32_t fence = 0;
+  // The group this measurement belongs to, so that it can leave it when destroyed.
+  // Written under the group's mutex.
+  SynchronizedMeasurements* group = nullptr;
 };
 
 }  // namespace zeptick

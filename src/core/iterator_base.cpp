@@ -5,6 +5,7 @@
 
 #include "core/iterator_base_list_node.h"
 #include "core/log.h"
+#include "zeptick/synchronized_measurements.h"
 
 namespace zeptick {
 
@@ -14,6 +15,8 @@ IteratorBase::IteratorBase(ZeptickBase* tagger) : tagger(tagger) {
 }
 
 IteratorBase::~IteratorBase() {
+  // Before any lock of ours: the group takes its own lock and then ours.
+  if (group != nullptr) group->forget(this);
   IteratorBaseListNode* node = iterator_node;
   // The turnstile keeps out a worker that has seen this node alive but not yet
   // entered next(); it is released last, because once it falls a worker may

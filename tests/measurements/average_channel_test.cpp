@@ -1,0 +1,348 @@
+#include "zeptick/average_channel.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/recording_measurement.h"
+#include "support/virtual_channel_direct.h"
+#include "support/virtual_channel_harness.h"
+
+namespace zeptick {
+namespace {
+
+using ::testing::_;
+using testing::Block;
+using testing::Direct;
+using testing::marker;
+using ::testing::NiceMock;
+using testing::RecordingMeasurement;
+using ::testing::Return;
+using testing::sameTags;
+using testing::TagStream;
+using testing::TestZeptick;
+using testing::timeTag;
+
+std::vector<int> channelList(size_t count) {
+  std::vector<int> list;
+  for (size_t i = 0; i < count; ++i) list.push_back(static_cast<int>(i / 2 + 1) * (i % 2 ? -1 : 1));
+  return list;
+}
+
+// A hardware tagger for tests: the stream, fences and channels are those of a
+// TestZeptick, the hardware operations are mocked, and the device reports as
+// many channels as the test asks for.
+class MockZeptick : public Zeptick {
+ public:
+  explicit MockZeptick(ZeptickBase* stream, size_t channels = 36) : stream(stream) {
+    ON_CALL(*this, getChannelList(_)).WillByDefault(Return(channelList(channels)));
+  }
+  ~MockZeptick() override = default;
+
+  uint32_t getFence(bool alloc_fence) override { return stream->getFence(alloc_fence); }
+  bool waitForFence(uint32_t fence, int timeout) override {
+    return stream->waitForFence(fence, timeout);
+  }
+  bool sync() override { return stream->sync(); }
+  int getInvertedChannel(int channel) override { return stream->getInvertedChannel(channel); }
+  bool isUnusedChannel(int channel) override { return stream->isUnusedChannel(channel); }
+  void runSynchronized(const SynchronizedCallbacks& callbacks, bool block) override {
+    stream->runSynchronized(callbacks, block);
+  }
+  std::string getConfiguration() override { return stream->getConfiguration(); }
+  void setInputDelay(int channel, int64_t delay) override { stream->setInputDelay(channel, delay); }
+  int64_t getInputDelay(int channel) override { return stream->getInputDelay(channel); }
+  int64_t setDeadtime(int channel, int64_t deadtime) override {
+    return stream->setDeadtime(channel, deadtime);
+  }
+  int64_t getDeadtime(int channel) override { return stream->getDeadtime(channel); }
+  void setTestSignal(std::vector<int> channels, bool enabled) override {
+    stream->setTestSignal(std::move(channels), enabled);
+  }
+  void setTestSignal(int channel, bool enabled) override {
+    stream->setTestSignal(channel, enabled);
+  }
+  bool getTestSignal(int channel) override { return stream->getTestSignal(channel); }
+  int64_t getOverflows() override { return stream->getOverflows(); }
+  void clearOverflows() override { stream->clearOverflows(); }
+  int64_t getOverflowsAndClear() override { return stream->getOverflowsAndClear(); }
+  IteratorBaseListNode* addIterator(IteratorBase* iterator) override {
+    return stream->addIterator(iterator);
+  }
+  int getNewVirtualChannel() override { return stream->getNewVirtualChannel(); }
+  void registerChannel(int channel) override { stream->registerChannel(channel); }
+  void unregisterChannel(int channel) override { stream->unregisterChannel(channel); }
+
+  MOCK_METHOD(void, reset, (), (override));
+  MOCK_METHOD(void, setTestSignalDivider, (int), (override));
+  MOCK_METHOD(int, getTestSignalDivider, (), (override));
+  MOCK_METHOD(void, setTriggerLevel, (int, double), (override));
+  MOCK_METHOD(double, getTriggerLevel, (int), (override));
+  MOCK_METHOD(int64_t, getHardwareDelayCompensation, (int), (override));
+  MOCK_METHOD(void, setInputMux, (int, int), (override));
+  MOCK_METHOD(int, getInputMux, (int), (override));
+  MOCK_METHOD(void, setConditionalFilter, (std::vector<int>, std::vector<int>, bool), (override));
+  MOCK_METHOD(void, clearConditionalFilter, (), (override));
+  MOCK_METHOD(std::vector<int>, getConditionalFilterTrigger, (), (override));
+  MOCK_METHOD(std::vector<int>, getConditionalFilterFiltered, (), (override));
+  MOCK_METHOD(void, setNormalization, (bool), (override));
+  MOCK_METHOD(bool, getNormalization, (), (override));
+  MOCK_METHOD(void, setHardwareBufferSize, (int), (override));
+  MOCK_METHOD(int, getHardwareBufferSize, (), (override));
+  MOCK_METHOD(void, setStreamBlockSize, (int, int), (override));
+  MOCK_METHOD(int, getStreamBlockSizeEvents, (), (override));
+  MOCK_METHOD(int, getStreamBlockSizeLatency, (), (override));
+  MOCK_METHOD(void, setEventDivider, (int, uint32_t), (override));
+  MOCK_METHOD(uint32_t, getEventDivider, (int), (override));
+  MOCK_METHOD(void, autoCalibration, (std::function<double*(size_t)>), (override));
+  MOCK_METHOD(std::string, getSerial, (), (override));
+  MOCK_METHOD(std::string, getModel, (), (override));
+  MOCK_METHOD(int, getChannelNumberScheme, (), (override));
+  MOCK_METHOD(std::vector<double>, getDACRange, (), (override));
+  MOCK_METHOD(void, getDistributionCount, (std::function<int64_t*(size_t, size_t)>), (override));
+  MOCK_METHOD(void, getDistributionPSecs, (std::function<int64_t*(size_t, size_t)>), (override));
+  MOCK_METHOD(std::vector<int>, getChannelList, (int), (override));
+  MOCK_METHOD(int64_t, getPsPerClock, (), (override));
+  MOCK_METHOD(std::string, getPcbVersion, (), (override));
+  MOCK_METHOD(std::string, getFirmwareVersion, (), (override));
+  MOCK_METHOD(std::string, getSensorData, (), (override));
+  MOCK_METHOD(void, setLED, (uint32_t), (override));
+  MOCK_METHOD(uint32_t, factoryAccess, (uint32_t, uint32_t, uint32_t, uint32_t), (override));
+
+ private:
+  ZeptickBase* stream;
+};
+
+// The channel's rules on the whole stream: a time tag on an input takes that
+// input's latest time; if every input's latest time lies within the window
+// before it, a mean tag goes out at its time less the rounded-down mean
+// difference. Anything but a time tag forgets all latest times. Every tag
+// leaves with its own time, means behind stream tags of the same time, and
+// only what lies more than a window before the end leaves at all.
+std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>& channels,
+                           int64_t window, int virtual_channel, int64_t run_end) {
+  std::vector<Tag> means;
+  std::vector<std::optional<int64_t>> latest(channels.size());
+  for (const Tag& tag : input) {
+    if (tag.type != Tag::Type::TimeTag) {
+      std::fill(latest.begin(), latest.end(), std::nullopt);
+      continue;
+    }
+    for (size_t i = 0; i < channels.size(); ++i) {
+      if (channels[i] != tag.channel) continue;
+      latest[i] = tag.time;
+      int64_t sum = 0;
+      bool complete = true;
+      for (const auto& last : latest) {
+        complete = complete && last && tag.time - *last < window;
+        if (complete) sum += tag.time - *last;
+      }
+      if (complete) {
+        means.push_back(timeTag(virtual_channel, tag.time - sum / int64_t(channels.size())));
+      }
+    }
+  }
+  std::vector<Tag> out;
+  std::stable_sort(means.begin(), means.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  size_t next = 0;
+  for (const Tag& tag : input) {
+    while (next < means.size() && means[next].time < tag.time) out.push_back(means[next++]);
+    out.push_back(tag);
+  }
+  out.insert(out.end(), means.begin() + static_cast<ptrdiff_t>(next), means.end());
+  std::erase_if(out, [&](const Tag& tag) { return tag.time + window >= run_end; });
+  return out;
+}
+
+class AverageChannelTest : public ::testing::Test {
+ protected:
+  AverageChannelTest() { stream.setIdleSpan(0); }
+  TestZeptick stream{"TEST-1", 2};
+  NiceMock<MockZeptick> tagger{&stream};
+};
+
+TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
+  NiceMock<MockZeptick> small(&stream, 35);
+  try {
+    AverageChannel average(&small, 1, {1, 2});
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "The AverageChannel measurement class is only supported on Zeptick Ultra 18 "
+                 "devices.");
+  }
+  EXPECT_EQ(stream.registrations(1), 0);
+
+  // Smaller in magnitude than the reference: 2; larger: 1; equal (the
+  // reference itself or its other edge): nothing.
+  ::testing::InSequence in_order;
+  EXPECT_CALL(tagger, setInputMux(2, 2));
+  EXPECT_CALL(tagger, setInputMux(-4, 1));
+  EXPECT_CALL(tagger, setInputMux(7, 1));
+  EXPECT_CALL(tagger, setInputMux(-1, 2));
+  AverageChannel average(&tagger, 3, {3, 2, -4, -3, 7, -1});
+  EXPECT_EQ(average.getChannel(), testing::kFirstVirtualChannel);
+  for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(stream.registrations(channel), 1);
+}
+
+// The window as the stream sees it: a tag leaves once a block ends more than
+// a window after it.
+int64_t measuredWindow(Zeptick* tagger, int reference_channel, std::vector<int> channels) {
+  auto leaves = [&](int64_t end) {
+    Direct<AverageChannel> average(tagger, reference_channel, channels);
+    return !average.feed({timeTag(9, 100000)}, 0, 100000 + end).empty();
+  };
+  for (int64_t window = 1000; window <= 20000; window += 1000) {
+    if (!leaves(window) && leaves(window + 1)) return window;
+  }
+  return -1;
+}
+
+TEST_F(AverageChannelTest, WindowGrowsWithTheDistanceFromTheReference) {
+  EXPECT_EQ(measuredWindow(&tagger, 5, {5}), 4000);
+  EXPECT_EQ(measuredWindow(&tagger, 5, {5, 6, 7}), 6000);
+  EXPECT_EQ(measuredWindow(&tagger, 5, {7, 6, -2}), 11000);
+  EXPECT_EQ(measuredWindow(&tagger, 5, {}), 4000);
+}
+
+TEST_F(AverageChannelTest, MeanRoundsDownTowardsTheLatestTag) {
+  Direct<AverageChannel> pair(&tagger, 1, std::vector<int>{1, 2});
+  const int v = pair.getChannel();
+  std::vector<Tag> out = pair.feed({timeTag(1, 1000000), timeTag(2, 1000100)}, 0, 2000000);
+  EXPECT_TRUE(sameTags(out, {timeTag(1, 1000000), timeTag(v, 1000050), timeTag(2, 1000100)}));
+  // Differences 0 and 1: mean 0, so the new tag sits on the latest one.
+  out = pair.feed({timeTag(1, 3000000), timeTag(2, 3000001)}, 2000000, 4000000);
+  EXPECT_TRUE(sameTags(out, {timeTag(1, 3000000), timeTag(2, 3000001), timeTag(v, 3000001)}));
+  // Window 5000: a tag exactly a window after the other gives nothing, as does
+  // an overflow between.
+  out = pair.feed({timeTag(1, 5000000), timeTag(2, 5005000), timeTag(1, 6000000),
+                   marker(Tag::Type::OverflowBegin, 6000001),
+                   marker(Tag::Type::OverflowEnd, 6000002), timeTag(2, 6000003)},
+                  4000000, 7000000);
+  for (const Tag& tag : out) EXPECT_NE(tag.channel, v) << testing::describe(tag);
+  // Held back by the window: nothing within 5000 ps of the block end leaves.
+  out = pair.feed({timeTag(3, 7000000)}, 7000000, 7005000);
+  EXPECT_TRUE(out.empty());
+  out = pair.feed({}, 7005000, 7005001);
+  EXPECT_TRUE(sameTags(out, {timeTag(3, 7000000)}));
+
+  // Differences 0, 1 and 2 (channel 1 listed twice weighs double): mean 1.
+  Direct<AverageChannel> triple(&tagger, 1, std::vector<int>{1, 2, 3});
+  const int w = triple.getChannel();
+  out = triple.feed({timeTag(1, 1000000), timeTag(2, 1000001), timeTag(3, 1000002)}, 0, 2000000);
+  EXPECT_TRUE(sameTags(
+      out, {timeTag(1, 1000000), timeTag(2, 1000001), timeTag(w, 1000001), timeTag(3, 1000002)}));
+}
+
+// Cuts of one stream: one block, a cut at every tag time, then random cuts
+// with empty and zero-length blocks; a tail lets everything held back out.
+std::vector<std::vector<Block>> cuttings(const TagStream& stream, int64_t tail,
+                                         std::mt19937_64& rng) {
+  std::vector<std::vector<int64_t>> cut_sets(2);
+  for (const Tag& tag : stream.tags) cut_sets[1].push_back(tag.time);
+  std::uniform_int_distribution<int64_t> anywhere(stream.begin_time, stream.end_time);
+  for (size_t count : {5, 300}) {
+    std::vector<int64_t> cuts;
+    for (size_t i = 0; i < count; ++i) cuts.push_back(i % 10 == 9 ? cuts.back() : anywhere(rng));
+    cut_sets.push_back(cuts);
+  }
+  std::vector<std::vector<Block>> result;
+  for (const auto& cuts : cut_sets) {
+    std::vector<Block> blocks = testing::cutStream(stream, cuts);
+    blocks.push_back(Block{{}, stream.end_time, stream.end_time + tail});
+    result.push_back(std::move(blocks));
+  }
+  return result;
+}
+
+// The stream as it leaves the channel on a real runner, behind and in front of
+// other measurements. Its tags may lie before the span of the block that
+// carries them (the channel holds them back with their times), so only the
+// order of the whole stream is checked, not the spans.
+std::vector<Tag> throughRunner(const std::vector<Block>& blocks, const std::vector<int>& channels) {
+  TestZeptick stream_tagger("AVERAGE", 3);
+  stream_tagger.setIdleSpan(0);
+  NiceMock<MockZeptick> tagger(&stream_tagger);
+  AverageChannel average(&tagger, 1, channels);
+  RecordingMeasurement recorder(&stream_tagger);
+  // An empty filler brings the stream up to the first block, so that its times
+  // stay as they are unless idle blocks already went beyond.
+  const int64_t first = blocks.front().begin_time;
+  const int64_t idle_end = stream_tagger.streamEnd();
+  stream_tagger.pushBlocks({Block{{}, idle_end, std::max(idle_end, first)}});
+  const int64_t start = stream_tagger.streamEnd();
+  const int64_t shift = start - first;
+  std::vector<Block> shifted_blocks = stream_tagger.pushBlocks(blocks);
+  EXPECT_TRUE(testing::eventually([&] {
+    const auto seen = recorder.blocks();
+    return !seen.empty() && seen.back().end_time == shifted_blocks.back().end_time;
+  }));
+  recorder.stop();
+  average.stop();
+  std::vector<Tag> out;
+  for (const Block& block : recorder.blocks()) {
+    if (block.begin_time < start) continue;
+    for (Tag tag : block.tags) {
+      tag.time -= shift;
+      out.push_back(tag);
+    }
+  }
+  return out;
+}
+
+TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
+  std::mt19937_64 rng(31);
+  const std::vector<std::vector<int>> inputs = {{1, 2, 3}, {2, -2, 2}, {4, 1, 3, 2, -1}};
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    const std::vector<int>& channels = inputs[k];
+    SCOPED_TRACE("setup " + std::to_string(k));
+    int64_t window = 4000;
+    for (int channel : channels) {
+      window = std::max<int64_t>(window, std::abs(channel - 1) * 1000 + 4000);
+    }
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, 4, -1, -2, 5};
+    shape.tags = 1500;
+    shape.mean_gap = 900;
+    shape.error_percent = 0.5;
+    shape.overflow_percent = 0.5;
+    shape.missed_outside_percent = 0.5;
+    const TagStream stream_tags = testing::makeRandomStream(rng, shape);
+    const int64_t run_end = stream_tags.end_time + window + 1;
+    const std::vector<Tag> expected =
+        reference(stream_tags.tags, channels, window, testing::kFirstVirtualChannel, run_end);
+    size_t means = 0;
+    for (const Tag& tag : expected) means += tag.channel == testing::kFirstVirtualChannel;
+    EXPECT_GT(means, 30u);
+
+    const auto cut_sets = cuttings(stream_tags, window + 1, rng);
+    for (size_t c = 0; c < cut_sets.size(); ++c) {
+      SCOPED_TRACE("cutting " + std::to_string(c));
+      Direct<AverageChannel> average(&tagger, 1, channels);
+      std::vector<Tag> out;
+      for (const Block& block : cut_sets[c]) {
+        std::vector<Tag> left = average.feed(block.tags, block.begin_time, block.end_time);
+        for (Tag& tag : left) {
+          EXPECT_LT(tag.time + window, block.end_time) << "left before its window had passed";
+          if (tag.channel == average.getChannel()) tag.channel = testing::kFirstVirtualChannel;
+          out.push_back(tag);
+        }
+      }
+      EXPECT_TRUE(sameTags(out, expected));
+    }
+    std::vector<Tag> out = throughRunner(cut_sets.back(), channels);
+    EXPECT_TRUE(sameTags(out, expected)) << "through the runner";
+  }
+}
+
+}  // namespace
+}  // namespace zeptick

@@ -1,0 +1,217 @@
+#include "zeptick/event_generator.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/virtual_channel_direct.h"
+#include "support/virtual_channel_harness.h"
+
+namespace zeptick {
+namespace {
+
+using testing::Direct;
+using testing::marker;
+using testing::missedTag;
+using testing::sameTags;
+using testing::TagStream;
+using testing::TestZeptick;
+using testing::timeTag;
+
+struct GeneratorSetup {
+  int trigger = 1;
+  std::vector<int64_t> pattern;
+  uint64_t divider = 1;
+  uint64_t offset = 0;
+  int stop = CHANNEL_UNUSED;
+};
+
+// The generator's rules worked out on the whole stream. With a negative entry
+// the stream is shifted by `lag` and every entry with it. A generated tag is
+// cancelled by a later stop tag at or before its time, by an error at or
+// before it that had not yet left the (lagging) stream when its trigger came,
+// and becomes a missed-events tag if it falls inside an overflow. It leaves
+// right behind the stream tags of its own time.
+std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& setup,
+                           int virtual_channel, int64_t run_end) {
+  int64_t lag = 0;
+  for (int64_t p : setup.pattern) lag = std::max(lag, -p);
+  const bool lagging = lag > 0;
+  std::vector<Tag> generated;
+  uint64_t count = 0;
+  for (size_t i = 0; i < input.size(); ++i) {
+    const Tag& trigger = input[i];
+    if (trigger.type != Tag::Type::TimeTag || trigger.channel != setup.trigger) continue;
+    const uint64_t position = count;
+    count = count + 1 == setup.divider ? 0 : count + 1;
+    if (position != setup.offset) continue;
+    for (int64_t p : setup.pattern) {
+      const int64_t g = trigger.time + p + lag;
+      bool cancelled = false;
+      for (size_t j = 0; j < input.size(); ++j) {
+        const Tag& s = input[j];
+        if (j > i && setup.stop != CHANNEL_UNUSED && s.channel == setup.stop && s.time <= g) {
+          cancelled = true;
+        }
+        if (s.type != Tag::Type::Error) continue;
+        if (!lagging && j > i && s.time <= g) cancelled = true;
+        if (lagging && trigger.time <= s.time + lag && s.time + lag <= g) cancelled = true;
+      }
+      if (cancelled || g >= run_end) continue;
+      bool overflow = false;
+      for (const Tag& s : input) {
+        if (s.time + lag > g) break;
+        if (s.type == Tag::Type::OverflowBegin) overflow = true;
+        if (s.type == Tag::Type::OverflowEnd) overflow = false;
+      }
+      generated.push_back(overflow ? missedTag(virtual_channel, g, 1)
+                                   : timeTag(virtual_channel, g));
+    }
+  }
+  std::stable_sort(generated.begin(), generated.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  std::vector<Tag> out;
+  size_t next = 0;
+  for (Tag tag : input) {
+    tag.time += lag;
+    while (next < generated.size() && generated[next].time < tag.time) {
+      out.push_back(generated[next++]);
+    }
+    if (tag.time < run_end) out.push_back(tag);
+  }
+  out.insert(out.end(), generated.begin() + static_cast<ptrdiff_t>(next), generated.end());
+  return out;
+}
+
+class EventGeneratorTest : public ::testing::Test {
+ protected:
+  EventGeneratorTest() { tagger.setIdleSpan(0); }
+  TestZeptick tagger{"TEST-1", 2};
+};
+
+TEST_F(EventGeneratorTest, RejectsBadDividersWithRuntimeErrors) {
+  auto expectMessage = [&](uint64_t divider, uint64_t offset, const std::string& message) {
+    try {
+      EventGenerator generator(&tagger, 1, {0}, divider, offset, CHANNEL_UNUSED);
+      ADD_FAILURE() << "no exception for " << divider << ", " << offset;
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(e.what(), message);
+    }
+  };
+  expectMessage(0, 0, "negative or zero trigger dividers are not supported");
+  expectMessage((uint64_t{1} << 63) + 1, 0, "negative or zero trigger dividers are not supported");
+  expectMessage(3, 3, "divider_offset must be smaller than trigger_divider");
+  expectMessage(1, 5, "divider_offset must be smaller than trigger_divider");
+  EXPECT_EQ(tagger.registrations(1), 0);
+  // The largest divider in range is accepted; the stop channel is not registered.
+  EventGenerator largest(&tagger, 1, {0}, uint64_t{1} << 63, 7, 2);
+  EXPECT_EQ(tagger.registrations(1), 1);
+  EXPECT_EQ(tagger.registrations(2), 0);
+}
+
+TEST_F(EventGeneratorTest, PlaysThePatternBehindTheTriggerAndHoldsTheRestBack) {
+  Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{50, 0, 0}, 1, 0,
+                                   CHANNEL_UNUSED);
+  const int v = generator.getChannel();
+  // Offsets 0 stand right behind the trigger; 50 waits for the next block.
+  std::vector<Tag> out = generator.feed({timeTag(1, 1000), timeTag(2, 1000)}, 0, 1050);
+  EXPECT_TRUE(
+      sameTags(out, {timeTag(1, 1000), timeTag(2, 1000), timeTag(v, 1000), timeTag(v, 1000)}));
+  out = generator.feed({}, 1050, 1100);
+  EXPECT_TRUE(sameTags(out, {timeTag(v, 1050)}));
+  // Inside an overflow generated tags count as missed events.
+  out = generator.feed({timeTag(1, 2000), marker(Tag::Type::OverflowBegin, 2010),
+                        marker(Tag::Type::OverflowEnd, 2100)},
+                       1100, 3000);
+  EXPECT_TRUE(sameTags(out, {timeTag(1, 2000), timeTag(v, 2000), timeTag(v, 2000),
+                             marker(Tag::Type::OverflowBegin, 2010), missedTag(v, 2050, 1),
+                             marker(Tag::Type::OverflowEnd, 2100)}));
+}
+
+TEST_F(EventGeneratorTest, NegativeOffsetsDelayTheStream) {
+  Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{0, -100, 50}, 1, 0,
+                                   CHANNEL_UNUSED);
+  const int v = generator.getChannel();
+  std::vector<Tag> out = generator.feed({timeTag(1, 1000)}, 0, 1150);
+  // Tags at t, t + 100 and t + 150; the trigger leaves at t + 100, before its
+  // tag of equal time.
+  EXPECT_TRUE(sameTags(out, {timeTag(v, 1000), timeTag(1, 1100), timeTag(v, 1100)}));
+  out = generator.feed({}, 1150, 1300);
+  EXPECT_TRUE(sameTags(out, {timeTag(v, 1150)}));
+}
+
+TEST_F(EventGeneratorTest, DividerStopAndErrorSelectAndCancel) {
+  // Every third trigger, the second of each cycle.
+  Direct<EventGenerator> divided(&tagger, 1, std::vector<int64_t>{10}, 3, 1, CHANNEL_UNUSED);
+  const int v = divided.getChannel();
+  std::vector<Tag> in;
+  for (int i = 0; i < 7; ++i) in.push_back(timeTag(1, 1000 * (i + 1)));
+  std::vector<Tag> out = divided.feed(in, 0, 10000);
+  std::vector<Tag> fired;
+  for (const Tag& tag : out) {
+    if (tag.channel == v) fired.push_back(tag);
+  }
+  EXPECT_TRUE(sameTags(fired, {timeTag(v, 2010), timeTag(v, 5010)}));
+
+  // A stop tag at 1100 lets the tag at 1099 go and cancels those at 1100 and later.
+  Direct<EventGenerator> stopped(&tagger, 1, std::vector<int64_t>{99, 100, 200}, 1, 0, 3);
+  const int w = stopped.getChannel();
+  out = stopped.feed(
+      {timeTag(1, 1000), timeTag(3, 1100), timeTag(1, 2000), marker(Tag::Type::Error, 2150)}, 0,
+      5000);
+  EXPECT_TRUE(sameTags(out, {timeTag(1, 1000), timeTag(w, 1099), timeTag(3, 1100), timeTag(1, 2000),
+                             timeTag(w, 2099), timeTag(w, 2100), marker(Tag::Type::Error, 2150)}));
+}
+
+TEST_F(EventGeneratorTest, EmptyPatternPassesTheStreamUnchanged) {
+  Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{}, 1, 0, CHANNEL_UNUSED);
+  const std::vector<Tag> in = {timeTag(1, 10), marker(Tag::Type::Error, 20)};
+  EXPECT_TRUE(sameTags(generator.feed(in, 0, 100), in));
+}
+
+TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
+  std::mt19937_64 rng(11);
+  const std::vector<GeneratorSetup> setups = {
+      {1, {0, 0, 700, 2500}, 1, 0, CHANNEL_UNUSED},
+      {1, {300, 1200}, 3, 2, 3},
+      {2, {-1500, -1500, 0, 400}, 2, 0, 3},
+      {1, {-800, -200}, 1, 0, 1},
+  };
+  for (size_t k = 0; k < setups.size(); ++k) {
+    const GeneratorSetup& setup = setups[k];
+    SCOPED_TRACE("setup " + std::to_string(k));
+    testing::StreamShape shape;
+    shape.tags = 1500;
+    shape.mean_gap = 600;
+    shape.error_percent = 0.5;
+    shape.overflow_percent = 1;
+    shape.missed_outside_percent = 0.5;
+    const TagStream stream = testing::makeRandomStream(rng, shape);
+    int64_t lag = 0;
+    for (int64_t p : setup.pattern) lag = std::max(lag, -p);
+    testing::VirtualChannelRules rules;
+    rules.shift = [lag](const Tag&) { return lag; };
+    rules.tail = 3000;
+    rules.seed = k + 1;
+    int virtual_channel = 0;
+    const auto out = testing::checkVirtualChannel(
+        stream,
+        [&](TestZeptick* tagger) {
+          auto generator = std::make_unique<EventGenerator>(
+              tagger, setup.trigger, setup.pattern, setup.divider, setup.offset, setup.stop);
+          virtual_channel = generator->getChannel();
+          return generator;
+        },
+        rules);
+    const std::vector<Tag> expected = reference(stream.tags, setup, virtual_channel, out.end_time);
+    EXPECT_TRUE(sameTags(out.output, expected));
+    EXPECT_GT(out.inserted.size(), 50u);
+  }
+}
+
+}  // namespace
+}  // namespace zeptick

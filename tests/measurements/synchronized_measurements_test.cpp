@@ -1,0 +1,222 @@
+#include "zeptick/synchronized_measurements.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/recording_measurement.h"
+#include "support/test_tagger.h"
+
+namespace zeptick {
+namespace {
+
+using testing::Block;
+using testing::RecordingMeasurement;
+using testing::TestZeptick;
+
+// Keeps a few dozen random blocks queued until destroyed, so that several
+// workers are always in flight while the test acts on the group.
+class BlockFeeder {
+ public:
+  explicit BlockFeeder(TestZeptick& tagger) : tagger(tagger) {
+    tagger.setRecordClaimed(false);
+    thread = std::thread([this] {
+      std::mt19937_64 rng(7);
+      while (!done) {
+        if (this->tagger.queuedBlocks() < 40) {
+          this->tagger.pushBlocks(testing::makeRandomBlocks(rng, 10, {1, 2, -1}));
+        } else {
+          std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+      }
+    });
+  }
+  ~BlockFeeder() {
+    done = true;
+    thread.join();
+  }
+
+ private:
+  TestZeptick& tagger;
+  std::atomic<bool> done{false};
+  std::thread thread;
+};
+
+bool sameBlocks(const std::vector<Block>& a, const std::vector<Block>& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (a[i].begin_time != b[i].begin_time || a[i].end_time != b[i].end_time ||
+        a[i].tags.size() != b[i].tags.size()) {
+      return false;
+    }
+    for (size_t k = 0; k < a[i].tags.size(); ++k) {
+      const Tag& x = a[i].tags[k];
+      const Tag& y = b[i].tags[k];
+      if (x.type != y.type || x.channel != y.channel || x.time != y.time ||
+          x.missed_events != y.missed_events) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+bool contiguous(const std::vector<Block>& blocks) {
+  for (size_t i = 1; i < blocks.size(); ++i) {
+    if (blocks[i].begin_time != blocks[i - 1].end_time) return false;
+  }
+  return true;
+}
+
+void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
+
+TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndStartFor) {
+  TestZeptick tagger("TEST-1", 4);
+  SynchronizedMeasurements group(&tagger);
+  // Members sit at different places in the chain, with slow outsiders between
+  // them, so that every group operation races with blocks in flight.
+  std::vector<std::unique_ptr<RecordingMeasurement>> members;
+  std::vector<std::unique_ptr<RecordingMeasurement>> outsiders;
+  for (int i = 0; i < 3; ++i) {
+    outsiders.push_back(std::make_unique<RecordingMeasurement>(&tagger));
+    outsiders.back()->setMaxDelay(200);
+    members.push_back(std::make_unique<RecordingMeasurement>(group.getTagger()));
+    members.back()->setMaxDelay(100);
+  }
+  // One member made on the real tagger joins later; it started by itself.
+  members.push_back(std::make_unique<RecordingMeasurement>(&tagger));
+  EXPECT_TRUE(members.back()->isRunning());
+  members.back()->stop();
+  group.registerMeasurement(members.back().get());
+  for (size_t i = 0; i + 1 < members.size(); ++i) EXPECT_FALSE(members[i]->isRunning());
+  EXPECT_FALSE(group.isRunning());
+
+  BlockFeeder feeder(tagger);
+  auto expectAllAlike = [&](const char* when) {
+    const std::vector<Block> first = members[0]->blocks();
+    EXPECT_FALSE(first.empty()) << when;
+    EXPECT_TRUE(contiguous(first)) << when;
+    for (size_t i = 1; i < members.size(); ++i) {
+      EXPECT_TRUE(sameBlocks(first, members[i]->blocks())) << when << ", member " << i;
+    }
+  };
+
+  for (int round = 0; round < 5; ++round) {
+    group.start();
+    EXPECT_TRUE(group.isRunning());
+    pause();
+    group.clear();  // every member drops its blocks and resumes on the same one
+    ASSERT_TRUE(testing::eventually([&] { return members[0]->blocks().size() > 2; }));
+    group.stop();
+    EXPECT_FALSE(group.isRunning());
+    expectAllAlike("start, clear, stop");
+    // Stopped members take nothing more.
+    const size_t seen = members[0]->blocks().size();
+    pause();
+    EXPECT_EQ(members[0]->blocks().size(), seen);
+
+    group.startFor(1000000);
+    ASSERT_TRUE(testing::eventually([&] { return !group.isRunning(); }));
+    expectAllAlike("startFor");
+    for (auto& member : members) EXPECT_EQ(member->getCaptureDuration(), 1000000);
+  }
+}
+
+TEST(SynchronizedMeasurements, StartLeavesARunningMemberUndisturbed) {
+  TestZeptick tagger("TEST-1", 4);
+  SynchronizedMeasurements group(&tagger);
+  RecordingMeasurement running(group.getTagger());
+  RecordingMeasurement idle(group.getTagger());
+  running.start();
+  BlockFeeder feeder(tagger);
+  for (int round = 0; round < 10; ++round) {
+    pause();
+    // Had its fence moved on, the running member would skip the queued blocks.
+    group.start();
+    idle.stop();
+  }
+  running.stop();
+  const std::vector<Block> blocks = running.blocks();
+  EXPECT_GT(blocks.size(), 10u);
+  EXPECT_TRUE(contiguous(blocks));
+}
+
+TEST(SynchronizedMeasurements, MembershipFollowsRegistrationAndDestruction) {
+  testing::LogCapture log;
+  TestZeptick tagger("TEST-1", 2);
+  auto group = std::make_unique<SynchronizedMeasurements>(&tagger);
+  // With no member nothing waits for a block, even on a tagger that serves none.
+  tagger.setIdleSpan(0);
+  group->start();
+  group->stop();
+  group->clear();
+  EXPECT_FALSE(group->isRunning());
+  tagger.setIdleSpan(1000000);
+
+  RecordingMeasurement outsider(&tagger);
+  group->unregisterMeasurement(&outsider);
+  EXPECT_TRUE(log.contains("Unregistering a non-registered measurement"));
+
+  auto gone = std::make_unique<RecordingMeasurement>(group->getTagger(), std::vector<int>{3});
+  EXPECT_EQ(tagger.registrations(3), 1);
+  gone.reset();  // leaves the group: the group must not touch it again
+  EXPECT_EQ(tagger.registrations(3), 0);
+  group->start();
+  EXPECT_FALSE(group->isRunning());
+
+  // A measurement belongs to one group at a time.
+  SynchronizedMeasurements other(&tagger);
+  RecordingMeasurement mover(group->getTagger());
+  other.registerMeasurement(&mover);
+  group->start();
+  EXPECT_FALSE(mover.isRunning());
+  other.start();
+  EXPECT_TRUE(mover.isRunning());
+  other.unregisterMeasurement(&mover);
+  other.stop();
+  EXPECT_TRUE(mover.isRunning());
+  mover.stop();
+
+  // A member made on the group's tagger outlives the group and still works.
+  RecordingMeasurement survivor(group->getTagger(), {4});
+  group.reset();
+  EXPECT_EQ(tagger.registrations(4), 1);
+  survivor.start();
+  ASSERT_TRUE(testing::eventually([&] { return !survivor.blocks().empty(); }));
+  survivor.stop();
+}
+
+class FailingStart : public RecordingMeasurement {
+ public:
+  using RecordingMeasurement::RecordingMeasurement;
+
+ protected:
+  void on_start() override { throw std::logic_error("refuses to start"); }
+};
+
+TEST(SynchronizedMeasurements, AFailingMemberStopsNeitherTheOthersNorTheCaller) {
+  TestZeptick tagger("TEST-1", 2);
+  SynchronizedMeasurements group(&tagger);
+  RecordingMeasurement good(group.getTagger());
+  FailingStart bad(group.getTagger());
+  try {
+    group.start();
+    ADD_FAILURE() << "expected std::runtime_error";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find("refuses to start"), std::string::npos);
+  }
+  EXPECT_TRUE(good.isRunning());
+  EXPECT_FALSE(bad.isRunning());
+  group.stop();
+  EXPECT_FALSE(good.isRunning());
+}
+
+}  // namespace
+}  // namespace zeptick
