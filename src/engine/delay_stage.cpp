@@ -75,10 +75,10 @@ void DelayStage::releasePreDelay(int64_t t) {
     if (settings.triggerMask & bit) filter = ~uint64_t{0};
     if (!(settings.filteredMask & bit) || (filter & bit)) {
       p.tag.time = timeSum(p.tag.time, settings.delays[i]);
-      ++settings
-            .distributions[static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) +
-                           p.bin()]
-            .count;
+      const size_t record =
+          static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
+      ++settings.distributions[record].count;
+      counted |= bit;
       pushEvent(i, p.tag);
       filter &= ~bit;
     }

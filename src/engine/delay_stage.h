@@ -115,6 +115,14 @@ class DelayStage {
     release(t, out);
   }
 
+  /// Indices whose calibration counts the filtered path has raised since the
+  /// last call, one bit each.
+  uint64_t takeCounted() {
+    const uint64_t m = counted;
+    counted = 0;
+    return m;
+  }
+
   size_t pendingPreDelay() const { return preDelayHeap.size(); }
   size_t pendingOutput() const { return held; }
 
@@ -166,6 +174,7 @@ class DelayStage {
   int64_t nextDue = 0;
   int64_t until = 0;
   uint64_t filter = 0;
+  uint64_t counted = 0;
   bool overflow = false;
 };
 

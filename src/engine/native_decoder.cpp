@@ -68,10 +68,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   worker.fence = fenceConfirmed;
   takeSettings(settings);
 
-  // Events of a filtered device are counted when they leave the first heap,
-  // possibly in a later block; their channels' tables are then refreshed.
   const bool filtered = stage.blockSettings().filteredMask != 0;
-  if (filtered || stage.pendingPreDelay() != 0) recomputeAll = true;
 
   std::vector<Tag>& out = worker.tags;
   const int64_t ps = device.psPerClock;

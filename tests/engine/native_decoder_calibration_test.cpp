@@ -40,23 +40,34 @@ std::vector<uint32_t> psecs(const NativeDecoder& decoder) {
 }
 
 TEST(NativeDecoderCalibrationTest, TablesSwitchAtTenThousandEventsAndDecayAboveAMillion) {
-  NativeDecoder decoder;
-  decoder.setup(engine_testing::device(1000, 4, 2), 0);
-  auto settings = plainSettings(2, false);
-  decode(decoder, events({2500, 2500, 5000, 0}), settings);
-  decode(decoder, {}, settings);
-  EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({0, 250, 500, 750, 1000}));
+  // The same with the events passing a conditional filter: counted when
+  // they leave the first heap, and the tables follow as well.
+  for (const bool filtered : {false, true}) {
+    NativeDecoder decoder;
+    decoder.setup(engine_testing::device(1000, 4, 2), 0);
+    auto settings = plainSettings(2, false);
+    settings.channels[0].conditionalTrigger = filtered;
+    settings.channels[0].conditionalFiltered = filtered;
+    // Two rollovers: a filtered device's last event leaves the heap only with the first.
+    const std::vector<uint32_t> next = {engine_testing::rollover(), engine_testing::rollover()};
+    decode(decoder, events({2500, 2500, 5000, 0}), settings);
+    decode(decoder, next, settings);
+    decode(decoder, {}, settings);
+    EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({0, 250, 500, 750, 1000}));
 
-  // 10001 events: the middles of bins 2500, 2500, 5001 and 0 events wide,
-  // worked out by hand; with normalization, their lower edges.
-  decode(decoder, events({0, 0, 1}), settings);
-  decode(decoder, {}, settings);
-  EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({124, 374, 749, 1000, 1000}));
-  settings.normalization = true;
-  decode(decoder, {}, settings);
-  EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({0, 249, 499, 1000, 1000}));
-  // Index 1 saw nothing and stays uniform.
-  EXPECT_EQ(decoder.distribution(1, 3).psecs, 750u);
+    // 10001 events: the middles of bins 2500, 2500, 5001 and 0 events wide,
+    // worked out by hand; with normalization, their lower edges.
+    decode(decoder, events({0, 0, 1}), settings);
+    decode(decoder, next, settings);
+    decode(decoder, {}, settings);
+    EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({124, 374, 749, 1000, 1000})) << filtered;
+    settings.normalization = true;
+    decode(decoder, next, settings);
+    EXPECT_EQ(psecs(decoder), std::vector<uint32_t>({0, 249, 499, 1000, 1000})) << filtered;
+    // Index 1 saw nothing and stays uniform.
+    EXPECT_EQ(decoder.distribution(1, 3).psecs, 750u);
+  }
+  auto settings = plainSettings(2, true);
 
   NativeDecoder big;
   big.setup(engine_testing::device(1000, 4, 2), 0);
