@@ -97,8 +97,7 @@ void DelayStage::release(int64_t t, std::vector<Tag>& out) {
     }
     for (uint64_t m = activeLanes; m != 0; m &= m - 1) {
       const int i = std::countr_zero(m);
-      const Lane& lane = lanes[static_cast<size_t>(i)];
-      const int64_t time = lane.tags[lane.head].time;
+      const int64_t time = laneFront[static_cast<size_t>(i)];
       if (source < 0 || timeDifference(time, earliest) < 0) {
         earliest = time;
         source = i;
@@ -116,7 +115,11 @@ void DelayStage::release(int64_t t, std::vector<Tag>& out) {
     } else {
       Lane& lane = lanes[static_cast<size_t>(source)];
       copyTag(tag, lane.tags[lane.head++]);
-      if (lane.head == lane.tags.size()) activeLanes &= ~(uint64_t{1} << source);
+      if (lane.head == lane.tags.size()) {
+        activeLanes &= ~(uint64_t{1} << source);
+      } else {
+        laneFront[static_cast<size_t>(source)] = lane.tags[lane.head].time;
+      }
     }
     --held;
     if (tag.type == Tag::Type::OverflowEnd) overflow = false;

@@ -144,6 +144,7 @@ class DelayStage {
       lane.tags.clear();
       lane.head = 0;
       activeLanes |= uint64_t{1} << (index & 63);
+      laneFront[index & 63] = time;
     } else if (timeDifference(time, lane.tags.back().time) < 0) {
       return nullptr;
     }
@@ -169,6 +170,7 @@ class DelayStage {
   // ordered by their earliest time. `held` counts all, `nextDue` is the earliest.
   std::vector<Tag> outputHeap;
   std::array<Lane, 64> lanes;
+  std::array<int64_t, 64> laneFront{};  ///< time of each non-empty queue's first tag
   uint64_t activeLanes = 0;
   size_t held = 0;
   int64_t nextDue = 0;

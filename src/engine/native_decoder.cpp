@@ -112,8 +112,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
       if (!filtered) {
         ++d->count;
         countedMask |= uint64_t{1} << code;
-        stage.pushEvent(code,
-                        Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], timeSum(t, delays[code])});
+        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]));
       } else {
         stage.pushPreDelay(
             PreDelayTag::make(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], t}, bin, code));
