@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -36,8 +35,8 @@ struct PreDelayTag {
   uint32_t index() const { return static_cast<uint32_t>((binAndIndex >> 16) & 0x3F); }
 };
 
-/// What one block of a device is released under. The tagger (or the decoder on
-/// its behalf) fills it once per block from a copy of the channel configuration.
+/// What one block of a device is released under. NativeDecoder fills it once
+/// per block from the DecoderBlockSettings the tagger copied under its lock.
 struct DelaySettings {
   uint64_t triggerMask = 0;         ///< bit `index`: this hardware index arms the filter
   uint64_t filteredMask = 0;        ///< bit `index`: passes one event per arming
@@ -51,8 +50,9 @@ struct DelaySettings {
 
 /// Host-side delay and ordering of one device's tags: a heap in front of the
 /// delays for the conditional filter (raw arrival order across channels), and
-/// an output heap that releases tags in time order once the stream has passed
-/// them. Overflow spans turn released time tags into missed events.
+/// an output side (one queue per hardware index for tags that come in order,
+/// a heap for the rest) that releases tags in time order once the stream has
+/// passed them. Overflow spans turn released time tags into missed events.
 ///
 /// Not thread-safe: only the worker holding the device's decoder mutex uses it.
 /// Heaps and filter state persist across blocks; no allocation beyond heap growth.
