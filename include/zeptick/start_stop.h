@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+#include "zeptick/fast_binning.h"
+#include "zeptick/iterator_base.h"
+
+namespace zeptick {
+
+/// The time from each start tag to the first click tag after it, as a sparse
+/// histogram with no range: a bin exists once it has a count. A later start
+/// replaces an open one, and clicks after the first find no open start. With
+/// `start_channel` unused each click also starts, which histograms the spacing
+/// of consecutive tags. Any non-time tag, and every start of the measurement,
+/// closes the open start. Counts are 64-bit.
+class ZEPTICK_API StartStop : public IteratorBase {
+ public:
+  /// Throws std::invalid_argument for a binwidth of 0, which would divide by zero.
+  StartStop(ZeptickBase* tagger, int click_channel, int start_channel, int64_t binwidth);
+  ~StartStop() override;
+
+  /// Rows of (bin start in ps, count) in rising time, empty bins left out.
+  /// `array_out(rows, 2)` is called once WITH the lock held, so that the row
+  /// count stays true: it must not call back into this measurement.
+  void getData(std::function<int64_t*(size_t, size_t)> array_out);
+
+ protected:
+  void clear_impl() override;
+  void on_start() override;
+  bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
+
+ private:
+  template <FastBinning::Mode M>
+  void processBlock(const std::vector<Tag>& tags);
+
+  FastBinning binner;
+  std::unordered_map<uint64_t, int64_t> bins;
+  int click_channel;
+  int start_channel;
+  int64_t binwidth;
+  int64_t last_start = 0;  // 0: no start open
+};
+
+}  // namespace zeptick
