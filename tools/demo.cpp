@@ -82,7 +82,7 @@ int run() {
   RecordingSpec spec;
   spec.seed = 2026;
   spec.duration = 2000000000000;  // 2 s
-  spec.block_span = 1000000000;   // 1 ms
+  spec.block_span = 10000000000;  // 10 ms
   spec.pair_rate = 150000.0;
   spec.pair_delay = 2500;
   spec.pair_jitter = 40.0;
