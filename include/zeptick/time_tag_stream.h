@@ -50,7 +50,8 @@ class ZEPTICK_API TimeTagStreamBuffer {
 /// Collects the raw tags of some channels (all tags with an empty list) up to
 /// `n_max_events`; the caller drains them with getData. Tags past the limit
 /// are dropped until the next getData. Tags that belong to no channel
-/// (errors, overflow marks) are kept whatever the channel list.
+/// (errors, overflow marks) are kept whatever the channel list. Room for up to
+/// 16 Mi events is set aside in advance; beyond that, collecting allocates.
 class ZEPTICK_API TimeTagStream : public IteratorBase {
  public:
   TimeTagStream(ZeptickBase* tagger, uint64_t n_max_events, std::vector<int> channels = {});

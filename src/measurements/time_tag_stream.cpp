@@ -5,6 +5,12 @@
 
 namespace zeptick {
 
+namespace {
+
+constexpr uint64_t kMaxReserved = uint64_t{1} << 24;  // 16 Mi events, 240 MiB
+
+}  // namespace
+
 void TimeTagStreamBuffer::getOverflows(std::function<uint8_t*(size_t)> array_out) const {
   uint8_t* out = array_out(event_types.size());
   for (size_t i = 0; i < event_types.size(); ++i) {
@@ -72,11 +78,13 @@ void TimeTagStream::clear_impl() {
   held.timestamps.clear();
   held.missed_events.clear();
   held.event_types.clear();
-  // Room for the limit now, so the workers never allocate while collecting.
-  held.channels.reserve(n_max_events);
-  held.timestamps.reserve(n_max_events);
-  held.missed_events.reserve(n_max_events);
-  held.event_types.reserve(n_max_events);
+  // Room for the limit now, so the workers never allocate while collecting. A
+  // limit meant as "no limit" gets a large room, not a failed allocation.
+  const auto room = static_cast<size_t>(std::min<uint64_t>(n_max_events, kMaxReserved));
+  held.channels.reserve(room);
+  held.timestamps.reserve(room);
+  held.missed_events.reserve(room);
+  held.event_types.reserve(room);
   held.hasOverflows = false;
   held.tStart = -1;
 }

@@ -18,32 +18,6 @@ namespace {
 
 using testing::fields;
 
-std::vector<Tag> generated(const RecordingSpec& spec) {
-  RecordingGenerator generator(spec);
-  std::vector<Tag> all;
-  std::vector<Tag> tags;
-  int64_t begin = 0;
-  int64_t end = 0;
-  while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
-  return all;
-}
-
-std::vector<Tag> tagsOf(const TimeTagStreamBuffer& buffer) {
-  std::vector<int> channels;
-  std::vector<int64_t> times;
-  std::vector<uint16_t> missed;
-  std::vector<uint8_t> types;
-  buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
-  buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
-  buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });
-  buffer.getEventTypes([&](size_t n) { return types.assign(n, 0), types.data(); });
-  std::vector<Tag> tags;
-  for (size_t i = 0; i < channels.size(); ++i) {
-    tags.push_back(Tag{static_cast<Tag::Type>(types[i]), 0, missed[i], channels[i], times[i]});
-  }
-  return tags;
-}
-
 class FileReaderMeasurementTest : public ::testing::Test {
  protected:
   RecordingSpec spec(uint64_t seed, int64_t start) {
@@ -63,8 +37,8 @@ TEST_F(FileReaderMeasurementTest, ReadsSeveralSplitRecordingsInAnyChunkSize) {
   const RecordingSpec b = spec(32, 40000000000);
   writeRecording(dir.file("a"), a, 4000);
   writeRecording(dir.file("b.ztbin"), b, 4000);
-  std::vector<Tag> expected = generated(a);
-  const std::vector<Tag> second = generated(b);
+  std::vector<Tag> expected = testing::generatedTags(a);
+  const std::vector<Tag> second = testing::generatedTags(b);
   expected.insert(expected.end(), second.begin(), second.end());
 
   std::mt19937_64 rng(3);
@@ -80,7 +54,7 @@ TEST_F(FileReaderMeasurementTest, ReadsSeveralSplitRecordingsInAnyChunkSize) {
     // Each span starts where the last one ended; the first at the recording's start.
     EXPECT_EQ(buffer.tStart, first ? a.start_time : previous_end);
     if (buffer.size > 0) first = false;
-    const std::vector<Tag> part = tagsOf(buffer);
+    const std::vector<Tag> part = testing::bufferTags(buffer);
     if (!part.empty()) {
       EXPECT_EQ(buffer.tGetData, part.back().time);
     }
@@ -119,7 +93,7 @@ TEST_F(FileReaderMeasurementTest, ForeignSplitFileIsSkippedAndTheNextRecordingFo
   const std::vector<testing::Block> first_file =
       testing::readRecording(ZeptickFile::makeFileName(dir.file("a"), 1));
   std::vector<Tag> expected = testing::concat(first_file);
-  const std::vector<Tag> whole_b = generated(b);
+  const std::vector<Tag> whole_b = testing::generatedTags(b);
   expected.insert(expected.end(), whole_b.begin(), whole_b.end());
   EXPECT_EQ(fields(read), fields(expected));
 }

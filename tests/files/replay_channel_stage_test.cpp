@@ -34,16 +34,6 @@ std::vector<Tag> replayed(const std::string& base,
   return testing::concat(blocks);
 }
 
-std::vector<Tag> generated(const RecordingSpec& spec) {
-  RecordingGenerator generator(spec);
-  std::vector<Tag> all;
-  std::vector<Tag> tags;
-  int64_t begin = 0;
-  int64_t end = 0;
-  while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
-  return all;
-}
-
 TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnError) {
   ReplayChannelStage stage;
   ReplayChannelMap settings;
@@ -103,7 +93,7 @@ TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
   std::vector<Tag> expected;
   int64_t last_kept = 0;
   bool kept_any = false;
-  for (Tag tag : generated(spec)) {
+  for (Tag tag : testing::generatedTags(spec)) {
     tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
     if (tag.channel == 2) {
       if (kept_any && tag.time - last_kept < deadtime) continue;
@@ -139,7 +129,7 @@ TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
     }
   }
   std::vector<Tag> expected_others;
-  for (const Tag& tag : generated(spec)) {
+  for (const Tag& tag : testing::generatedTags(spec)) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
   EXPECT_EQ(fields(others), fields(expected_others));

@@ -27,17 +27,6 @@ using testing::fields;
 using testing::RecordingMeasurement;
 using testing::ScratchDirectory;
 
-// The generator's stream, in memory, as the reference for what replay must deliver.
-std::vector<Tag> generated(const RecordingSpec& spec) {
-  RecordingGenerator generator(spec);
-  std::vector<Tag> all;
-  std::vector<Tag> tags;
-  int64_t begin = 0;
-  int64_t end = 0;
-  while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
-  return all;
-}
-
 // Tags stamped in [from, to), moved by `shift`.
 std::vector<Tag> window(const std::vector<Tag>& tags, int64_t from, int64_t to, int64_t shift) {
   std::vector<Tag> out;
@@ -88,7 +77,7 @@ TEST_F(ReplayTest, SplitRecordingPlaysCompleteOnItsOwnClock) {
   ASSERT_TRUE(tagger.waitForCompletion(id, 60000));
   const std::vector<Block> blocks = seen.blocks();
   expectContiguous(blocks);
-  EXPECT_EQ(fields(testing::concat(blocks)), fields(generated(spec)));
+  EXPECT_EQ(fields(testing::concat(blocks)), fields(testing::generatedTags(spec)));
   EXPECT_EQ(blocks.back().end_time, spec.duration);
   // One overflow begin per span, and no error: the split files join without a gap.
   EXPECT_EQ(tagger.getOverflowsAndClear(), 2);
@@ -101,7 +90,7 @@ TEST_F(ReplayTest, BeginAndDurationCutAtExactTimes) {
   const RecordingSpec spec = smallSpec(6);
   const std::string base = dir.file("cut");
   writeRecording(base, spec, 6000);
-  const std::vector<Tag> all = generated(spec);
+  const std::vector<Tag> all = testing::generatedTags(spec);
 
   struct Case {
     int64_t begin;
@@ -144,8 +133,8 @@ TEST_F(ReplayTest, QueueMarksTheJoinAndStopEndsEverything) {
   ASSERT_TRUE(tagger.waitForCompletion(0, 60000));
   EXPECT_TRUE(tagger.waitForCompletion(a, 0));
 
-  std::vector<Tag> expected = generated(smallSpec(7));
-  std::vector<Tag> tail = generated(spec);
+  std::vector<Tag> expected = testing::generatedTags(smallSpec(7));
+  std::vector<Tag> tail = testing::generatedTags(spec);
   // The second recording starts where the first ended, behind an error tag.
   expected.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, spec.duration});
   for (Tag& tag : tail) tag.time += spec.duration;
@@ -235,7 +224,7 @@ TEST_F(ReplayTest, CorruptedBlockNeverReachesAMeasurement) {
   // tag where the stream jumps over them.
   const int64_t gap_from = victim_blocks[1].begin_time;
   const int64_t gap_to = victim_blocks.back().end_time;
-  const std::vector<Tag> all = generated(spec);
+  const std::vector<Tag> all = testing::generatedTags(spec);
   std::vector<Tag> expected = window(all, 0, gap_from, 0);
   expected.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, gap_from});
   const std::vector<Tag> rest = window(all, gap_to, spec.duration, gap_from - gap_to);
@@ -266,7 +255,7 @@ TEST_F(ReplayTest, ForeignSplitFileEndsTheRecording) {
   const int64_t end_of_two =
       testing::readRecording(ZeptickFile::makeFileName(base, 2)).back().end_time;
   EXPECT_EQ(fields(testing::concat(seen.blocks())),
-            fields(window(generated(smallSpec(11)), 0, end_of_two, 0)));
+            fields(window(testing::generatedTags(smallSpec(11)), 0, end_of_two, 0)));
 }
 
 TEST_F(ReplayTest, ReplayRefusesMissingAndForeignFiles) {

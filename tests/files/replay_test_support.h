@@ -11,9 +11,13 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "files/file_format.h"
+#include "files/recording_generator.h"
 #include "files/zeptick_file_reader.h"
 #include "support/test_tagger.h"
+#include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
 
@@ -134,6 +138,40 @@ inline std::set<int64_t> fileStarts(const std::string& base) {
     if (reader.getBlockRange(begin, end)) starts.insert(begin);
   }
   return starts;
+}
+
+/// The generator's whole stream in memory: the reference for what the files hold.
+inline std::vector<Tag> generatedTags(const RecordingSpec& spec) {
+  RecordingGenerator generator(spec);
+  std::vector<Tag> all;
+  std::vector<Tag> tags;
+  int64_t begin = 0;
+  int64_t end = 0;
+  while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
+  return all;
+}
+
+/// A buffer's columns put back together as tags; checks that the overflow
+/// flags agree with the types.
+inline std::vector<Tag> bufferTags(const TimeTagStreamBuffer& buffer) {
+  std::vector<int> channels;
+  std::vector<int64_t> times;
+  std::vector<uint16_t> missed;
+  std::vector<uint8_t> types;
+  std::vector<uint8_t> overflows;
+  buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
+  buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
+  buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });
+  buffer.getEventTypes([&](size_t n) { return types.assign(n, 9), types.data(); });
+  buffer.getOverflows([&](size_t n) { return overflows.assign(n, 9), overflows.data(); });
+  std::vector<Tag> tags;
+  for (size_t i = 0; i < channels.size(); ++i) {
+    EXPECT_EQ(overflows[i], types[i] != 0 ? 1 : 0);
+    tags.push_back(Tag{static_cast<Tag::Type>(types[i]), 0, missed[i], channels[i], times[i]});
+  }
+  EXPECT_EQ(tags.size(), buffer.size);
+  EXPECT_EQ(times.size(), buffer.size);
+  return tags;
 }
 
 inline std::vector<Tag> concat(const std::vector<Block>& blocks) {

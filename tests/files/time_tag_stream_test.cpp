@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "file_format_testing.h"
+#include "replay_test_support.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
 
@@ -14,39 +16,6 @@ namespace {
 
 using testing::Block;
 using testing::TestZeptick;
-
-// The buffer's columns put back together as tags, for comparison with a reference.
-std::vector<Tag> tagsOf(const TimeTagStreamBuffer& buffer) {
-  std::vector<int> channels;
-  std::vector<int64_t> times;
-  std::vector<uint16_t> missed;
-  std::vector<uint8_t> types;
-  std::vector<uint8_t> overflows;
-  buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
-  buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
-  buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });
-  buffer.getEventTypes([&](size_t n) { return types.assign(n, 9), types.data(); });
-  buffer.getOverflows([&](size_t n) { return overflows.assign(n, 9), overflows.data(); });
-  std::vector<Tag> tags;
-  for (size_t i = 0; i < channels.size(); ++i) {
-    EXPECT_EQ(overflows[i], types[i] != 0 ? 1 : 0);
-    tags.push_back(Tag{static_cast<Tag::Type>(types[i]), 0, missed[i], channels[i], times[i]});
-  }
-  EXPECT_EQ(tags.size(), buffer.size);
-  EXPECT_EQ(times.size(), buffer.size);
-  return tags;
-}
-
-bool sameTags(const std::vector<Tag>& a, const std::vector<Tag>& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (a[i].type != b[i].type || a[i].channel != b[i].channel || a[i].time != b[i].time ||
-        a[i].missed_events != b[i].missed_events) {
-      return false;
-    }
-  }
-  return true;
-}
 
 // Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
 class DirectStream : public TimeTagStream {
@@ -87,7 +56,8 @@ TEST_F(TimeTagStreamTest, CollectsFilteredTagsAndChainsSpansAcrossGetData) {
     if (i % 20 != 19) continue;
     EXPECT_EQ(stream.getCounts(), expected.size());
     const TimeTagStreamBuffer buffer = stream.getData();
-    EXPECT_TRUE(sameTags(tagsOf(buffer), expected)) << "after block " << i;
+    EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(expected))
+        << "after block " << i;
     EXPECT_EQ(buffer.hasOverflows, expect_overflow);
     EXPECT_EQ(buffer.tGetData, blocks[i].end_time);
     EXPECT_EQ(buffer.tStart, span_start);
@@ -110,7 +80,7 @@ TEST_F(TimeTagStreamTest, StopsCollectingAtTheLimitUntilDrained) {
     stream.feed(Block{tags, 200, 400});
     TimeTagStreamBuffer buffer = stream.getData();
     const std::vector<Tag> first(tags.begin(), tags.begin() + 4);
-    EXPECT_TRUE(sameTags(tagsOf(buffer), first));
+    EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(first));
     // The overflow mark beyond the limit still says that data are missing.
     EXPECT_TRUE(buffer.hasOverflows);
     EXPECT_EQ(buffer.tStart, 200);
@@ -127,7 +97,7 @@ TEST_F(TimeTagStreamTest, EmptyGetDataAndAllTagsOnTheWorkers) {
   TimeTagStream stream(&tagger, 1u << 20, {});
   TimeTagStreamBuffer empty = stream.getData();
   EXPECT_EQ(empty.size, 0u);
-  EXPECT_TRUE(tagsOf(empty).empty());
+  EXPECT_TRUE(testing::bufferTags(empty).empty());
   EXPECT_FALSE(empty.hasOverflows);
 
   const std::vector<Block> pushed =
@@ -140,7 +110,7 @@ TEST_F(TimeTagStreamTest, EmptyGetDataAndAllTagsOnTheWorkers) {
   for (const Block& block : pushed)
     expected.insert(expected.end(), block.tags.begin(), block.tags.end());
   const TimeTagStreamBuffer buffer = stream.getData();
-  EXPECT_TRUE(sameTags(tagsOf(buffer), expected));
+  EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(expected));
   EXPECT_EQ(buffer.tGetData, pushed.back().end_time);
 }
 
