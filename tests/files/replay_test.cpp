@@ -271,6 +271,28 @@ TEST_F(ReplayTest, ReplayRefusesMissingAndForeignFiles) {
   EXPECT_THROW(tagger.setDeadtime(1, -1), std::invalid_argument);
 }
 
+TEST_F(ReplayTest, ZeroBasedNumberingHasNoSignFlipToGuessWith) {
+  const int scheme = getZeptickChannelNumberScheme();
+  setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO);
+  testing::LogCapture log;
+  {
+    ZeptickVirtualImpl tagger(1);
+    EXPECT_TRUE(tagger.isUnusedChannel(-1));
+    EXPECT_EQ(tagger.getInvertedChannel(4), -4);
+    EXPECT_TRUE(
+        log.contains("getInvertedChannel(4) called prior to replaying a file with the zero "
+                     "channel numbering scheme. How many inputs has your Zeptick?"));
+    EXPECT_THROW(tagger.setTestSignal(1, true), std::runtime_error);
+    // With a file, the recorded channel map answers.
+    const std::string base = dir.file("zero");
+    writeRecording(base, smallSpec(14));
+    ASSERT_TRUE(tagger.waitForCompletion(tagger.replay(base), 60000));
+    EXPECT_EQ(tagger.getInvertedChannel(-3), 3);
+    EXPECT_EQ(tagger.getInvertedChannel(7), CHANNEL_UNUSED);
+  }
+  setZeptickChannelNumberScheme(scheme);
+}
+
 TEST_F(ReplayTest, CreatedThroughTheRegistry) {
   const std::string base = dir.file("reg");
   const RecordingSummary summary = writeRecording(base, smallSpec(13));
