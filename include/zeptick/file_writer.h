@@ -18,9 +18,10 @@ class ZeptickFileWriter;
 /// identifier: <name>.ztbin holds the configuration and the channel map, the
 /// tags go to <name>.1.ztbin, <name>.2.ztbin and so on. A file is closed and
 /// the next one begun once it passes getMaxFileSize(), so a file may exceed
-/// the limit by one block. Compression, hashing and signing of blocks run on
-/// several workers at once; blocks still reach the disk in stream order.
-/// Errors, overflow marks and missed events are recorded with the tags.
+/// the limit by one block, or by an overflow span: files roll over only
+/// outside overflows, so that every file reads back on its own. Compression, hashing and signing of
+/// blocks run on several workers at once; blocks still reach the disk in stream order. Errors,
+/// overflow marks and missed events are recorded with the tags.
 class ZEPTICK_API FileWriter : public IteratorBase {
  public:
   /// Throws std::runtime_error for no channels or more than 250, and when the
@@ -59,6 +60,7 @@ class ZEPTICK_API FileWriter : public IteratorBase {
   std::array<uint32_t, 4> file_id{};
   std::shared_ptr<ZeptickFileWriter> writer;
   std::vector<std::pair<int32_t, int32_t>> channels;
+  bool stream_in_overflow = false;  // at the end of the last block seen
   // Writers replaced while blocks they encoded were still on their way to the disk.
   std::vector<std::shared_ptr<ZeptickFileWriter>> retired;
 };

@@ -116,9 +116,19 @@ void FileWriter::closeIdleWriters() {
 }
 
 bool FileWriter::next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-  // Unsigned, so that a negative limit never rolls over.
-  if (writer && writer->getBytesWritten() > static_cast<uint64_t>(max_file_size)) on_start();
+  // Unsigned, so that a negative limit never rolls over. Not inside an overflow:
+  // a new file starts out of overflow, and would drop the span's missed events.
+  if (writer && writer->getBytesWritten() > static_cast<uint64_t>(max_file_size) &&
+      !stream_in_overflow) {
+    on_start();
+  }
   if (!writer) return false;
+  for (auto tag = tags.rbegin(); tag != tags.rend(); ++tag) {
+    if (tag->type == Tag::Type::OverflowBegin || tag->type == Tag::Type::OverflowEnd) {
+      stream_in_overflow = tag->type == Tag::Type::OverflowBegin;
+      break;
+    }
+  }
   std::shared_ptr<ZeptickFileWriter> encoder = writer;
   ZeptickFileWriter::TimeTagBlockState* state = encoder->encodeBlock(tags, begin_time, end_time);
   OrderedPipeline pipeline;

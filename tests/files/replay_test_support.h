@@ -85,14 +85,12 @@ inline std::vector<Block> randomStream(std::mt19937_64& rng, size_t count,
 /// What a reader gets back from `blocks` written with the channels `recorded`:
 /// tags of other channels, missed events outside overflow and time tags inside
 /// it are gone; a missed-event count reads back at the time of the word before
-/// it. The overflow state starts afresh with every block in `file_starts`.
+/// it.
 inline std::vector<Tag> throughFormat(const std::vector<Block>& blocks,
-                                      const std::set<int>& recorded,
-                                      const std::set<int64_t>& file_starts) {
+                                      const std::set<int>& recorded) {
   std::vector<Tag> out;
   bool in_overflow = false;
   for (const Block& block : blocks) {
-    if (file_starts.count(block.begin_time) > 0) in_overflow = false;
     int64_t last = block.begin_time;
     for (const Tag& tag : block.tags) {
       const bool counted = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
@@ -126,18 +124,6 @@ inline std::vector<std::string> splitFiles(const std::string& base) {
     if (!std::filesystem::exists(name)) return names;
     names.push_back(name);
   }
-}
-
-/// begin_time of the first block of each file of the recording.
-inline std::set<int64_t> fileStarts(const std::string& base) {
-  std::set<int64_t> starts;
-  for (const std::string& name : splitFiles(base)) {
-    ZeptickFileReader reader(name, true);
-    int64_t begin = 0;
-    int64_t end = 0;
-    if (reader.getBlockRange(begin, end)) starts.insert(begin);
-  }
-  return starts;
 }
 
 /// The generator's whole stream in memory: the reference for what the files hold.
