@@ -74,7 +74,8 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
 
   // Replay rebases the recording onto its own clock, which starts at 0, and
   // finds no gap anywhere, so it adds no error tag.
-  ZeptickVirtualImpl replay(4);
+  auto replay_owner = testing::replayTagger(4);
+  ZeptickVirtualImpl& replay = *replay_owner;
   testing::RecordingMeasurement seen(&replay);
   replay.replay(base);
   ASSERT_TRUE(replay.waitForCompletion(0, 60000));

@@ -24,7 +24,8 @@ Tag mark(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, 
 
 std::vector<Tag> replayed(const std::string& base,
                           const std::function<void(ZeptickVirtualImpl&)>& configure) {
-  ZeptickVirtualImpl tagger(3);
+  auto tagger_owner = testing::replayTagger(3);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   configure(tagger);
   testing::RecordingMeasurement seen(&tagger);
   EXPECT_TRUE(tagger.waitForCompletion(tagger.replay(base), 60000));

@@ -70,7 +70,8 @@ TEST_F(ReplayTest, SplitRecordingPlaysCompleteOnItsOwnClock) {
   const RecordingSummary summary = writeRecording(base, spec, 8000);
   EXPECT_GE(summary.files, 4u);
 
-  ZeptickVirtualImpl tagger(4);
+  auto tagger_owner = testing::replayTagger(4);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   RecordingMeasurement seen(&tagger);
   const uint64_t id = tagger.replay(base);
   EXPECT_EQ(id, 1u);
@@ -101,7 +102,8 @@ TEST_F(ReplayTest, BeginAndDurationCutAtExactTimes) {
   for (const Case c :
        {Case{1234567, 5000000123}, Case{2100000000, 1400000000}, Case{-3000000000, 7000000000},
         Case{15000000000, 9000000000}, Case{25000000000, 1000000000}}) {
-    ZeptickVirtualImpl tagger(3);
+    auto tagger_owner = testing::replayTagger(3);
+    ZeptickVirtualImpl& tagger = *tagger_owner;
     RecordingMeasurement seen(&tagger);
     ASSERT_TRUE(tagger.waitForCompletion(tagger.replay(base, c.begin, c.duration), 60000));
     const std::vector<Block> blocks = seen.blocks();
@@ -124,7 +126,8 @@ TEST_F(ReplayTest, QueueMarksTheJoinAndStopEndsEverything) {
   spec.seed = 8;
   writeRecording(second, spec, -1);
 
-  ZeptickVirtualImpl tagger(4);
+  auto tagger_owner = testing::replayTagger(4);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   RecordingMeasurement seen(&tagger);
   const uint64_t a = tagger.replay(first);
   const uint64_t b = tagger.replay(second, 0, 0);  // nothing but a walk through its files
@@ -165,7 +168,8 @@ TEST_F(ReplayTest, SpeedPacesPausesAndRejectsTooSlow) {
   const std::string base = dir.file("paced");
   writeRecording(base, spec);
 
-  ZeptickVirtualImpl tagger(2);
+  auto tagger_owner = testing::replayTagger(2);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   EXPECT_THROW(tagger.setReplaySpeed(0.05), std::runtime_error);
   EXPECT_NO_THROW(tagger.setReplaySpeed(0.1));
   EXPECT_NO_THROW(tagger.setReplaySpeed(-1.0));
@@ -214,7 +218,8 @@ TEST_F(ReplayTest, CorruptedBlockNeverReachesAMeasurement) {
   testing::writeBytes(victim, bytes);
 
   testing::LogCapture log;
-  ZeptickVirtualImpl tagger(4);
+  auto tagger_owner = testing::replayTagger(4);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   RecordingMeasurement seen(&tagger);
   ASSERT_TRUE(tagger.waitForCompletion(tagger.replay(base), 60000));
   EXPECT_TRUE(log.contains("Time tag block data with invalid hash or signature") ||
@@ -246,7 +251,8 @@ TEST_F(ReplayTest, ForeignSplitFileEndsTheRecording) {
   ASSERT_GT(mine.files, 4u);
 
   testing::LogCapture log;
-  ZeptickVirtualImpl tagger(2);
+  auto tagger_owner = testing::replayTagger(2);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   RecordingMeasurement seen(&tagger);
   ASSERT_TRUE(tagger.waitForCompletion(tagger.replay(base), 60000));
   EXPECT_TRUE(
@@ -259,7 +265,8 @@ TEST_F(ReplayTest, ForeignSplitFileEndsTheRecording) {
 }
 
 TEST_F(ReplayTest, ReplayRefusesMissingAndForeignFiles) {
-  ZeptickVirtualImpl tagger(1);
+  auto tagger_owner = testing::replayTagger(1);
+  ZeptickVirtualImpl& tagger = *tagger_owner;
   EXPECT_THROW(tagger.replay(dir.file("absent")), std::runtime_error);
   testing::writeBytes(dir.file("junk.ztbin"), testing::Bytes(64, 7));
   EXPECT_THROW(tagger.replay(dir.file("junk")), std::runtime_error);
@@ -276,7 +283,8 @@ TEST_F(ReplayTest, ZeroBasedNumberingHasNoSignFlipToGuessWith) {
   setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO);
   testing::LogCapture log;
   {
-    ZeptickVirtualImpl tagger(1);
+    auto tagger_owner = testing::replayTagger(1);
+    ZeptickVirtualImpl& tagger = *tagger_owner;
     EXPECT_TRUE(tagger.isUnusedChannel(-1));
     EXPECT_EQ(tagger.getInvertedChannel(4), -4);
     EXPECT_TRUE(

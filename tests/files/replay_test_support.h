@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
@@ -16,10 +17,18 @@
 #include "files/file_format.h"
 #include "files/recording_generator.h"
 #include "files/zeptick_file_reader.h"
+#include "files/zeptick_virtual_impl.h"
 #include "support/test_tagger.h"
 #include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
+
+/// A replay tagger on the heap. ThreadSanitizer forgets a mutex only when its
+/// memory is freed, so taggers in stack slots of earlier tests would alias this
+/// one's mutexes and report lock orders that never met.
+inline std::unique_ptr<ZeptickVirtualImpl> replayTagger(unsigned workers) {
+  return std::make_unique<ZeptickVirtualImpl>(workers);
+}
 
 /// Waits until every block pushed so far has passed every measurement: a last
 /// empty block carries a new fence, and blocks pass in order.
