@@ -13,8 +13,9 @@ namespace zeptick {
 /// stand. Deprecated: FileWriter records compactly, verifiably and in split
 /// files. Errors and overflow marks are always written; time tags only of the
 /// given channels (all with an empty list). After `max_tags` tags (negative:
-/// no limit) it closes the file and writes nothing more until it is started
-/// again. A file that cannot be opened is not reported.
+/// no limit) it closes the file and writes nothing more; isRunning() stays
+/// true until stop(), and a start() after that stop() begins a new file.
+/// A file that cannot be opened is not reported.
 class ZEPTICK_API Dump : public IteratorBase {
  public:
   Dump(ZeptickBase* tagger, const std::string& filename, int64_t max_tags = -1,
