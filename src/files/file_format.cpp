@@ -10,7 +10,10 @@ std::string makeFileName(const std::string& base, uint32_t index) {
   if (name.size() > extension.size() && std::string_view(name).ends_with(extension)) {
     name.resize(name.size() - extension.size());
   }
-  if (index > 0) name += "." + std::to_string(index);
+  if (index > 0) {
+    name += '.';
+    name += std::to_string(index);
+  }
   name += extension;
   return name;
 }

@@ -3,6 +3,7 @@
 #include <lz4.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -14,6 +15,7 @@ namespace {
 using ZeptickFile::ShortTag;
 
 constexpr size_t kStreamBufferSize = 1 << 20;
+constexpr size_t kMinStreamBufferSize = 4096;
 // LZ4 turns one stored byte into at most 255 output bytes (a run-length byte adds 255 to a
 // match), so a claim above this cannot be true and must not size a buffer.
 constexpr uint64_t kMaxLz4Ratio = 255;
@@ -27,7 +29,10 @@ ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify) :
   file = std::fopen(filename.c_str(), "rb");
   if (file == nullptr) return;
   opened = true;
-  file_buffer.resize(kStreamBufferSize);
+  // A small file gets a buffer of its own size: like every other buffer here, this one is no
+  // larger than the file's bytes justify.
+  refreshFileSize();
+  file_buffer.resize(std::clamp<uint64_t>(file_size, kMinStreamBufferSize, kStreamBufferSize));
   std::setvbuf(file, file_buffer.data(), _IOFBF, file_buffer.size());
   load();
 }
@@ -39,14 +44,20 @@ void ZeptickFileReader::close() {
   file = nullptr;
 }
 
-bool ZeptickFileReader::available(uint64_t size) {
-  if (position + size <= file_size) return true;
-  // The file may have grown since the last look (it may be written while it is read).
+void ZeptickFileReader::refreshFileSize() {
   struct stat status {};
   if (file != nullptr && fstat(fileno(file), &status) == 0 && status.st_size >= 0) {
     file_size = static_cast<uint64_t>(status.st_size);
   }
-  return position + size <= file_size && position + size >= position;
+}
+
+bool ZeptickFileReader::available(uint64_t size) {
+  // A skip may have moved the position past the end: compare without wrapping around.
+  const auto fits = [&] { return position <= file_size && size <= file_size - position; };
+  if (fits()) return true;
+  // The file may have grown since the last look (it may be written while it is read).
+  refreshFileSize();
+  return fits();
 }
 
 bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
@@ -254,8 +265,9 @@ bool ZeptickFileReader::skipBlock() {
 bool ZeptickFileReader::decodeBlock(std::vector<Tag>& tags, int64_t start_time,
                                     uint64_t& overflows) {
   if (!has_block) return false;
-  tags.clear();
-  tags.reserve(words.size());
+  // At most one tag per word: size once, fill through a pointer, trim at the end.
+  tags.resize(words.size());
+  Tag* out = tags.data();
   // Unsigned arithmetic: a forged delta may wrap, which must not be undefined.
   uint64_t time = static_cast<uint64_t>(start_time);
   const uint64_t unit = block_header.time_unit;
@@ -264,12 +276,12 @@ bool ZeptickFileReader::decodeBlock(std::vector<Tag>& tags, int64_t start_time,
     const uint8_t code = word.code();
     const uint64_t value = word.value();
     if (code <= ZeptickFile::MAX_CHANNEL_INDEX) {
-      if (overflow) {
-        tags.push_back(Tag{Tag::Type::MissedEvents, 0, static_cast<uint16_t>(value), channels[code],
-                           static_cast<int64_t>(time)});
-      } else {
+      if (!overflow) {
         time += value * unit;
-        tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, channels[code], static_cast<int64_t>(time)});
+        *out++ = Tag{Tag::Type::TimeTag, 0, 0, channels[code], static_cast<int64_t>(time)};
+      } else {
+        *out++ = Tag{Tag::Type::MissedEvents, 0, static_cast<uint16_t>(value), channels[code],
+                     static_cast<int64_t>(time)};
       }
       continue;
     }
@@ -296,8 +308,9 @@ bool ZeptickFileReader::decodeBlock(std::vector<Tag>& tags, int64_t start_time,
         break;
     }
     time += value * unit;
-    tags.push_back(Tag{type, 0, 0, CHANNEL_UNUSED, static_cast<int64_t>(time)});
+    *out++ = Tag{type, 0, 0, CHANNEL_UNUSED, static_cast<int64_t>(time)};
   }
+  tags.resize(static_cast<size_t>(out - tags.data()));
   has_block = false;
   load();
   return true;

@@ -61,6 +61,7 @@ class ZeptickFileReader {
   bool readTimeTagBlock(uint64_t& remaining);
   bool verifyBlock();
   bool available(uint64_t size);
+  void refreshFileSize();
   void load();
   void close();
 

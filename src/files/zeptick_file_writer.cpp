@@ -43,14 +43,14 @@ ZeptickFileWriter::ZeptickFileWriter(const std::string& filename, uint32_t split
                                      std::shared_ptr<BlockPool> pool)
     : pool(pool ? std::move(pool) : std::make_shared<BlockPool>()),
       key(detail::currentSigningKey()),
-      file_buffer(kStreamBufferSize) {
+      file_buffer(new char[kStreamBufferSize]) {
   direct_index.fill(kNoIndex);
   file = std::fopen(ZeptickFile::makeFileName(filename, split_index).c_str(), "wb");
   if (file == nullptr) {
     throw std::runtime_error("FileWriter: Error on opening the file '" + filename +
                              "' for writing.");
   }
-  std::setvbuf(file, file_buffer.data(), _IOFBF, file_buffer.size());
+  std::setvbuf(file, file_buffer.get(), _IOFBF, kStreamBufferSize);
   ZeptickFile::FileHeader header{};
   header.alignment = ZeptickFile::ALIGNMENT;
   header.version = ZeptickFile::VERSION;

@@ -26,6 +26,9 @@ namespace zeptick {
 ///   recycleBlock  under the measurement's lock again.
 /// Configuration, channel map and markers are written directly, under the measurement's lock.
 /// Write failures throw std::runtime_error("FileWriter: Error on writing to the disk.").
+/// A file split may replace the writer while blocks are between encodeBlock and writeBlock:
+/// states live in a pool that successive writers share (see BlockPool), and an owner that holds
+/// its writers by shared_ptr can let an in-flight block still reach the file it was encoded for.
 class ZeptickFileWriter {
  public:
   /// One block on its way through the stages. Vectors keep their capacity across reuse.
@@ -117,7 +120,7 @@ class ZeptickFileWriter {
 
   std::mutex file_mutex;  // one block, text or header at a time reaches the file
   std::FILE* file = nullptr;
-  std::vector<char> file_buffer;
+  std::unique_ptr<char[]> file_buffer;  // left uninitialised: stdio fills it before use
 };
 
 }  // namespace zeptick

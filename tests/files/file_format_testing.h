@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "file_format_reference.h"
 #include "files/zeptick_file_reader.h"
 #include "files/zeptick_file_writer.h"
 #include "support/log_capture.h"

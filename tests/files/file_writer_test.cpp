@@ -2,11 +2,9 @@
 // parallel finishing, and reuse of block states.
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <random>
 #include <thread>
 
@@ -14,8 +12,6 @@
 
 namespace zeptick::testing {
 namespace {
-
-Tag timeTag(int32_t channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
 
 // `count` tags on channel 1, one per word: equal times compress well, random gaps do not.
 std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible, uint64_t seed = 1) {
@@ -147,30 +143,6 @@ TEST(FileWriter, FullDiskRaisesTheWriteErrorAndClosingLogsIt) {
     writer.recycleBlock(state);
   }
   EXPECT_EQ(countMessages(log, "FileWriter: Error on writing to the disk."), 1u);
-}
-
-// Runs in a child process: the limit and the ignored signal must not reach other tests.
-[[noreturn]] void writeBeyondFileSizeLimit(const std::string& base) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{100000, 100000};
-  setrlimit(RLIMIT_FSIZE, &limit);
-  ZeptickFileWriter writer(base, 0, {});
-  writer.writeChannelMap({{1, -1}});
-  const std::vector<Tag> tags = tagsOnOneChannel(600000, false);
-  auto* state = writer.encodeBlock(tags, 0, tags.back().time + 1);
-  ZeptickFileWriter::finishBlock(state);
-  try {
-    writer.writeBlock(state);
-  } catch (const std::runtime_error& error) {
-    std::_Exit(std::string(error.what()) == "FileWriter: Error on writing to the disk." ? 0 : 1);
-  }
-  std::_Exit(2);
-}
-
-TEST(FileWriter, FileSizeLimitRaisesTheWriteError) {
-  ScratchDirectory directory;
-  EXPECT_EXIT(writeBeyondFileSizeLimit(directory.file("limited")), ::testing::ExitedWithCode(0),
-              "");
 }
 
 TEST(FileWriter, BlocksFinishedOnSeveralThreadsReadBackInOrder) {

@@ -1,0 +1,133 @@
+// Turns arbitrary bytes into a stream of tags, writes it with ZeptickFileWriter, reads it back
+// with verification, and checks every block against a plain model of what the encoding keeps.
+// Any difference, or any message from writer or reader, aborts.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "files/file_format_reference.h"
+#include "files/zeptick_file_reader.h"
+#include "files/zeptick_file_writer.h"
+#include "zeptick/logging.h"
+
+namespace {
+
+using zeptick::Tag;
+
+void noMessages(zeptick::LogLevel, std::string) { std::abort(); }
+
+struct Block {
+  std::vector<Tag> tags;
+  int64_t begin_time;
+  int64_t end_time;
+};
+
+// Eight bytes make a tag: its kind, whether a new block starts before it, its channel, a
+// missed-event count and a time step that may be tiny, beyond 2^24 or 2^48, or backwards.
+std::vector<Block> parse(const uint8_t* data, size_t size) {
+  static const int32_t channels[] = {1, -1, 2, 1000000, 5, zeptick::CHANNEL_UNUSED};
+  std::vector<Block> blocks(1);
+  blocks[0].begin_time = -1000000;
+  int64_t time = blocks[0].begin_time;
+  for (size_t at = 0; at + 8 <= size; at += 8) {
+    const uint8_t* record = data + at;
+    // One record in sixteen starts a block: each block costs a signature and its check.
+    if ((record[0] & 0xF0) == 0xF0) {
+      const int64_t end = std::max(time, blocks.back().begin_time) + (record[1] & 0x3F);
+      blocks.back().end_time = end;
+      blocks.push_back(Block{{}, end, 0});
+    }
+    uint32_t step = 0;
+    std::memcpy(&step, record + 4, sizeof(step));
+    int64_t gap = step & 0xFFFFF;
+    switch (step >> 29) {
+      case 7:
+        gap <<= 30;
+        break;  // beyond 2^48 now and then
+      case 6:
+        gap <<= 8;
+        break;  // around 2^24
+      case 5:
+        gap = -(gap & 0xFFF);
+        break;  // earlier than the last tag
+      default:
+        break;
+    }
+    time += gap;
+    const int kind = record[0] & 0x07;
+    Tag tag{};
+    tag.type = kind <= 4 ? static_cast<Tag::Type>(kind) : static_cast<Tag::Type>(9);
+    tag.channel = channels[record[1] % std::size(channels)];
+    tag.missed_events = static_cast<uint16_t>(record[2] | (record[3] << 8));
+    tag.time = time;
+    blocks.back().tags.push_back(tag);
+  }
+  blocks.back().end_time = std::max(time, blocks.back().begin_time) + 1;
+  return blocks;
+}
+
+bool same(const Tag& a, const Tag& b) {
+  return a.type == b.type && a.reserved == b.reserved && a.missed_events == b.missed_events &&
+         a.channel == b.channel && a.time == b.time;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  zeptick::setLogger(&noMessages);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::string base = [] {
+    const std::filesystem::path shm = "/dev/shm";
+    const std::filesystem::path directory =
+        std::filesystem::is_directory(shm) ? shm : std::filesystem::temp_directory_path();
+    return (directory / ("zeptick-roundtrip-" + std::to_string(getpid()))).string();
+  }();
+  const std::vector<Block> blocks = parse(data, size);
+  {
+    zeptick::ZeptickFileWriter writer(base, 0, {1, 2, 3, 4});
+    writer.writeChannelMap({{1, -1}, {-1, 1}, {2, -2}, {1000000, -1000000}});
+    for (const Block& block : blocks) {
+      auto* state = writer.encodeBlock(block.tags, block.begin_time, block.end_time);
+      zeptick::ZeptickFileWriter::finishBlock(state);
+      writer.writeBlock(state);
+      writer.recycleBlock(state);
+    }
+  }
+  const std::string file = zeptick::ZeptickFile::makeFileName(base, 0);
+  zeptick::ZeptickFileReader reader(file, true);
+  bool overflow = false;
+  std::vector<Tag> tags;
+  uint64_t overflows = 0;
+  for (const Block& block : blocks) {
+    int64_t begin = 0;
+    int64_t end = 0;
+    if (!reader.getBlockRange(begin, end) || begin != block.begin_time || end != block.end_time ||
+        !reader.decodeBlock(tags, begin, overflows)) {
+      std::abort();
+    }
+    const std::vector<Tag> expected = zeptick::testing::expectedAfterFile(
+        block.tags, block.begin_time, {1, -1, 2, 1000000}, overflow);
+    if (expected.size() != tags.size()) std::abort();
+    for (size_t i = 0; i < tags.size(); ++i) {
+      if (!same(tags[i], expected[i])) std::abort();
+    }
+  }
+  int64_t begin = 0;
+  int64_t end = 0;
+  if (reader.getBlockRange(begin, end)) std::abort();
+  std::remove(file.c_str());
+  return 0;
+}
