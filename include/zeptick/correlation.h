@@ -27,8 +27,10 @@ class SlidingQueue;
 /// normalisation. Counters are 32-bit and wrap.
 class ZEPTICK_API Correlation : public IteratorBase {
  public:
+  /// By default the autocorrelation of `channel_1` in 1000 bins of 1 ns.
   /// Throws std::invalid_argument if binwidth < 1 or n_bins < 1.
-  Correlation(ZeptickBase* tagger, int channel_1, int channel_2, int64_t binwidth, int n_bins);
+  Correlation(ZeptickBase* tagger, int channel_1, int channel_2 = CHANNEL_UNUSED,
+              int64_t binwidth = 1000, int n_bins = 1000);
   ~Correlation() override;
 
   /// The raw counters. `array_out(n_bins)` is called once, before the lock is taken.

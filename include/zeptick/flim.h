@@ -10,9 +10,11 @@ namespace zeptick {
 /// any non-time tag until the next next tag, nothing counts. Counters are 32-bit.
 class ZEPTICK_API Flim : public TimeDifferences {
  public:
+  /// By default one histogram of 1000 bins of 1 ns.
   /// Throws std::invalid_argument if binwidth < 1, n_bins < 1 or n_histograms < 1.
-  Flim(ZeptickBase* tagger, int click_channel, int start_channel, int next_channel,
-       int64_t binwidth, int n_bins, int n_histograms);
+  Flim(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
+       int next_channel = CHANNEL_UNUSED, int64_t binwidth = 1000, int n_bins = 1000,
+       int n_histograms = 1);
 
   using TimeDifferences::getData;
   using TimeDifferences::getIndex;

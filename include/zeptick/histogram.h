@@ -14,9 +14,9 @@ namespace zeptick {
 /// once in bin 0. Non-time tags drop the pending starts. Counters are 32-bit.
 class ZEPTICK_API Histogram : public TimeDifferences {
  public:
-  /// Throws std::invalid_argument if binwidth < 1 or n_bins < 1.
-  Histogram(ZeptickBase* tagger, int click_channel, int start_channel, int64_t binwidth,
-            int n_bins);
+  /// By default 1000 bins of 1 ns. Throws std::invalid_argument if binwidth < 1 or n_bins < 1.
+  Histogram(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
+            int64_t binwidth = 1000, int n_bins = 1000);
 
   /// Copies the counters. `array_out(n_bins)` is called once, before the lock is taken.
   void getData(std::function<int32_t*(size_t)> array_out);

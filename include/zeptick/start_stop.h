@@ -19,8 +19,10 @@ namespace zeptick {
 /// closes the open start. Counts are 64-bit.
 class ZEPTICK_API StartStop : public IteratorBase {
  public:
+  /// By default the spacing of consecutive clicks in bins of 1 ns.
   /// Throws std::invalid_argument for a binwidth of 0, which would divide by zero.
-  StartStop(ZeptickBase* tagger, int click_channel, int start_channel, int64_t binwidth);
+  StartStop(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
+            int64_t binwidth = 1000);
   ~StartStop() override;
 
   /// Rows of (bin start in ps, count) in rising time, empty bins left out.

@@ -30,10 +30,12 @@ class SlidingQueue;
 class ZEPTICK_API TimeDifferences : public IteratorBase {
  public:
   /// `start_channel` unused means the click channel; `next_channel` or
-  /// `sync_channel` unused switches that part of the sequence off.
+  /// `sync_channel` unused switches that part of the sequence off. The defaults
+  /// give one histogram of 1000 bins of 1 ns.
   /// Throws std::invalid_argument if binwidth < 1, n_bins < 1 or n_histograms < 1.
-  TimeDifferences(ZeptickBase* tagger, int click_channel, int start_channel, int next_channel,
-                  int sync_channel, int64_t binwidth, int n_bins, int n_histograms);
+  TimeDifferences(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
+                  int next_channel = CHANNEL_UNUSED, int sync_channel = CHANNEL_UNUSED,
+                  int64_t binwidth = 1000, int n_bins = 1000, int n_histograms = 1);
   ~TimeDifferences() override;
 
   /// Copies all counters, histogram after histogram. `array_out(n_histograms,

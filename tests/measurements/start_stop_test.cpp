@@ -62,21 +62,6 @@ Rows rowsOf(StartStop& measurement, size_t* asked_rows = nullptr) {
   return rows;
 }
 
-// Driven by hand, with no worker involved: stopped at once and fed block by block.
-class DirectStartStop : public StartStop {
- public:
-  DirectStartStop(ZeptickBase* tagger, int click, int start, int64_t binwidth)
-      : StartStop(tagger, click, start, binwidth) {
-    stop();
-    clear();
-  }
-  void feed(std::vector<Tag> tags, int64_t end_time) {
-    lock();
-    next_impl(tags, tags.empty() ? end_time : tags.front().time, end_time);
-    unlock();
-  }
-};
-
 class StartStopTest : public ::testing::Test {
  protected:
   TestZeptick tagger{"TEST-1", 4};
@@ -128,7 +113,7 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
 }
 
 TEST_F(StartStopTest, PairsEachStartWithItsFirstClickOnly) {
-  DirectStartStop m(&tagger, 1, 2, 10);
+  testing::Fed<StartStop> m(&tagger, 1, 2, 10);
   size_t asked = 99;
   EXPECT_TRUE(rowsOf(m, &asked).empty());
   EXPECT_EQ(asked, 0u);

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <random>
+#include <stdexcept>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "test_tagger.h"
@@ -117,6 +120,40 @@ FlatStream deliverInRandomBlocks(Tagger& tagger, std::mt19937_64& rng, const Fla
   const FlatStream delivered = flatten(tagger.pushBlocks(cutIntoBlocks(rng, stream)));
   tagger.sync();
   return delivered;
+}
+
+/// A measurement fed by the test itself, block by block: stopped and cleared
+/// at once, so that no worker calls into it.
+template <typename Measurement>
+class Fed : public Measurement {
+ public:
+  template <typename... Args>
+  explicit Fed(Args&&... args) : Measurement(std::forward<Args>(args)...) {
+    this->stop();
+    this->clear();
+  }
+  void feed(std::vector<Tag> tags, int64_t begin_time, int64_t end_time) {
+    this->lock();
+    this->next_impl(tags, begin_time, end_time);
+    this->unlock();
+    last_end = end_time;
+  }
+  /// The next block, beginning where the last one ended.
+  void feed(std::vector<Tag> tags, int64_t end_time) { feed(std::move(tags), last_end, end_time); }
+
+ private:
+  int64_t last_end = 0;
+};
+
+/// The text of the std::invalid_argument that `make` throws, or "no exception".
+template <typename Make>
+std::string invalidArgumentMessage(Make&& make) {
+  try {
+    make();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
 }
 
 }  // namespace zeptick::testing
