@@ -1,11 +1,8 @@
-#include <stdexcept>
-
 #include "core/tagger_factories.h"
+#include "files/zeptick_virtual_impl.h"
 
 namespace zeptick::detail {
 
-ZeptickVirtual* makeReplayTagger() {
-  throw std::runtime_error("The replay tagger is not available in this build.");
-}
+ZeptickVirtual* makeReplayTagger() { return new ZeptickVirtualImpl(); }
 
 }  // namespace zeptick::detail

@@ -1,0 +1,442 @@
+#include "files/zeptick_virtual_impl.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "core/log.h"
+#include "files/zeptick_file_reader.h"
+#include "zeptick/library.h"
+
+namespace zeptick {
+
+namespace {
+
+// Far above any input and any virtual channel of a recording made on hardware, so
+// that a virtual channel of the replay never collides with one found in a file.
+constexpr int kFirstVirtualChannel = 1 << 16;
+
+bool fileExists(const std::string& name) { return std::ifstream(name, std::ios::binary).is_open(); }
+
+}  // namespace
+
+ZeptickVirtualImpl::ZeptickVirtualImpl(unsigned workers)
+    : channel_number_scheme(getZeptickChannelNumberScheme()),
+      anchor_real(nowNs()),
+      next_virtual_channel(kFirstVirtualChannel) {
+  // Started last, so that workers never see a half-built object.
+  startWorkers(workers);
+}
+
+ZeptickVirtualImpl::~ZeptickVirtualImpl() {
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    wake_cv.notify_all();
+  }
+  stopWorkers();
+}
+
+int64_t ZeptickVirtualImpl::nowNs() const {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// --- Caller operations ----------------------------------------------------------------------
+
+uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int64_t duration,
+                                    bool queue) {
+  const std::string name = ZeptickFile::makeFileName(file, 0);
+  std::ifstream head(name, std::ios::binary);
+  if (!head.is_open()) throw std::runtime_error("File '" + name + "' could not be opened.");
+  uint32_t magic = 0;
+  head.read(reinterpret_cast<char*>(&magic), sizeof(magic));
+  if (!head || magic != ZeptickFile::MAGIC) {
+    throw std::runtime_error("File format error. Files must be written via the FileWriter class.");
+  }
+
+  // Measurements created before this call see the recording from its first tag.
+  const uint32_t fence = getFence(true);
+  std::unique_lock<std::mutex> claim(block_mutex, std::defer_lock);
+  if (!queue) claim.lock();  // no block step may be inside an entry we drop
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  if (!queue) {
+    while (!file_queue.empty()) completeFront();
+  }
+  FileQueueEntry entry;
+  entry.file = file;
+  entry.begin = begin;
+  entry.duration = duration;
+  entry.id = ++last_id;
+  entry.fence = fence;
+  file_queue.push_back(std::move(entry));
+  wake_cv.notify_all();
+  return last_id;
+}
+
+void ZeptickVirtualImpl::stop() {
+  std::lock_guard<std::mutex> claim(block_mutex);
+  std::lock_guard<std::mutex> queue_guard(queue_mutex);
+  installReader(nullptr);
+  while (!file_queue.empty()) completeFront();
+  wake_cv.notify_all();
+}
+
+void ZeptickVirtualImpl::completeFront() {
+  completed_id = std::max(completed_id, file_queue.front().id);
+  file_queue.pop_front();
+  completion_cv.notify_all();
+}
+
+bool ZeptickVirtualImpl::waitForCompletion(uint64_t id, int32_t timeout) {
+  bool finished;
+  {
+    std::unique_lock<std::mutex> guard(queue_mutex);
+    if (id == 0) id = last_id;
+    auto done = [this, id] { return completed_id >= id; };
+    if (timeout == 0) {
+      finished = done();
+    } else if (timeout < 0) {
+      completion_cv.wait(guard, done);
+      finished = true;
+    } else {
+      finished = completion_cv.wait_for(guard, std::chrono::milliseconds(timeout), done);
+    }
+  }
+  // Every measurement has seen the recording's last tag once this returns.
+  if (finished) sync();
+  return finished;
+}
+
+void ZeptickVirtualImpl::setReplaySpeed(double value) {
+  if (value > 0.0 && value < 0.1) {
+    throw std::runtime_error("Slow replay speed between 0.0 and 0.1 is not supported.");
+  }
+  {
+    std::lock_guard<std::mutex> guard(clock_mutex);
+    speed = value;
+    anchor_virtual = virtual_time;
+    anchor_real = nowNs();
+  }
+  std::lock_guard<std::mutex> guard(queue_mutex);
+  wake_cv.notify_all();
+}
+
+double ZeptickVirtualImpl::getReplaySpeed() {
+  std::lock_guard<std::mutex> guard(clock_mutex);
+  return speed;
+}
+
+void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next) {
+  std::unique_ptr<ZeptickFileReader> old;
+  {
+    std::lock_guard<std::mutex> guard(reader_mutex);
+    old = std::move(reader);
+    reader = std::move(next);
+  }
+}
+
+int ZeptickVirtualImpl::getInvertedChannel(int channel) {
+  {
+    std::lock_guard<std::mutex> guard(reader_mutex);
+    if (reader) return reader->getInvertedChannel(channel);
+  }
+  if (channel_number_scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) {
+    ZT_LOG_ERROR(
+        "getInvertedChannel(%d) called prior to replaying a file with the zero channel numbering "
+        "scheme. How many inputs has your Zeptick?",
+        channel);
+  }
+  return -channel;
+}
+
+bool ZeptickVirtualImpl::isUnusedChannel(int channel) {
+  if (channel == CHANNEL_UNUSED) return true;
+  if (channel != -1) return false;
+  {
+    std::lock_guard<std::mutex> guard(reader_mutex);
+    if (reader) return reader->getInvertedChannel(-1) == CHANNEL_UNUSED;
+  }
+  return channel_number_scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO;
+}
+
+std::string ZeptickVirtualImpl::getConfiguration() {
+  std::lock_guard<std::mutex> guard(reader_mutex);
+  return reader ? reader->getConfiguration() : std::string();
+}
+
+void ZeptickVirtualImpl::editChannel(int channel,
+                                     const std::function<void(ReplayChannelConfig&)>& edit) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  ReplayChannelConfig& config = caller_channels[channel];
+  edit(config);
+  // Only channels with a setting stay, so that unconfigured replay skips the ordering stage.
+  if (config.isDefault()) caller_channels.erase(channel);
+  config_dirty = true;
+}
+
+ReplayChannelConfig ZeptickVirtualImpl::channelSettings(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  auto found = caller_channels.find(channel);
+  return found == caller_channels.end() ? ReplayChannelConfig{} : found->second;
+}
+
+void ZeptickVirtualImpl::setInputDelay(int channel, int64_t delay) {
+  editChannel(channel, [delay](ReplayChannelConfig& config) { config.delay = delay; });
+}
+
+int64_t ZeptickVirtualImpl::getInputDelay(int channel) { return channelSettings(channel).delay; }
+
+int64_t ZeptickVirtualImpl::setDeadtime(int channel, int64_t deadtime) {
+  if (deadtime < 0) throw std::invalid_argument("negative deadtimes are not supported");
+  editChannel(channel, [deadtime](ReplayChannelConfig& config) { config.deadtime = deadtime; });
+  return deadtime;
+}
+
+int64_t ZeptickVirtualImpl::getDeadtime(int channel) { return channelSettings(channel).deadtime; }
+
+void ZeptickVirtualImpl::setTestSignal(std::vector<int> channels, bool enabled) {
+  if (channel_number_scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) {
+    throw std::runtime_error(
+        "setTestSignal called with the zero channel numbering scheme. How many inputs has your "
+        "virtual Zeptick?");
+  }
+  for (int channel : channels) {
+    const int input = std::abs(channel);
+    // Both edges of the input follow the signal, each on its own phase.
+    editChannel(input, [enabled](ReplayChannelConfig& config) {
+      config.test_signal = enabled;
+      config.rising_edge = true;
+    });
+    editChannel(-input, [enabled](ReplayChannelConfig& config) {
+      config.test_signal = enabled;
+      config.rising_edge = false;
+    });
+  }
+}
+
+void ZeptickVirtualImpl::setTestSignal(int channel, bool enabled) {
+  setTestSignal(std::vector<int>{channel}, enabled);
+}
+
+bool ZeptickVirtualImpl::getTestSignal(int channel) { return channelSettings(channel).test_signal; }
+
+int64_t ZeptickVirtualImpl::getOverflows() { return static_cast<int64_t>(overflows.load()); }
+
+void ZeptickVirtualImpl::clearOverflows() { getOverflowsAndClear(); }
+
+int64_t ZeptickVirtualImpl::getOverflowsAndClear() {
+  return static_cast<int64_t>(overflows.exchange(0));
+}
+
+int ZeptickVirtualImpl::getNewVirtualChannel() {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return next_virtual_channel++;
+}
+
+// Replay has no inputs to switch on or off.
+void ZeptickVirtualImpl::registerChannel(int) {}
+void ZeptickVirtualImpl::unregisterChannel(int) {}
+
+void ZeptickVirtualImpl::seedTestSignal(uint64_t seed) {
+  std::lock_guard<std::mutex> guard(processing_mutex);
+  channel_stage.seed(seed);
+}
+
+// --- The block step -------------------------------------------------------------------------
+
+bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
+                                       uint32_t fence, const std::function<void()>& ready) {
+  std::unique_lock<std::mutex> queue_lock(queue_mutex);
+  double current_speed;
+  {
+    std::lock_guard<std::mutex> guard(clock_mutex);
+    current_speed = speed;
+  }
+  if (current_speed == 0.0 || (file_queue.empty() && current_speed < 0.0)) {
+    // Nothing to play: an empty block now and then keeps fences, and so sync(), moving.
+    lock.unlock();
+    wake_cv.wait_for(queue_lock, idle_sleep);
+    queue_lock.unlock();
+    lock.lock();
+    worker->fence = takeFence();
+    emptyBlock(worker, 0);
+  } else {
+    const std::chrono::nanoseconds ahead =
+        current_speed > 0.0 ? paceClock(current_speed) : std::chrono::nanoseconds(0);
+    if (ahead.count() > 0) {
+      // Short sleeps, so that stop() and a new speed take effect at once.
+      lock.unlock();
+      wake_cv.wait_for(queue_lock, std::min(ahead, idle_sleep));
+      return true;
+    }
+    worker->fence = fence;
+    if (nextStep(worker, fence, current_speed) == Step::Retry) {
+      queue_lock.unlock();
+      lock.unlock();
+      return true;
+    }
+    queue_lock.unlock();
+  }
+
+  // Hand over hand to the ordering stage, so that the next block can be read meanwhile.
+  std::unique_lock<std::mutex> processing(processing_mutex);
+  lock.unlock();
+  lock = std::move(processing);
+  ready();
+  {
+    std::lock_guard<std::mutex> guard(config_mutex);
+    if (config_dirty) {
+      config_dirty = false;
+      channel_stage.configure(caller_channels);
+    }
+  }
+  channel_stage.process(worker->tags, worker->blockBegin, worker->blockEnd);
+  return false;
+}
+
+std::chrono::nanoseconds ZeptickVirtualImpl::paceClock(double current_speed) {
+  std::lock_guard<std::mutex> guard(clock_mutex);
+  const int64_t now = nowNs();
+  const int64_t elapsed = now - anchor_real;
+  const auto target = static_cast<int64_t>(
+      (static_cast<double>(virtual_time - anchor_virtual) * 1e-12 / current_speed) * 1e9);
+  if (elapsed + pacing_tolerance < target || target + pacing_tolerance < elapsed) {
+    // Far off pace (a pause, a slow consumer): start afresh rather than rush to catch up.
+    anchor_real = now;
+    anchor_virtual = virtual_time;
+    return std::chrono::nanoseconds(0);
+  }
+  return std::chrono::nanoseconds(std::max<int64_t>(0, target - elapsed));
+}
+
+void ZeptickVirtualImpl::emptyBlock(Worker* worker, int64_t length) {
+  std::lock_guard<std::mutex> guard(clock_mutex);
+  worker->tags.clear();
+  worker->blockBegin = virtual_time;
+  virtual_time += length;
+  worker->blockEnd = virtual_time;
+}
+
+ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t fence,
+                                                      double current_speed) {
+  const int64_t step = current_speed > 0.0
+                           ? static_cast<int64_t>(static_cast<double>(block_period) * current_speed)
+                           : block_period;
+  if (file_queue.empty()) {
+    // The clock runs on between recordings, as an instrument's would.
+    emptyBlock(worker, step);
+    return Step::Block;
+  }
+  FileQueueEntry& entry = file_queue.front();
+  // Measurements created before replay() must be in the chain before its first tag.
+  if (static_cast<int32_t>(entry.fence - fence) > 0) return Step::Retry;
+
+  if (entry.duration == 0) entry.has_data = false;
+  if (entry.has_data && entry.begin < 0) {
+    int64_t gap = std::min(step, -entry.begin);
+    if (entry.duration >= 0) gap = std::min(gap, entry.duration);
+    if (entry.duration >= 0) entry.duration -= gap;
+    entry.begin += gap;
+    emptyBlock(worker, gap);
+    return Step::Block;
+  }
+  return playFiles(entry, worker, step);
+}
+
+ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Worker* worker,
+                                                       int64_t step) {
+  if (!entry.opened) {
+    entry.opened = true;
+    auto next = std::make_unique<ZeptickFileReader>(
+        ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
+    next->getFileId(current_file_id);
+    installReader(std::move(next));
+  }
+  if (entry.has_data && readBlock(entry, worker)) return Step::Block;
+  return nextFile(entry, worker, step);
+}
+
+bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
+  std::lock_guard<std::mutex> reader_guard(reader_mutex);
+  int64_t block_begin = 0;
+  int64_t block_end = 0;
+  for (;;) {
+    if (!reader->getBlockRange(block_begin, block_end)) {
+      entry.has_data = false;
+      return false;
+    }
+    if (entry.begin < block_end - block_begin) break;
+    reader->skipBlock();
+    entry.begin -= block_end - block_begin;
+  }
+
+  std::lock_guard<std::mutex> clock_guard(clock_mutex);
+  const int64_t now = virtual_time;
+  uint64_t counted = 0;
+  std::vector<Tag>& tags = worker->tags;
+  entry.has_data = reader->decodeBlock(tags, now - entry.begin, counted);
+  overflows += counted;
+  if (!entry.has_data) return false;
+
+  auto before = [](const Tag& tag, int64_t time) { return tag.time - time < 0; };
+  int64_t length = block_end - block_begin;
+  if (entry.begin != 0) {
+    length -= entry.begin;
+    entry.begin = 0;
+    tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), now, before));
+  }
+  if (entry.duration >= 0) {
+    if (entry.duration < length) {
+      length = entry.duration;
+      tags.erase(std::lower_bound(tags.begin(), tags.end(), now + length, before), tags.end());
+    }
+    entry.duration -= length;
+  }
+  // Tags on either side of a gap do not belong together: say so, as the hardware would.
+  const bool continues = last_block_end == block_begin && last_file_id == current_file_id;
+  if (!continues && !first_block) {
+    tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, now});
+    ++overflows;
+  }
+  last_block_end = block_end;
+  last_file_id = current_file_id;
+  first_block = false;
+  worker->blockBegin = now;
+  virtual_time = now + length;
+  worker->blockEnd = virtual_time;
+  return true;
+}
+
+ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
+                                                      int64_t step) {
+  const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
+  if (fileExists(name)) {
+    auto next = std::make_unique<ZeptickFileReader>(name, true);
+    ZeptickFile::FileId id{};
+    next->getFileId(id);
+    if (id == current_file_id) {
+      installReader(std::move(next));
+      entry.has_data = true;
+      return Step::Retry;
+    }
+    ZT_LOG_ERROR(
+        "File '%s' matches the naming schema, but was not written in the same FileWriter. "
+        "Skipped.",
+        name.c_str());
+  }
+  if (entry.duration < 1) {
+    completeFront();
+    return Step::Retry;
+  }
+  // The recording ran out before its duration: the rest is empty time.
+  const int64_t length = std::min(step, entry.duration);
+  entry.begin += length;
+  entry.duration -= length;
+  emptyBlock(worker, length);
+  return Step::Block;
+}
+
+}  // namespace zeptick

@@ -1,0 +1,147 @@
+#include "zeptick/file_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "file_format_testing.h"
+#include "files/zeptick_virtual_impl.h"
+#include "replay_test_support.h"
+#include "support/log_capture.h"
+#include "support/recording_measurement.h"
+#include "zeptick/file_reader.h"
+
+namespace zeptick {
+namespace {
+
+using testing::Block;
+using testing::fields;
+using testing::ScratchDirectory;
+using testing::TestZeptick;
+
+std::vector<Tag> readAll(const std::string& base) {
+  FileReader reader(base);
+  std::vector<Tag> tags;
+  std::vector<Tag> block;
+  while (reader.hasData()) {
+    EXPECT_TRUE(reader.getDataRaw(block));
+    tags.insert(tags.end(), block.begin(), block.end());
+  }
+  return tags;
+}
+
+class FileWriterMeasurementTest : public ::testing::Test {
+ protected:
+  FileWriterMeasurementTest() { tagger.setIdleSpan(0); }
+  ScratchDirectory dir;
+  TestZeptick tagger{"TEST-1", 8};
+  std::mt19937_64 rng{77};
+};
+
+// Eight workers finish blocks in parallel while tiny files roll over all the
+// time, so rollovers keep replacing the writer under blocks still in flight.
+TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
+  const std::string base = dir.file("run");
+  FileWriter writer(&tagger, base, {1, 2, -1});
+  writer.setMaxFileSize(3000);
+  std::vector<Block> pushed;
+  for (int round = 0; round < 4; ++round) {
+    auto more = tagger.pushBlocks(testing::randomStream(rng, 150, {1, 2, 3, -1}));
+    pushed.insert(pushed.end(), more.begin(), more.end());
+  }
+  ASSERT_TRUE(testing::drain(tagger));
+  writer.stop();
+
+  const std::vector<std::string> files = testing::splitFiles(base);
+  EXPECT_GT(files.size(), 20u);
+  // The head file holds no tags; every other file holds a run of whole blocks.
+  EXPECT_TRUE(testing::readRecording(files[0]).empty());
+  // Files roll over only outside overflows, so no missed-event count is lost at a split.
+  const std::vector<Tag> expected = testing::throughFormat(pushed, {1, 2, -1});
+  const std::vector<Tag> read = readAll(base);
+  EXPECT_EQ(fields(read), fields(expected));
+
+  uint64_t bytes = 0;
+  for (const std::string& name : files) bytes += std::filesystem::file_size(name);
+  EXPECT_EQ(writer.getTotalSize(), static_cast<int64_t>(bytes));
+  EXPECT_EQ(writer.getTotalEvents(), static_cast<int64_t>(expected.size()));
+
+  // Replay rebases the recording onto its own clock, which starts at 0, and
+  // finds no gap anywhere, so it adds no error tag.
+  auto replay_owner = testing::replayTagger(4);
+  ZeptickVirtualImpl& replay = *replay_owner;
+  testing::RecordingMeasurement seen(&replay);
+  replay.replay(base);
+  ASSERT_TRUE(replay.waitForCompletion(0, 60000));
+  std::vector<Tag> shifted = expected;
+  for (Tag& tag : shifted) tag.time -= pushed.front().begin_time;
+  EXPECT_EQ(fields(testing::concat(seen.blocks())), fields(shifted));
+}
+
+TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecording) {
+  const std::string base = dir.file("parts");
+  FileWriter writer(&tagger, base, {1});
+  auto first = tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 10}}, 0, 100}});
+  ASSERT_TRUE(testing::drain(tagger));
+  writer.setMarker("after first");
+  writer.split();
+  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 150}}, 100, 200}});
+  ASSERT_TRUE(testing::drain(tagger));
+  writer.clear();
+  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 250}}, 200, 300}});
+  ASSERT_TRUE(testing::drain(tagger));
+
+  // A new name restarts the numbering, with a head file of its own.
+  const std::string renamed = dir.file("renamed");
+  writer.split(renamed);
+  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 350}}, 300, 400}});
+  ASSERT_TRUE(testing::drain(tagger));
+  writer.stop();
+
+  EXPECT_EQ(testing::splitFiles(base).size(), 4u);
+  EXPECT_EQ(testing::splitFiles(renamed).size(), 2u);
+  const int64_t shift = first.front().begin_time;
+  std::vector<int64_t> times;
+  for (const Tag& tag : readAll(base)) times.push_back(tag.time - shift);
+  EXPECT_EQ(times, (std::vector<int64_t>{10, 150, 250}));
+  ASSERT_EQ(readAll(renamed).size(), 1u);
+  EXPECT_EQ(readAll(renamed).front().time - shift, 350);
+
+  // The marker landed in the first data file, behind its blocks.
+  ZeptickFileReader first_file(testing::splitFiles(base)[1], true);
+  EXPECT_EQ(testing::concat(testing::readRecording(testing::splitFiles(base)[1])).size(), 1u);
+  while (first_file.skipBlock()) {
+  }
+  EXPECT_EQ(first_file.getLastMarker(), "after first");
+  EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
+}
+
+TEST_F(FileWriterMeasurementTest, RejectsChannelListsTheFormatCannotHold) {
+  std::vector<int> too_many(251, 1);
+  EXPECT_THROW(FileWriter(&tagger, dir.file("x"), too_many), std::runtime_error);
+  EXPECT_THROW(FileWriter(&tagger, dir.file("y"), {}), std::runtime_error);
+  EXPECT_THROW(FileWriter(&tagger, dir.file("no/such/dir/z"), {1}), std::runtime_error);
+  // Only unused channels: an empty channel map, and nothing registered.
+  { FileWriter writer(&tagger, dir.file("unused"), {CHANNEL_UNUSED}); }
+  EXPECT_EQ(testing::splitFiles(dir.file("unused")).size(), 2u);
+}
+
+TEST_F(FileWriterMeasurementTest, NegativeLimitNeverRollsOver) {
+  const std::string base = dir.file("one");
+  FileWriter writer(&tagger, base, {1, 2});
+  writer.setMaxFileSize(-1);
+  EXPECT_EQ(writer.getMaxFileSize(), -1);
+  tagger.pushBlocks(testing::randomStream(rng, 200, {1, 2}));
+  ASSERT_TRUE(testing::drain(tagger));
+  writer.stop();
+  EXPECT_EQ(testing::splitFiles(base).size(), 2u);
+}
+
+}  // namespace
+}  // namespace zeptick
