@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "device/pipe_backend.h"
+#include "engine/native_decoder.h"
 #include "zeptick/tag.h"
 
 namespace zeptick {
@@ -25,24 +26,6 @@ struct CHANNEL_CONFIG {
   int32_t inputMux = 0;                      ///< 3 selects the internal test signal
   bool conditionalTrigger = false;           ///< arms the filtered channels of its device
   bool conditionalFiltered = false;          ///< passes one event per arming
-};
-
-/// Fine-bin record of the online calibration: events seen in the bin, and the
-/// bin's offset from the clock edge. Each channel ends in a guard record whose
-/// `psecs` is the clock period, so record bin + 1 is always bin's upper edge.
-struct Distribution {
-  uint32_t count = 0;
-  uint32_t psecs = 0;
-};
-
-/// An event held for the conditional filter, before its delay: the filter
-/// must see events in arrival order across channels.
-struct PreDelayTag {
-  Tag tag;
-  uint64_t binAndIndex;  ///< fine bin in bits 0-15, hardware index in bits 16-21
-
-  uint16_t bin() const { return static_cast<uint16_t>(binAndIndex & 0xFFFF); }
-  int index() const { return static_cast<int>((binAndIndex >> 16) & 0x3F); }
 };
 
 /// All state of one device. The locks are taken in the order queue mutex,
@@ -62,22 +45,17 @@ struct FPGA_DEVICE {
   bool dirty = true;                 ///< the configuration must be uploaded; configuration mutex
   double wordsPerMs = 0;             ///< measured read rate; queue mutex
   bool disconnected = false;         ///< the last read failed or was short; queue mutex
-  int32_t deviceFence = 0;           ///< last fence the device confirmed; decoder mutex
 
-  // Decoder and delay stage, all under the decoder mutex.
-  std::vector<PreDelayTag> preDelayHeap;
-  std::vector<Tag> outputHeap;
-  int64_t baseTime = 0;
-  int64_t decodedUntil = 0;
-  bool overflowActive = false;
-  uint64_t filterState = 0;
-  std::vector<Distribution> distributions;
-  std::vector<int64_t> hardwareDelays;
-  std::vector<int32_t> channels;       ///< user channel per hardware index, or CHANNEL_UNUSED
-  std::vector<int64_t> delays;         ///< per hardware index; configuration mutex
-  std::vector<int64_t> delaySnapshot;  ///< this block's copy of delays
-  uint64_t rngState = 1;
-  int64_t overflows = 0;
+  /// Widening, calibration, delays and filter of this device's words; its
+  /// state (time base, heaps, bin counts, overflows, fence) lives there.
+  /// Decoder mutex.
+  NativeDecoder decoder;
+  /// Reused from block to block; filled under the configuration mutex.
+  DecoderBlockSettings blockSettings;
+
+  std::vector<int64_t> hardwareDelays;  ///< fixed compensation per hardware index
+  std::vector<int32_t> channels;        ///< user channel per hardware index, or CHANNEL_UNUSED
+  std::vector<int64_t> delays;          ///< per hardware index; configuration mutex
 
   int32_t binCount = 0;
   int64_t psPerClock = 0;
@@ -91,16 +69,9 @@ struct FPGA_DEVICE {
   double dacMin = 0;
   double dacMax = 0;
 
-  // Alignment to the Synchronizer, used in a group of more than one device.
-  int64_t syncBase = 0;
-  uint32_t syncAccumulator = 0;
-  uint32_t lastSyncCount = 0;
-  int64_t lastSyncTime = 0;
-  uint8_t syncMask = 0;
-  bool syncValid = false;
-  bool syncSeen = false;
-  bool syncMode = false;
-  int32_t syncEpoch = 0;
+  // The ring of a synchronized group; the alignment to the Synchronizer's
+  // counter lives in the decoder.
+  bool syncMode = false;  ///< part of a group of more than one device
   uint8_t identifier = 0;
   uint8_t probeId = 0;
   bool isFirst = false;
