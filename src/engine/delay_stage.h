@@ -10,6 +10,17 @@
 
 namespace zeptick {
 
+/// `a - b` on the stream clock, wrapping like the device's 64-bit time rather
+/// than overflowing: order is decided by the sign of this difference.
+inline int64_t timeDifference(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+/// `a + b` on the stream clock, wrapping alike.
+inline int64_t timeSum(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
 /// A decoded event that still has to pass the conditional filter: its time
 /// carries the fine offset and dither but no delay yet.
 struct PreDelayTag {
@@ -75,7 +86,9 @@ class DelayStage {
   /// held with a time strictly before `t` (by signed 64-bit difference).
   void advanceTo(int64_t t, std::vector<Tag>& out) {
     until = t;
-    if (preDelayHeap.empty() && (outputHeap.empty() || !(outputHeap.front().time - t < 0))) return;
+    if (preDelayHeap.empty() &&
+        (outputHeap.empty() || timeDifference(outputHeap.front().time, t) >= 0))
+      return;
     release(t, out);
   }
 

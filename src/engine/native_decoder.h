@@ -126,10 +126,13 @@ class NativeDecoder {
  private:
   size_t stride() const { return static_cast<size_t>(device.binCount) + 1; }
   void takeSettings(const DecoderBlockSettings& settings);
-  void controlWord(NativeTag word, ZeptickRunner::Worker& worker);
+  void controlWord(NativeTag word, ZeptickRunner::Worker& worker, uint32_t fence);
+  void advance(int64_t t, ZeptickRunner::Worker& worker);
+  void rollover(NativeTag word, uint32_t fence);
+  void deviceWord(NativeTag word, ZeptickRunner::Worker& worker);
+  void watchdog();
   void syncWord(NativeTag word, ZeptickRunner::Worker& worker);
   void align(uint32_t counter, ZeptickRunner::Worker& worker);
-  void rollover(NativeTag word, ZeptickRunner::Worker& worker, uint32_t fence);
 
   DecoderDevice device;
   DelayStage stage;
@@ -137,6 +140,7 @@ class NativeDecoder {
   std::vector<int64_t> delaySnapshot;
   std::vector<int32_t> channels;
   uint64_t countedMask = 0;  ///< indices whose counts changed since the last update
+  bool recomputeAll = true;
   bool lastNormalization = true;
   bool normalization = true;
 
