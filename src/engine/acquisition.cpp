@@ -8,6 +8,7 @@
 
 #include "core/log.h"
 #include "device/endpoints.h"
+#include "engine/block_rule.h"
 #include "engine/zeptick_impl.h"
 
 namespace zeptick {
@@ -66,13 +67,7 @@ bool ZeptickImpl::readDevice(Worker* worker, FPGA_DEVICE& device) {
   size_t words;
   {
     std::lock_guard<std::mutex> guard(configMutex);
-    const int chunk = transferBytes / 4;
-    // At the measured rate a read of this many chunks takes maxLatency.
-    const double by_latency = std::floor(maxLatency * device.wordsPerMs / chunk);
-    const int by_events = maxEvents / chunk;
-    const int chunks =
-        std::max(1, static_cast<int>(std::min(by_latency, static_cast<double>(by_events))));
-    words = static_cast<size_t>(chunk) * static_cast<size_t>(chunks);
+    words = blockWords(transferBytes, maxLatency, maxEvents, device.wordsPerMs);
   }
   applyConfiguration(device);
 

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -74,6 +77,11 @@ class TagCollector : public IteratorBase {
     auto guard = getLock();
     return blocks;
   }
+  /// Spans and tags taken together, so that they match while blocks flow.
+  std::pair<std::vector<Span>, std::vector<Tag>> snapshot() {
+    auto guard = getLock();
+    return {blocks, seen};
+  }
 
  protected:
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override {
@@ -98,6 +106,43 @@ inline std::vector<int64_t> timesOf(const std::vector<Tag>& tags, int channel) {
     if (tag.type == Tag::Type::TimeTag && tag.channel == channel) out.push_back(tag.time);
   }
   return out;
+}
+
+}  // namespace zeptick::testing
+
+namespace zeptick::testing {
+
+/// Waits until `done()` holds, for at most `seconds`; false on timeout.
+template <class Condition>
+bool waitUntil(Condition done, int seconds = 60) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+/// The stream rules every block must keep: spans touch, and each block's tags
+/// lie in its span in ascending time.
+inline void expectOrderedStream(TagCollector& collector) {
+  const auto [spans, tags] = collector.snapshot();
+  size_t next = 0;
+  for (size_t i = 0; i < spans.size(); ++i) {
+    if (i > 0) {
+      ASSERT_EQ(spans[i].begin, spans[i - 1].end) << "block " << i;
+    }
+    ASSERT_LE(spans[i].begin, spans[i].end) << "block " << i;
+    for (size_t k = 0; k < spans[i].tags; ++k, ++next) {
+      const Tag& tag = tags[next];
+      ASSERT_GE(tag.time, spans[i].begin)
+          << "block " << i << " type " << static_cast<int>(tag.type) << " channel " << tag.channel;
+      ASSERT_LT(tag.time, spans[i].end) << "block " << i;
+      if (next > 0 && k > 0) {
+        ASSERT_LE(tags[next - 1].time, tag.time) << "block " << i;
+      }
+    }
+  }
 }
 
 }  // namespace zeptick::testing
