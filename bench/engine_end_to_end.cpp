@@ -82,10 +82,13 @@ int64_t totalCounts(zeptick::Countrate& rate) {
 }
 
 void BM_EmulatedBoardIntoCountrate(benchmark::State& state) {
-  const std::filesystem::path source_dir =
-      std::filesystem::path(__FILE__).parent_path().parent_path();
-  setenv("ZEPTICK_BASE_DIRECTORY", source_dir.c_str(), 1);
-  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "firmware", 1);
+  // The emulator's firmware files sit in the source tree, which holds the
+  // build directory (<tree>/<build>/bench/<program>), unless told otherwise.
+  if (std::getenv("ZEPTICK_BASE_DIRECTORY") == nullptr) {
+    const auto tree = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+    setenv("ZEPTICK_BASE_DIRECTORY", tree.parent_path().c_str(), 1);
+    setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "firmware", 1);
+  }
   zeptick::emulator::attachBoards(
       {{"devices", {{{"serial", "BENCH1"}, {"pacing", "free"}, {"sources", busySources()}}}}});
   double tagger_seconds = 0;
