@@ -32,7 +32,8 @@ void learnedEdges(Distribution* r, uint32_t bins, uint64_t ps, uint64_t total, b
 
 void NativeDecoder::updateDistributions(bool withNormalization) {
   const bool all = recomputeAll || withNormalization != lastNormalization;
-  const uint64_t changed = countedMask;
+  // Events of a filtered device are counted as they leave the first heap.
+  const uint64_t changed = countedMask | stage.takeCounted();
   recomputeAll = false;
   countedMask = 0;
   lastNormalization = withNormalization;

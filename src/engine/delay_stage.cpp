@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 
 namespace zeptick {
 
@@ -36,6 +37,12 @@ void DelayStage::setBlockSettings(const DelaySettings& s) { settings = s; }
 void DelayStage::clear() {
   preDelayHeap.clear();
   outputHeap.clear();
+  for (Lane& lane : lanes) {
+    lane.tags.clear();
+    lane.head = 0;
+  }
+  activeLanes = 0;
+  held = 0;
 }
 
 void DelayStage::reset(int64_t time) {
@@ -48,6 +55,7 @@ void DelayStage::reset(int64_t time) {
 void DelayStage::pushOutput(const Tag& tag) {
   outputHeap.push_back(tag);
   std::push_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
+  noteHeld(tag.time);
 }
 
 void DelayStage::pushPreDelay(const PreDelayTag& tag) {
@@ -55,7 +63,7 @@ void DelayStage::pushPreDelay(const PreDelayTag& tag) {
   std::push_heap(preDelayHeap.begin(), preDelayHeap.end(), LaterPreDelayTag{});
 }
 
-void DelayStage::release(int64_t t, std::vector<Tag>& out) {
+void DelayStage::releasePreDelay(int64_t t) {
   // Raw arrival order across channels decides the filter, so it runs before
   // the delays reorder anything.
   while (!preDelayHeap.empty() && before(preDelayHeap.front().tag.time, t)) {
@@ -67,24 +75,58 @@ void DelayStage::release(int64_t t, std::vector<Tag>& out) {
     if (settings.triggerMask & bit) filter = ~uint64_t{0};
     if (!(settings.filteredMask & bit) || (filter & bit)) {
       p.tag.time = timeSum(p.tag.time, settings.delays[i]);
-      ++settings
-            .distributions[static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) +
-                           p.bin()]
-            .count;
-      pushOutput(p.tag);
+      const size_t record =
+          static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
+      ++settings.distributions[record].count;
+      counted |= bit;
+      pushEvent(i, p.tag);
       filter &= ~bit;
     }
   }
-  while (!outputHeap.empty() && before(outputHeap.front().time, t)) {
-    std::pop_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
-    Tag tag = outputHeap.back();
-    outputHeap.pop_back();
+}
+
+void DelayStage::release(int64_t t, std::vector<Tag>& out) {
+  if (!preDelayHeap.empty()) releasePreDelay(t);
+  while (held != 0) {
+    // The earliest of the heap's top and the queue fronts; few queues are in use.
+    int64_t earliest = 0;
+    int source = -1;
+    if (!outputHeap.empty()) {
+      earliest = outputHeap.front().time;
+      source = 64;
+    }
+    for (uint64_t m = activeLanes; m != 0; m &= m - 1) {
+      const int i = std::countr_zero(m);
+      const int64_t time = laneFront[static_cast<size_t>(i)];
+      if (source < 0 || timeDifference(time, earliest) < 0) {
+        earliest = time;
+        source = i;
+      }
+    }
+    if (!before(earliest, t)) {
+      nextDue = earliest;
+      return;
+    }
+    Tag& tag = out.emplace_back();
+    if (source == 64) {
+      std::pop_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
+      copyTag(tag, outputHeap.back());
+      outputHeap.pop_back();
+    } else {
+      Lane& lane = lanes[static_cast<size_t>(source)];
+      copyTag(tag, lane.tags[lane.head++]);
+      if (lane.head == lane.tags.size()) {
+        activeLanes &= ~(uint64_t{1} << source);
+      } else {
+        laneFront[static_cast<size_t>(source)] = lane.tags[lane.head].time;
+      }
+    }
+    --held;
     if (tag.type == Tag::Type::OverflowEnd) overflow = false;
     if (overflow && tag.type == Tag::Type::TimeTag) {
       tag.type = Tag::Type::MissedEvents;
       tag.missed_events = 1;
     }
-    out.push_back(tag);
   }
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <span>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -34,8 +35,8 @@ struct PreDelayTag {
   uint32_t index() const { return static_cast<uint32_t>((binAndIndex >> 16) & 0x3F); }
 };
 
-/// What one block of a device is released under. The tagger (or the decoder on
-/// its behalf) fills it once per block from a copy of the channel configuration.
+/// What one block of a device is released under. NativeDecoder fills it once
+/// per block from the DecoderBlockSettings the tagger copied under its lock.
 struct DelaySettings {
   uint64_t triggerMask = 0;         ///< bit `index`: this hardware index arms the filter
   uint64_t filteredMask = 0;        ///< bit `index`: passes one event per arming
@@ -49,8 +50,9 @@ struct DelaySettings {
 
 /// Host-side delay and ordering of one device's tags: a heap in front of the
 /// delays for the conditional filter (raw arrival order across channels), and
-/// an output heap that releases tags in time order once the stream has passed
-/// them. Overflow spans turn released time tags into missed events.
+/// an output side (one queue per hardware index for tags that come in order,
+/// a heap for the rest) that releases tags in time order once the stream has
+/// passed them. Overflow spans turn released time tags into missed events.
 ///
 /// Not thread-safe: only the worker holding the device's decoder mutex uses it.
 /// Heaps and filter state persist across blocks; no allocation beyond heap growth.
@@ -76,8 +78,31 @@ class DelayStage {
   /// Every error and overflow word closes the filter of all channels.
   void closeFilter() { filter = 0; }
 
-  /// A tag whose time already carries its delay, straight onto the output heap.
+  /// A tag whose time already carries its delay, onto the output heap.
   void pushOutput(const Tag& tag);
+  /// A time tag of hardware index `index` (below 64) whose time carries its
+  /// delay. Such tags mostly come in time order per index, and then wait in a
+  /// queue of their index instead of the heap; the rest go to the heap.
+  void pushEvent(uint32_t index, const Tag& tag) {
+    if (Tag* slot = laneSlot(index, tag.time)) {
+      copyTag(*slot, tag);
+    } else {
+      pushOutput(tag);
+    }
+  }
+  /// The same for a plain time tag of `channel`, written in place.
+  void pushEvent(uint32_t index, int32_t channel, int64_t time) {
+    if (Tag* slot = laneSlot(index, time)) {
+      // Field by field, straight into place: see copyTag.
+      slot->type = Tag::Type::TimeTag;
+      slot->reserved = 0;
+      slot->missed_events = 0;
+      slot->channel = channel;
+      slot->time = time;
+    } else {
+      pushOutput(Tag{Tag::Type::TimeTag, 0, 0, channel, time});
+    }
+  }
   /// A decoded event of a device with filtered channels; delay and
   /// calibration count are applied when it leaves the first heap.
   void pushPreDelay(const PreDelayTag& tag);
@@ -86,23 +111,72 @@ class DelayStage {
   /// held with a time strictly before `t` (by signed 64-bit difference).
   void advanceTo(int64_t t, std::vector<Tag>& out) {
     until = t;
-    if (preDelayHeap.empty() &&
-        (outputHeap.empty() || timeDifference(outputHeap.front().time, t) >= 0))
-      return;
+    if (preDelayHeap.empty() && (held == 0 || timeDifference(nextDue, t) >= 0)) return;
     release(t, out);
   }
 
+  /// Indices whose calibration counts the filtered path has raised since the
+  /// last call, one bit each.
+  uint64_t takeCounted() {
+    const uint64_t m = counted;
+    counted = 0;
+    return m;
+  }
+
   size_t pendingPreDelay() const { return preDelayHeap.size(); }
-  size_t pendingOutput() const { return outputHeap.size(); }
+  size_t pendingOutput() const { return held; }
 
  private:
+  // Tags of one index in time order; `tags[head]` leaves first.
+  struct Lane {
+    std::vector<Tag> tags;
+    size_t head = 0;
+  };
+
+  void noteHeld(int64_t time) {
+    if (held++ == 0 || timeDifference(time, nextDue) < 0) nextDue = time;
+  }
+  // A new last element of the index's queue, or null when `time` would break
+  // the queue's order and the tag belongs on the heap.
+  Tag* laneSlot(uint32_t index, int64_t time) {
+    Lane& lane = lanes[index & 63];
+    if (lane.tags.size() == lane.head) {
+      lane.tags.clear();
+      lane.head = 0;
+      activeLanes |= uint64_t{1} << (index & 63);
+      laneFront[index & 63] = time;
+    } else if (timeDifference(time, lane.tags.back().time) < 0) {
+      return nullptr;
+    }
+    noteHeld(time);
+    return &lane.tags.emplace_back();
+  }
+  // Tags are copied field by field. Most are read back soon after they were
+  // written, and a 16-byte copy of a tag stored in parts would wait for the
+  // stores to drain instead of taking the values from them.
+  static void copyTag(Tag& to, const Tag& from) {
+    to.type = from.type;
+    to.reserved = from.reserved;
+    to.missed_events = from.missed_events;
+    to.channel = from.channel;
+    to.time = from.time;
+  }
   void release(int64_t t, std::vector<Tag>& out);
+  void releasePreDelay(int64_t t);
 
   DelaySettings settings;
   std::vector<PreDelayTag> preDelayHeap;
+  // The output side: the heap, and one queue per index in `lanes`, together
+  // ordered by their earliest time. `held` counts all, `nextDue` is the earliest.
   std::vector<Tag> outputHeap;
+  std::array<Lane, 64> lanes;
+  std::array<int64_t, 64> laneFront{};  ///< time of each non-empty queue's first tag
+  uint64_t activeLanes = 0;
+  size_t held = 0;
+  int64_t nextDue = 0;
   int64_t until = 0;
   uint64_t filter = 0;
+  uint64_t counted = 0;
   bool overflow = false;
 };
 

@@ -68,10 +68,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   worker.fence = fenceConfirmed;
   takeSettings(settings);
 
-  // Events of a filtered device are counted when they leave the first heap,
-  // possibly in a later block; their channels' tables are then refreshed.
   const bool filtered = stage.blockSettings().filteredMask != 0;
-  if (filtered || stage.pendingPreDelay() != 0) recomputeAll = true;
 
   std::vector<Tag>& out = worker.tags;
   const int64_t ps = device.psPerClock;
@@ -115,7 +112,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
       if (!filtered) {
         ++d->count;
         countedMask |= uint64_t{1} << code;
-        stage.pushOutput(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], timeSum(t, delays[code])});
+        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]));
       } else {
         stage.pushPreDelay(
             PreDelayTag::make(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], t}, bin, code));

@@ -7,7 +7,6 @@
 
 #include "emulator/stream_decoder.h"
 #include "engine/native_decoder_fixture.h"
-#include "support/log_capture.h"
 
 namespace zeptick {
 namespace {
@@ -206,15 +205,6 @@ TEST(NativeDecoderWordsTest, DitherSpreadsUniformlyOverTheBin) {
   const uint64_t before = decoder.rngState();
   decode(decoder, {word(2, 63, 0, 500), event(0, 4, 10)}, settings);
   EXPECT_NE(decoder.rngState(), before);
-}
-
-TEST(NativeDecoderWordsTest, ResolutionFollowsModelAndMask) {
-  EXPECT_EQ(NativeDecoder::getResolution(4, 0), 34.0);
-  EXPECT_EQ(NativeDecoder::getResolution(36, 0xFFFFFFFF), 9.0);
-  EXPECT_EQ(NativeDecoder::getResolution(36, ~7u), 42.0);
-  EXPECT_EQ(NativeDecoder::getResolution(12, 0), -1.0);
-  testing::LogCapture log;
-  EXPECT_THROW(NativeDecoder::getResolution(36, 0), std::runtime_error);
 }
 
 }  // namespace

@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "engine/native_decoder_fixture.h"
+#include "support/log_capture.h"
+
+namespace zeptick {
+namespace {
+
+using engine_testing::Block;
+using engine_testing::decode;
+using engine_testing::event;
+using engine_testing::rollover;
+using engine_testing::word;
+
+constexpr int64_t kPs = 2500;
+constexpr int64_t kPeriod = kPs * 65536;
+
+int64_t fakeNow = 0;
+int64_t fakeClock() { return fakeNow; }
+
+// The four bytes of a Synchronizer counter, least significant first.
+std::vector<uint32_t> counter(uint32_t n, uint32_t tick = 0) {
+  std::vector<uint32_t> w;
+  for (uint32_t b = 0; b < 4; ++b) w.push_back(word(1, 58 + b, (n >> (8 * b)) & 0xFF, tick));
+  return w;
+}
+
+std::vector<uint32_t> join(std::initializer_list<std::vector<uint32_t>> parts) {
+  std::vector<uint32_t> all;
+  for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+  return all;
+}
+
+class NativeDecoderSyncTest : public ::testing::Test {
+ protected:
+  NativeDecoderSyncTest() {
+    shared.hostClockNs = &fakeClock;
+    fakeNow = 0;
+  }
+  NativeDecoder make() {
+    NativeDecoder d;
+    DecoderDevice dev = engine_testing::device(kPs, 8, 4);
+    dev.syncMode = true;
+    dev.sync = &shared;
+    d.setup(dev, 0);
+    return d;
+  }
+  DecoderSyncEpoch shared;
+  DecoderBlockSettings settings = engine_testing::plainSettings(4, false);
+  testing::LogCapture log;
+};
+
+TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
+  NativeDecoder d = make();
+  // Before alignment input words are dropped and the block can't be trusted.
+  Block b = decode(d, {event(0, 0, 5), word(2, 0, 3, 6), rollover()}, settings);
+  EXPECT_TRUE(b.tags.empty());
+  EXPECT_TRUE(b.invalid);
+
+  const int64_t t = int64_t{0x01020304} * kPeriod;
+  b = decode(d, join({{event(0, 0, 5)}, counter(0x01020304), {event(1, 0, 10), rollover()}}),
+             settings);
+  EXPECT_TRUE(b.invalid);  // the event before the counter was still dropped
+  EXPECT_TRUE(d.syncValid());
+  EXPECT_EQ(b.begin, t);
+  ASSERT_EQ(b.tags.size(), 2u);
+  EXPECT_EQ(b.tags[0].type, Tag::Type::Error);
+  EXPECT_EQ(b.tags[0].time, t);
+  EXPECT_EQ(b.tags[1].time, t + 10 * kPs);
+  EXPECT_EQ(d.overflows(), 1);
+
+  // The next counter, one period on, agrees; a marker word keeps the link
+  // alive across a rollover without a counter.
+  b = decode(d, join({counter(0x01020305), {word(2, 58, 0, 0), rollover()}}), settings);
+  EXPECT_FALSE(b.invalid);
+  EXPECT_TRUE(d.syncValid());
+  EXPECT_TRUE(log.messages().empty());
+  decode(d, {rollover()}, settings);
+  EXPECT_FALSE(d.syncValid());
+  EXPECT_TRUE(
+      log.contains("Nothing received from the sync board between two rollover events. "
+                   "Is AUX IN 1 still connected to TEST?"));
+
+  // A counter that disagrees with the periods seen realigns at once.
+  b = decode(d, join({counter(0x01020306), {rollover()}, counter(0x01020310), {event(2, 0, 1)}}),
+             settings);
+  EXPECT_TRUE(d.syncValid());
+  EXPECT_TRUE(log.contains("Zeptick vs Sync Board counter mismatch: 1638400000 vs 163840000."));
+  EXPECT_EQ(b.begin, int64_t{0x01020310} * kPeriod);
+  EXPECT_EQ(d.overflows(), 3);
+
+  // A counter byte off the clock edge, and an error word, break the alignment.
+  decode(d, counter(0x01020311, 7), settings);
+  EXPECT_FALSE(d.syncValid());
+  EXPECT_TRUE(log.contains(
+      "Unexpected syncboard word received after 7 clock cycles. Is the clock connected properly?"));
+  decode(d, join({counter(0x01020312), {word(1, 63, 0, 0)}}), settings);
+  EXPECT_FALSE(d.syncValid());
+  EXPECT_TRUE(log.contains(
+      "Error event received from TEST, please make sure that the CLK is connected properly."));
+}
+
+TEST_F(NativeDecoderSyncTest, HostClockUnwrapsTheCounterAndDetectsARestart) {
+  NativeDecoder first = make();
+  NativeDecoder second = make();
+  decode(first, counter(0xFFFFFFF0), settings);
+  EXPECT_EQ(first.baseTime(), int64_t{0xFFFFFFF0} * kPeriod);
+
+  // 32 periods later by the host clock the counter has wrapped to 0x10.
+  fakeNow = 32 * kPeriod / 1000;
+  decode(second, counter(0x10), settings);
+  EXPECT_EQ(second.baseTime(), (int64_t{1} << 32) * kPeriod + 16 * kPeriod);
+  EXPECT_EQ(second.syncEpoch(), 0);
+
+  // Two minutes unaccounted for: a new epoch.
+  NativeDecoder third = make();
+  fakeNow += 120'000'000'000;
+  decode(third, counter(0x10), settings);
+  EXPECT_EQ(third.syncEpoch(), 1);
+  EXPECT_EQ(first.syncEpoch(), 0);
+  EXPECT_TRUE(log.contains("Host computer vs Sync Board timer mismatch by 120.000000 seconds"));
+}
+
+}  // namespace
+}  // namespace zeptick
