@@ -19,8 +19,6 @@ namespace {
 
 constexpr const char* kModel20 = "Zeptick 20";
 
-constexpr uint32_t kSyncConnected = 1u << 2;
-
 std::vector<std::string> splitSerials(const std::string& text) {
   std::vector<std::string> out;
   size_t begin = 0;
@@ -110,17 +108,12 @@ void ZeptickImpl::initDevices() {
   for (const std::string& serial : splitSerials(requestedSerial)) {
     openDevice(serial, list, identifier, probe_id);
   }
-  if (list.size() == 1) {
-    sleepMilliseconds(100);
-    // A device wired to a Synchronizer reports it here. Probing the rest of
-    // such a group is not built yet, so the device runs on its own clock.
-    const uint32_t flags = list.front()->backend->getWire(device::kWireOutSyncFlags);
-    static_cast<void>(flags & kSyncConnected);
-  }
   if (list.empty()) throw std::runtime_error("No valid Zeptick device found.");
+  // A single device wired to a Synchronizer would be probed here for the rest
+  // of its group; that, and the merger of synchronized streams, do not exist
+  // yet, so a single device runs on its own clock and a group is refused
+  // rather than delivered as unordered streams.
   if (list.size() > 1) {
-    // The merger of synchronized streams does not exist yet: refuse the group
-    // rather than deliver the devices' streams unordered.
     throw std::runtime_error("Synchronized groups of Zepticks are not supported yet.");
   }
   std::lock_guard<std::mutex> guard(configMutex);
