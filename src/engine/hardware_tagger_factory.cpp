@@ -1,12 +1,8 @@
-#include <stdexcept>
-
 #include "core/tagger_factories.h"
+#include "engine/zeptick_impl.h"
 
 namespace zeptick::detail {
 
-// Until the hardware tagger is built, creating one fails as when no instrument is attached.
-Zeptick* makeHardwareTagger(const std::string&) {
-  throw std::runtime_error("No valid Zeptick device found.");
-}
+Zeptick* makeHardwareTagger(const std::string& serial) { return new ZeptickImpl(serial); }
 
 }  // namespace zeptick::detail
