@@ -15,6 +15,7 @@ class ZEPTICK_API Coincidence : public Coincidences {
   /// or more than 64 distinct channels.
   Coincidence(ZeptickBase* tagger, const std::vector<int>& channels, int64_t window = 1000,
               CoincidenceTimestamp timestamp = CoincidenceTimestamp::Last);
+  ~Coincidence() override;
 
   /// The virtual channel of the group. Thread-safe.
   int getChannel();

@@ -50,6 +50,12 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   void setCoincidenceWindow(int64_t window);
 
  protected:
+  struct DeferStart {};
+  /// For subclasses: everything but the start, which the subclass's constructor makes last,
+  /// so that no worker calls into the object while its type is still being set up.
+  Coincidences(DeferStart, ZeptickBase* tagger, const std::vector<std::vector<int>>& groups,
+               int64_t window, CoincidenceTimestamp timestamp);
+
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
 
  private:

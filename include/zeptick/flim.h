@@ -15,6 +15,7 @@ class ZEPTICK_API Flim : public TimeDifferences {
   Flim(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
        int next_channel = CHANNEL_UNUSED, int64_t binwidth = 1000, int n_bins = 1000,
        int n_histograms = 1);
+  ~Flim() override;
 
   using TimeDifferences::getData;
   using TimeDifferences::getIndex;

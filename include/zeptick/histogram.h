@@ -17,6 +17,7 @@ class ZEPTICK_API Histogram : public TimeDifferences {
   /// By default 1000 bins of 1 ns. Throws std::invalid_argument if binwidth < 1 or n_bins < 1.
   Histogram(ZeptickBase* tagger, int click_channel, int start_channel = CHANNEL_UNUSED,
             int64_t binwidth = 1000, int n_bins = 1000);
+  ~Histogram() override;
 
   /// Copies the counters. `array_out(n_bins)` is called once, before the lock is taken.
   void getData(std::function<int32_t*(size_t)> array_out);

@@ -52,6 +52,13 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
   bool ready();
 
  protected:
+  struct DeferStart {};
+  /// For subclasses: everything but the start, which the subclass's constructor makes last,
+  /// so that no worker calls into the object while its type is still being set up.
+  TimeDifferences(DeferStart, ZeptickBase* tagger, int click_channel, int start_channel,
+                  int next_channel, int sync_channel, int64_t binwidth, int n_bins,
+                  int n_histograms);
+
   void clear_impl() override;
   /// Restarts the sequence and drops the pending starts.
   void on_start() override;

@@ -4,7 +4,12 @@ namespace zeptick {
 
 Coincidence::Coincidence(ZeptickBase* tagger, const std::vector<int>& channels, int64_t window,
                          CoincidenceTimestamp timestamp)
-    : Coincidences(tagger, std::vector<std::vector<int>>{channels}, window, timestamp) {}
+    : Coincidences(DeferStart{}, tagger, std::vector<std::vector<int>>{channels}, window,
+                   timestamp) {
+  finishInitialization();
+}
+
+Coincidence::~Coincidence() { stop(); }
 
 int Coincidence::getChannel() { return getChannels().front(); }
 

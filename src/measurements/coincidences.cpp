@@ -12,6 +12,13 @@ namespace zeptick {
 
 Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<int>>& groups_in,
                            int64_t window, CoincidenceTimestamp timestamp)
+    : Coincidences(DeferStart{}, tagger, groups_in, window, timestamp) {
+  finishInitialization();
+}
+
+Coincidences::Coincidences(DeferStart, ZeptickBase* tagger,
+                           const std::vector<std::vector<int>>& groups_in, int64_t window,
+                           CoincidenceTimestamp timestamp)
     : IteratorBase(tagger),
       channels(std::make_unique<detail::ChannelIndex>()),
       window(window),
@@ -61,7 +68,6 @@ Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<in
     }
     for (int entry : group.bits) relevant_masks[entry] |= group_masks[g];
   }
-  finishInitialization();
 }
 
 Coincidences::~Coincidences() { stop(); }

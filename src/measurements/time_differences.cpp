@@ -11,6 +11,14 @@ namespace zeptick {
 TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int start_channel,
                                  int next_channel, int sync_channel, int64_t binwidth, int n_bins,
                                  int n_histograms)
+    : TimeDifferences(DeferStart{}, tagger, click_channel, start_channel, next_channel,
+                      sync_channel, binwidth, n_bins, n_histograms) {
+  finishInitialization();
+}
+
+TimeDifferences::TimeDifferences(DeferStart, ZeptickBase* tagger, int click_channel,
+                                 int start_channel, int next_channel, int sync_channel,
+                                 int64_t binwidth, int n_bins, int n_histograms)
     : IteratorBase(tagger), pending(std::make_unique<detail::SlidingQueue<PendingStart>>()) {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
@@ -38,7 +46,6 @@ TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int sta
   binner = FastBinning(static_cast<uint64_t>(binwidth), static_cast<uint64_t>(range));
 
   clear();
-  finishInitialization();
 }
 
 TimeDifferences::~TimeDifferences() { stop(); }
