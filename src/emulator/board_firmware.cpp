@@ -280,7 +280,7 @@ long Board::readPipe(const Session& session, int address, int block_size, long l
     model = stream;
   }
   // Paced reads wait in here, so no board lock may be held.
-  return bytes == 0 ? 0 : model->read(data, bytes);
+  return bytes == 0 ? 0 : model->read(data, bytes, block_size);
 }
 
 ok_ErrorCode Board::writeRegister(const Session& session, uint32_t address, uint32_t value) {

@@ -1,7 +1,9 @@
 #include "emulator/stream_model.h"
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cstring>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -18,7 +20,10 @@ static_assert(std::endian::native == std::endian::little,
 // Paced: the stream starts when the model is built (a board starts streaming
 // once its firmware is loaded), and cycle c of the stream becomes available c
 // clock periods of real time later. A read produces whole windows of the
-// stream as they come due and sleeps, unlocked, until the next one is.
+// stream as they come due and sleeps, unlocked, until the next one is. A real
+// board's firmware sends a partly filled USB transfer after a short wait, so a
+// large read on a quiet stream returns in time proportional to its size, not
+// to the words it might hold.
 struct StreamModel::State {
   using Clock = std::chrono::steady_clock;
 
@@ -62,10 +67,15 @@ void StreamModel::configure(const FirmwareSetup& setup) {
   state->engine.configure(setup);
 }
 
-long StreamModel::read(unsigned char* data, long bytes) {
+long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
   if (data == nullptr || bytes < 4) return 0;
+  using Clock = State::Clock;
   const auto words = static_cast<size_t>(bytes / 4);
+  // Words per USB transfer, or 0 when transfers are never padded.
+  const size_t block = state->paced && block_bytes >= 4 ? static_cast<size_t>(block_bytes / 4) : 0;
   size_t filled = 0;
+  size_t transfer = 0;  // the transfer being filled, counted in this read
+  Clock::time_point flush_at = Clock::now() + kFlushWait;
   std::unique_lock<std::mutex> lock(state->mutex);
   StreamEngine& engine = state->engine;
   for (;;) {
@@ -75,8 +85,23 @@ long StreamModel::read(unsigned char* data, long bytes) {
       engine.advance(std::numeric_limits<int64_t>::max());
       continue;
     }
+    if (block != 0 && filled / block != transfer) {
+      // A new transfer starts waiting for its words.
+      transfer = filled / block;
+      flush_at = Clock::now() + kFlushWait;
+    }
     if (engine.advance(state->dueClock())) continue;
-    const State::Clock::time_point wake = state->dueTime(engine.nextWindowEnd());
+    const Clock::time_point now = Clock::now();
+    if (block != 0 && now >= flush_at) {
+      // Everything due so far is in; the rest of the transfer goes out as
+      // fillers, which the host skips. Later words keep their order and times.
+      const size_t end = std::min(words, (transfer + 1) * block);
+      std::memset(data + 4 * filled, 0, 4 * (end - filled));
+      filled = end;
+      continue;
+    }
+    Clock::time_point wake = state->dueTime(engine.nextWindowEnd());
+    if (block != 0) wake = std::min(wake, flush_at);
     lock.unlock();
     std::this_thread::sleep_until(wake);
     lock.lock();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -41,8 +42,15 @@ class StreamModel {
   void configure(const FirmwareSetup& setup);
 
   /// Fills `bytes` bytes (a multiple of 4) with stream words. Paced: returns
-  /// when a real board would have delivered them. Returns the bytes written.
-  long read(unsigned char* data, long bytes);
+  /// when a real board would have delivered them. With `block_bytes` (the USB
+  /// transfer size of the read, a multiple of 4) a paced read does not wait
+  /// for ever on a quiet stream: like the firmware, it completes a transfer
+  /// that has waited kFlushWait for words with filler words (kind 0). Returns
+  /// the bytes written.
+  long read(unsigned char* data, long bytes, long block_bytes = 0);
+
+  /// How long a paced board holds a partly filled transfer before it pads it.
+  static constexpr std::chrono::microseconds kFlushWait{1000};
 
   /// Puts an error word, as on a lost clock, at the next rollover boundary.
   void injectError();

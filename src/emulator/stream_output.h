@@ -24,7 +24,7 @@ namespace zeptick::emulator {
 /// the next word; a changed fence still gets a kind-1 rollover at the next
 /// boundary. So a paced quiet input delivers a word per period, and a stream
 /// whose events are all dropped (filter, overflow) keeps its rollovers coming.
-/// No filler words are sent.
+/// This stage sends no filler words; a paced read pads its transfers itself.
 ///
 /// Buffer: every word occupies one place. The USB side drains
 /// usb_words_per_second, counted once per clock cycle in 32.32 fixed point, so

@@ -74,8 +74,9 @@ TEST_F(BoardPipeTest, PacedReadDoesNotBlockControlCalls) {
   loadedBoard();
   setWire(0x0D, 1);
   update();
-  // 4096 words of a quiet board take about 0.65 s of rollover periods (164 us each).
-  std::vector<unsigned char> buffer(4 * 4096);
+  // A quiet board pads each 1024-byte transfer after about 1 ms, so 262144
+  // words take about a second.
+  std::vector<unsigned char> buffer(4 * 262144);
   std::atomic<bool> done{false};
   long result = 0;
   std::thread reader([&] {
@@ -90,7 +91,7 @@ TEST_F(BoardPipeTest, PacedReadDoesNotBlockControlCalls) {
   }
   EXPECT_FALSE(done.load()) << "control calls waited for the paced read";
   reader.join();
-  EXPECT_EQ(result, 4 * 4096);
+  EXPECT_EQ(result, 4 * 262144);
 }
 
 }  // namespace
