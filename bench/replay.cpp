@@ -35,13 +35,13 @@ struct Recording {
     const auto dir = std::filesystem::temp_directory_path() / "zeptick-bench-replay";
     std::filesystem::create_directories(dir);
     base = (dir / "recording").string();
-    RecordingSpec spec;
-    spec.seed = 7;
-    spec.duration = 1000000000000;  // 1 s
-    spec.pair_rate = 1500000.0;
-    spec.period = 1000000;  // 1 MHz
-    spec.background_rate = 300000.0;
-    tags = writeRecording(base, spec, 16 << 20).tags;
+    RecordingPlan plan;
+    plan.seed = 7;
+    plan.duration = 1000000000000;  // 1 s
+    plan.pair_rate = 1500000.0;
+    plan.period = 1000000;  // 1 MHz
+    plan.background_rate = 300000.0;
+    tags = writeRecording(base, plan, 16 << 20).tags;
   }
   ~Recording() {
     std::error_code ignored;

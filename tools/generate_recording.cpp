@@ -38,7 +38,7 @@ int run(int argc, char** argv) {
     return 2;
   }
   const std::string output = argv[1];
-  zeptick::RecordingSpec spec;
+  zeptick::RecordingPlan plan;
   int64_t max_file_size = 0x40000000;
   for (int i = 2; i < argc; ++i) {
     const std::string option = argv[i];
@@ -48,28 +48,28 @@ int run(int argc, char** argv) {
     }
     const std::string value = argv[++i];
     if (option == "--seed") {
-      spec.seed = std::stoull(value);
+      plan.seed = std::stoull(value);
     } else if (option == "--duration-ms") {
-      spec.duration = picoseconds(std::stod(value));
+      plan.duration = picoseconds(std::stod(value));
     } else if (option == "--block-us") {
-      spec.block_span = picoseconds(std::stod(value) / 1000.0);
+      plan.block_span = picoseconds(std::stod(value) / 1000.0);
     } else if (option == "--pair-rate") {
-      spec.pair_rate = std::stod(value);
+      plan.pair_rate = std::stod(value);
     } else if (option == "--delay-ps") {
-      spec.pair_delay = std::stoll(value);
+      plan.pair_delay = std::stoll(value);
     } else if (option == "--jitter-ps") {
-      spec.pair_jitter = std::stod(value);
+      plan.pair_jitter = std::stod(value);
     } else if (option == "--period-ps") {
-      spec.period = std::stoll(value);
+      plan.period = std::stoll(value);
     } else if (option == "--background-rate") {
-      spec.background_rate = std::stod(value);
+      plan.background_rate = std::stod(value);
     } else if (option == "--overflow") {
       const size_t colon = value.find(':');
       if (colon == std::string::npos) {
         usage();
         return 2;
       }
-      spec.overflow_spans.emplace_back(picoseconds(std::stod(value.substr(0, colon))),
+      plan.overflow_spans.emplace_back(picoseconds(std::stod(value.substr(0, colon))),
                                        picoseconds(std::stod(value.substr(colon + 1))));
     } else if (option == "--max-file-size") {
       max_file_size = std::stoll(value);
@@ -78,11 +78,11 @@ int run(int argc, char** argv) {
       return 2;
     }
   }
-  if (spec.block_span < 1 || spec.duration < 0) {
+  if (plan.block_span < 1 || plan.duration < 0) {
     std::fprintf(stderr, "block span and duration must be positive\n");
     return 2;
   }
-  const zeptick::RecordingSummary summary = zeptick::writeRecording(output, spec, max_file_size);
+  const zeptick::RecordingSummary summary = zeptick::writeRecording(output, plan, max_file_size);
   std::printf("%s: %u files, %llu blocks, %llu tags over %.3f ms\n", output.c_str(), summary.files,
               static_cast<unsigned long long>(summary.blocks),
               static_cast<unsigned long long>(summary.tags),

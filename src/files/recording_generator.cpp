@@ -10,7 +10,7 @@
 
 namespace zeptick {
 
-std::vector<int> RecordingSpec::channels() const {
+std::vector<int> RecordingPlan::channels() const {
   std::set<int> used;
   if (pair_rate > 0.0) {
     used.insert(pair_start);
@@ -22,22 +22,22 @@ std::vector<int> RecordingSpec::channels() const {
   return {used.begin(), used.end()};
 }
 
-RecordingGenerator::RecordingGenerator(RecordingSpec spec_in)
-    : spec(std::move(spec_in)),
-      rng(spec.seed),
-      jitter(0.0, std::max(spec.pair_jitter, 0.0)),
-      position(spec.start_time) {
-  const int64_t start = spec.start_time;
-  if (spec.pair_rate > 0.0 && spec.pair_start != CHANNEL_UNUSED) {
-    schedule(start + poissonGap(spec.pair_rate), spec.pair_start, Source::PairStart);
+RecordingGenerator::RecordingGenerator(RecordingPlan plan_in)
+    : plan(std::move(plan_in)),
+      rng(plan.seed),
+      jitter(0.0, std::max(plan.pair_jitter, 0.0)),
+      position(plan.start_time) {
+  const int64_t start = plan.start_time;
+  if (plan.pair_rate > 0.0 && plan.pair_start != CHANNEL_UNUSED) {
+    schedule(start + poissonGap(plan.pair_rate), plan.pair_start, Source::PairStart);
   }
-  if (spec.period > 0 && spec.periodic_channel != CHANNEL_UNUSED) {
-    schedule(start, spec.periodic_channel, Source::Periodic);
+  if (plan.period > 0 && plan.periodic_channel != CHANNEL_UNUSED) {
+    schedule(start, plan.periodic_channel, Source::Periodic);
   }
-  if (spec.background_rate > 0.0) {
-    for (int channel : spec.background_channels) {
+  if (plan.background_rate > 0.0) {
+    for (int channel : plan.background_channels) {
       if (channel != CHANNEL_UNUSED) {
-        schedule(start + poissonGap(spec.background_rate), channel, Source::Background);
+        schedule(start + poissonGap(plan.background_rate), channel, Source::Background);
       }
     }
   }
@@ -66,17 +66,17 @@ void RecordingGenerator::appendMissed(std::vector<Tag>& tags, const std::map<int
 
 bool RecordingGenerator::next(std::vector<Tag>& tags, int64_t& begin_time, int64_t& end_time) {
   tags.clear();
-  const int64_t stream_end = spec.start_time + spec.duration;
+  const int64_t stream_end = plan.start_time + plan.duration;
   if (position >= stream_end) return false;
   begin_time = position;
-  end_time = std::min(position + spec.block_span, stream_end);
+  end_time = std::min(position + plan.block_span, stream_end);
   position = end_time;
 
   // Overflow boundaries inside this block, in time order: (time, begins).
   std::vector<std::pair<int64_t, bool>> marks;
-  for (auto [from, to] : spec.overflow_spans) {
-    from += spec.start_time;
-    to += spec.start_time;
+  for (auto [from, to] : plan.overflow_spans) {
+    from += plan.start_time;
+    to += plan.start_time;
     if (from >= begin_time && from < end_time) marks.emplace_back(from, true);
     if (to >= begin_time && to < end_time) marks.emplace_back(to, false);
   }
@@ -123,18 +123,18 @@ bool RecordingGenerator::next(std::vector<Tag>& tags, int64_t& begin_time, int64
     }
     switch (event.source) {
       case Source::PairStart:
-        if (spec.pair_stop != CHANNEL_UNUSED) {
+        if (plan.pair_stop != CHANNEL_UNUSED) {
           const auto offset = static_cast<int64_t>(std::llround(jitter(rng)));
-          schedule(event.time + std::max<int64_t>(0, spec.pair_delay + offset), spec.pair_stop,
+          schedule(event.time + std::max<int64_t>(0, plan.pair_delay + offset), plan.pair_stop,
                    Source::PairStop);
         }
-        schedule(event.time + poissonGap(spec.pair_rate), spec.pair_start, Source::PairStart);
+        schedule(event.time + poissonGap(plan.pair_rate), plan.pair_start, Source::PairStart);
         break;
       case Source::Periodic:
-        schedule(event.time + spec.period, event.channel, Source::Periodic);
+        schedule(event.time + plan.period, event.channel, Source::Periodic);
         break;
       case Source::Background:
-        schedule(event.time + poissonGap(spec.background_rate), event.channel, Source::Background);
+        schedule(event.time + poissonGap(plan.background_rate), event.channel, Source::Background);
         break;
       case Source::PairStop:
         break;
@@ -145,17 +145,17 @@ bool RecordingGenerator::next(std::vector<Tag>& tags, int64_t& begin_time, int64
   return true;
 }
 
-RecordingSummary writeRecording(const std::string& filename, const RecordingSpec& spec,
+RecordingSummary writeRecording(const std::string& filename, const RecordingPlan& plan,
                                 int64_t max_file_size) {
   ZeptickFile::FileId file_id{};
-  std::mt19937 id_source(static_cast<uint32_t>(spec.seed ^ (spec.seed >> 32)) ^ 0x5A7E1Cu);
+  std::mt19937 id_source(static_cast<uint32_t>(plan.seed ^ (plan.seed >> 32)) ^ 0x5A7E1Cu);
   for (uint32_t& word : file_id) word = id_source();
 
   std::vector<std::pair<int32_t, int32_t>> channel_map;
-  for (int channel : spec.channels()) channel_map.emplace_back(channel, -channel);
-  const std::string configuration = "{\"generator\": {\"seed\": " + std::to_string(spec.seed) +
-                                    ", \"duration\": " + std::to_string(spec.duration) +
-                                    ", \"pair_delay\": " + std::to_string(spec.pair_delay) + "}}";
+  for (int channel : plan.channels()) channel_map.emplace_back(channel, -channel);
+  const std::string configuration = "{\"generator\": {\"seed\": " + std::to_string(plan.seed) +
+                                    ", \"duration\": " + std::to_string(plan.duration) +
+                                    ", \"pair_delay\": " + std::to_string(plan.pair_delay) + "}}";
 
   RecordingSummary summary;
   uint32_t index = 0;
@@ -169,12 +169,12 @@ RecordingSummary writeRecording(const std::string& filename, const RecordingSpec
   auto writer = open(nullptr);
   writer = open(writer->getBlockPool());
 
-  RecordingGenerator generator(spec);
+  RecordingGenerator generator(plan);
   std::vector<Tag> tags;
   int64_t begin_time = 0;
   int64_t end_time = 0;
-  summary.begin_time = spec.start_time;
-  summary.end_time = spec.start_time;
+  summary.begin_time = plan.start_time;
+  summary.end_time = plan.start_time;
   while (generator.next(tags, begin_time, end_time)) {
     // A new file starts outside overflow, so no missed-event count is lost at a split.
     if (max_file_size >= 0 && writer->getBytesWritten() > static_cast<uint64_t>(max_file_size) &&

@@ -14,7 +14,7 @@ namespace zeptick {
 
 /// What a synthetic recording holds. Rates are events per second, times picoseconds.
 /// A source with a rate (or period) of 0, or a channel of CHANNEL_UNUSED, is off.
-struct RecordingSpec {
+struct RecordingPlan {
   uint64_t seed = 1;
   int64_t duration = 100000000000;  // 100 ms
   int64_t block_span = 1000000000;  // 1 ms per block
@@ -43,7 +43,7 @@ struct RecordingSpec {
 /// Produces a recording's stream block by block, deterministically from the seed.
 class RecordingGenerator {
  public:
-  explicit RecordingGenerator(RecordingSpec spec);
+  explicit RecordingGenerator(RecordingPlan plan);
 
   /// The next block, tags sorted by time; false once `duration` is covered.
   bool next(std::vector<Tag>& tags, int64_t& begin_time, int64_t& end_time);
@@ -66,7 +66,7 @@ class RecordingGenerator {
   int64_t poissonGap(double rate);
   void appendMissed(std::vector<Tag>& tags, const std::map<int, uint64_t>& missed, int64_t time);
 
-  RecordingSpec spec;
+  RecordingPlan plan;
   std::mt19937_64 rng;
   std::normal_distribution<double> jitter;
   std::priority_queue<Event, std::vector<Event>, std::greater<Event>> events;
@@ -89,7 +89,7 @@ struct RecordingSummary {
 /// configuration and channel map) and split files .1, .2, ... each begun once
 /// the previous one exceeds `max_file_size` bytes (negative: one data file).
 /// Throws std::runtime_error when a file cannot be written.
-RecordingSummary writeRecording(const std::string& filename, const RecordingSpec& spec,
+RecordingSummary writeRecording(const std::string& filename, const RecordingPlan& plan,
                                 int64_t max_file_size = -1);
 
 }  // namespace zeptick

@@ -20,8 +20,8 @@ using testing::fields;
 
 class FileReaderMeasurementTest : public ::testing::Test {
  protected:
-  RecordingSpec spec(uint64_t seed, int64_t start) {
-    RecordingSpec s;
+  RecordingPlan plan(uint64_t seed, int64_t start) {
+    RecordingPlan s;
     s.seed = seed;
     s.start_time = start;
     s.duration = 15000000000;
@@ -33,8 +33,8 @@ class FileReaderMeasurementTest : public ::testing::Test {
 };
 
 TEST_F(FileReaderMeasurementTest, ReadsSeveralSplitRecordingsInAnyChunkSize) {
-  const RecordingSpec a = spec(31, 0);
-  const RecordingSpec b = spec(32, 40000000000);
+  const RecordingPlan a = plan(31, 0);
+  const RecordingPlan b = plan(32, 40000000000);
   writeRecording(dir.file("a"), a, 4000);
   writeRecording(dir.file("b.ztbin"), b, 4000);
   std::vector<Tag> expected = testing::generatedTags(a);
@@ -69,8 +69,8 @@ TEST_F(FileReaderMeasurementTest, ReadsSeveralSplitRecordingsInAnyChunkSize) {
 }
 
 TEST_F(FileReaderMeasurementTest, ForeignSplitFileIsSkippedAndTheNextRecordingFollows) {
-  const RecordingSpec a = spec(41, 0);
-  const RecordingSpec b = spec(42, 0);
+  const RecordingPlan a = plan(41, 0);
+  const RecordingPlan b = plan(42, 0);
   writeRecording(dir.file("a"), a, 4000);
   writeRecording(dir.file("b"), b, 4000);
   std::filesystem::copy_file(ZeptickFile::makeFileName(dir.file("b"), 2),
@@ -100,7 +100,7 @@ TEST_F(FileReaderMeasurementTest, ForeignSplitFileIsSkippedAndTheNextRecordingFo
 
 TEST_F(FileReaderMeasurementTest, RefusesMissingFilesAndReadsNothingForZero) {
   EXPECT_THROW(FileReader(std::vector<std::string>{}), std::runtime_error);
-  writeRecording(dir.file("ok"), spec(51, 0));
+  writeRecording(dir.file("ok"), plan(51, 0));
   try {
     FileReader reader(std::vector<std::string>{dir.file("ok"), dir.file("missing")});
     FAIL() << "no exception";

@@ -67,14 +67,14 @@ TEST(ReplayChannelStageTest, DelayedEventsInsideAnOverflowAreLost) {
 class ReplaySettingsTest : public ::testing::Test {
  protected:
   ReplaySettingsTest() {
-    spec.seed = 21;
-    spec.duration = 30000000000;
-    spec.block_span = 900000000;
+    plan.seed = 21;
+    plan.duration = 30000000000;
+    plan.block_span = 900000000;
     base = dir.file("settings");
-    writeRecording(base, spec, 7000);
+    writeRecording(base, plan, 7000);
   }
   testing::ScratchDirectory dir;
-  RecordingSpec spec;
+  RecordingPlan plan;
   std::string base;
 };
 
@@ -94,7 +94,7 @@ TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
   std::vector<Tag> expected;
   int64_t last_kept = 0;
   bool kept_any = false;
-  for (Tag tag : testing::generatedTags(spec)) {
+  for (Tag tag : testing::generatedTags(plan)) {
     tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
     if (tag.channel == 2) {
       if (kept_any && tag.time - last_kept < deadtime) continue;
@@ -102,7 +102,7 @@ TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
       kept_any = true;
     }
     // Held back beyond the end of the stream: still waiting when replay ends.
-    if (tag.time < spec.duration) expected.push_back(tag);
+    if (tag.time < plan.duration) expected.push_back(tag);
   }
   std::stable_sort(expected.begin(), expected.end(),
                    [](const Tag& a, const Tag& b) { return a.time < b.time; });
@@ -130,13 +130,13 @@ TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
     }
   }
   std::vector<Tag> expected_others;
-  for (const Tag& tag : testing::generatedTags(spec)) {
+  for (const Tag& tag : testing::generatedTags(plan)) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
   EXPECT_EQ(fields(others), fields(expected_others));
 
   // A square wave of about 1.256 us: edges alternate, each about 628 ns after the last.
-  const double cycles = static_cast<double>(spec.duration) / (2 * 628006.5);
+  const double cycles = static_cast<double>(plan.duration) / (2 * 628006.5);
   EXPECT_NEAR(static_cast<double>(rising.size()), cycles, 3.0);
   EXPECT_NEAR(static_cast<double>(falling.size()), cycles, 3.0);
   ASSERT_FALSE(rising.empty());

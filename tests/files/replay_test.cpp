@@ -38,13 +38,13 @@ std::vector<Tag> window(const std::vector<Tag>& tags, int64_t from, int64_t to, 
   return out;
 }
 
-RecordingSpec smallSpec(uint64_t seed) {
-  RecordingSpec spec;
-  spec.seed = seed;
-  spec.duration = 20000000000;  // 20 ms
-  spec.block_span = 700000000;  // blocks do not line up with round numbers
-  spec.overflow_spans = {{3000000000, 4500000000}, {9100000000, 9100000001}};
-  return spec;
+RecordingPlan smallSpec(uint64_t seed) {
+  RecordingPlan plan;
+  plan.seed = seed;
+  plan.duration = 20000000000;  // 20 ms
+  plan.block_span = 700000000;  // blocks do not line up with round numbers
+  plan.overflow_spans = {{3000000000, 4500000000}, {9100000000, 9100000001}};
+  return plan;
 }
 
 void expectContiguous(const std::vector<Block>& blocks) {
@@ -65,9 +65,9 @@ class ReplayTest : public ::testing::Test {
 };
 
 TEST_F(ReplayTest, SplitRecordingPlaysCompleteOnItsOwnClock) {
-  const RecordingSpec spec = smallSpec(5);
+  const RecordingPlan plan = smallSpec(5);
   const std::string base = dir.file("rec");
-  const RecordingSummary summary = writeRecording(base, spec, 8000);
+  const RecordingSummary summary = writeRecording(base, plan, 8000);
   EXPECT_GE(summary.files, 4u);
 
   auto tagger_owner = testing::replayTagger(4);
@@ -78,8 +78,8 @@ TEST_F(ReplayTest, SplitRecordingPlaysCompleteOnItsOwnClock) {
   ASSERT_TRUE(tagger.waitForCompletion(id, 60000));
   const std::vector<Block> blocks = seen.blocks();
   expectContiguous(blocks);
-  EXPECT_EQ(fields(testing::concat(blocks)), fields(testing::generatedTags(spec)));
-  EXPECT_EQ(blocks.back().end_time, spec.duration);
+  EXPECT_EQ(fields(testing::concat(blocks)), fields(testing::generatedTags(plan)));
+  EXPECT_EQ(blocks.back().end_time, plan.duration);
   // One overflow begin per span, and no error: the split files join without a gap.
   EXPECT_EQ(tagger.getOverflowsAndClear(), 2);
   EXPECT_EQ(tagger.getOverflows(), 0);
@@ -88,10 +88,10 @@ TEST_F(ReplayTest, SplitRecordingPlaysCompleteOnItsOwnClock) {
 }
 
 TEST_F(ReplayTest, BeginAndDurationCutAtExactTimes) {
-  const RecordingSpec spec = smallSpec(6);
+  const RecordingPlan plan = smallSpec(6);
   const std::string base = dir.file("cut");
-  writeRecording(base, spec, 6000);
-  const std::vector<Tag> all = testing::generatedTags(spec);
+  writeRecording(base, plan, 6000);
+  const std::vector<Tag> all = testing::generatedTags(plan);
 
   struct Case {
     int64_t begin;
@@ -119,12 +119,12 @@ TEST_F(ReplayTest, BeginAndDurationCutAtExactTimes) {
 }
 
 TEST_F(ReplayTest, QueueMarksTheJoinAndStopEndsEverything) {
-  RecordingSpec spec = smallSpec(7);
+  RecordingPlan plan = smallSpec(7);
   const std::string first = dir.file("first");
   const std::string second = dir.file("second");
-  writeRecording(first, spec, 5000);
-  spec.seed = 8;
-  writeRecording(second, spec, -1);
+  writeRecording(first, plan, 5000);
+  plan.seed = 8;
+  writeRecording(second, plan, -1);
 
   auto tagger_owner = testing::replayTagger(4);
   ZeptickVirtualImpl& tagger = *tagger_owner;
@@ -137,10 +137,10 @@ TEST_F(ReplayTest, QueueMarksTheJoinAndStopEndsEverything) {
   EXPECT_TRUE(tagger.waitForCompletion(a, 0));
 
   std::vector<Tag> expected = testing::generatedTags(smallSpec(7));
-  std::vector<Tag> tail = testing::generatedTags(spec);
+  std::vector<Tag> tail = testing::generatedTags(plan);
   // The second recording starts where the first ended, behind an error tag.
-  expected.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, spec.duration});
-  for (Tag& tag : tail) tag.time += spec.duration;
+  expected.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, plan.duration});
+  for (Tag& tag : tail) tag.time += plan.duration;
   expected.insert(expected.end(), tail.begin(), tail.end());
   const std::vector<Block> blocks = seen.blocks();
   expectContiguous(blocks);
@@ -162,11 +162,11 @@ TEST_F(ReplayTest, QueueMarksTheJoinAndStopEndsEverything) {
 }
 
 TEST_F(ReplayTest, SpeedPacesPausesAndRejectsTooSlow) {
-  RecordingSpec spec = smallSpec(9);
-  spec.duration = 400000000000;  // 0.4 s of recording
-  spec.block_span = 5000000000;
+  RecordingPlan plan = smallSpec(9);
+  plan.duration = 400000000000;  // 0.4 s of recording
+  plan.block_span = 5000000000;
   const std::string base = dir.file("paced");
-  writeRecording(base, spec);
+  writeRecording(base, plan);
 
   auto tagger_owner = testing::replayTagger(2);
   ZeptickVirtualImpl& tagger = *tagger_owner;
@@ -200,10 +200,10 @@ TEST_F(ReplayTest, SpeedPacesPausesAndRejectsTooSlow) {
 }
 
 TEST_F(ReplayTest, CorruptedBlockNeverReachesAMeasurement) {
-  RecordingSpec spec = smallSpec(10);
-  spec.overflow_spans.clear();
+  RecordingPlan plan = smallSpec(10);
+  plan.overflow_spans.clear();
   const std::string base = dir.file("bad");
-  writeRecording(base, spec, 6000);
+  writeRecording(base, plan, 6000);
   const std::string victim = ZeptickFile::makeFileName(base, 2);
 
   // Which blocks file 2 holds, and a flipped bit in the data of its second one.
@@ -229,21 +229,21 @@ TEST_F(ReplayTest, CorruptedBlockNeverReachesAMeasurement) {
   // tag where the stream jumps over them.
   const int64_t gap_from = victim_blocks[1].begin_time;
   const int64_t gap_to = victim_blocks.back().end_time;
-  const std::vector<Tag> all = testing::generatedTags(spec);
+  const std::vector<Tag> all = testing::generatedTags(plan);
   std::vector<Tag> expected = window(all, 0, gap_from, 0);
   expected.push_back(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, gap_from});
-  const std::vector<Tag> rest = window(all, gap_to, spec.duration, gap_from - gap_to);
+  const std::vector<Tag> rest = window(all, gap_to, plan.duration, gap_from - gap_to);
   expected.insert(expected.end(), rest.begin(), rest.end());
   EXPECT_EQ(fields(testing::concat(seen.blocks())), fields(expected));
 }
 
 TEST_F(ReplayTest, ForeignSplitFileEndsTheRecording) {
-  RecordingSpec spec = smallSpec(11);
+  RecordingPlan plan = smallSpec(11);
   const std::string base = dir.file("mine");
   const std::string other = dir.file("other");
-  const RecordingSummary mine = writeRecording(base, spec, 6000);
-  spec.seed = 12;
-  writeRecording(other, spec, 6000);
+  const RecordingSummary mine = writeRecording(base, plan, 6000);
+  plan.seed = 12;
+  writeRecording(other, plan, 6000);
   // The other recording's file 3 takes the place of ours.
   std::filesystem::copy_file(ZeptickFile::makeFileName(other, 3),
                              ZeptickFile::makeFileName(base, 3),

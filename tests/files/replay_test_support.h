@@ -136,8 +136,8 @@ inline std::vector<std::string> splitFiles(const std::string& base) {
 }
 
 /// The generator's whole stream in memory: the reference for what the files hold.
-inline std::vector<Tag> generatedTags(const RecordingSpec& spec) {
-  RecordingGenerator generator(spec);
+inline std::vector<Tag> generatedTags(const RecordingPlan& plan) {
+  RecordingGenerator generator(plan);
   std::vector<Tag> all;
   std::vector<Tag> tags;
   int64_t begin = 0;
