@@ -13,6 +13,8 @@ constexpr unsigned kControlCode = 63;
 constexpr uint64_t kOneWord = uint64_t{1} << 32;
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max() / 4;
 constexpr int64_t kNoTime = std::numeric_limits<int64_t>::max();
+constexpr int64_t kMaxKeyClock =
+    static_cast<int64_t>(std::numeric_limits<uint64_t>::max() >> kKeyClockShift);
 
 }  // namespace
 
@@ -326,9 +328,11 @@ void StreamOutput::planResume(int64_t clock) {
 
 void StreamOutput::updateNextControl() {
   const int64_t next = std::min(next_boundary_, overflow_ ? resume_clock_ : kNever);
-  next_control_key_ = next >= (kNever >> kKeyClockShift)
-                          ? std::numeric_limits<uint64_t>::max()
-                          : static_cast<uint64_t>(next) << kKeyClockShift;
+  // Saturate only what a key cannot hold: stream clocks run up to the rebase
+  // point (2^40 cycles), and an overflow end that no event key reaches waits
+  // for the end of its window while the events after it count as missed.
+  next_control_key_ = next > kMaxKeyClock ? std::numeric_limits<uint64_t>::max()
+                                          : static_cast<uint64_t>(next) << kKeyClockShift;
 }
 
 void StreamOutput::rebase(int64_t clocks) {
