@@ -16,19 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-class Acquisition : public EmulatedTagger {
- protected:
-  /// Runs a collector on `channels` for `span_ps` of stream time, begun after
-  /// every setting made so far is in force.
-  std::unique_ptr<TagCollector> collect(std::vector<int> channels, int64_t span_ps) {
-    tagger->sync();
-    auto collector = std::make_unique<TagCollector>(tagger.get(), channels);
-    collector->startFor(span_ps);
-    EXPECT_TRUE(waitUntil([&] { return !collector->isRunning(); }));
-    expectOrderedStream(*collector);
-    return collector;
-  }
-};
+using Acquisition = CollectingTagger;
 
 /// The delay of `second` behind `first` at which coincidences pile up: every
 /// pair within 10 ns is binned by brute force into 20 ps bins, and the mean of

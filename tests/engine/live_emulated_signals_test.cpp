@@ -14,19 +14,8 @@ namespace {
 
 using nlohmann::json;
 
-class LiveEmulatedSignals : public EmulatedTagger {
+class LiveEmulatedSignals : public CollectingTagger {
  protected:
-  /// A collector on `channels` for `span_ps` of stream time, begun after every
-  /// setting made so far is in force.
-  std::unique_ptr<TagCollector> collect(std::vector<int> channels, int64_t span_ps) {
-    tagger->sync();
-    auto collector = std::make_unique<TagCollector>(tagger.get(), channels);
-    collector->startFor(span_ps);
-    EXPECT_TRUE(waitUntil([&] { return !collector->isRunning(); }));
-    expectOrderedStream(*collector);
-    return collector;
-  }
-
   /// Random events on `channels` until the fine-bin tables have forgotten the
   /// calibration pass, whose test signal fills one bin per channel.
   void warmUp(const std::vector<int>& channels) {

@@ -145,4 +145,19 @@ inline void expectOrderedStream(TagCollector& collector) {
   }
 }
 
+/// An emulated tagger with a way to collect a settled stretch of its stream.
+class CollectingTagger : public EmulatedTagger {
+ protected:
+  /// Runs a collector on `channels` for `span_ps` of stream time, begun after
+  /// every setting made so far is in force, and checks the stream's order.
+  std::unique_ptr<TagCollector> collect(std::vector<int> channels, int64_t span_ps) {
+    tagger->sync();
+    auto collector = std::make_unique<TagCollector>(tagger.get(), channels);
+    collector->startFor(span_ps);
+    EXPECT_TRUE(waitUntil([&] { return !collector->isRunning(); }));
+    expectOrderedStream(*collector);
+    return collector;
+  }
+};
+
 }  // namespace zeptick::testing
