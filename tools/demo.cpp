@@ -17,8 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "zeptick/correlation.h"
 #include "zeptick/countrate.h"
 #include "zeptick/emulator.h"
@@ -37,7 +35,6 @@ constexpr int kBins = 500;    // +-5 ns
 constexpr int kLiveSeconds = 10;
 constexpr int64_t kRecordPs = 3000000000000;  // 3 s of stream time
 const std::vector<int> kInputs = {1, 2, 3, 4};
-constexpr double kPairRate = 2e6;  // per second
 
 template <class T>
 std::vector<T> fetch(const std::function<void(std::function<T*(size_t)>)>& getter) {
@@ -197,25 +194,16 @@ int run() {
   std::printf("Zeptick demo (library %s) on the emulated instrument\n\n", getVersion().c_str());
   // The built-in board has what the demo needs: photon pairs on inputs 1 and
   // 2 (1.5 ns apart, 30 ps jitter), a 10 MHz laser on 3 and random counts on
-  // 4, delivered in real time. Its pairs come 100000 times a second; the fine-bin
-  // tables learn from the events, and at that rate they would need minutes to
-  // forget the calibration pass, whose test signal keeps one phase to the
-  // clock. So the demo takes the default with twenty times as many pairs.
-  nlohmann::json config = nlohmann::json::parse(defaultEmulatorConfiguration());
-  nlohmann::json& pairs = config["devices"][0]["sources"][0];
-  if (pairs.value("type", "") != "pairs") throw std::runtime_error("unexpected default board");
-  pairs["rate_hz"] = kPairRate;
-  attachEmulatedDevices(config.dump());
+  // 4, delivered in real time.
+  attachDefaultEmulatedDevice();
   std::printf("1. Opening the emulated \"Zeptick Ultra\" with createZeptick()\n");
   Zeptick* tagger = createZeptick();
   if (tagger == nullptr) throw std::runtime_error("createZeptick found no instrument");
   std::printf("   %s, serial %s, opened in %.1f s\n", tagger->getModel().c_str(),
               tagger->getSerial().c_str(), secondsSince(start));
   std::printf(
-      "   the built-in default board, with photon pairs raised to %.0f per second:\n"
-      "   pairs on 1 and 2 (2 lags by 1.5 ns, 30 ps jitter), a 10 MHz laser on 3,\n"
-      "   random counts on 4\n\n",
-      kPairRate);
+      "   the built-in default board: 100000 photon pairs per second on 1 and 2\n"
+      "   (2 lags by 1.5 ns, 30 ps jitter), a 10 MHz laser on 3, random counts on 4\n\n");
 
   const std::filesystem::path dir = std::filesystem::temp_directory_path() / "zeptick-demo";
   std::filesystem::remove_all(dir);

@@ -22,6 +22,11 @@ constexpr int kMaxHardwareIndices = 58;
 
 // Seed streams: sources count from 0, then the test signal and the bin profiles.
 constexpr uint64_t kTestSignalStream = 1u << 20;
+// The test oscillator runs 0.32 % fast against the divided sampling clock: 628.0065 ns
+// instead of 630 ns at the default divider, so successive edges step 506.5 ps
+// through a 2500 ps clock period.
+constexpr double kTestOscillatorRatio = 628006.5 / 630000.0;
+constexpr double kTestSignalJitterPs = 3.0;
 constexpr uint64_t kProfileStream = 2u << 20;
 
 const StreamParameters& validated(const StreamParameters& p) {
@@ -102,11 +107,15 @@ void StreamEngine::configure(const FirmwareSetup& setup) {
     test_signal_.reset();
     // A square wave without both phases has no edges at all.
     if (high > 0 && high < period) {
+      // The square wave comes from its own oscillator, not from the sampling
+      // clock: its edges drift through every fine bin, which is what lets a
+      // calibration pass over it fill the code-density tables.
       SourceDescription description;
       description.timing = SourceDescription::Timing::Periodic;
-      description.period_ps = static_cast<double>(period);
-      description.width_ps = static_cast<double>(high);
-      for (int i = 0; i < parameters_.inputs; ++i) description.members.push_back({i, 0.0, false});
+      description.period_ps = static_cast<double>(period) * kTestOscillatorRatio;
+      description.width_ps = static_cast<double>(high) * kTestOscillatorRatio;
+      description.jitter_ps = kTestSignalJitterPs;
+      for (int i = 0; i < parameters_.inputs; ++i) description.members.push_back({i, 0.0, true});
       test_signal_ = std::make_unique<Source>(description, latency_, parameters_.inputs,
                                               mixSeed(parameters_.seed, kTestSignalStream));
       test_signal_->restart(position_ * parameters_.ps_per_clock);

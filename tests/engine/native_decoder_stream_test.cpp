@@ -143,7 +143,7 @@ TEST(NativeDecoderStreamTest, DecodedBoardStreamMatchesTheBoardsTruth) {
   const auto test = timesOf(r.tags, 5);
   const double period =
       static_cast<double>(test.back() - test.front()) / static_cast<double>(test.size() - 1);
-  EXPECT_NEAR(period, 630000.0, 2.0);
+  EXPECT_NEAR(period, 628006.5, 2.0);
   const double seconds = static_cast<double>(r.end) * 1e-12;
   const double expected = 3e5 * seconds;
   EXPECT_NEAR(static_cast<double>(timesOf(r.tags, 4).size()), expected, 5 * std::sqrt(expected));
