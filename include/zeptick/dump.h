@@ -38,7 +38,7 @@ class ZEPTICK_API Dump : public IteratorBase {
   std::vector<int> channels;
   std::vector<Tag> selected;
   std::vector<char> stream_buffer;
-  bool open = false;  // between on_start and on_stop, or until the limit is reached
+  bool open = false;  // between on_start and on_stop
 };
 
 }  // namespace zeptick

@@ -72,6 +72,9 @@ class ZEPTICK_API IteratorBase {
   OrderedBarrier::OrderInstance parallelize(OrderedPipeline& pipeline);
   /// The tagger, or null once it has been freed. Stable only under the lock.
   ZeptickBase* getTagger() const { return tagger; }
+  /// From next_impl only: the measurement stops for good once this block is
+  /// done, exactly as if stop() had been called then; on_stop follows.
+  void stopAfterThisBlock() { stop_after_block = true; }
 
  private:
   friend class ZeptickRunner;
@@ -96,6 +99,7 @@ class ZEPTICK_API IteratorBase {
   IteratorBaseListNode* iterator_node;
   int64_t max_capture_duration = -1;
   uint32_t fence = 0;
+  bool stop_after_block = false;
   // The group this measurement belongs to, so that it can leave it when destroyed.
   // Written under the group's mutex.
   SynchronizedMeasurements* group = nullptr;

@@ -204,6 +204,8 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
     stop_requested = true;
   }
 
+  // A measurement that asked to stop and whose block was not cut short stops now.
+  if (std::exchange(stop_after_block, false) && running) stop_requested = true;
   if (stop_requested) {
     running = false;
     try {

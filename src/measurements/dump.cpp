@@ -66,7 +66,7 @@ bool Dump::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, int64_t /*e
                  static_cast<std::streamsize>(n * static_cast<int64_t>(sizeof(Tag))));
   }
   count += std::max<int64_t>(n, 0);
-  if (max_tags >= 0 && max_tags <= count) on_stop();
+  if (max_tags >= 0 && max_tags <= count) stopAfterThisBlock();
   return false;
 }
 
