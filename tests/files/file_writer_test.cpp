@@ -111,21 +111,20 @@ TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
   EXPECT_EQ(fields(read[1].tags), fields({timeTag(2, 30)}));
 }
 
-TEST(FileWriter, OpeningFailureNamesTheBaseNameAsGiven) {
+TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
   try {
     ZeptickFileWriter writer("/nonexistent-zeptick-dir/data", 3, {});
     ADD_FAILURE() << "opened a file in a missing directory";
   } catch (const std::runtime_error& error) {
+    // The base name as given, not the numbered file name.
     EXPECT_STREQ(error.what(),
                  "FileWriter: Error on opening the file '/nonexistent-zeptick-dir/data' for "
                  "writing.");
   }
-}
-
-TEST(FileWriter, FullDiskRaisesTheWriteErrorAndClosingLogsIt) {
   ScratchDirectory directory;
   const std::string base = directory.file("full");
   ASSERT_EQ(symlink("/dev/full", (base + ".ztbin").c_str()), 0);
+  const std::string full = "FileWriter: Error on writing to the disk.";
   LogCapture log;
   {
     ZeptickFileWriter writer(base, 0, {});
@@ -138,28 +137,24 @@ TEST(FileWriter, FullDiskRaisesTheWriteErrorAndClosingLogsIt) {
       writer.writeBlock(state);
       ADD_FAILURE() << "writing to a full disk succeeded";
     } catch (const std::runtime_error& error) {
-      EXPECT_STREQ(error.what(), "FileWriter: Error on writing to the disk.");
+      EXPECT_EQ(error.what(), full);
     }
     writer.recycleBlock(state);
   }
-  EXPECT_EQ(countMessages(log, "FileWriter: Error on writing to the disk."), 1u);
+  // Closing meets the same failure and can only log it.
+  EXPECT_EQ(countMessages(log, full), 1u);
 }
 
 TEST(FileWriter, BlocksFinishedOnSeveralThreadsReadBackInOrder) {
   ScratchDirectory directory;
   std::mt19937_64 rng(99);
-  const std::vector<Block> blocks = makeRandomBlocks(rng, 400, {1, 2, 3});
-  std::vector<Block> large;  // some blocks big enough to be compressed
-  for (size_t i = 0; i < 20; ++i) {
-    Block block;
-    block.begin_time = blocks.back().end_time + static_cast<int64_t>(i) * 1000000;
-    block.end_time = block.begin_time + 1000000;
+  std::vector<Block> all = makeRandomBlocks(rng, 400, {1, 2, 3});
+  for (size_t i = 0; i < 20; ++i) {  // some blocks big enough to be compressed
+    Block block{{}, all.back().end_time, all.back().end_time + 1000000};
     for (int64_t t = 0; t < 2000; ++t)
       block.tags.push_back(timeTag(1 + t % 3, block.begin_time + t * 7));
-    large.push_back(block);
+    all.push_back(block);
   }
-  std::vector<Block> all = blocks;
-  all.insert(all.end(), large.begin(), large.end());
 
   const std::string serial_path = directory.file("serial.ztbin");
   const std::string parallel_path = directory.file("parallel.ztbin");
