@@ -7,6 +7,7 @@
 #include <random>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
@@ -16,17 +17,10 @@ namespace zeptick::testing {
 namespace {
 
 bool sameBlock(const Block& a, const Block& b) {
-  if (a.begin_time != b.begin_time || a.end_time != b.end_time) return false;
-  if (a.tags.size() != b.tags.size()) return false;
-  for (size_t i = 0; i < a.tags.size(); ++i) {
-    const Tag& x = a.tags[i];
-    const Tag& y = b.tags[i];
-    if (x.type != y.type || x.channel != y.channel || x.time != y.time ||
-        x.missed_events != y.missed_events) {
-      return false;
-    }
-  }
-  return true;
+  auto key = [](const Tag& t) { return std::tie(t.type, t.channel, t.time, t.missed_events); };
+  return a.begin_time == b.begin_time && a.end_time == b.end_time &&
+         std::equal(a.tags.begin(), a.tags.end(), b.tags.begin(), b.tags.end(),
+                    [&](const Tag& x, const Tag& y) { return key(x) == key(y); });
 }
 
 // Index in `stream` where `run` appears as a contiguous stretch, or -1.
@@ -211,15 +205,19 @@ TEST(Runner, StartForCutsExactlyAtTheLimitAndWritesBackAVirtualChannelsChanges) 
     tags.swap(out);
     return true;
   };
+  RecordingMeasurement edge(&tagger);  // ahead of the copies
+  RecordingMeasurement zero(&tagger);
   RecordingMeasurement limited(&tagger, {}, mark);
   RecordingMeasurement downstream(&tagger);
-  limited.stop();
+  for (RecordingMeasurement* m : {&limited, &edge, &zero}) m->stop();
   limited.startFor(2500);  // ends on the tag at 2500 ps into the third block
+  edge.startFor(1000);     // exactly on the first block's end
+  zero.startFor(0);
 
   const std::vector<Block> pushed = tagger.pushBlocks(gridBlocks(6));
   const int64_t start = pushed.front().begin_time;
-  ASSERT_TRUE(eventually([&] { return !limited.isRunning(); }));
-  ASSERT_TRUE(eventually([&] { return downstream.blocks().size() >= 6; }));
+  ASSERT_TRUE(eventually([&] { return !limited.isRunning() && !edge.isRunning(); }));
+  ASSERT_TRUE(eventually([&] { return !zero.isRunning() && downstream.blocks().size() >= 6; }));
 
   EXPECT_EQ(limited.getCaptureDuration(), 2500);
   EXPECT_EQ(limited.stops(), 2);  // once by stop(), once at the limit
@@ -247,33 +245,16 @@ TEST(Runner, StartForCutsExactlyAtTheLimitAndWritesBackAVirtualChannelsChanges) 
   EXPECT_EQ(later[2].tags[4].channel, 1);
   EXPECT_EQ(later[2].end_time, start + 3000);
   for (size_t b = 3; b < 6; ++b) EXPECT_TRUE(sameBlock(later[b], pushed[b]));
-}
 
-TEST(Runner, StartForAtBlockEdgesAndZero) {
-  TestZeptick tagger("T", 4);
-  tagger.setIdleSpan(0);
-  RecordingMeasurement edge(&tagger);
-  RecordingMeasurement zero(&tagger);
-  edge.stop();
-  zero.stop();
-  edge.startFor(1000);  // the limit falls exactly on the first block's end
-  zero.startFor(0);
-
-  const std::vector<Block> pushed = tagger.pushBlocks(gridBlocks(3));
-  ASSERT_TRUE(eventually([&] { return !edge.isRunning() && !zero.isRunning(); }));
-
+  // A limit on a block edge ends with an empty block there; a zero limit with one empty block.
   const auto edge_seen = edge.blocks();
   ASSERT_EQ(edge_seen.size(), 2u);
   EXPECT_TRUE(sameBlock(edge_seen[0], pushed[0]));
-  EXPECT_EQ(edge_seen[1].begin_time, pushed[1].begin_time);
-  EXPECT_EQ(edge_seen[1].end_time, pushed[1].begin_time);
-  EXPECT_TRUE(edge_seen[1].tags.empty());
+  EXPECT_TRUE(sameBlock(edge_seen[1], Block{{}, pushed[1].begin_time, pushed[1].begin_time}));
   EXPECT_EQ(edge.getCaptureDuration(), 1000);
-
   const auto zero_seen = zero.blocks();
   ASSERT_EQ(zero_seen.size(), 1u);
-  EXPECT_EQ(zero_seen[0].begin_time, zero_seen[0].end_time);
-  EXPECT_TRUE(zero_seen[0].tags.empty());
+  EXPECT_TRUE(sameBlock(zero_seen[0], Block{{}, start, start}));
   EXPECT_EQ(zero.getCaptureDuration(), 0);
   EXPECT_EQ(zero.stops(), 2);
 }
