@@ -217,6 +217,10 @@ TEST_F(InstancesTest, FreeAllDestroysEveryTaggerAndOrphansItsMeasurements) {
     EXPECT_FALSE(probe->attached());
     EXPECT_FALSE(probe->isRunning());
     EXPECT_EQ(probe->stops(), 1);
+    // An orphan may be started, stopped and given channels, but gets nothing.
+    probe->start();
+    probe->stop();
+    probe->registerChannel(4);
   }
   EXPECT_EQ(on_shared->tagsSeen(), 4u);
   EXPECT_EQ(on_replay->tagsSeen(), 1u);

@@ -72,21 +72,6 @@ TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
   EXPECT_TRUE(log.contains("PipeBackend: Pipe transfer failed, second run, len=1024"));
 }
 
-TEST_F(PipeBackendTest, UnpluggedBoardFailsReadsAndWires) {
-  auto board = attach(boardEntry("GONE", 4, 2));
-  PipeBackend backend;
-  ASSERT_TRUE(backend.openDevice("GONE"));
-  board->unplug();
-  std::vector<unsigned char> buffer(1024);
-  LogCapture log;
-  EXPECT_LT(backend.readBlock(buffer.data(), 1024), 0);
-  EXPECT_TRUE(log.contains("PipeBackend: Pipe transfer failed, second run, len=1024"));
-  EXPECT_FALSE(backend.setWire(0x0D, 1) && backend.updateWires());
-  board->replug();
-  EXPECT_TRUE(backend.openDevice("GONE"));
-  EXPECT_EQ(backend.readBlock(buffer.data(), 1024), 1024);
-}
-
 TEST_F(PipeBackendTest, WiresReachTheBoardOnlyAtUpdate) {
   auto board = attach(boardEntry("WIRES", 36, 5));
   PipeBackend backend;
