@@ -238,6 +238,7 @@ TEST_F(OpenDevice, FindsBoardsBySerialOrTheFirstAndFailsUnlessSilent) {
   EXPECT_EQ(backend.modelName(), "ZT-20");
 
   boards[1]->unplug();
+  EXPECT_FALSE(backend.setWire(0x0D, 1) && backend.updateWires());
   for (const std::string serial : {"PLUG", "ELSEWHERE"}) {
     EXPECT_EQ(errorOf([&] { backend.openDevice(serial); }),
               "Opening of USB connection failed or device with serial '" + serial + "' not found.");
