@@ -246,6 +246,32 @@ TEST(Runner, StartForCutsExactlyAtTheLimitAndWritesBackAVirtualChannelsChanges) 
   EXPECT_EQ(zero.stops(), 2);
 }
 
+TEST(Runner, StartForWithoutClearCountsFromThePresentCaptureDuration) {
+  TestZeptick tagger("T", 3);
+  tagger.setIdleSpan(0);
+  RecordingMeasurement m(&tagger);
+  std::vector<Block> pushed = tagger.pushBlocks(gridBlocks(2));
+  ASSERT_TRUE(eventually([&] { return m.getCaptureDuration() == 2000; }));
+
+  m.startFor(1500, false);  // running: only the limit moves, to 3500
+  EXPECT_EQ(m.starts(), 1);
+  pushed = tagger.pushBlocks(gridBlocks(3));
+  ASSERT_TRUE(eventually([&] { return !m.isRunning(); }));
+  EXPECT_EQ(m.getCaptureDuration(), 3500);
+  const auto seen = m.blocks();
+  ASSERT_EQ(seen.size(), 4u);
+  EXPECT_EQ(seen.back().begin_time, pushed[1].begin_time);
+  EXPECT_EQ(seen.back().end_time, pushed[1].begin_time + 500);
+  EXPECT_EQ(seen.back().tags.size(), 2u);
+
+  // start() on a limited, running measurement lifts the limit.
+  m.startFor(500, true);
+  m.start();
+  pushed = tagger.pushBlocks(gridBlocks(3));
+  ASSERT_TRUE(eventually([&] { return m.getCaptureDuration() == 3000; }));
+  EXPECT_TRUE(m.isRunning());
+}
+
 TEST(Runner, ClearSkipsBlocksFetchedBeforeIt) {
   TestZeptick tagger("T", 4);
   Gate gate;
