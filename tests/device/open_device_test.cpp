@@ -32,6 +32,10 @@ class ExpectedTraffic {
     lines.push_back(trafficLine("SetWireInValue", address, value));
   }
   void update() { lines.push_back(trafficLine("UpdateWireIns", 0, 0)); }
+  void set(int address, uint32_t value) {
+    wire(address, value);
+    update();
+  }
   void trigger(int address, int bit) {
     lines.push_back(trafficLine("ActivateTriggerIn", address, bit));
   }
@@ -111,14 +115,11 @@ TEST_F(OpenDevice, Zeptick20SetsClockLoadsFirmwareAndResetsConverter) {
               std::string(ZEPTICK_SOURCE_DIR) + "/firmware/ZeptickController.bit");
 
     ExpectedTraffic expected;
-    expected.wire(0x01, kThreshold / 2);
-    expected.update();
+    expected.set(0x01, kThreshold / 2);
     expected.wire(0x03, 0);  // the converter reset: a = 0, b = 8, value 0
-    expected.wire(0x04, 0x800);
-    expected.update();
+    expected.set(0x04, 0x800);
     expected.trigger(0x40, 0);
-    expected.wire(0x0D, 1);
-    expected.update();
+    expected.set(0x0D, 1);
     EXPECT_EQ(recordedTraffic(events), expected.lines);
 
     // No fan, voltage or serial-bus step belongs to this model.
@@ -154,28 +155,19 @@ TEST_F(OpenDevice, UltraFollowsEveryRevisionBranch) {
     EXPECT_LT(indexOf(events, "ConfigureFPGA"), indexOf(events, "SetWireInValue"));
 
     ExpectedTraffic expected;
-    expected.wire(0x15, revision < 3 ? 0x0C : 0);
-    expected.update();
+    expected.set(0x15, revision < 3 ? 0x0C : 0);
     if (revision > 2) {
-      expected.wire(0x0F, 7);
-      expected.update();
+      expected.set(0x0F, 7);
     }
-    expected.wire(0x01, kThreshold / 2);
-    expected.update();
-    expected.wire(0x0E, 1);
-    expected.update();
-    expected.wire(0x0E, 0);
-    expected.update();
-    expected.wire(0x04, 0);
-    expected.update();
-    expected.wire(0x04, 0x30000);
-    expected.update();
+    expected.set(0x01, kThreshold / 2);
+    expected.set(0x0E, 1);
+    expected.set(0x0E, 0);
+    expected.set(0x04, 0);
+    expected.set(0x04, 0x30000);
     expected.busWord(1 | 2, 0xAAE00004);
-    expected.wire(0x0D, 1);
-    expected.update();
+    expected.set(0x0D, 1);
     if (revision > 2) {
-      expected.wire(0x0F, 7);
-      expected.update();
+      expected.set(0x0F, 7);
       for (uint32_t word :
            {revision < 4 ? 5u : 0x400005u, 0xBC843Cu, 3u, 0xA005D42u, 0x8008011u, 0x640000u}) {
         expected.busWord(4, word);
