@@ -34,9 +34,7 @@ class FirmwareSearch : public ::testing::Test {
  protected:
   void SetUp() override {
     previous_directory = fs::current_path();
-    directory = fs::path(::testing::TempDir()) /
-                ("firmware_search_" + std::to_string(getpid()) + "_" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    directory = fs::path(::testing::TempDir()) / ("firmware_search_" + std::to_string(getpid()));
     fs::remove_all(directory);
     fs::create_directories(directory);
     fs::current_path(directory);
@@ -58,33 +56,27 @@ class FirmwareSearch : public ::testing::Test {
   ScopedEnvironment subdirectory{"ZEPTICK_FIRMWARE_SUBDIRECTORY", std::nullopt};
 };
 
-TEST_F(FirmwareSearch, CustomFileWinsEvenWhenItDoesNotExist) {
-  createLocal("ZeptickController.bit");
-  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
-  setCustomBitFileName("/nowhere/custom.bit");
-  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/nowhere/custom.bit");
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0],
-            (std::pair<int, std::string>{30, "Loading custom bitfile '/nowhere/custom.bit'"}));
-}
-
-TEST_F(FirmwareSearch, WorkingDirectoryShadowsTheInstallation) {
+// Each source in turn, from the first choice down: every one shadows those after it.
+TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation) {
   createLocal("ZeptickUltraController.bit");
   setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
-  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "firmware", 1);
-  EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "./ZeptickUltraController.bit");
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0],
-            (std::pair<int, std::string>{
-                30, "INFO: Loading bitfile from current directory: ZeptickUltraController.bit"}));
-  // Only a file of that very name counts.
-  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/opt/zeptick/firmware/ZeptickController.bit");
-}
-
-TEST_F(FirmwareSearch, EnvironmentThenInstalledDirectory) {
-  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
   setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "fw", 1);
-  EXPECT_EQ(searchFirmware("A.bit"), "/opt/zeptick/fw/A.bit");
+  using Message = std::pair<int, std::string>;
+
+  // A custom file wins even when it does not exist.
+  setCustomBitFileName("/nowhere/custom.bit");
+  EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "/nowhere/custom.bit");
+  EXPECT_EQ(messages, (std::vector<Message>{{30, "Loading custom bitfile '/nowhere/custom.bit'"}}));
+  setCustomBitFileName("");
+  messages.clear();
+
+  EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "./ZeptickUltraController.bit");
+  EXPECT_EQ(messages, (std::vector<Message>{{30,
+                                             "INFO: Loading bitfile from current directory: "
+                                             "ZeptickUltraController.bit"}}));
+  messages.clear();
+  // Only a file of that very name counts.
+  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/opt/zeptick/fw/ZeptickController.bit");
   // A missing subdirectory reads as empty, and the search still gives a path.
   unsetenv("ZEPTICK_FIRMWARE_SUBDIRECTORY");
   EXPECT_EQ(searchFirmware("A.bit"), "/opt/zeptick//A.bit");

@@ -15,17 +15,30 @@ namespace {
 using device::PipeBackend;
 using emulator::BoardEvent;
 
-// The wire, update and trigger traffic a board should see while it is opened,
-// written out step by step from the start-up order, serial-bus transfers
-// included, so that any step missing, added or reordered shows.
+std::string trafficLine(const std::string& call, int64_t a, int64_t b) {
+  char text[96];
+  std::snprintf(text, sizeof(text), "%s 0x%llx 0x%llx", call.c_str(),
+                static_cast<unsigned long long>(a), static_cast<unsigned long long>(b));
+  return text;
+}
+
+// The wire, update and trigger traffic a board should see while it is opened, written out step
+// by step from the start-up order, serial-bus transfers included, so that any step missing,
+// added or reordered shows.
 class ExpectedTraffic {
  public:
   void wire(int address, uint32_t value) {
     if (address == 4) wire4 = value;
-    add("SetWireInValue", address, value);
+    lines.push_back(trafficLine("SetWireInValue", address, value));
   }
-  void update() { add("UpdateWireIns", 0, 0); }
-  void trigger(int address, int bit) { add("ActivateTriggerIn", address, bit); }
+  void update() { lines.push_back(trafficLine("UpdateWireIns", 0, 0)); }
+  void set(int address, uint32_t value) {
+    wire(address, value);
+    update();
+  }
+  void trigger(int address, int bit) {
+    lines.push_back(trafficLine("ActivateTriggerIn", address, bit));
+  }
   void busWord(uint32_t select, uint32_t word) {
     const uint32_t restore = wire4;
     wire(4, restore | select);
@@ -35,47 +48,30 @@ class ExpectedTraffic {
     wire(4, restore);
     update();
   }
-  const std::vector<std::string>& lines() const { return expected; }
+  std::vector<std::string> lines;
 
  private:
-  void add(const std::string& call, int64_t a, int64_t b) {
-    char text[96];
-    std::snprintf(text, sizeof(text), "%s 0x%llx 0x%llx", call.c_str(),
-                  static_cast<unsigned long long>(a), static_cast<unsigned long long>(b));
-    expected.push_back(text);
-  }
-  std::vector<std::string> expected;
   uint32_t wire4 = 0;
 };
 
 std::vector<std::string> recordedTraffic(const std::vector<BoardEvent>& events) {
   std::vector<std::string> lines;
   for (const BoardEvent& event : events) {
-    if (event.call != "SetWireInValue" && event.call != "UpdateWireIns" &&
-        event.call != "ActivateTriggerIn") {
-      continue;
+    if (event.call == "UpdateWireIns") {
+      lines.push_back(trafficLine(event.call, 0, 0));
+    } else if (event.call == "SetWireInValue" || event.call == "ActivateTriggerIn") {
+      lines.push_back(trafficLine(event.call, event.a, event.b));
     }
-    const bool update = event.call == "UpdateWireIns";
-    char text[96];
-    std::snprintf(text, sizeof(text), "%s 0x%llx 0x%llx", event.call.c_str(),
-                  static_cast<unsigned long long>(update ? 0 : event.a),
-                  static_cast<unsigned long long>(update ? 0 : event.b));
-    lines.push_back(text);
   }
   return lines;
 }
 
-std::vector<std::string> callNames(const std::vector<BoardEvent>& events) {
-  std::vector<std::string> names;
-  for (const BoardEvent& event : events) names.push_back(event.call);
-  return names;
-}
-
-size_t indexOf(const std::vector<std::string>& names, const std::string& name) {
-  for (size_t i = 0; i < names.size(); ++i) {
-    if (names[i] == name) return i;
+// Position of the first call named `name` among `events`, or their count.
+size_t indexOf(const std::vector<BoardEvent>& events, const std::string& name) {
+  for (size_t i = 0; i < events.size(); ++i) {
+    if (events[i].call == name) return i;
   }
-  return names.size();
+  return events.size();
 }
 
 class OpenDevice : public EmulatedBoards {};
@@ -112,28 +108,24 @@ TEST_F(OpenDevice, Zeptick20SetsClockLoadsFirmwareAndResetsConverter) {
         "SetPLL22150Configuration 0 0"};
     EXPECT_EQ(pll, expected_pll);
 
-    const std::vector<std::string> names = callNames(events);
-    EXPECT_LT(indexOf(names, "SetPLL22150Configuration"), indexOf(names, "ConfigureFPGA"));
-    const size_t configure = indexOf(names, "ConfigureFPGA");
-    ASSERT_LT(configure, names.size());
+    EXPECT_LT(indexOf(events, "SetPLL22150Configuration"), indexOf(events, "ConfigureFPGA"));
+    const size_t configure = indexOf(events, "ConfigureFPGA");
+    ASSERT_LT(configure, events.size());
     EXPECT_EQ(events[configure].text,
               std::string(ZEPTICK_SOURCE_DIR) + "/firmware/ZeptickController.bit");
 
     ExpectedTraffic expected;
-    expected.wire(0x01, kThreshold / 2);
-    expected.update();
+    expected.set(0x01, kThreshold / 2);
     expected.wire(0x03, 0);  // the converter reset: a = 0, b = 8, value 0
-    expected.wire(0x04, 0x800);
-    expected.update();
+    expected.set(0x04, 0x800);
     expected.trigger(0x40, 0);
-    expected.wire(0x0D, 1);
-    expected.update();
-    EXPECT_EQ(recordedTraffic(events), expected.lines());
+    expected.set(0x0D, 1);
+    EXPECT_EQ(recordedTraffic(events), expected.lines);
 
     // No fan, voltage or serial-bus step belongs to this model.
     EXPECT_TRUE(board->serialWords().empty());
     EXPECT_TRUE(board->i2cBytes().empty());
-    EXPECT_EQ(indexOf(names, "WriteRegister"), names.size());
+    EXPECT_EQ(indexOf(events, "WriteRegister"), events.size());
     EXPECT_TRUE(backend.isConnected());
   }
 }
@@ -158,34 +150,24 @@ TEST_F(OpenDevice, UltraFollowsEveryRevisionBranch) {
               "ZT-Ultra, FW 4, TS " + device::formatFirmwareTimestamp(stamp) + ", OK 2.7");
 
     const std::vector<BoardEvent> events = board->events();
-    const std::vector<std::string> names = callNames(events);
-    for (const std::string& name : names) EXPECT_NE(name.rfind("PLL.", 0), 0u) << name;
-    EXPECT_EQ(indexOf(names, "SetPLL22150Configuration"), names.size());
-    EXPECT_LT(indexOf(names, "ConfigureFPGA"), indexOf(names, "SetWireInValue"));
+    for (const BoardEvent& event : events) EXPECT_NE(event.call.rfind("PLL.", 0), 0u) << event.call;
+    EXPECT_EQ(indexOf(events, "SetPLL22150Configuration"), events.size());
+    EXPECT_LT(indexOf(events, "ConfigureFPGA"), indexOf(events, "SetWireInValue"));
 
     ExpectedTraffic expected;
-    expected.wire(0x15, revision < 3 ? 0x0C : 0);
-    expected.update();
+    expected.set(0x15, revision < 3 ? 0x0C : 0);
     if (revision > 2) {
-      expected.wire(0x0F, 7);
-      expected.update();
+      expected.set(0x0F, 7);
     }
-    expected.wire(0x01, kThreshold / 2);
-    expected.update();
-    expected.wire(0x0E, 1);
-    expected.update();
-    expected.wire(0x0E, 0);
-    expected.update();
-    expected.wire(0x04, 0);
-    expected.update();
-    expected.wire(0x04, 0x30000);
-    expected.update();
+    expected.set(0x01, kThreshold / 2);
+    expected.set(0x0E, 1);
+    expected.set(0x0E, 0);
+    expected.set(0x04, 0);
+    expected.set(0x04, 0x30000);
     expected.busWord(1 | 2, 0xAAE00004);
-    expected.wire(0x0D, 1);
-    expected.update();
+    expected.set(0x0D, 1);
     if (revision > 2) {
-      expected.wire(0x0F, 7);
-      expected.update();
+      expected.set(0x0F, 7);
       for (uint32_t word :
            {revision < 4 ? 5u : 0x400005u, 0xBC843Cu, 3u, 0xA005D42u, 0x8008011u, 0x640000u}) {
         expected.busWord(4, word);
@@ -193,7 +175,7 @@ TEST_F(OpenDevice, UltraFollowsEveryRevisionBranch) {
     }
     expected.busWord(2, 0x327FFF);  // reference 0x12 = 0x7FFF on the second converter
     expected.busWord(2, 0x33B332);  // reference 0x13 = 0xB332
-    EXPECT_EQ(recordedTraffic(events), expected.lines());
+    EXPECT_EQ(recordedTraffic(events), expected.lines);
 
     // The I2C core and its two chips exist from revision 3, the converter from 4.
     std::vector<std::pair<int64_t, int64_t>> core_setup;
@@ -237,28 +219,25 @@ TEST_F(OpenDevice, UltraFollowsEveryRevisionBranch) {
   }
 }
 
-TEST_F(OpenDevice, EmptySerialTakesTheFirstBoardAndReopenWorks) {
-  attachAll({boardEntry("FIRST", 36, 5), boardEntry("SECOND", 4, 2)});
+TEST_F(OpenDevice, FindsBoardsBySerialOrTheFirstAndFailsUnlessSilent) {
+  auto boards = attachAll({boardEntry("FIRST", 36, 5), boardEntry("PLUG", 4, 2)});
   PipeBackend backend;
   ASSERT_TRUE(backend.openDevice(""));
   EXPECT_EQ(backend.serial(), "FIRST");
   // Reopening, as after a lost connection, closes the old handle and starts over.
-  ASSERT_TRUE(backend.openDevice("SECOND"));
-  EXPECT_EQ(backend.serial(), "SECOND");
+  ASSERT_TRUE(backend.openDevice("PLUG"));
+  EXPECT_EQ(backend.serial(), "PLUG");
   EXPECT_EQ(backend.modelName(), "ZT-20");
-}
 
-TEST_F(OpenDevice, UnpluggedOrUnknownBoardFailsUnlessSilent) {
-  auto board = attach(boardEntry("PLUG", 36, 5));
-  board->unplug();
-  PipeBackend backend;
-  EXPECT_EQ(errorOf([&] { backend.openDevice("PLUG"); }),
-            "Opening of USB connection failed or device with serial 'PLUG' not found.");
-  EXPECT_FALSE(backend.isConnected());
-  EXPECT_FALSE(backend.openDevice("PLUG", true));
-  EXPECT_EQ(errorOf([&] { backend.openDevice("ELSEWHERE"); }),
-            "Opening of USB connection failed or device with serial 'ELSEWHERE' not found.");
-  board->replug();
+  boards[1]->unplug();
+  EXPECT_FALSE(backend.setWire(0x0D, 1) && backend.updateWires());
+  for (const std::string serial : {"PLUG", "ELSEWHERE"}) {
+    EXPECT_EQ(errorOf([&] { backend.openDevice(serial); }),
+              "Opening of USB connection failed or device with serial '" + serial + "' not found.");
+    EXPECT_FALSE(backend.isConnected());
+    EXPECT_FALSE(backend.openDevice(serial, true));
+  }
+  boards[1]->replug();
   EXPECT_TRUE(backend.openDevice("PLUG", true));
 }
 
@@ -275,7 +254,7 @@ TEST_F(OpenDevice, FaultsBeforeTheFirmwareStopTheStartUp) {
     ScopedEnvironment empty("ZEPTICK_BASE_DIRECTORY", ::testing::TempDir() + "/no-firmware-here");
     EXPECT_EQ(errorOf([&] { backend.openDevice("FAULT"); }),
               "Firmware file not found - filename: 'ZeptickUltraController.bit'");
-    EXPECT_EQ(indexOf(callNames(board->events()), "ConfigureFPGA"), board->events().size());
+    EXPECT_EQ(indexOf(board->events(), "ConfigureFPGA"), board->events().size());
     EXPECT_FALSE(backend.isConnected());
   }
   EXPECT_TRUE(backend.openDevice("FAULT"));
@@ -290,7 +269,7 @@ TEST_F(OpenDevice, UnsupportedFirmwareFailsAfterLoading) {
   const std::string stamp = device::formatFirmwareTimestamp(backend.getWire(0x20));
   EXPECT_EQ(message, "The firmware version 'ZT-Ultra, FW 3, TS " + stamp +
                          ", OK 2.7' is not supported by the Zeptick 2.7.0 version");
-  EXPECT_LT(indexOf(callNames(ultra->events()), "ConfigureFPGA"), ultra->events().size());
+  EXPECT_LT(indexOf(ultra->events(), "ConfigureFPGA"), ultra->events().size());
   EXPECT_FALSE(backend.isConnected());
 
   auto z20 = attach(boardEntry("OLDFW20", 4, 1));

@@ -114,12 +114,9 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
 
   const Bytes& header = blocks[0].payload;
   ASSERT_EQ(header.size(), 32u);
-  EXPECT_EQ(u32At(header, 0), 16u);  // alignment
-  EXPECT_EQ(u32At(header, 4), 1u);   // version
-  EXPECT_EQ(u32At(header, 8), 1u);   // required_version
-  EXPECT_EQ(u32At(header, 12), 0u);
-  EXPECT_EQ(u32At(header, 16), 0x11111111u);
-  EXPECT_EQ(u32At(header, 28), 0x44444444u);
+  // alignment, version, required_version, reserved, then the identifier
+  const uint32_t expected_header[] = {16, 1, 1, 0, 0x11111111, 0x22222222, 0x33333333, 0x44444444};
+  for (size_t i = 0; i < 8; ++i) EXPECT_EQ(u32At(header, 4 * i), expected_header[i]) << i;
 
   EXPECT_TRUE(blocks[1].payload.empty());  // empty text: no padding either
   EXPECT_EQ(blocks[2].offset, blocks[1].offset + 16);
@@ -172,28 +169,24 @@ TEST(FileFormat, OverflowStateAndValidTimeCarryAcrossBlocks) {
                   {{timeTag(1, 150), specialTag(Tag::Type::OverflowEnd, 160)}, 100, 200},
                   {{}, 200, 300}},
                  {{1, -1}});
-  std::vector<RawBlock> blocks = walkBlocks(readBytes(path));
-  std::vector<Bytes> time_blocks;
-  for (const RawBlock& block : blocks) {
-    if (block.type == 4) time_blocks.push_back(block.payload);
+  const std::vector<RawBlock> blocks = timeTagBlocks(readBytes(path));
+  ASSERT_EQ(blocks.size(), 3u);
+  // overflow_at_begin and valid_time: valid until 40, again from 160.
+  const std::pair<int, int64_t> expected[] = {{0, 40}, {1, 40}, {0, 100}};
+  for (size_t b = 0; b < 3; ++b) {
+    EXPECT_EQ(blocks[b].payload[44], expected[b].first) << b;
+    EXPECT_EQ(i64At(blocks[b].payload, 16), expected[b].second) << b;
   }
-  ASSERT_EQ(time_blocks.size(), 3u);
-  EXPECT_EQ(time_blocks[0][44], 0);
-  EXPECT_EQ(i64At(time_blocks[0], 16), 40);  // valid until the overflow began
-  EXPECT_EQ(time_blocks[1][44], 1);
-  EXPECT_EQ(i64At(time_blocks[1], 16), 40);  // valid again from 160
   // The tag at 150 fell inside the overflow: only the overflow end remains.
-  EXPECT_EQ(wordsOf(time_blocks[1]), (std::vector<uint32_t>{shortTag(60, 254)}));
-  EXPECT_EQ(time_blocks[2][44], 0);
-  EXPECT_EQ(i64At(time_blocks[2], 16), 100);
+  EXPECT_EQ(wordsOf(blocks[1].payload), (std::vector<uint32_t>{shortTag(60, 254)}));
   // An empty block: no words, yet a digest (of nothing) and a valid signature.
-  EXPECT_EQ(u32At(time_blocks[2], 24), 0u);
-  EXPECT_EQ(u32At(time_blocks[2], 28), 0u);
-  EXPECT_EQ(time_blocks[2].size(), 144u);
+  const Bytes& empty = blocks[2].payload;
+  EXPECT_EQ(u32At(empty, 24) | u32At(empty, 28), 0u);
+  ASSERT_EQ(empty.size(), 144u);
   const Bytes hash = sha1Field(nullptr, 0);
-  EXPECT_EQ(Bytes(time_blocks[2].begin() + 48, time_blocks[2].begin() + 80), hash);
-  EXPECT_TRUE(verifiesWith(detail::kBuiltinPublicKeyPem, hash,
-                           Bytes(time_blocks[2].begin() + 80, time_blocks[2].end())));
+  EXPECT_EQ(Bytes(empty.begin() + 48, empty.begin() + 80), hash);
+  EXPECT_TRUE(
+      verifiesWith(detail::kBuiltinPublicKeyPem, hash, Bytes(empty.begin() + 80, empty.end())));
 }
 
 TEST(FileFormat, ArbitraryStreamsKeepWhatTheEncodingDefines) {
@@ -238,8 +231,8 @@ TEST(FileFormat, ArbitraryStreamsKeepWhatTheEncodingDefines) {
     ASSERT_EQ(fields(read[b].tags), fields(expected)) << "block " << b;
   }
   size_t compressed = 0;
-  for (const RawBlock& block : walkBlocks(readBytes(path))) {
-    compressed += block.type == 4 && u32At(block.payload, 36) == 1;
+  for (const RawBlock& block : timeTagBlocks(readBytes(path))) {
+    compressed += u32At(block.payload, 36) == 1;
   }
   EXPECT_EQ(compressed, 4u);
 }

@@ -1,28 +1,35 @@
 #pragma once
 
-// Helpers of the file tests: scratch directories, raw bytes, and recordings written and read
-// back through the writer's and the reader's full calling sequence.
+// Helpers of the file and replay tests: scratch directories, raw bytes read by offset, files
+// built block by block, recordings written and read back, and random streams.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <random>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 #include "file_format_reference.h"
+#include "files/file_format.h"
+#include "files/recording_generator.h"
 #include "files/zeptick_file_reader.h"
 #include "files/zeptick_file_writer.h"
+#include "files/zeptick_virtual_impl.h"
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
+#include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
 
@@ -42,7 +49,6 @@ class ScratchDirectory {
   }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
   std::string file(const std::string& name) const { return (path / name).string(); }
 
  private:
@@ -53,7 +59,6 @@ inline Bytes readBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-
 inline void writeBytes(const std::string& path, const Bytes& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()),
@@ -98,13 +103,21 @@ inline std::vector<RawBlock> walkBlocks(const Bytes& file) {
     const size_t padded = (size + 15) / 16 * 16;
     EXPECT_LE(offset + 16 + padded, file.size());
     if (offset + 16 + padded > file.size()) break;
-    RawBlock block{offset, u32At(file, offset + 8),
-                   Bytes(file.begin() + offset + 16, file.begin() + offset + 16 + size)};
+    blocks.push_back({offset, u32At(file, offset + 8),
+                      Bytes(file.begin() + offset + 16, file.begin() + offset + 16 + size)});
     for (size_t i = size; i < padded; ++i) EXPECT_EQ(file[offset + 16 + i], 0) << offset;
-    blocks.push_back(std::move(block));
     offset += 16 + padded;
   }
   EXPECT_EQ(offset, file.size());
+  return blocks;
+}
+
+/// The payloads of a file's time tag blocks, in file order.
+inline std::vector<RawBlock> timeTagBlocks(const Bytes& file) {
+  std::vector<RawBlock> blocks;
+  for (RawBlock& block : walkBlocks(file)) {
+    if (block.type == ZeptickFile::BLOCK_TIME_TAGS) blocks.push_back(std::move(block));
+  }
   return blocks;
 }
 
@@ -116,10 +129,7 @@ class FileBuilder {
   }
   /// A block whose `size` field says `size`, whatever the payload holds.
   FileBuilder& blockWithSize(uint32_t type, uint32_t size, const Bytes& payload) {
-    appendLittleEndian(bytes, 0x545A494D, 4);
-    appendLittleEndian(bytes, size, 4);
-    appendLittleEndian(bytes, type, 4);
-    appendLittleEndian(bytes, 0, 4);
+    for (uint32_t word : {0x545A494Du, size, type, 0u}) appendLittleEndian(bytes, word, 4);
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     while (pad && bytes.size() % 16 != 0) bytes.push_back(0);
     return *this;
@@ -146,14 +156,14 @@ class FileBuilder {
   FileBuilder& timeTags(int64_t begin, int64_t end, const std::vector<uint32_t>& words,
                         uint32_t time_unit = 1, bool overflow_at_begin = false) {
     Bytes payload;
-    appendLittleEndian(payload, static_cast<uint64_t>(begin), 8);
-    appendLittleEndian(payload, static_cast<uint64_t>(end), 8);
-    appendLittleEndian(payload, 0, 8);
-    appendLittleEndian(payload, words.size(), 4);
-    appendLittleEndian(payload, words.size() * 4, 4);
-    appendLittleEndian(payload, time_unit, 4);
-    appendLittleEndian(payload, 0, 4);  // raw
-    appendLittleEndian(payload, 1, 4);
+    for (int64_t time : {begin, end, int64_t{0}}) {
+      appendLittleEndian(payload, static_cast<uint64_t>(time), 8);
+    }
+    // word_count, stored_size, time_unit, compression (raw), signature_kind
+    for (uint64_t field :
+         {words.size(), words.size() * 4, uint64_t{time_unit}, uint64_t{0}, uint64_t{1}}) {
+      appendLittleEndian(payload, field, 4);
+    }
     payload.push_back(overflow_at_begin ? 1 : 0);
     payload.resize(144, 0);
     for (uint32_t word : words) appendLittleEndian(payload, word, 4);
@@ -183,17 +193,15 @@ inline void writeRecording(const std::string& path, const std::vector<Block>& bl
 }
 
 /// Every block of a file, each decoded from its own begin_time.
-inline std::vector<Block> readRecording(const std::string& path, bool verify = true,
-                                        uint64_t* overflows = nullptr) {
+inline std::vector<Block> readRecording(const std::string& path, bool verify = true) {
   ZeptickFileReader reader(path, verify);
   std::vector<Block> blocks;
-  uint64_t count = 0;
+  uint64_t overflows = 0;
   Block block;
   while (reader.getBlockRange(block.begin_time, block.end_time)) {
-    EXPECT_TRUE(reader.decodeBlock(block.tags, block.begin_time, count));
+    EXPECT_TRUE(reader.decodeBlock(block.tags, block.begin_time, overflows));
     blocks.push_back(block);
   }
-  if (overflows != nullptr) *overflows = count;
   return blocks;
 }
 
@@ -201,16 +209,21 @@ inline std::vector<Block> readRecording(const std::string& path, bool verify = t
 inline size_t countMessages(LogCapture& log, const std::string& text) {
   size_t count = 0;
   for (const std::string& message : log.messages()) {
-    if (message.size() >= text.size() &&
-        message.compare(message.size() - text.size(), text.size(), text) == 0) {
-      ++count;
-    }
+    count += message.size() >= text.size() &&
+             message.compare(message.size() - text.size(), text.size(), text) == 0;
   }
   return count;
 }
 
-/// Tags as tuples (type, missed events, channel, time, reserved), which gtest compares and
-/// prints, so a failure shows the first differing tag.
+/// Every message of `expected` exactly once, and nothing else.
+inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
+  EXPECT_EQ(log.messages().size(), expected.size());
+  for (const std::string& message : expected) {
+    EXPECT_EQ(countMessages(log, message), 1u) << message;
+  }
+}
+
+/// Tags as tuples, which gtest compares and prints, so a failure shows the first differing tag.
 using TagFields = std::tuple<int, int, int32_t, int64_t, int>;
 inline std::vector<TagFields> fields(const std::vector<Tag>& tags) {
   std::vector<TagFields> out;
@@ -219,6 +232,151 @@ inline std::vector<TagFields> fields(const std::vector<Tag>& tags) {
                      tag.reserved);
   }
   return out;
+}
+
+inline std::vector<Tag> concat(const std::vector<Block>& blocks) {
+  std::vector<Tag> tags;
+  for (const Block& block : blocks) tags.insert(tags.end(), block.tags.begin(), block.tags.end());
+  return tags;
+}
+
+/// What a reader gets back from `blocks` written with the channels `recorded`.
+inline std::vector<Tag> throughFormat(const std::vector<Block>& blocks,
+                                      const std::set<int32_t>& recorded) {
+  std::vector<Tag> out;
+  bool overflow = false;
+  for (const Block& block : blocks) {
+    const std::vector<Tag> kept =
+        expectedAfterFile(block.tags, block.begin_time, recorded, overflow);
+    out.insert(out.end(), kept.begin(), kept.end());
+  }
+  return out;
+}
+
+/// A replay tagger on the heap with a measurement that keeps every block. ThreadSanitizer
+/// forgets a mutex only when its memory is freed, so taggers in stack slots of earlier tests
+/// would alias this one's mutexes.
+struct Replay {
+  explicit Replay(unsigned workers) : tagger(std::make_unique<ZeptickVirtualImpl>(workers)) {}
+  /// Plays `base` to its end; the stream so far, checked to be contiguous.
+  std::vector<Tag> play(const std::string& base, int64_t begin = 0, int64_t duration = -1) {
+    EXPECT_TRUE(tagger->waitForCompletion(tagger->replay(base, begin, duration), 60000));
+    return tags();
+  }
+  std::vector<Tag> tags() {
+    blocks = seen->blocks();
+    for (size_t i = 1; i < blocks.size(); ++i) {
+      EXPECT_EQ(blocks[i].begin_time, blocks[i - 1].end_time) << "block " << i;
+    }
+    for (const Block& block : blocks) {
+      for (const Tag& tag : block.tags) {
+        EXPECT_TRUE(tag.time >= block.begin_time && tag.time < block.end_time) << tag.time;
+      }
+    }
+    return concat(blocks);
+  }
+
+  std::unique_ptr<ZeptickVirtualImpl> tagger;
+  std::unique_ptr<RecordingMeasurement> seen = std::make_unique<RecordingMeasurement>(tagger.get());
+  std::vector<Block> blocks;  ///< as of the last play() or tags()
+};
+
+/// Waits until every block pushed so far has passed every measurement: blocks pass in order,
+/// and a last empty block carries a new fence.
+inline bool drain(TestZeptick& tagger) {
+  const uint32_t fence = tagger.getFence(true);
+  tagger.pushBlocks({Block{{}, 0, 0}});
+  return tagger.waitForFence(fence, 60000);
+}
+
+/// Blocks with time tags on `channels`, errors, and overflow spans that may cross blocks: inside
+/// a span mostly missed-event counts and now and then a time tag, outside now and then a stray
+/// missed-event count. Some long quiet blocks need the high-bit words. Times non-decreasing.
+inline std::vector<Block> randomStream(std::mt19937_64& rng, size_t count,
+                                       const std::vector<int>& channels) {
+  std::uniform_int_distribution<int64_t> length(0, 400000);
+  std::uniform_int_distribution<int> tag_count(0, 60);
+  std::uniform_int_distribution<size_t> pick(0, channels.size() - 1);
+  std::uniform_int_distribution<int> roll(0, 999);
+  std::uniform_int_distribution<int> lost(1, 65535);
+  std::vector<Block> blocks;
+  int64_t time = 0;
+  bool in_overflow = false;
+  for (size_t i = 0; i < count; ++i) {
+    Block block{{}, time, time + length(rng)};
+    if (roll(rng) < 20) block.end_time = time + (int64_t{1} << 26) * (1 + roll(rng));
+    std::vector<int64_t> times;
+    if (block.end_time > block.begin_time) {
+      std::uniform_int_distribution<int64_t> at(block.begin_time, block.end_time - 1);
+      for (int k = tag_count(rng); k > 0; --k) times.push_back(at(rng));
+    }
+    std::sort(times.begin(), times.end());
+    for (int64_t t : times) {
+      const int r = roll(rng);
+      const int channel = channels[pick(rng)];
+      Tag tag{Tag::Type::TimeTag, 0, 0, channel, t};
+      if (!in_overflow && r < 25) {
+        tag = specialTag(Tag::Type::OverflowBegin, t);
+        in_overflow = true;
+      } else if (!in_overflow && r < 40) {
+        tag = specialTag(Tag::Type::Error, t);
+      } else if (!in_overflow && r < 45) {
+        tag = missedTag(channel, 3, t);
+      } else if (in_overflow && r < 150) {
+        tag = specialTag(Tag::Type::OverflowEnd, t);
+        in_overflow = false;
+      } else if (in_overflow && r >= 200) {
+        tag = missedTag(channel, static_cast<uint16_t>(lost(rng)), t);
+      }
+      block.tags.push_back(tag);
+    }
+    time = block.end_time;
+    blocks.push_back(std::move(block));
+  }
+  return blocks;
+}
+
+/// Names of the files of recording `base` that exist, index 0 first.
+inline std::vector<std::string> splitFiles(const std::string& base) {
+  std::vector<std::string> names;
+  for (uint32_t index = 0;; ++index) {
+    const std::string name = ZeptickFile::makeFileName(base, index);
+    if (!std::filesystem::exists(name)) return names;
+    names.push_back(name);
+  }
+}
+
+/// The generator's whole stream in memory: the reference for what the files hold.
+inline std::vector<Tag> generatedTags(const RecordingPlan& plan) {
+  RecordingGenerator generator(plan);
+  std::vector<Tag> all;
+  std::vector<Tag> tags;
+  int64_t begin = 0;
+  int64_t end = 0;
+  while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
+  return all;
+}
+
+/// A buffer's columns put back together as tags; checks that the overflow flags agree.
+inline std::vector<Tag> bufferTags(const TimeTagStreamBuffer& buffer) {
+  std::vector<int> channels;
+  std::vector<int64_t> times;
+  std::vector<uint16_t> missed;
+  std::vector<uint8_t> types;
+  std::vector<uint8_t> overflows;
+  buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
+  buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
+  buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });
+  buffer.getEventTypes([&](size_t n) { return types.assign(n, 9), types.data(); });
+  buffer.getOverflows([&](size_t n) { return overflows.assign(n, 9), overflows.data(); });
+  std::vector<Tag> tags;
+  for (size_t i = 0; i < channels.size(); ++i) {
+    EXPECT_EQ(overflows[i], types[i] != 0 ? 1 : 0);
+    tags.push_back(Tag{static_cast<Tag::Type>(types[i]), 0, missed[i], channels[i], times[i]});
+  }
+  EXPECT_EQ(tags.size(), buffer.size);
+  EXPECT_EQ(times.size(), buffer.size);
+  return tags;
 }
 
 }  // namespace zeptick::testing

@@ -3,27 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
 #include <random>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "file_format_testing.h"
-#include "files/zeptick_virtual_impl.h"
-#include "replay_test_support.h"
-#include "support/log_capture.h"
-#include "support/recording_measurement.h"
 #include "zeptick/file_reader.h"
 
-namespace zeptick {
+namespace zeptick::testing {
 namespace {
-
-using testing::Block;
-using testing::fields;
-using testing::ScratchDirectory;
-using testing::TestZeptick;
 
 std::vector<Tag> readAll(const std::string& base) {
   FileReader reader(base);
@@ -52,18 +41,18 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
   writer.setMaxFileSize(3000);
   std::vector<Block> pushed;
   for (int round = 0; round < 4; ++round) {
-    auto more = tagger.pushBlocks(testing::randomStream(rng, 150, {1, 2, 3, -1}));
+    auto more = tagger.pushBlocks(randomStream(rng, 150, {1, 2, 3, -1}));
     pushed.insert(pushed.end(), more.begin(), more.end());
   }
-  ASSERT_TRUE(testing::drain(tagger));
+  ASSERT_TRUE(drain(tagger));
   writer.stop();
 
-  const std::vector<std::string> files = testing::splitFiles(base);
+  const std::vector<std::string> files = splitFiles(base);
   EXPECT_GT(files.size(), 20u);
   // The head file holds no tags; every other file holds a run of whole blocks.
-  EXPECT_TRUE(testing::readRecording(files[0]).empty());
+  EXPECT_TRUE(readRecording(files[0]).empty());
   // Files roll over only outside overflows, so no missed-event count is lost at a split.
-  const std::vector<Tag> expected = testing::throughFormat(pushed, {1, 2, -1});
+  const std::vector<Tag> expected = throughFormat(pushed, {1, 2, -1});
   const std::vector<Tag> read = readAll(base);
   EXPECT_EQ(fields(read), fields(expected));
 
@@ -74,38 +63,33 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
 
   // Replay rebases the recording onto its own clock, which starts at 0, and
   // finds no gap anywhere, so it adds no error tag.
-  auto replay_owner = testing::replayTagger(4);
-  ZeptickVirtualImpl& replay = *replay_owner;
-  testing::RecordingMeasurement seen(&replay);
-  replay.replay(base);
-  ASSERT_TRUE(replay.waitForCompletion(0, 60000));
   std::vector<Tag> shifted = expected;
   for (Tag& tag : shifted) tag.time -= pushed.front().begin_time;
-  EXPECT_EQ(fields(testing::concat(seen.blocks())), fields(shifted));
+  EXPECT_EQ(fields(Replay(4).play(base)), fields(shifted));
 }
 
 TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecording) {
   const std::string base = dir.file("parts");
   FileWriter writer(&tagger, base, {1});
   auto first = tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 10}}, 0, 100}});
-  ASSERT_TRUE(testing::drain(tagger));
+  ASSERT_TRUE(drain(tagger));
   writer.setMarker("after first");
   writer.split();
   tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 150}}, 100, 200}});
-  ASSERT_TRUE(testing::drain(tagger));
+  ASSERT_TRUE(drain(tagger));
   writer.clear();
   tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 250}}, 200, 300}});
-  ASSERT_TRUE(testing::drain(tagger));
+  ASSERT_TRUE(drain(tagger));
 
   // A new name restarts the numbering, with a head file of its own.
   const std::string renamed = dir.file("renamed");
   writer.split(renamed);
   tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 350}}, 300, 400}});
-  ASSERT_TRUE(testing::drain(tagger));
+  ASSERT_TRUE(drain(tagger));
   writer.stop();
 
-  EXPECT_EQ(testing::splitFiles(base).size(), 4u);
-  EXPECT_EQ(testing::splitFiles(renamed).size(), 2u);
+  EXPECT_EQ(splitFiles(base).size(), 4u);
+  EXPECT_EQ(splitFiles(renamed).size(), 2u);
   const int64_t shift = first.front().begin_time;
   std::vector<int64_t> times;
   for (const Tag& tag : readAll(base)) times.push_back(tag.time - shift);
@@ -114,34 +98,30 @@ TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecordi
   EXPECT_EQ(readAll(renamed).front().time - shift, 350);
 
   // The marker landed in the first data file, behind its blocks.
-  ZeptickFileReader first_file(testing::splitFiles(base)[1], true);
-  EXPECT_EQ(testing::concat(testing::readRecording(testing::splitFiles(base)[1])).size(), 1u);
+  ZeptickFileReader first_file(splitFiles(base)[1], true);
+  EXPECT_EQ(concat(readRecording(splitFiles(base)[1])).size(), 1u);
   while (first_file.skipBlock()) {
   }
   EXPECT_EQ(first_file.getLastMarker(), "after first");
   EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
 }
 
-TEST_F(FileWriterMeasurementTest, RejectsChannelListsTheFormatCannotHold) {
+TEST_F(FileWriterMeasurementTest, RejectsWhatTheFormatCannotHoldAndNeverSplitsWithoutLimit) {
   std::vector<int> too_many(251, 1);
   EXPECT_THROW(FileWriter(&tagger, dir.file("x"), too_many), std::runtime_error);
   EXPECT_THROW(FileWriter(&tagger, dir.file("y"), {}), std::runtime_error);
   EXPECT_THROW(FileWriter(&tagger, dir.file("no/such/dir/z"), {1}), std::runtime_error);
   // Only unused channels: an empty channel map, and nothing registered.
   { FileWriter writer(&tagger, dir.file("unused"), {CHANNEL_UNUSED}); }
-  EXPECT_EQ(testing::splitFiles(dir.file("unused")).size(), 2u);
-}
+  EXPECT_EQ(splitFiles(dir.file("unused")).size(), 2u);
 
-TEST_F(FileWriterMeasurementTest, NegativeLimitNeverRollsOver) {
-  const std::string base = dir.file("one");
-  FileWriter writer(&tagger, base, {1, 2});
-  writer.setMaxFileSize(-1);
-  EXPECT_EQ(writer.getMaxFileSize(), -1);
-  tagger.pushBlocks(testing::randomStream(rng, 200, {1, 2}));
-  ASSERT_TRUE(testing::drain(tagger));
-  writer.stop();
-  EXPECT_EQ(testing::splitFiles(base).size(), 2u);
+  FileWriter unlimited(&tagger, dir.file("one"), {1, 2});
+  unlimited.setMaxFileSize(-1);
+  tagger.pushBlocks(randomStream(rng, 200, {1, 2}));
+  ASSERT_TRUE(drain(tagger));
+  unlimited.stop();
+  EXPECT_EQ(splitFiles(dir.file("one")).size(), 2u);
 }
 
 }  // namespace
-}  // namespace zeptick
+}  // namespace zeptick::testing

@@ -3,36 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <map>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "file_format_testing.h"
-#include "files/recording_generator.h"
-#include "files/zeptick_virtual_impl.h"
-#include "replay_test_support.h"
-#include "support/recording_measurement.h"
 
-namespace zeptick {
+namespace zeptick::testing {
 namespace {
 
-using testing::fields;
-
-Tag at(int channel, int64_t time) { return Tag{Tag::Type::TimeTag, 0, 0, channel, time}; }
-Tag mark(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
+Tag at(int channel, int64_t time) { return timeTag(channel, time); }
+Tag mark(Tag::Type type, int64_t time) { return specialTag(type, time); }
 
 std::vector<Tag> replayed(const std::string& base,
                           const std::function<void(ZeptickVirtualImpl&)>& configure) {
-  auto tagger_owner = testing::replayTagger(3);
-  ZeptickVirtualImpl& tagger = *tagger_owner;
-  configure(tagger);
-  testing::RecordingMeasurement seen(&tagger);
-  EXPECT_TRUE(tagger.waitForCompletion(tagger.replay(base), 60000));
-  const std::vector<testing::Block> blocks = seen.blocks();
-  for (size_t i = 1; i < blocks.size(); ++i)
-    EXPECT_EQ(blocks[i].begin_time, blocks[i - 1].end_time);
-  return testing::concat(blocks);
+  Replay replay(3);
+  configure(*replay.tagger);
+  return replay.play(base);
 }
 
 TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnError) {
@@ -73,7 +60,7 @@ class ReplaySettingsTest : public ::testing::Test {
     base = dir.file("settings");
     writeRecording(base, plan, 7000);
   }
-  testing::ScratchDirectory dir;
+  ScratchDirectory dir;
   RecordingPlan plan;
   std::string base;
 };
@@ -94,7 +81,7 @@ TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
   std::vector<Tag> expected;
   int64_t last_kept = 0;
   bool kept_any = false;
-  for (Tag tag : testing::generatedTags(plan)) {
+  for (Tag tag : generatedTags(plan)) {
     tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
     if (tag.channel == 2) {
       if (kept_any && tag.time - last_kept < deadtime) continue;
@@ -130,7 +117,7 @@ TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
     }
   }
   std::vector<Tag> expected_others;
-  for (const Tag& tag : testing::generatedTags(plan)) {
+  for (const Tag& tag : generatedTags(plan)) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
   EXPECT_EQ(fields(others), fields(expected_others));
@@ -151,4 +138,4 @@ TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
 }
 
 }  // namespace
-}  // namespace zeptick
+}  // namespace zeptick::testing

@@ -7,15 +7,9 @@
 #include <vector>
 
 #include "file_format_testing.h"
-#include "replay_test_support.h"
-#include "support/recording_measurement.h"
-#include "support/test_tagger.h"
 
-namespace zeptick {
+namespace zeptick::testing {
 namespace {
-
-using testing::Block;
-using testing::TestZeptick;
 
 // Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
 class DirectStream : public TimeTagStream {
@@ -39,8 +33,11 @@ class TimeTagStreamTest : public ::testing::Test {
 };
 
 TEST_F(TimeTagStreamTest, CollectsFilteredTagsAndChainsSpansAcrossGetData) {
-  const std::vector<Block> blocks = testing::makeRandomBlocks(rng, 60, {1, 2, 3, -1});
+  const std::vector<Block> blocks = makeRandomBlocks(rng, 60, {1, 2, 3, -1});
   DirectStream stream(&tagger, 1u << 20, {2, -1});
+  const TimeTagStreamBuffer empty = stream.getData();
+  EXPECT_TRUE(bufferTags(empty).empty());
+  EXPECT_FALSE(empty.hasOverflows);
   std::vector<Tag> expected;
   bool expect_overflow = false;
   int64_t span_start = -1;
@@ -56,13 +53,11 @@ TEST_F(TimeTagStreamTest, CollectsFilteredTagsAndChainsSpansAcrossGetData) {
     if (i % 20 != 19) continue;
     EXPECT_EQ(stream.getCounts(), expected.size());
     const TimeTagStreamBuffer buffer = stream.getData();
-    EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(expected))
-        << "after block " << i;
+    EXPECT_EQ(fields(bufferTags(buffer)), fields(expected)) << "after block " << i;
     EXPECT_EQ(buffer.hasOverflows, expect_overflow);
     EXPECT_EQ(buffer.tGetData, blocks[i].end_time);
     EXPECT_EQ(buffer.tStart, span_start);
-    // The next span begins where this one ended.
-    span_start = blocks[i].end_time;
+    span_start = blocks[i].end_time;  // the next span begins where this one ended
     expected.clear();
     expect_overflow = false;
   }
@@ -71,21 +66,18 @@ TEST_F(TimeTagStreamTest, CollectsFilteredTagsAndChainsSpansAcrossGetData) {
 
 TEST_F(TimeTagStreamTest, StopsCollectingAtTheLimitUntilDrained) {
   std::vector<Tag> tags;
-  for (int i = 0; i < 10; ++i) tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, 1 + i % 2, i * 10});
-  tags.push_back(Tag{Tag::Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, 100});
-
+  for (int i = 0; i < 10; ++i) tags.push_back(timeTag(1 + i % 2, i * 10));
+  tags.push_back(specialTag(Tag::Type::OverflowBegin, 100));
   for (const std::vector<int>& filter : {std::vector<int>{}, std::vector<int>{1, 2}}) {
     DirectStream stream(&tagger, 4, filter);
     stream.feed(Block{tags, 0, 200});
     stream.feed(Block{tags, 200, 400});
     TimeTagStreamBuffer buffer = stream.getData();
-    const std::vector<Tag> first(tags.begin(), tags.begin() + 4);
-    EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(first));
+    EXPECT_EQ(fields(bufferTags(buffer)), fields({tags.begin(), tags.begin() + 4}));
     // The overflow mark beyond the limit still says that data are missing.
     EXPECT_TRUE(buffer.hasOverflows);
     EXPECT_EQ(buffer.tStart, 200);
     EXPECT_EQ(buffer.tGetData, 400);
-
     stream.feed(Block{tags, 400, 600});
     buffer = stream.getData();
     EXPECT_EQ(buffer.size, 4u);
@@ -93,26 +85,14 @@ TEST_F(TimeTagStreamTest, StopsCollectingAtTheLimitUntilDrained) {
   }
 }
 
-TEST_F(TimeTagStreamTest, EmptyGetDataAndAllTagsOnTheWorkers) {
+TEST_F(TimeTagStreamTest, CollectsEveryTagOnTheWorkers) {
   TimeTagStream stream(&tagger, 1u << 20, {});
-  TimeTagStreamBuffer empty = stream.getData();
-  EXPECT_EQ(empty.size, 0u);
-  EXPECT_TRUE(testing::bufferTags(empty).empty());
-  EXPECT_FALSE(empty.hasOverflows);
-
-  const std::vector<Block> pushed =
-      tagger.pushBlocks(testing::makeRandomBlocks(rng, 200, {1, 2, 3}));
-  // A last empty block under a new fence: once it is through, so is everything before it.
-  const uint32_t fence = tagger.getFence(true);
-  tagger.pushBlocks({Block{{}, 0, 0}});
-  ASSERT_TRUE(tagger.waitForFence(fence, 20000));
-  std::vector<Tag> expected;
-  for (const Block& block : pushed)
-    expected.insert(expected.end(), block.tags.begin(), block.tags.end());
+  const std::vector<Block> pushed = tagger.pushBlocks(makeRandomBlocks(rng, 200, {1, 2, 3}));
+  ASSERT_TRUE(drain(tagger));
   const TimeTagStreamBuffer buffer = stream.getData();
-  EXPECT_EQ(testing::fields(testing::bufferTags(buffer)), testing::fields(expected));
+  EXPECT_EQ(fields(bufferTags(buffer)), fields(concat(pushed)));
   EXPECT_EQ(buffer.tGetData, pushed.back().end_time);
 }
 
 }  // namespace
-}  // namespace zeptick
+}  // namespace zeptick::testing
