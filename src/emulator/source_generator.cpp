@@ -153,7 +153,7 @@ double Source::activeEdgeRate() const {
 void Source::restart(int64_t from) {
   if (timing_ == SourceDescription::Timing::Poisson) {
     next_ = from;
-    carry_ = 0;
+    fraction_ = 0;
     advance();
     return;
   }
@@ -201,7 +201,6 @@ void Source::generateSingle(int64_t end) {
   // The state lives in locals during the loop: the edge stores could alias members.
   int64_t next = next_;
   uint64_t fraction = fraction_;
-  double carry = carry_;
   Random random = random_;
   while (next < end) {
     // Enough room for the rest of the window on average, plus a margin; a
@@ -219,14 +218,9 @@ void Source::generateSingle(int64_t end) {
       if (lead_at != nullptr) lead_at[k] = t;
       if (trail_at != nullptr) trail_at[k] = t + width;
       if constexpr (kPeriodic) {
-        fraction += period_fraction_;
-        next += period_whole_ + static_cast<int64_t>(fraction >> 32);
-        fraction &= kFractionMask;
+        step(next, fraction, period_whole_, period_fraction_);
       } else {
-        const double interval = mean_interval_ * random.exponential() + carry;
-        const auto whole = static_cast<int64_t>(interval);
-        carry = interval - static_cast<double>(whole);
-        next += whole;
+        poissonStep(random, next, fraction);
       }
     }
     if (lead != nullptr) lead->shrink(room - k);
@@ -234,7 +228,6 @@ void Source::generateSingle(int64_t end) {
   }
   next_ = next;
   fraction_ = fraction;
-  carry_ = carry;
   random_ = random;
 }
 
@@ -258,7 +251,7 @@ void Source::generate(int64_t end) {
 // state in locals as in generateSingle().
 void Source::generateCascade(int64_t end) {
   int64_t next = next_;
-  double carry = carry_;
+  uint64_t fraction = fraction_;
   Random random = random_;
   const int64_t width = width_;
   while (next < end) {
@@ -269,13 +262,10 @@ void Source::generateCascade(int64_t end) {
       if (m.lead != nullptr) m.lead->edges.push_back(t);
       if (m.trail != nullptr) m.trail->edges.push_back(t + width);
     }
-    const double interval = mean_interval_ * random.exponential() + carry;
-    const auto whole = static_cast<int64_t>(interval);
-    carry = interval - static_cast<double>(whole);
-    next += whole;
+    poissonStep(random, next, fraction);
   }
   next_ = next;
-  carry_ = carry;
+  fraction_ = fraction;
   random_ = random;
 }
 

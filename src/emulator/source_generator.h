@@ -123,17 +123,25 @@ class Source {
   void advance();
   void advancePeriods(uint64_t periods);
 
-  void advancePeriodic() {
-    fraction_ += period_fraction_;
-    next_ += period_whole_ + static_cast<int64_t>(fraction_ >> 32);
-    fraction_ &= 0xFFFFFFFFULL;
+  /// Moves the time of the next occurrence on by whole ps plus a 32-bit
+  /// binary fraction: an integer sum, so the loop-carried work per occurrence
+  /// is a few additions, whatever produced the interval.
+  static void step(int64_t& next, uint64_t& fraction, int64_t whole, uint64_t part) {
+    fraction += part;
+    next += whole + static_cast<int64_t>(fraction >> 32);
+    fraction &= 0xFFFFFFFFULL;
   }
 
-  void advancePoisson() {
-    const double interval = mean_interval_ * random_.exponential() + carry_;
+  void advancePeriodic() { step(next_, fraction_, period_whole_, period_fraction_); }
+
+  void advancePoisson() { poissonStep(random_, next_, fraction_); }
+
+  /// One exponential interval, kept to 2^-32 ps through the fraction.
+  void poissonStep(Random& random, int64_t& next, uint64_t& fraction) const {
+    const double interval = mean_interval_ * random.exponential();
     const auto whole = static_cast<int64_t>(interval);
-    carry_ = interval - static_cast<double>(whole);
-    next_ += whole;
+    const double part = (interval - static_cast<double>(whole)) * 0x1.0p32;
+    step(next, fraction, whole, static_cast<uint64_t>(static_cast<int64_t>(part)));
   }
 
   /// Normal jitter rounded to whole ps, cut at the clamp. Rounding adds
@@ -157,13 +165,12 @@ class Source {
   int64_t clamp_;
   double clamp_limit_;
   int64_t next_ = 0;
+  uint64_t fraction_ = 0;  ///< of next_, in units of 2^-32 ps
   // Periodic timing: the period as whole ps plus a 32-bit binary fraction.
   int64_t period_whole_ = 0;
   uint64_t period_fraction_ = 0;
-  uint64_t fraction_ = 0;
-  // Poisson timing: mean interval and the fractional ps carried between draws.
+  // Poisson timing: the mean interval in ps.
   double mean_interval_ = 0;
-  double carry_ = 0;
 };
 
 }  // namespace zeptick::emulator

@@ -73,13 +73,13 @@ double Random::exponentialSlow(uint64_t u) {
   for (;;) {
     const unsigned layer = u & 0xFF;
     if (layer == 0) return kExpR - std::log(uniformOpen());
-    const double x = static_cast<double>(u >> 11) * z.exp_w[layer];
+    const double x = toDouble(u >> 11) * z.exp_w[layer];
     const double f = z.exp_f[layer] + uniform() * (z.exp_f[layer - 1] - z.exp_f[layer]);
     if (f < std::exp(-x)) return x;
     u = next();
     const unsigned again = u & 0xFF;
     const uint64_t j = u >> 11;
-    if (j < z.exp_k[again]) return static_cast<double>(j) * z.exp_w[again];
+    if (j < z.exp_k[again]) return toDouble(j) * z.exp_w[again];
   }
 }
 

@@ -39,9 +39,9 @@ class Random {
   }
 
   /// Uniform in [0, 1).
-  double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
+  double uniform() { return toDouble(next() >> 11) * 0x1.0p-53; }
   /// Uniform in (0, 1): safe to take the logarithm of.
-  double uniformOpen() { return (static_cast<double>(next() >> 11) + 0.5) * 0x1.0p-53; }
+  double uniformOpen() { return (toDouble(next() >> 11) + 0.5) * 0x1.0p-53; }
 
   /// Exponential with mean 1. The layer index and the abscissa come from
   /// disjoint bits of one draw.
@@ -49,9 +49,13 @@ class Random {
     const uint64_t u = next();
     const unsigned layer = u & 0xFF;
     const uint64_t j = u >> 11;
-    if (j < zig_->exp_k[layer]) return static_cast<double>(j) * zig_->exp_w[layer];
+    if (j < zig_->exp_k[layer]) return toDouble(j) * zig_->exp_w[layer];
     return exponentialSlow(u);
   }
+
+  /// Exact for values below 2^63, and one instruction, where the unsigned
+  /// conversion takes a branch and several.
+  static double toDouble(uint64_t v) { return static_cast<double>(static_cast<int64_t>(v)); }
 
   /// Standard normal.
   double normal() {

@@ -21,21 +21,30 @@ constexpr uint64_t eventKey(int64_t clock, int64_t offset, unsigned index) {
          (static_cast<uint64_t>(offset) << kKeyOffsetShift) | index;
 }
 
+/// Ends every KeyBuffer: above every real key, so a merge can run without
+/// checking for the end of its inputs.
+constexpr uint64_t kKeySentinel = std::numeric_limits<uint64_t>::max();
+
 /// A growable array of event keys that never initialises what is about to be
-/// overwritten. Not thread-safe.
+/// overwritten, followed by kKeySentinel once resize() has marked the keys
+/// valid. Not thread-safe.
 class KeyBuffer {
  public:
   /// Room for `n` keys at data(); the contents are lost.
   uint64_t* prepare(size_t n) {
-    if (n > capacity_) {
-      capacity_ = 2 * n;
+    if (n + 1 > capacity_) {
+      capacity_ = 2 * n + 1;
       keys_.reset(new uint64_t[capacity_]);
     }
     size_ = 0;
     return keys_.get();
   }
   /// Marks the first `n` keys written through prepare() as valid.
-  void resize(size_t n) { size_ = n; }
+  void resize(size_t n) {
+    size_ = n;
+    keys_[n] = kKeySentinel;
+  }
+  /// The keys, then the sentinel.
   const uint64_t* data() const { return keys_.get(); }
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }

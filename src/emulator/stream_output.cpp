@@ -72,22 +72,76 @@ void StreamOutput::skipQuietTo(int64_t clock) {
 
 namespace {
 
-// Branch-free two-way merge: which side goes next is data, not a jump, so
-// finely interleaved channels cost no mispredictions.
-template <typename Sink>
-__attribute__((always_inline)) inline void mergeTwo(const uint64_t* a, const uint64_t* a_end,
-                                                    const uint64_t* b, const uint64_t* b_end,
-                                                    Sink&& sink) {
-  while (a != a_end && b != b_end) {
+// A branch-free two-way merge step over inputs that end in kKeySentinel:
+// which side goes next is data, not a jump, so finely interleaved channels
+// cost no mispredictions, and no end test is needed while the count of keys
+// left is known.
+struct MergeCursor {
+  const uint64_t* a;
+  const uint64_t* b;
+
+  __attribute__((always_inline)) uint64_t pop() {
     const uint64_t av = *a;
     const uint64_t bv = *b;
     const bool take_b = bv < av;
     b += take_b;
     a += !take_b;
-    sink(std::min(av, bv));
+    return take_b ? bv : av;
   }
-  for (; a != a_end; ++a) sink(*a);
-  for (; b != b_end; ++b) sink(*b);
+};
+
+MergeCursor cursor(const KeyBuffer& a, const KeyBuffer& b) { return {a.data(), b.data()}; }
+
+// Two independent merges in one loop: each step waits on the load its last
+// comparison chose, and interleaving them lets one run in the other's wait.
+void mergeTwoPairs(const KeyBuffer& a, const KeyBuffer& b, KeyBuffer& ab, const KeyBuffer& c,
+                   const KeyBuffer& d, KeyBuffer& cd) {
+  const size_t n_ab = a.size() + b.size();
+  const size_t n_cd = c.size() + d.size();
+  uint64_t* out_ab = ab.prepare(n_ab);
+  uint64_t* out_cd = cd.prepare(n_cd);
+  MergeCursor first = cursor(a, b);
+  MergeCursor second = cursor(c, d);
+  const size_t both = std::min(n_ab, n_cd);
+  for (size_t i = 0; i < both; ++i) {
+    out_ab[i] = first.pop();
+    out_cd[i] = second.pop();
+  }
+  for (size_t i = both; i < n_ab; ++i) out_ab[i] = first.pop();
+  for (size_t i = both; i < n_cd; ++i) out_cd[i] = second.pop();
+  ab.resize(n_ab);
+  cd.resize(n_cd);
+}
+
+// Merges a and b into `sink`. A stream many times smaller than the other
+// mostly takes the other's keys in runs, where a plain loop predicts well and
+// need not wait for each comparison.
+template <typename Sink>
+__attribute__((always_inline)) inline void mergeInto(const KeyBuffer& a, const KeyBuffer& b,
+                                                     Sink&& sink) {
+  const bool a_small = a.size() < b.size();
+  const KeyBuffer& small = a_small ? a : b;
+  const KeyBuffer& large = a_small ? b : a;
+  if (small.size() * 4 < large.size()) {
+    const uint64_t* run = large.data();
+    const uint64_t* small_keys = small.data();
+    for (size_t i = 0; i < small.size(); ++i) {
+      const uint64_t key = small_keys[i];
+      while (*run < key) sink(*run++);
+      sink(key);
+    }
+    for (const uint64_t* end = large.data() + large.size(); run != end;) sink(*run++);
+    return;
+  }
+  MergeCursor merged = cursor(a, b);
+  for (size_t i = a.size() + b.size(); i > 0; --i) sink(merged.pop());
+}
+
+void mergeTwo(const KeyBuffer& a, const KeyBuffer& b, KeyBuffer& ab) {
+  const size_t n = a.size() + b.size();
+  uint64_t* out = ab.prepare(n);
+  mergeInto(a, b, [&out](uint64_t key) { *out++ = key; });
+  ab.resize(n);
 }
 
 }  // namespace
@@ -96,51 +150,82 @@ void StreamOutput::merge(const KeyBuffer* const* streams, size_t count) {
   size_t total = 0;
   for (size_t i = 0; i < count; ++i) total += streams[i]->size();
   reserve(total);
+  mergeAll(streams, count, total);
+}
+
+// Merges the two smallest streams first, as long as three or more remain, so
+// that a busy channel passes through few merges; the last merge feeds the
+// words. When the next two smallest would come before the merged pair's turn
+// anyway, both merges run together.
+void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_t total) {
   Hot hot = load();
   auto take = [&](uint64_t key) __attribute__((always_inline)) { event(hot, key, total); };
   if (count == 1) {
     const uint64_t* keys = streams[0]->data();
-    for (size_t i = 0; i < streams[0]->size(); ++i) take(keys[i]);
-  } else {
-    // Merge the two smallest streams first, so that a busy channel passes
-    // through one merge only: the last one, which feeds the words.
-    pending_.assign(streams, streams + count);
-    if (scratch_.size() < count) scratch_.resize(count);  // no growth below: pointers stay valid
-    size_t spare = 0;
-    auto by_size = [](const KeyBuffer* a, const KeyBuffer* b) { return a->size() > b->size(); };
-    while (pending_.size() > 2) {
-      std::sort(pending_.begin(), pending_.end(), by_size);
-      const KeyBuffer& a = *pending_[pending_.size() - 1];
-      const KeyBuffer& b = *pending_[pending_.size() - 2];
-      KeyBuffer& out = scratch_[spare++];
-      uint64_t* at = out.prepare(a.size() + b.size());
-      mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(),
-               [&at](uint64_t key) { *at++ = key; });
-      out.resize(a.size() + b.size());
-      pending_.pop_back();
-      pending_.back() = &out;
-    }
-    const KeyBuffer& a = *pending_[0];
-    const KeyBuffer& b = *pending_[1];
-    mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(), take);
+    for (size_t i = 0; i < total; ++i) take(keys[i]);
+    store(hot);
+    return;
   }
+  pending_.assign(streams, streams + count);
+  if (scratch_.size() < count) scratch_.resize(count);  // no growth below: pointers stay valid
+  size_t spare = 0;
+  auto by_size = [](const KeyBuffer* a, const KeyBuffer* b) { return a->size() > b->size(); };
+  while (pending_.size() > 2) {
+    std::sort(pending_.begin(), pending_.end(), by_size);
+    const size_t n = pending_.size();
+    const KeyBuffer& a = *pending_[n - 1];
+    const KeyBuffer& b = *pending_[n - 2];
+    KeyBuffer& ab = scratch_[spare++];
+    if (n >= 4 && pending_[n - 4]->size() <= a.size() + b.size()) {
+      KeyBuffer& cd = scratch_[spare++];
+      mergeTwoPairs(a, b, ab, *pending_[n - 3], *pending_[n - 4], cd);
+      pending_.resize(n - 2);
+      pending_[n - 4] = &ab;
+      pending_[n - 3] = &cd;
+    } else {
+      mergeTwo(a, b, ab);
+      pending_.resize(n - 1);
+      pending_[n - 2] = &ab;
+    }
+  }
+  mergeInto(*pending_[0], *pending_[1], take);
   store(hot);
 }
 
 void StreamOutput::store(const Hot& hot) {
   size_ = static_cast<size_t>(hot.out - words_.get());
-  level_ = hot.level;
+  level_ = buffer_on_ ? hot.level : 0;
   last_clock_ = hot.last_clock;
   armed_ = hot.armed;
-  if (hot.wrote) words_since_rollover_ = true;
+  if (hot.out != hot.start) words_since_rollover_ = true;
 }
 
-// The per-event path. Anything rare (a due rollover or overflow end, an
-// overflow beginning, a pending rollover run) leaves the locals, runs the
-// member functions and reloads; `bound` keeps room for one word per event.
+// The per-event path: the usual case inline, with the buffer step and nothing
+// else; everything else out of line.
 __attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_t key,
                                                                size_t bound) {
-  if (key >= next_control_key_) {
+  if (hot.plain && key < hot.next_control_key) {
+    const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+    const int64_t gap = clock - hot.last_clock;
+    const uint64_t drained = static_cast<uint64_t>(gap) * hot.drain_per_clock;
+    const uint64_t level = gap < hot.max_gap && hot.level > drained ? hot.level - drained : 0;
+    if (level <= hot.limit) {
+      hot.last_clock = clock;
+      hot.level = level + kOneWord;
+      const auto index = static_cast<unsigned>(key & 0x3F);
+      const unsigned bin = hot.lookup[index][(key >> kKeyOffsetShift) & 0xFFFF];
+      *hot.out++ = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
+      return;
+    }
+  }
+  rareEvent(hot, key, bound);
+}
+
+// Anything rare (a due rollover or overflow end, an overflow beginning, a
+// pending rollover run, the filter) leaves the locals, runs the member
+// functions and reloads; `bound` keeps room for one word per event.
+__attribute__((noinline)) void StreamOutput::rareEvent(Hot& hot, uint64_t key, size_t bound) {
+  if (key >= hot.next_control_key) {
     store(hot);
     controlsUpTo(static_cast<int64_t>(key >> kKeyClockShift));
     reserve(bound);
@@ -149,25 +234,6 @@ __attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_
   const auto index = static_cast<unsigned>(key & 0x3F);
   const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
   const unsigned tick = static_cast<unsigned>(clock & 0xFFFF);
-  if (hot.plain) {
-    // The usual case, with the general path's buffer step and nothing else.
-    const int64_t gap = clock - hot.last_clock;
-    hot.last_clock = clock;
-    const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
-    hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
-    if (hot.level <= limit_) {
-      hot.level += kOneWord;
-      const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
-      *hot.out++ = nativeWord(1, index, bin, tick);
-      hot.wrote = true;
-      return;
-    }
-    store(hot);
-    beginOverflow(clock, index);
-    reserve(bound);
-    hot = load();
-    return;
-  }
   const uint64_t bit = uint64_t{1} << index;
   if (filter_on_) {
     if (trigger_mask_ & bit) hot.armed = ~uint64_t{0};
@@ -205,7 +271,6 @@ __attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_
   }
   const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
   *hot.out++ = nativeWord(1, index, bin, tick);
-  hot.wrote = true;
 }
 
 void StreamOutput::reserve(size_t more) {
