@@ -158,12 +158,10 @@ void StreamOutput::merge(const KeyBuffer* const* streams, size_t count) {
 // words. When the next two smallest would come before the merged pair's turn
 // anyway, both merges run together.
 void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_t total) {
-  Hot hot = load();
-  auto take = [&](uint64_t key) __attribute__((always_inline)) { event(hot, key, total); };
   if (count == 1) {
     const uint64_t* keys = streams[0]->data();
-    for (size_t i = 0; i < total; ++i) take(keys[i]);
-    store(hot);
+    emit(
+        [&keys]() __attribute__((always_inline)) { return *keys++; }, total);
     return;
   }
   pending_.assign(streams, streams + count);
@@ -188,58 +186,92 @@ void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_
       pending_[n - 2] = &ab;
     }
   }
-  mergeInto(*pending_[0], *pending_[1], take);
-  store(hot);
+  const KeyBuffer& a = *pending_[0];
+  const KeyBuffer& b = *pending_[1];
+  const KeyBuffer& small = a.size() < b.size() ? a : b;
+  const KeyBuffer& large = a.size() < b.size() ? b : a;
+  if (small.size() * 4 < large.size()) {
+    // Runs of the busy channel between the other's keys, as in mergeInto().
+    const uint64_t* run = large.data();
+    const uint64_t* other = small.data();
+    emit(
+        [&run, &other ]()
+            __attribute__((always_inline)) { return *run < *other ? *run++ : *other++; },
+        total);
+    return;
+  }
+  MergeCursor merged = cursor(a, b);
+  emit(
+      [&merged]() __attribute__((always_inline)) { return merged.pop(); }, total);
 }
 
-void StreamOutput::store(const Hot& hot) {
-  size_ = static_cast<size_t>(hot.out - words_.get());
-  level_ = buffer_on_ ? hot.level : 0;
-  last_clock_ = hot.last_clock;
-  armed_ = hot.armed;
-  if (hot.out != hot.start) words_since_rollover_ = true;
-}
-
-// The per-event path: the usual case inline, with the buffer step and nothing
-// else; everything else out of line.
-__attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_t key,
-                                                               size_t bound) {
-  if (hot.plain && key < hot.next_control_key) {
-    const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
-    const int64_t gap = clock - hot.last_clock;
-    const uint64_t drained = static_cast<uint64_t>(gap) * hot.drain_per_clock;
-    const uint64_t level = gap < hot.max_gap && hot.level > drained ? hot.level - drained : 0;
-    if (level <= hot.limit) {
-      hot.last_clock = clock;
-      hot.level = level + kOneWord;
+// Turns `total` keys, taken in order from next_key(), into words. The usual
+// event (no filter, no overflow, no rollover or run due, room in the buffer)
+// runs in locals; anything else goes through slowEvent() on the members.
+template <typename NextKey>
+__attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key, size_t total) {
+  const uint8_t* const* lookup = lookup_.data();
+  const uint64_t drain = drain_per_clock_;
+  const int64_t max_gap = max_gap_;
+  // Without a buffer the level is worked out as usual but never reaches the
+  // limit, and is not kept.
+  const uint64_t limit = buffer_on_ ? limit_ : std::numeric_limits<uint64_t>::max();
+  for (size_t left = total; left > 0;) {
+    if (filter_on_ || overflow_ || run_ != 0) {
+      slowEvent(next_key(), total);
+      --left;
+      continue;
+    }
+    const uint64_t control = next_control_key_;
+    uint32_t* const start = words_.get() + size_;
+    uint32_t* out = start;
+    uint64_t level = level_;
+    int64_t last_clock = last_clock_;
+    uint64_t key = 0;
+    bool usual = true;
+    for (; left > 0; --left) {
+      key = next_key();
+      const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+      const int64_t gap = clock - last_clock;
+      const uint64_t drained = static_cast<uint64_t>(gap) * drain;
+      const uint64_t now = gap < max_gap && level > drained ? level - drained : 0;
+      if (key >= control || now > limit) {
+        usual = false;
+        break;
+      }
+      last_clock = clock;
+      level = now + kOneWord;
       const auto index = static_cast<unsigned>(key & 0x3F);
-      const unsigned bin = hot.lookup[index][(key >> kKeyOffsetShift) & 0xFFFF];
-      *hot.out++ = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
-      return;
+      const unsigned bin = lookup[index][(key >> kKeyOffsetShift) & 0xFFFF];
+      *out++ = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
+    }
+    size_ = static_cast<size_t>(out - words_.get());
+    level_ = buffer_on_ ? level : 0;
+    last_clock_ = last_clock;
+    if (out != start) words_since_rollover_ = true;
+    if (!usual) {
+      slowEvent(key, total);
+      --left;
     }
   }
-  rareEvent(hot, key, bound);
 }
 
-// Anything rare (a due rollover or overflow end, an overflow beginning, a
-// pending rollover run, the filter) leaves the locals, runs the member
-// functions and reloads; `bound` keeps room for one word per event.
-__attribute__((noinline)) void StreamOutput::rareEvent(Hot& hot, uint64_t key, size_t bound) {
-  if (key >= hot.next_control_key) {
-    store(hot);
-    controlsUpTo(static_cast<int64_t>(key >> kKeyClockShift));
+// Everything but the usual event: a due rollover or overflow end, the
+// filter, an overflow beginning or going on, a pending rollover run. `bound`
+// keeps room for one word per event.
+__attribute__((noinline)) void StreamOutput::slowEvent(uint64_t key, size_t bound) {
+  const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+  if (key >= next_control_key_) {
+    controlsUpTo(clock);
     reserve(bound);
-    hot = load();
   }
   const auto index = static_cast<unsigned>(key & 0x3F);
-  const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
-  const unsigned tick = static_cast<unsigned>(clock & 0xFFFF);
   const uint64_t bit = uint64_t{1} << index;
   if (filter_on_) {
-    if (trigger_mask_ & bit) hot.armed = ~uint64_t{0};
+    if (trigger_mask_ & bit) armed_ = ~uint64_t{0};
     if (filtered_mask_ & bit) {
-      if (!(hot.armed & bit)) return;
-      hot.armed &= ~bit;
+      if (!(armed_ & bit)) return;
+      armed_ &= ~bit;
     }
   }
   if (buffer_on_) {
@@ -248,29 +280,21 @@ __attribute__((noinline)) void StreamOutput::rareEvent(Hot& hot, uint64_t key, s
       missed_mask_ |= bit;
       return;
     }
-    const int64_t gap = clock - hot.last_clock;
-    hot.last_clock = clock;
-    if (gap > 0) {
-      const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
-      hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
-    }
-    if (hot.level > limit_) {
-      store(hot);
+    drain(clock);
+    if (level_ > limit_) {
       beginOverflow(clock, index);
       reserve(bound);
-      hot = load();
       return;
     }
-    hot.level += kOneWord;
+    level_ += kOneWord;
   }
   if (run_ != 0) {
-    store(hot);
     flushRun(clock);
     reserve(bound);
-    hot = load();
   }
   const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
-  *hot.out++ = nativeWord(1, index, bin, tick);
+  words_[size_++] = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
+  words_since_rollover_ = true;
 }
 
 void StreamOutput::reserve(size_t more) {

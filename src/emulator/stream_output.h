@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -78,34 +77,9 @@ class StreamOutput {
   size_t take(unsigned char* out, size_t count);
 
  private:
-  // The state that every event touches, and the settings it reads, held in
-  // locals during a merge: the word stores could otherwise alias the members.
-  struct Hot {
-    uint32_t* out;
-    uint32_t* start;
-    uint64_t level;
-    int64_t last_clock;
-    uint64_t armed;
-    uint64_t next_control_key;
-    uint64_t drain_per_clock;
-    int64_t max_gap;
-    uint64_t limit;
-    const uint8_t* const* lookup;
-    bool plain;  ///< no filter, no overflow, no rollover run waiting
-  };
-  Hot load() {
-    const bool plain = !filter_on_ && !overflow_ && run_ == 0;
-    // Without a buffer the level is worked out as usual but never reaches the
-    // limit, and store() keeps it at zero.
-    const uint64_t limit = buffer_on_ ? limit_ : std::numeric_limits<uint64_t>::max();
-    uint32_t* out = words_.get() + size_;
-    return {
-        out,      out,   level_,         last_clock_, armed_, next_control_key_, drain_per_clock_,
-        max_gap_, limit, lookup_.data(), plain};
-  }
-  void store(const Hot& hot);
-  void event(Hot& hot, uint64_t key, size_t bound);
-  void rareEvent(Hot& hot, uint64_t key, size_t bound);
+  template <typename NextKey>
+  void emit(NextKey&& next_key, size_t total);
+  void slowEvent(uint64_t key, size_t bound);
   void mergeAll(const KeyBuffer* const* streams, size_t count, size_t total);
   void reserve(size_t more);
   void controlsUpTo(int64_t clock);
