@@ -13,8 +13,6 @@ constexpr unsigned kControlCode = 63;
 constexpr uint64_t kOneWord = uint64_t{1} << 32;
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max() / 4;
 constexpr int64_t kNoTime = std::numeric_limits<int64_t>::max();
-constexpr int64_t kMaxKeyClock =
-    static_cast<int64_t>(std::numeric_limits<uint64_t>::max() >> kKeyClockShift);
 
 }  // namespace
 
@@ -210,7 +208,7 @@ void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_
 // runs in locals; anything else goes through slowEvent() on the members.
 template <typename NextKey>
 __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key, size_t total) {
-  const uint8_t* const* lookup = lookup_.data();
+  const int64_t base = period_base_;
   const uint64_t drain = drain_per_clock_;
   const int64_t max_gap = max_gap_;
   // Without a buffer the level is worked out as usual but never reaches the
@@ -231,7 +229,7 @@ __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key
     bool usual = true;
     for (; left > 0; --left) {
       key = next_key();
-      const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+      const int64_t clock = base + static_cast<int64_t>(key >> kKeyTickShift);
       const int64_t gap = clock - last_clock;
       const uint64_t drained = static_cast<uint64_t>(gap) * drain;
       const uint64_t now = gap < max_gap && level > drained ? level - drained : 0;
@@ -241,9 +239,7 @@ __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key
       }
       last_clock = clock;
       level = now + kOneWord;
-      const auto index = static_cast<unsigned>(key & 0x3F);
-      const unsigned bin = lookup[index][(key >> kKeyOffsetShift) & 0xFFFF];
-      *out++ = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
+      *out++ = static_cast<uint32_t>(key);
     }
     size_ = static_cast<size_t>(out - words_.get());
     level_ = buffer_on_ ? level : 0;
@@ -260,12 +256,12 @@ __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key
 // filter, an overflow beginning or going on, a pending rollover run. `bound`
 // keeps room for one word per event.
 __attribute__((noinline)) void StreamOutput::slowEvent(uint64_t key, size_t bound) {
-  const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
+  const int64_t clock = period_base_ + static_cast<int64_t>(key >> kKeyTickShift);
   if (key >= next_control_key_) {
     controlsUpTo(clock);
     reserve(bound);
   }
-  const auto index = static_cast<unsigned>(key & 0x3F);
+  const auto index = static_cast<unsigned>(key >> 24) & 0x3F;
   const uint64_t bit = uint64_t{1} << index;
   if (filter_on_) {
     if (trigger_mask_ & bit) armed_ = ~uint64_t{0};
@@ -292,8 +288,7 @@ __attribute__((noinline)) void StreamOutput::slowEvent(uint64_t key, size_t boun
     flushRun(clock);
     reserve(bound);
   }
-  const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
-  words_[size_++] = nativeWord(1, index, bin, static_cast<unsigned>(clock & 0xFFFF));
+  words_[size_++] = static_cast<uint32_t>(key);
   words_since_rollover_ = true;
 }
 
@@ -417,11 +412,11 @@ void StreamOutput::planResume(int64_t clock) {
 
 void StreamOutput::updateNextControl() {
   const int64_t next = std::min(next_boundary_, overflow_ ? resume_clock_ : kNever);
-  // Saturate only what a key cannot hold: stream clocks run up to the rebase
-  // point (2^40 cycles), and an overflow end that no event key reaches waits
-  // for the end of its window while the events after it count as missed.
-  next_control_key_ = next > kMaxKeyClock ? std::numeric_limits<uint64_t>::max()
-                                          : static_cast<uint64_t>(next) << kKeyClockShift;
+  // Keys count cycles from the period start; a control past the period (the
+  // boundary itself) comes after every key of the period's windows.
+  const int64_t tick = std::max<int64_t>(next - period_base_, 0);
+  next_control_key_ = tick < kPeriodClocks ? static_cast<uint64_t>(tick) << kKeyTickShift
+                                           : std::numeric_limits<uint64_t>::max();
 }
 
 void StreamOutput::rebase(int64_t clocks) {

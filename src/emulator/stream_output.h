@@ -60,11 +60,9 @@ class StreamOutput {
   /// Emits the boundaries before `clock`, a period start, for a stretch
   /// without events; runs of quiet periods cost O(1) per run.
   void skipQuietTo(int64_t clock);
-  /// Takes the sorted event records of several channels for one window that
+  /// Takes the sorted event keys of several channels for one window that
   /// lies within the current period.
   void merge(const KeyBuffer* const* streams, size_t count);
-  /// The bin of each offset, per hardware index; the tables must outlive this.
-  void setBinLookup(std::vector<const uint8_t*> lookup) { lookup_ = std::move(lookup); }
 
   int64_t periodBase() const { return period_base_; }
   int64_t nextBoundary() const { return next_boundary_; }
@@ -121,8 +119,7 @@ class StreamOutput {
   uint64_t filtered_mask_ = 0;
   uint64_t armed_ = 0;
 
-  uint64_t next_control_key_ = 0;
-  std::vector<const uint8_t*> lookup_;
+  uint64_t next_control_key_ = 0;  ///< the first event key at or after the next control
   // Merge rounds of many channels, kept for their capacity.
   std::vector<const KeyBuffer*> pending_;
   std::vector<KeyBuffer> scratch_;
