@@ -13,6 +13,13 @@ constexpr double kFractionScale = 0x1.0p32;
 // edge can move ahead of its occurrence (probability of a cut: 2e-9).
 constexpr double kJitterCut = 6.0;
 
+// Occurrences to make room for: enough for `span` ps on average, plus a
+// margin; a Poisson source that runs past it simply comes round again.
+size_t roomFor(int64_t span, double mean_interval) {
+  const double expected = static_cast<double>(span) / mean_interval;
+  return static_cast<size_t>(std::min(expected + 4 * std::sqrt(expected), 65536.0)) + 16;
+}
+
 }  // namespace
 
 void EdgeBuffer::dropFront(size_t n) {
@@ -137,10 +144,14 @@ Source::Source(const SourceDescription& description, const std::vector<int64_t>&
 
 void Source::bind() {
   active_ = false;
+  edges_per_occurrence_.assign(lanes_.size(), 0);
+  cursors_.assign(lanes_.size(), nullptr);
   for (Member& m : members_) {
     m.lead = lanes_[m.lead_lane].active ? &lanes_[m.lead_lane] : nullptr;
     m.trail = lanes_[m.trail_lane].active ? &lanes_[m.trail_lane] : nullptr;
     active_ = active_ || m.lead != nullptr || m.trail != nullptr;
+    if (m.lead != nullptr) ++edges_per_occurrence_[m.lead_lane];
+    if (m.trail != nullptr) ++edges_per_occurrence_[m.trail_lane];
   }
 }
 
@@ -203,12 +214,8 @@ void Source::generateSingle(int64_t end) {
   uint64_t fraction = fraction_;
   Random random = random_;
   while (next < end) {
-    // Enough room for the rest of the window on average, plus a margin; a
-    // Poisson source that runs past it simply comes round again.
-    const double expected = static_cast<double>(end - next) /
-                            (kPeriodic ? static_cast<double>(period_whole_) : mean_interval_);
     const size_t room =
-        static_cast<size_t>(std::min(expected + 4 * std::sqrt(expected), 65536.0)) + 16;
+        roomFor(end - next, kPeriodic ? static_cast<double>(period_whole_) : mean_interval_);
     int64_t* lead_at = lead != nullptr ? lead->grow(room) : nullptr;
     int64_t* trail_at = trail != nullptr ? trail->grow(room) : nullptr;
     size_t k = 0;
@@ -248,21 +255,33 @@ void Source::generate(int64_t end) {
 }
 
 // Pairs, cascades and bursts: Poisson occurrences with several members, the
-// state in locals as in generateSingle().
+// state in locals and the edges written into room made ahead, as in
+// generateSingle(); several members may feed one lane.
 void Source::generateCascade(int64_t end) {
   int64_t next = next_;
   uint64_t fraction = fraction_;
   Random random = random_;
   const int64_t width = width_;
+  int64_t** const cursors = cursors_.data();
   while (next < end) {
-    const int64_t reference = next;
-    for (const Member& m : members_) {
-      int64_t t = reference + m.offset;
-      if (m.jittered) t += roundedJitter(random);
-      if (m.lead != nullptr) m.lead->edges.push_back(t);
-      if (m.trail != nullptr) m.trail->edges.push_back(t + width);
+    const size_t room = roomFor(end - next, mean_interval_);
+    for (size_t l = 0; l < lanes_.size(); ++l) {
+      if (edges_per_occurrence_[l] != 0)
+        cursors[l] = lanes_[l].grow(room * edges_per_occurrence_[l]);
     }
-    poissonStep(random, next, fraction);
+    size_t k = 0;
+    for (; k < room && next < end; ++k) {
+      for (const Member& m : members_) {
+        int64_t t = next + m.offset;
+        if (m.jittered) t += roundedJitter(random);
+        if (m.lead != nullptr) *cursors[m.lead_lane]++ = t;
+        if (m.trail != nullptr) *cursors[m.trail_lane]++ = t + width;
+      }
+      poissonStep(random, next, fraction);
+    }
+    for (size_t l = 0; l < lanes_.size(); ++l) {
+      if (edges_per_occurrence_[l] != 0) lanes_[l].shrink((room - k) * edges_per_occurrence_[l]);
+    }
   }
   next_ = next;
   fraction_ = fraction;

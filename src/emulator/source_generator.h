@@ -136,9 +136,17 @@ class Source {
 
   void advancePoisson() { poissonStep(random_, next_, fraction_); }
 
-  /// One exponential interval, kept to 2^-32 ps through the fraction.
+  /// One exponential interval, kept to 2^-32 ps through the fraction. Below
+  /// 2^30 ps the interval scaled by 2^32 is the same whole and fraction in
+  /// one exact conversion.
   void poissonStep(Random& random, int64_t& next, uint64_t& fraction) const {
     const double interval = mean_interval_ * random.exponential();
+    if (interval < 0x1.0p30) [[likely]] {
+      fraction += static_cast<uint64_t>(static_cast<int64_t>(interval * 0x1.0p32));
+      next += static_cast<int64_t>(fraction >> 32);
+      fraction &= 0xFFFFFFFFULL;
+      return;
+    }
     const auto whole = static_cast<int64_t>(interval);
     const double part = (interval - static_cast<double>(whole)) * 0x1.0p32;
     step(next, fraction, whole, static_cast<uint64_t>(static_cast<int64_t>(part)));
@@ -157,6 +165,10 @@ class Source {
   Random random_;
   std::vector<Member> members_;
   std::vector<Lane> lanes_;
+  // Per lane, during generateCascade(): the active members' edges per
+  // occurrence, and where the next edge goes.
+  std::vector<size_t> edges_per_occurrence_;
+  std::vector<int64_t*> cursors_;
   bool active_ = false;
   double amplitude_;
   double rate_;

@@ -34,6 +34,7 @@ void StreamOutput::setBuffer(uint32_t buffer_words) {
   if (buffer_on_) {
     limit_ = (uint64_t{buffer_words} - 1) << 32;
     resume_level_ = (uint64_t{buffer_words} << 32) / 2;
+    countable_ = buffer_words < (1u << 29) && drain_per_clock_ <= (uint64_t{1} << 46);
     if (overflow_) planResume(last_clock_);
   } else {
     level_ = 0;
@@ -206,16 +207,21 @@ void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_
 // Turns `total` keys, taken in order from next_key(), into words. The usual
 // event (no filter, no overflow, no rollover or run due, room in the buffer)
 // runs in locals; anything else goes through slowEvent() on the members.
+//
+// The buffer level runs as a counter that the drain would have reached zero
+// at: `filled` = level + (cycle of the last event - period start) * drain.
+// The level an event finds is then filled - its cycle's drain, or zero if
+// that is below: one multiply, one maximum and an addition per event, the
+// same values as draining the level step by step.
 template <typename NextKey>
 __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key, size_t total) {
   const int64_t base = period_base_;
   const uint64_t drain = drain_per_clock_;
-  const int64_t max_gap = max_gap_;
-  // Without a buffer the level is worked out as usual but never reaches the
-  // limit, and is not kept.
+  // Without a buffer nothing is counted and nothing overflows.
   const uint64_t limit = buffer_on_ ? limit_ : std::numeric_limits<uint64_t>::max();
+  const uint64_t one = buffer_on_ ? kOneWord : 0;
   for (size_t left = total; left > 0;) {
-    if (filter_on_ || overflow_ || run_ != 0) {
+    if (filter_on_ || overflow_ || run_ != 0 || !countable()) {
       slowEvent(next_key(), total);
       --left;
       continue;
@@ -223,33 +229,47 @@ __attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key
     const uint64_t control = next_control_key_;
     uint32_t* const start = words_.get() + size_;
     uint32_t* out = start;
-    uint64_t level = level_;
-    int64_t last_clock = last_clock_;
+    uint64_t filled = 0;
+    if (buffer_on_) {
+      filled = last_clock_ >= base ? level_ + static_cast<uint64_t>(last_clock_ - base) * drain
+                                   : levelAt(base);
+    }
+    uint64_t last_tick = 0;
     uint64_t key = 0;
     bool usual = true;
     for (; left > 0; --left) {
       key = next_key();
-      const int64_t clock = base + static_cast<int64_t>(key >> kKeyTickShift);
-      const int64_t gap = clock - last_clock;
-      const uint64_t drained = static_cast<uint64_t>(gap) * drain;
-      const uint64_t now = gap < max_gap && level > drained ? level - drained : 0;
-      if (key >= control || now > limit) {
+      const uint64_t tick = key >> kKeyTickShift;
+      const uint64_t drained = tick * drain;
+      const uint64_t from = filled > drained ? filled : drained;
+      if (key >= control || from - drained > limit) {
         usual = false;
         break;
       }
-      last_clock = clock;
-      level = now + kOneWord;
+      filled = from + one;
+      last_tick = tick;
       *out++ = static_cast<uint32_t>(key);
     }
-    size_ = static_cast<size_t>(out - words_.get());
-    level_ = buffer_on_ ? level : 0;
-    last_clock_ = last_clock;
-    if (out != start) words_since_rollover_ = true;
+    if (out != start) {
+      size_ = static_cast<size_t>(out - words_.get());
+      words_since_rollover_ = true;
+      if (buffer_on_) {
+        level_ = filled - last_tick * drain;
+        last_clock_ = base + static_cast<int64_t>(last_tick);
+      }
+    }
     if (!usual) {
       slowEvent(key, total);
       --left;
     }
   }
+}
+
+uint64_t StreamOutput::levelAt(int64_t clock) const {
+  const int64_t gap = clock - last_clock_;
+  if (gap >= max_gap_) return 0;
+  const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
+  return level_ > drained ? level_ - drained : 0;
 }
 
 // Everything but the usual event: a due rollover or overflow end, the

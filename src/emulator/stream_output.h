@@ -78,6 +78,10 @@ class StreamOutput {
   template <typename NextKey>
   void emit(NextKey&& next_key, size_t total);
   void slowEvent(uint64_t key, size_t bound);
+  /// The buffer level drained to `clock`, after the last word's.
+  uint64_t levelAt(int64_t clock) const;
+  /// Whether a period's worth of drain and a full buffer fit the counter of emit().
+  bool countable() const { return !buffer_on_ || countable_; }
   void mergeAll(const KeyBuffer* const* streams, size_t count, size_t total);
   void reserve(size_t more);
   void controlsUpTo(int64_t clock);
@@ -106,6 +110,7 @@ class StreamOutput {
   uint64_t level_ = 0;
   uint64_t limit_ = 0;
   uint64_t resume_level_ = 0;
+  bool countable_ = false;
   uint32_t buffer_words_ = 0;
   int64_t last_clock_ = 0;
 
