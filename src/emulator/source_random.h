@@ -50,7 +50,7 @@ class Random {
     const unsigned layer = u & 0xFF;
     const uint64_t j = u >> 11;
     if (j < zig_->exp_k[layer]) return toDouble(j) * zig_->exp_w[layer];
-    return exponentialSlow(u);
+    return slow(exponentialSlow(state_, u));
   }
 
   /// Exact for values below 2^63, and one instruction, where the unsigned
@@ -64,12 +64,22 @@ class Random {
     const int64_t h = static_cast<int64_t>(u >> 11) - (int64_t{1} << 52);
     const uint64_t magnitude = static_cast<uint64_t>(h < 0 ? -h : h);
     if (magnitude < zig_->normal_k[layer]) return static_cast<double>(h) * zig_->normal_w[layer];
-    return normalSlow(u);
+    return slow(normalSlow(state_, u));
   }
 
  private:
-  double exponentialSlow(uint64_t u);
-  double normalSlow(uint64_t u);
+  // The rare paths take and give back the state by value, so that a
+  // generator held in a loop's locals stays in registers.
+  struct Slow {
+    double value;
+    uint64_t state;
+  };
+  static Slow exponentialSlow(uint64_t state, uint64_t u);
+  static Slow normalSlow(uint64_t state, uint64_t u);
+  double slow(Slow drawn) {
+    state_ = drawn.state;
+    return drawn.value;
+  }
 
   uint64_t state_;
   const ZigguratTables* zig_;
