@@ -89,7 +89,6 @@ class ChannelStage {
   void run(const int64_t* edges, size_t n, KeyBuffer& out) {
     // Everything in locals: the key stores could alias the members.
     const ClockDivider clock = clock_;
-    const int64_t ps = clock.psPerClock();
     const int64_t deadtime = deadtime_;
     const uint32_t divider = divider_;
     const uint8_t* const bins = bins_;
@@ -97,35 +96,32 @@ class ChannelStage {
     int64_t ready_at = ready_at_;
     uint64_t* keys = out.prepare(n);
     size_t kept = 0;
-    auto key = [&](int64_t t, int64_t c) __attribute__((always_inline)) {
-      const int64_t offset = t - c * ps;
-      const auto tick = static_cast<unsigned>(c & 0xFFFF);
-      return eventKey(tick, offset, word | (uint32_t{bins[offset]} << 16) | tick);
+    auto key = [&](ClockDivider::Split at) __attribute__((always_inline)) {
+      const auto tick = static_cast<unsigned>(at.clock & 0xFFFF);
+      return eventKey(tick, at.offset, word | (uint32_t{bins[at.offset]} << 16) | tick);
     };
     if (divider == 1) {
       // Every key is written and kept only if the channel was ready: whether
       // an edge falls in the dead time is data, not a jump.
       for (size_t i = 0; i < n; ++i) {
-        const int64_t t = edges[i];
-        const int64_t c = clock.clockOf(t);
-        const bool ready = c >= ready_at;
-        keys[kept] = key(t, c);
+        const ClockDivider::Split at = clock.split(edges[i]);
+        const bool ready = at.clock >= ready_at;
+        keys[kept] = key(at);
         kept += ready;
-        ready_at = ready ? c + deadtime : ready_at;
+        ready_at = ready ? at.clock + deadtime : ready_at;
       }
     } else {
       uint32_t count = count_;
       for (size_t i = 0; i < n; ++i) {
-        const int64_t t = edges[i];
-        const int64_t c = clock.clockOf(t);
-        if (c < ready_at) continue;
-        ready_at = c + deadtime;
+        const ClockDivider::Split at = clock.split(edges[i]);
+        if (at.clock < ready_at) continue;
+        ready_at = at.clock + deadtime;
         if (count != 0) {
           if (++count == divider) count = 0;
           continue;
         }
         count = 1;
-        keys[kept++] = key(t, c);
+        keys[kept++] = key(at);
       }
       count_ = count;
     }
