@@ -209,25 +209,31 @@ void Source::generateSingle(int64_t end) {
   Lane* trail = members_[0].trail;
   const int64_t offset = members_[0].offset;
   const int64_t width = width_;
+  // Settings in locals too: the edge stores could alias the members.
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const int64_t period_whole = period_whole_;
+  const uint64_t period_fraction = period_fraction_;
+  const double mean_interval = mean_interval_;
   // The state lives in locals during the loop: the edge stores could alias members.
   int64_t next = next_;
   uint64_t fraction = fraction_;
   Random random = random_;
   while (next < end) {
     const size_t room =
-        roomFor(end - next, kPeriodic ? static_cast<double>(period_whole_) : mean_interval_);
+        roomFor(end - next, kPeriodic ? static_cast<double>(period_whole) : mean_interval);
     int64_t* lead_at = lead != nullptr ? lead->grow(room) : nullptr;
     int64_t* trail_at = trail != nullptr ? trail->grow(room) : nullptr;
     size_t k = 0;
     for (; k < room && next < end; ++k) {
       int64_t t = next + offset;
-      if constexpr (kJitter) t += roundedJitter(random);
+      if constexpr (kJitter) t += roundedJitter(sigma, clamp, random);
       if (lead_at != nullptr) lead_at[k] = t;
       if (trail_at != nullptr) trail_at[k] = t + width;
       if constexpr (kPeriodic) {
-        step(next, fraction, period_whole_, period_fraction_);
+        step(next, fraction, period_whole, period_fraction);
       } else {
-        poissonStep(random, next, fraction);
+        poissonStep(mean_interval, random, next, fraction);
       }
     }
     if (lead != nullptr) lead->shrink(room - k);
@@ -262,9 +268,12 @@ void Source::generateCascade(int64_t end) {
   uint64_t fraction = fraction_;
   Random random = random_;
   const int64_t width = width_;
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const double mean_interval = mean_interval_;
   int64_t** const cursors = cursors_.data();
   while (next < end) {
-    const size_t room = roomFor(end - next, mean_interval_);
+    const size_t room = roomFor(end - next, mean_interval);
     for (size_t l = 0; l < lanes_.size(); ++l) {
       if (edges_per_occurrence_[l] != 0)
         cursors[l] = lanes_[l].grow(room * edges_per_occurrence_[l]);
@@ -273,11 +282,11 @@ void Source::generateCascade(int64_t end) {
     for (; k < room && next < end; ++k) {
       for (const Member& m : members_) {
         int64_t t = next + m.offset;
-        if (m.jittered) t += roundedJitter(random);
+        if (m.jittered) t += roundedJitter(sigma, clamp, random);
         if (m.lead != nullptr) *cursors[m.lead_lane]++ = t;
         if (m.trail != nullptr) *cursors[m.trail_lane]++ = t + width;
       }
-      poissonStep(random, next, fraction);
+      poissonStep(mean_interval, random, next, fraction);
     }
     for (size_t l = 0; l < lanes_.size(); ++l) {
       if (edges_per_occurrence_[l] != 0) lanes_[l].shrink((room - k) * edges_per_occurrence_[l]);

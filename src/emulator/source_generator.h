@@ -134,13 +134,13 @@ class Source {
 
   void advancePeriodic() { step(next_, fraction_, period_whole_, period_fraction_); }
 
-  void advancePoisson() { poissonStep(random_, next_, fraction_); }
+  void advancePoisson() { poissonStep(mean_interval_, random_, next_, fraction_); }
 
   /// One exponential interval, kept to 2^-32 ps through the fraction. Below
   /// 2^30 ps the interval scaled by 2^32 is the same whole and fraction in
   /// one exact conversion.
-  void poissonStep(Random& random, int64_t& next, uint64_t& fraction) const {
-    const double interval = mean_interval_ * random.exponential();
+  static void poissonStep(double mean_interval, Random& random, int64_t& next, uint64_t& fraction) {
+    const double interval = mean_interval * random.exponential();
     if (interval < 0x1.0p30) [[likely]] {
       fraction += static_cast<uint64_t>(static_cast<int64_t>(interval * 0x1.0p32));
       next += static_cast<int64_t>(fraction >> 32);
@@ -155,9 +155,9 @@ class Source {
   /// Normal jitter rounded to whole ps, cut at the clamp. Rounding adds
   /// 1.5 * 2^52, which leaves the nearest integer in the low mantissa bits
   /// (exact while |v| < 2^51; the clamp keeps it far below).
-  int64_t jitter() { return roundedJitter(random_); }
-  int64_t roundedJitter(Random& random) const {
-    const double v = std::min(std::max(sigma_ * random.normal(), -clamp_limit_), clamp_limit_);
+  int64_t jitter() { return roundedJitter(sigma_, clamp_limit_, random_); }
+  static int64_t roundedJitter(double sigma, double clamp, Random& random) {
+    const double v = std::min(std::max(sigma * random.normal(), -clamp), clamp);
     return std::bit_cast<int64_t>(v + 0x1.8p52) - std::bit_cast<int64_t>(0x1.8p52);
   }
 

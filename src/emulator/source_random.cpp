@@ -16,6 +16,14 @@ constexpr double kNormalArea = 9.91256303526217e-3;
 constexpr double kExpScale = 0x1.0p53;
 constexpr double kNormalScale = 0x1.0p52;
 
+// Whether f < exp(-y), for y >= 0. Since 1 - y <= exp(-y) <= 1 - y + y^2/2,
+// most points are decided without the exponential.
+bool below(double f, double y) {
+  if (f < 1.0 - y) return true;
+  if (f > 1.0 - y + 0.5 * y * y) return false;
+  return f < std::exp(-y);
+}
+
 ZigguratTables buildTables() {
   ZigguratTables t{};
 
@@ -76,7 +84,7 @@ Random::Slow Random::exponentialSlow(uint64_t state, uint64_t u) {
     if (layer == 0) return {kExpR - std::log(r.uniformOpen()), r.state_};
     const double x = toDouble(u >> 11) * z.exp_w[layer];
     const double f = z.exp_f[layer] + r.uniform() * (z.exp_f[layer - 1] - z.exp_f[layer]);
-    if (f < std::exp(-x)) return {x, r.state_};
+    if (below(f, x)) return {x, r.state_};
     u = r.next();
     const unsigned again = u & 0xFF;
     const uint64_t j = u >> 11;
@@ -101,7 +109,7 @@ Random::Slow Random::normalSlow(uint64_t state, uint64_t u) {
     }
     const double x = static_cast<double>(h) * z.normal_w[layer];
     const double f = z.normal_f[layer] + r.uniform() * (z.normal_f[layer - 1] - z.normal_f[layer]);
-    if (f < std::exp(-0.5 * x * x)) return {x, r.state_};
+    if (below(f, 0.5 * x * x)) return {x, r.state_};
     u = r.next();
     const unsigned again = u & 0x7F;
     const int64_t h2 = static_cast<int64_t>(u >> 11) - (int64_t{1} << 52);
