@@ -253,11 +253,55 @@ void Source::generate(int64_t end) {
     if (jittered) return generateSingle<false, true>(end);
     return generateSingle<false, false>(end);
   }
-  if (timing_ == SourceDescription::Timing::Poisson) return generateCascade(end);
+  if (timing_ == SourceDescription::Timing::Poisson) {
+    const Member& first = members_[0];
+    const Member& second = members_[1];
+    // Photon pairs seen on their leading edges only: the usual correlated source.
+    if (members_.size() == 2 && first.trail == nullptr && second.trail == nullptr &&
+        first.lead != nullptr && second.lead != nullptr && first.lead != second.lead &&
+        !first.jittered) {
+      return second.jittered ? generatePair<true>(end) : generatePair<false>(end);
+    }
+    return generateCascade(end);
+  }
   while (next_ < end) {
     emit(next_);
     advance();
   }
+}
+
+// Two members on lanes of their own, leading edges only: generateCascade()
+// without the walk over the members.
+template <bool kJitter>
+void Source::generatePair(int64_t end) {
+  Lane& first = *members_[0].lead;
+  Lane& second = *members_[1].lead;
+  const int64_t first_offset = members_[0].offset;
+  const int64_t second_offset = members_[1].offset;
+  int64_t next = next_;
+  uint64_t fraction = fraction_;
+  Random random = random_;
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const double mean_interval = mean_interval_;
+  while (next < end) {
+    const size_t room = roomFor(end - next, mean_interval);
+    int64_t* const first_at = first.grow(room);
+    int64_t* const second_at = second.grow(room);
+    size_t k = 0;
+    for (; k < room && next < end; ++k) {
+      first_at[k] = next + first_offset;
+      int64_t t = next + second_offset;
+      if constexpr (kJitter) t += roundedJitter(sigma, clamp, random);
+      second_at[k] = t;
+      poissonStep(mean_interval, random, next, fraction);
+    }
+    first.shrink(room - k);
+    second.shrink(room - k);
+  }
+  next_ = next;
+  fraction_ = fraction;
+  random_ = random;
 }
 
 // Pairs, cascades and bursts: Poisson occurrences with several members, the

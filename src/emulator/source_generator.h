@@ -119,6 +119,8 @@ class Source {
   void emit(int64_t reference);
   template <bool kPeriodic, bool kJitter>
   void generateSingle(int64_t end);
+  template <bool kJitter>
+  void generatePair(int64_t end);
   void generateCascade(int64_t end);
   void advance();
   void advancePeriods(uint64_t periods);
