@@ -13,6 +13,13 @@ constexpr double kFractionScale = 0x1.0p32;
 // edge can move ahead of its occurrence (probability of a cut: 2e-9).
 constexpr double kJitterCut = 6.0;
 
+// Occurrences to make room for: enough for `span` ps on average, plus a
+// margin; a Poisson source that runs past it simply comes round again.
+size_t roomFor(int64_t span, double mean_interval) {
+  const double expected = static_cast<double>(span) / mean_interval;
+  return static_cast<size_t>(std::min(expected + 4 * std::sqrt(expected), 65536.0)) + 16;
+}
+
 }  // namespace
 
 void EdgeBuffer::dropFront(size_t n) {
@@ -137,10 +144,14 @@ Source::Source(const SourceDescription& description, const std::vector<int64_t>&
 
 void Source::bind() {
   active_ = false;
+  edges_per_occurrence_.assign(lanes_.size(), 0);
+  cursors_.assign(lanes_.size(), nullptr);
   for (Member& m : members_) {
     m.lead = lanes_[m.lead_lane].active ? &lanes_[m.lead_lane] : nullptr;
     m.trail = lanes_[m.trail_lane].active ? &lanes_[m.trail_lane] : nullptr;
     active_ = active_ || m.lead != nullptr || m.trail != nullptr;
+    if (m.lead != nullptr) ++edges_per_occurrence_[m.lead_lane];
+    if (m.trail != nullptr) ++edges_per_occurrence_[m.trail_lane];
   }
 }
 
@@ -153,7 +164,7 @@ double Source::activeEdgeRate() const {
 void Source::restart(int64_t from) {
   if (timing_ == SourceDescription::Timing::Poisson) {
     next_ = from;
-    carry_ = 0;
+    fraction_ = 0;
     advance();
     return;
   }
@@ -198,35 +209,31 @@ void Source::generateSingle(int64_t end) {
   Lane* trail = members_[0].trail;
   const int64_t offset = members_[0].offset;
   const int64_t width = width_;
+  // Settings in locals too: the edge stores could alias the members.
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const int64_t period_whole = period_whole_;
+  const uint64_t period_fraction = period_fraction_;
+  const double mean_interval = mean_interval_;
   // The state lives in locals during the loop: the edge stores could alias members.
   int64_t next = next_;
   uint64_t fraction = fraction_;
-  double carry = carry_;
   Random random = random_;
   while (next < end) {
-    // Enough room for the rest of the window on average, plus a margin; a
-    // Poisson source that runs past it simply comes round again.
-    const double expected = static_cast<double>(end - next) /
-                            (kPeriodic ? static_cast<double>(period_whole_) : mean_interval_);
     const size_t room =
-        static_cast<size_t>(std::min(expected + 4 * std::sqrt(expected), 65536.0)) + 16;
+        roomFor(end - next, kPeriodic ? static_cast<double>(period_whole) : mean_interval);
     int64_t* lead_at = lead != nullptr ? lead->grow(room) : nullptr;
     int64_t* trail_at = trail != nullptr ? trail->grow(room) : nullptr;
     size_t k = 0;
     for (; k < room && next < end; ++k) {
       int64_t t = next + offset;
-      if constexpr (kJitter) t += roundedJitter(random);
+      if constexpr (kJitter) t += roundedJitter(sigma, clamp, random);
       if (lead_at != nullptr) lead_at[k] = t;
       if (trail_at != nullptr) trail_at[k] = t + width;
       if constexpr (kPeriodic) {
-        fraction += period_fraction_;
-        next += period_whole_ + static_cast<int64_t>(fraction >> 32);
-        fraction &= kFractionMask;
+        step(next, fraction, period_whole, period_fraction);
       } else {
-        const double interval = mean_interval_ * random.exponential() + carry;
-        const auto whole = static_cast<int64_t>(interval);
-        carry = interval - static_cast<double>(whole);
-        next += whole;
+        poissonStep(mean_interval, random, next, fraction);
       }
     }
     if (lead != nullptr) lead->shrink(room - k);
@@ -234,7 +241,6 @@ void Source::generateSingle(int64_t end) {
   }
   next_ = next;
   fraction_ = fraction;
-  carry_ = carry;
   random_ = random;
 }
 
@@ -247,35 +253,91 @@ void Source::generate(int64_t end) {
     if (jittered) return generateSingle<false, true>(end);
     return generateSingle<false, false>(end);
   }
-  if (timing_ == SourceDescription::Timing::Poisson) return generateCascade(end);
+  if (timing_ == SourceDescription::Timing::Poisson) {
+    const Member& first = members_[0];
+    const Member& second = members_[1];
+    // Photon pairs seen on their leading edges only: the usual correlated source.
+    if (members_.size() == 2 && first.trail == nullptr && second.trail == nullptr &&
+        first.lead != nullptr && second.lead != nullptr && first.lead != second.lead &&
+        !first.jittered) {
+      return second.jittered ? generatePair<true>(end) : generatePair<false>(end);
+    }
+    return generateCascade(end);
+  }
   while (next_ < end) {
     emit(next_);
     advance();
   }
 }
 
-// Pairs, cascades and bursts: Poisson occurrences with several members, the
-// state in locals as in generateSingle().
-void Source::generateCascade(int64_t end) {
+// Two members on lanes of their own, leading edges only: generateCascade()
+// without the walk over the members.
+template <bool kJitter>
+void Source::generatePair(int64_t end) {
+  Lane& first = *members_[0].lead;
+  Lane& second = *members_[1].lead;
+  const int64_t first_offset = members_[0].offset;
+  const int64_t second_offset = members_[1].offset;
   int64_t next = next_;
-  double carry = carry_;
+  uint64_t fraction = fraction_;
   Random random = random_;
-  const int64_t width = width_;
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const double mean_interval = mean_interval_;
   while (next < end) {
-    const int64_t reference = next;
-    for (const Member& m : members_) {
-      int64_t t = reference + m.offset;
-      if (m.jittered) t += roundedJitter(random);
-      if (m.lead != nullptr) m.lead->edges.push_back(t);
-      if (m.trail != nullptr) m.trail->edges.push_back(t + width);
+    const size_t room = roomFor(end - next, mean_interval);
+    int64_t* const first_at = first.grow(room);
+    int64_t* const second_at = second.grow(room);
+    size_t k = 0;
+    for (; k < room && next < end; ++k) {
+      first_at[k] = next + first_offset;
+      int64_t t = next + second_offset;
+      if constexpr (kJitter) t += roundedJitter(sigma, clamp, random);
+      second_at[k] = t;
+      poissonStep(mean_interval, random, next, fraction);
     }
-    const double interval = mean_interval_ * random.exponential() + carry;
-    const auto whole = static_cast<int64_t>(interval);
-    carry = interval - static_cast<double>(whole);
-    next += whole;
+    first.shrink(room - k);
+    second.shrink(room - k);
   }
   next_ = next;
-  carry_ = carry;
+  fraction_ = fraction;
+  random_ = random;
+}
+
+// Pairs, cascades and bursts: Poisson occurrences with several members, the
+// state in locals and the edges written into room made ahead, as in
+// generateSingle(); several members may feed one lane.
+void Source::generateCascade(int64_t end) {
+  int64_t next = next_;
+  uint64_t fraction = fraction_;
+  Random random = random_;
+  const int64_t width = width_;
+  const double sigma = sigma_;
+  const double clamp = clamp_limit_;
+  const double mean_interval = mean_interval_;
+  int64_t** const cursors = cursors_.data();
+  while (next < end) {
+    const size_t room = roomFor(end - next, mean_interval);
+    for (size_t l = 0; l < lanes_.size(); ++l) {
+      if (edges_per_occurrence_[l] != 0)
+        cursors[l] = lanes_[l].grow(room * edges_per_occurrence_[l]);
+    }
+    size_t k = 0;
+    for (; k < room && next < end; ++k) {
+      for (const Member& m : members_) {
+        int64_t t = next + m.offset;
+        if (m.jittered) t += roundedJitter(sigma, clamp, random);
+        if (m.lead != nullptr) *cursors[m.lead_lane]++ = t;
+        if (m.trail != nullptr) *cursors[m.trail_lane]++ = t + width;
+      }
+      poissonStep(mean_interval, random, next, fraction);
+    }
+    for (size_t l = 0; l < lanes_.size(); ++l) {
+      if (edges_per_occurrence_[l] != 0) lanes_[l].shrink((room - k) * edges_per_occurrence_[l]);
+    }
+  }
+  next_ = next;
+  fraction_ = fraction;
   random_ = random;
 }
 

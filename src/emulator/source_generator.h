@@ -119,29 +119,47 @@ class Source {
   void emit(int64_t reference);
   template <bool kPeriodic, bool kJitter>
   void generateSingle(int64_t end);
+  template <bool kJitter>
+  void generatePair(int64_t end);
   void generateCascade(int64_t end);
   void advance();
   void advancePeriods(uint64_t periods);
 
-  void advancePeriodic() {
-    fraction_ += period_fraction_;
-    next_ += period_whole_ + static_cast<int64_t>(fraction_ >> 32);
-    fraction_ &= 0xFFFFFFFFULL;
+  /// Moves the time of the next occurrence on by whole ps plus a 32-bit
+  /// binary fraction: an integer sum, so the loop-carried work per occurrence
+  /// is a few additions, whatever produced the interval.
+  static void step(int64_t& next, uint64_t& fraction, int64_t whole, uint64_t part) {
+    fraction += part;
+    next += whole + static_cast<int64_t>(fraction >> 32);
+    fraction &= 0xFFFFFFFFULL;
   }
 
-  void advancePoisson() {
-    const double interval = mean_interval_ * random_.exponential() + carry_;
+  void advancePeriodic() { step(next_, fraction_, period_whole_, period_fraction_); }
+
+  void advancePoisson() { poissonStep(mean_interval_, random_, next_, fraction_); }
+
+  /// One exponential interval, kept to 2^-32 ps through the fraction. Below
+  /// 2^30 ps the interval scaled by 2^32 is the same whole and fraction in
+  /// one exact conversion.
+  static void poissonStep(double mean_interval, Random& random, int64_t& next, uint64_t& fraction) {
+    const double interval = mean_interval * random.exponential();
+    if (interval < 0x1.0p30) [[likely]] {
+      fraction += static_cast<uint64_t>(static_cast<int64_t>(interval * 0x1.0p32));
+      next += static_cast<int64_t>(fraction >> 32);
+      fraction &= 0xFFFFFFFFULL;
+      return;
+    }
     const auto whole = static_cast<int64_t>(interval);
-    carry_ = interval - static_cast<double>(whole);
-    next_ += whole;
+    const double part = (interval - static_cast<double>(whole)) * 0x1.0p32;
+    step(next, fraction, whole, static_cast<uint64_t>(static_cast<int64_t>(part)));
   }
 
   /// Normal jitter rounded to whole ps, cut at the clamp. Rounding adds
   /// 1.5 * 2^52, which leaves the nearest integer in the low mantissa bits
   /// (exact while |v| < 2^51; the clamp keeps it far below).
-  int64_t jitter() { return roundedJitter(random_); }
-  int64_t roundedJitter(Random& random) const {
-    const double v = std::min(std::max(sigma_ * random.normal(), -clamp_limit_), clamp_limit_);
+  int64_t jitter() { return roundedJitter(sigma_, clamp_limit_, random_); }
+  static int64_t roundedJitter(double sigma, double clamp, Random& random) {
+    const double v = std::min(std::max(sigma * random.normal(), -clamp), clamp);
     return std::bit_cast<int64_t>(v + 0x1.8p52) - std::bit_cast<int64_t>(0x1.8p52);
   }
 
@@ -149,6 +167,10 @@ class Source {
   Random random_;
   std::vector<Member> members_;
   std::vector<Lane> lanes_;
+  // Per lane, during generateCascade(): the active members' edges per
+  // occurrence, and where the next edge goes.
+  std::vector<size_t> edges_per_occurrence_;
+  std::vector<int64_t*> cursors_;
   bool active_ = false;
   double amplitude_;
   double rate_;
@@ -157,13 +179,12 @@ class Source {
   int64_t clamp_;
   double clamp_limit_;
   int64_t next_ = 0;
+  uint64_t fraction_ = 0;  ///< of next_, in units of 2^-32 ps
   // Periodic timing: the period as whole ps plus a 32-bit binary fraction.
   int64_t period_whole_ = 0;
   uint64_t period_fraction_ = 0;
-  uint64_t fraction_ = 0;
-  // Poisson timing: mean interval and the fractional ps carried between draws.
+  // Poisson timing: the mean interval in ps.
   double mean_interval_ = 0;
-  double carry_ = 0;
 };
 
 }  // namespace zeptick::emulator

@@ -16,6 +16,14 @@ constexpr double kNormalArea = 9.91256303526217e-3;
 constexpr double kExpScale = 0x1.0p53;
 constexpr double kNormalScale = 0x1.0p52;
 
+// Whether f < exp(-y), for y >= 0. Since 1 - y <= exp(-y) <= 1 - y + y^2/2,
+// most points are decided without the exponential.
+bool below(double f, double y) {
+  if (f < 1.0 - y) return true;
+  if (f > 1.0 - y + 0.5 * y * y) return false;
+  return f < std::exp(-y);
+}
+
 ZigguratTables buildTables() {
   ZigguratTables t{};
 
@@ -68,23 +76,25 @@ uint64_t mixSeed(uint64_t seed, uint64_t stream) {
   return second.next();
 }
 
-double Random::exponentialSlow(uint64_t u) {
-  const ZigguratTables& z = *zig_;
+Random::Slow Random::exponentialSlow(uint64_t state, uint64_t u) {
+  Random r(state);
+  const ZigguratTables& z = *r.zig_;
   for (;;) {
     const unsigned layer = u & 0xFF;
-    if (layer == 0) return kExpR - std::log(uniformOpen());
-    const double x = static_cast<double>(u >> 11) * z.exp_w[layer];
-    const double f = z.exp_f[layer] + uniform() * (z.exp_f[layer - 1] - z.exp_f[layer]);
-    if (f < std::exp(-x)) return x;
-    u = next();
+    if (layer == 0) return {kExpR - std::log(r.uniformOpen()), r.state_};
+    const double x = toDouble(u >> 11) * z.exp_w[layer];
+    const double f = z.exp_f[layer] + r.uniform() * (z.exp_f[layer - 1] - z.exp_f[layer]);
+    if (below(f, x)) return {x, r.state_};
+    u = r.next();
     const unsigned again = u & 0xFF;
     const uint64_t j = u >> 11;
-    if (j < z.exp_k[again]) return static_cast<double>(j) * z.exp_w[again];
+    if (j < z.exp_k[again]) return {toDouble(j) * z.exp_w[again], r.state_};
   }
 }
 
-double Random::normalSlow(uint64_t u) {
-  const ZigguratTables& z = *zig_;
+Random::Slow Random::normalSlow(uint64_t state, uint64_t u) {
+  Random r(state);
+  const ZigguratTables& z = *r.zig_;
   for (;;) {
     const unsigned layer = u & 0x7F;
     const int64_t h = static_cast<int64_t>(u >> 11) - (int64_t{1} << 52);
@@ -92,19 +102,20 @@ double Random::normalSlow(uint64_t u) {
       double x = 0;
       double y = 0;
       do {
-        x = -std::log(uniformOpen()) / kNormalR;
-        y = -std::log(uniformOpen());
+        x = -std::log(r.uniformOpen()) / kNormalR;
+        y = -std::log(r.uniformOpen());
       } while (y + y < x * x);
-      return h > 0 ? kNormalR + x : -kNormalR - x;
+      return {h > 0 ? kNormalR + x : -kNormalR - x, r.state_};
     }
     const double x = static_cast<double>(h) * z.normal_w[layer];
-    const double f = z.normal_f[layer] + uniform() * (z.normal_f[layer - 1] - z.normal_f[layer]);
-    if (f < std::exp(-0.5 * x * x)) return x;
-    u = next();
+    const double f = z.normal_f[layer] + r.uniform() * (z.normal_f[layer - 1] - z.normal_f[layer]);
+    if (below(f, 0.5 * x * x)) return {x, r.state_};
+    u = r.next();
     const unsigned again = u & 0x7F;
     const int64_t h2 = static_cast<int64_t>(u >> 11) - (int64_t{1} << 52);
     const uint64_t magnitude = static_cast<uint64_t>(h2 < 0 ? -h2 : h2);
-    if (magnitude < z.normal_k[again]) return static_cast<double>(h2) * z.normal_w[again];
+    if (magnitude < z.normal_k[again])
+      return {static_cast<double>(h2) * z.normal_w[again], r.state_};
   }
 }
 

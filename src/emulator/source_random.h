@@ -39,9 +39,9 @@ class Random {
   }
 
   /// Uniform in [0, 1).
-  double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
+  double uniform() { return toDouble(next() >> 11) * 0x1.0p-53; }
   /// Uniform in (0, 1): safe to take the logarithm of.
-  double uniformOpen() { return (static_cast<double>(next() >> 11) + 0.5) * 0x1.0p-53; }
+  double uniformOpen() { return (toDouble(next() >> 11) + 0.5) * 0x1.0p-53; }
 
   /// Exponential with mean 1. The layer index and the abscissa come from
   /// disjoint bits of one draw.
@@ -49,9 +49,13 @@ class Random {
     const uint64_t u = next();
     const unsigned layer = u & 0xFF;
     const uint64_t j = u >> 11;
-    if (j < zig_->exp_k[layer]) return static_cast<double>(j) * zig_->exp_w[layer];
-    return exponentialSlow(u);
+    if (j < zig_->exp_k[layer]) return toDouble(j) * zig_->exp_w[layer];
+    return slow(exponentialSlow(state_, u));
   }
+
+  /// Exact for values below 2^63, and one instruction, where the unsigned
+  /// conversion takes a branch and several.
+  static double toDouble(uint64_t v) { return static_cast<double>(static_cast<int64_t>(v)); }
 
   /// Standard normal.
   double normal() {
@@ -60,12 +64,22 @@ class Random {
     const int64_t h = static_cast<int64_t>(u >> 11) - (int64_t{1} << 52);
     const uint64_t magnitude = static_cast<uint64_t>(h < 0 ? -h : h);
     if (magnitude < zig_->normal_k[layer]) return static_cast<double>(h) * zig_->normal_w[layer];
-    return normalSlow(u);
+    return slow(normalSlow(state_, u));
   }
 
  private:
-  double exponentialSlow(uint64_t u);
-  double normalSlow(uint64_t u);
+  // The rare paths take and give back the state by value, so that a
+  // generator held in a loop's locals stays in registers.
+  struct Slow {
+    double value;
+    uint64_t state;
+  };
+  static Slow exponentialSlow(uint64_t state, uint64_t u);
+  static Slow normalSlow(uint64_t state, uint64_t u);
+  double slow(Slow drawn) {
+    state_ = drawn.state;
+    return drawn.value;
+  }
 
   uint64_t state_;
   const ZigguratTables* zig_;

@@ -68,12 +68,9 @@ StreamEngine::StreamEngine(const StreamParameters& parameters, const nlohmann::j
     profiles_.emplace_back(parameters_.ps_per_clock, parameters_.bin_count,
                            mixSeed(parameters_.seed, kProfileStream + index));
   }
-  std::vector<const uint8_t*> lookup;
   for (int index = 0; index < channelCount(); ++index) {
-    channels_.emplace_back(index, clock_);
-    lookup.push_back(profiles_[static_cast<size_t>(index)].lookup());
+    channels_.emplace_back(index, clock_, profiles_[static_cast<size_t>(index)].lookup());
   }
-  output_.setBinLookup(std::move(lookup));
   const std::vector<SourceDescription> descriptions = parseSources(sources, inputs);
   for (size_t i = 0; i < descriptions.size(); ++i) {
     sources_.push_back(

@@ -13,8 +13,6 @@ constexpr unsigned kControlCode = 63;
 constexpr uint64_t kOneWord = uint64_t{1} << 32;
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max() / 4;
 constexpr int64_t kNoTime = std::numeric_limits<int64_t>::max();
-constexpr int64_t kMaxKeyClock =
-    static_cast<int64_t>(std::numeric_limits<uint64_t>::max() >> kKeyClockShift);
 
 }  // namespace
 
@@ -36,6 +34,7 @@ void StreamOutput::setBuffer(uint32_t buffer_words) {
   if (buffer_on_) {
     limit_ = (uint64_t{buffer_words} - 1) << 32;
     resume_level_ = (uint64_t{buffer_words} << 32) / 2;
+    countable_ = buffer_words < (1u << 29) && drain_per_clock_ <= (uint64_t{1} << 46);
     if (overflow_) planResume(last_clock_);
   } else {
     level_ = 0;
@@ -72,22 +71,76 @@ void StreamOutput::skipQuietTo(int64_t clock) {
 
 namespace {
 
-// Branch-free two-way merge: which side goes next is data, not a jump, so
-// finely interleaved channels cost no mispredictions.
-template <typename Sink>
-__attribute__((always_inline)) inline void mergeTwo(const uint64_t* a, const uint64_t* a_end,
-                                                    const uint64_t* b, const uint64_t* b_end,
-                                                    Sink&& sink) {
-  while (a != a_end && b != b_end) {
+// A branch-free two-way merge step over inputs that end in kKeySentinel:
+// which side goes next is data, not a jump, so finely interleaved channels
+// cost no mispredictions, and no end test is needed while the count of keys
+// left is known.
+struct MergeCursor {
+  const uint64_t* a;
+  const uint64_t* b;
+
+  __attribute__((always_inline)) uint64_t pop() {
     const uint64_t av = *a;
     const uint64_t bv = *b;
     const bool take_b = bv < av;
     b += take_b;
     a += !take_b;
-    sink(std::min(av, bv));
+    return take_b ? bv : av;
   }
-  for (; a != a_end; ++a) sink(*a);
-  for (; b != b_end; ++b) sink(*b);
+};
+
+MergeCursor cursor(const KeyBuffer& a, const KeyBuffer& b) { return {a.data(), b.data()}; }
+
+// Two independent merges in one loop: each step waits on the load its last
+// comparison chose, and interleaving them lets one run in the other's wait.
+void mergeTwoPairs(const KeyBuffer& a, const KeyBuffer& b, KeyBuffer& ab, const KeyBuffer& c,
+                   const KeyBuffer& d, KeyBuffer& cd) {
+  const size_t n_ab = a.size() + b.size();
+  const size_t n_cd = c.size() + d.size();
+  uint64_t* out_ab = ab.prepare(n_ab);
+  uint64_t* out_cd = cd.prepare(n_cd);
+  MergeCursor first = cursor(a, b);
+  MergeCursor second = cursor(c, d);
+  const size_t both = std::min(n_ab, n_cd);
+  for (size_t i = 0; i < both; ++i) {
+    out_ab[i] = first.pop();
+    out_cd[i] = second.pop();
+  }
+  for (size_t i = both; i < n_ab; ++i) out_ab[i] = first.pop();
+  for (size_t i = both; i < n_cd; ++i) out_cd[i] = second.pop();
+  ab.resize(n_ab);
+  cd.resize(n_cd);
+}
+
+// Merges a and b into `sink`. A stream many times smaller than the other
+// mostly takes the other's keys in runs, where a plain loop predicts well and
+// need not wait for each comparison.
+template <typename Sink>
+__attribute__((always_inline)) inline void mergeInto(const KeyBuffer& a, const KeyBuffer& b,
+                                                     Sink&& sink) {
+  const bool a_small = a.size() < b.size();
+  const KeyBuffer& small = a_small ? a : b;
+  const KeyBuffer& large = a_small ? b : a;
+  if (small.size() * 4 < large.size()) {
+    const uint64_t* run = large.data();
+    const uint64_t* small_keys = small.data();
+    for (size_t i = 0; i < small.size(); ++i) {
+      const uint64_t key = small_keys[i];
+      while (*run < key) sink(*run++);
+      sink(key);
+    }
+    for (const uint64_t* end = large.data() + large.size(); run != end;) sink(*run++);
+    return;
+  }
+  MergeCursor merged = cursor(a, b);
+  for (size_t i = a.size() + b.size(); i > 0; --i) sink(merged.pop());
+}
+
+void mergeTwo(const KeyBuffer& a, const KeyBuffer& b, KeyBuffer& ab) {
+  const size_t n = a.size() + b.size();
+  uint64_t* out = ab.prepare(n);
+  mergeInto(a, b, [&out](uint64_t key) { *out++ = key; });
+  ab.resize(n);
 }
 
 }  // namespace
@@ -96,84 +149,145 @@ void StreamOutput::merge(const KeyBuffer* const* streams, size_t count) {
   size_t total = 0;
   for (size_t i = 0; i < count; ++i) total += streams[i]->size();
   reserve(total);
-  Hot hot = load();
-  auto take = [&](uint64_t key) __attribute__((always_inline)) { event(hot, key, total); };
+  mergeAll(streams, count, total);
+}
+
+// Merges the two smallest streams first, as long as three or more remain, so
+// that a busy channel passes through few merges; the last merge feeds the
+// words. When the next two smallest would come before the merged pair's turn
+// anyway, both merges run together.
+void StreamOutput::mergeAll(const KeyBuffer* const* streams, size_t count, size_t total) {
   if (count == 1) {
     const uint64_t* keys = streams[0]->data();
-    for (size_t i = 0; i < streams[0]->size(); ++i) take(keys[i]);
-  } else {
-    // Merge the two smallest streams first, so that a busy channel passes
-    // through one merge only: the last one, which feeds the words.
-    pending_.assign(streams, streams + count);
-    if (scratch_.size() < count) scratch_.resize(count);  // no growth below: pointers stay valid
-    size_t spare = 0;
-    auto by_size = [](const KeyBuffer* a, const KeyBuffer* b) { return a->size() > b->size(); };
-    while (pending_.size() > 2) {
-      std::sort(pending_.begin(), pending_.end(), by_size);
-      const KeyBuffer& a = *pending_[pending_.size() - 1];
-      const KeyBuffer& b = *pending_[pending_.size() - 2];
-      KeyBuffer& out = scratch_[spare++];
-      uint64_t* at = out.prepare(a.size() + b.size());
-      mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(),
-               [&at](uint64_t key) { *at++ = key; });
-      out.resize(a.size() + b.size());
-      pending_.pop_back();
-      pending_.back() = &out;
-    }
-    const KeyBuffer& a = *pending_[0];
-    const KeyBuffer& b = *pending_[1];
-    mergeTwo(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(), take);
-  }
-  store(hot);
-}
-
-void StreamOutput::store(const Hot& hot) {
-  size_ = static_cast<size_t>(hot.out - words_.get());
-  level_ = hot.level;
-  last_clock_ = hot.last_clock;
-  armed_ = hot.armed;
-  if (hot.wrote) words_since_rollover_ = true;
-}
-
-// The per-event path. Anything rare (a due rollover or overflow end, an
-// overflow beginning, a pending rollover run) leaves the locals, runs the
-// member functions and reloads; `bound` keeps room for one word per event.
-__attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_t key,
-                                                               size_t bound) {
-  if (key >= next_control_key_) {
-    store(hot);
-    controlsUpTo(static_cast<int64_t>(key >> kKeyClockShift));
-    reserve(bound);
-    hot = load();
-  }
-  const auto index = static_cast<unsigned>(key & 0x3F);
-  const auto clock = static_cast<int64_t>(key >> kKeyClockShift);
-  const unsigned tick = static_cast<unsigned>(clock & 0xFFFF);
-  if (hot.plain) {
-    // The usual case, with the general path's buffer step and nothing else.
-    const int64_t gap = clock - hot.last_clock;
-    hot.last_clock = clock;
-    const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
-    hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
-    if (hot.level <= limit_) {
-      hot.level += kOneWord;
-      const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
-      *hot.out++ = nativeWord(1, index, bin, tick);
-      hot.wrote = true;
-      return;
-    }
-    store(hot);
-    beginOverflow(clock, index);
-    reserve(bound);
-    hot = load();
+    emit(
+        [&keys]() __attribute__((always_inline)) { return *keys++; }, total);
     return;
   }
+  pending_.assign(streams, streams + count);
+  if (scratch_.size() < count) scratch_.resize(count);  // no growth below: pointers stay valid
+  size_t spare = 0;
+  auto by_size = [](const KeyBuffer* a, const KeyBuffer* b) { return a->size() > b->size(); };
+  while (pending_.size() > 2) {
+    std::sort(pending_.begin(), pending_.end(), by_size);
+    const size_t n = pending_.size();
+    const KeyBuffer& a = *pending_[n - 1];
+    const KeyBuffer& b = *pending_[n - 2];
+    KeyBuffer& ab = scratch_[spare++];
+    if (n >= 4 && pending_[n - 4]->size() <= a.size() + b.size()) {
+      KeyBuffer& cd = scratch_[spare++];
+      mergeTwoPairs(a, b, ab, *pending_[n - 3], *pending_[n - 4], cd);
+      pending_.resize(n - 2);
+      pending_[n - 4] = &ab;
+      pending_[n - 3] = &cd;
+    } else {
+      mergeTwo(a, b, ab);
+      pending_.resize(n - 1);
+      pending_[n - 2] = &ab;
+    }
+  }
+  const KeyBuffer& a = *pending_[0];
+  const KeyBuffer& b = *pending_[1];
+  const KeyBuffer& small = a.size() < b.size() ? a : b;
+  const KeyBuffer& large = a.size() < b.size() ? b : a;
+  if (small.size() * 4 < large.size()) {
+    // Runs of the busy channel between the other's keys, as in mergeInto().
+    const uint64_t* run = large.data();
+    const uint64_t* other = small.data();
+    emit(
+        [&run, &other ]()
+            __attribute__((always_inline)) { return *run < *other ? *run++ : *other++; },
+        total);
+    return;
+  }
+  MergeCursor merged = cursor(a, b);
+  emit(
+      [&merged]() __attribute__((always_inline)) { return merged.pop(); }, total);
+}
+
+// Turns `total` keys, taken in order from next_key(), into words. The usual
+// event (no filter, no overflow, no rollover or run due, room in the buffer)
+// runs in locals; anything else goes through slowEvent() on the members.
+//
+// The buffer level runs as a counter that the drain would have reached zero
+// at: `filled` = level + (cycle of the last event - period start) * drain.
+// The level an event finds is then filled - its cycle's drain, or zero if
+// that is below: one multiply, one maximum and an addition per event, the
+// same values as draining the level step by step.
+template <typename NextKey>
+__attribute__((always_inline)) inline void StreamOutput::emit(NextKey&& next_key, size_t total) {
+  const int64_t base = period_base_;
+  const uint64_t drain = drain_per_clock_;
+  // Without a buffer nothing is counted and nothing overflows.
+  const uint64_t limit = buffer_on_ ? limit_ : std::numeric_limits<uint64_t>::max();
+  const uint64_t one = buffer_on_ ? kOneWord : 0;
+  for (size_t left = total; left > 0;) {
+    if (filter_on_ || overflow_ || run_ != 0 || !countable()) {
+      slowEvent(next_key(), total);
+      --left;
+      continue;
+    }
+    const uint64_t control = next_control_key_;
+    uint32_t* const start = words_.get() + size_;
+    uint32_t* out = start;
+    uint64_t filled = 0;
+    if (buffer_on_) {
+      filled = last_clock_ >= base ? level_ + static_cast<uint64_t>(last_clock_ - base) * drain
+                                   : levelAt(base);
+    }
+    uint64_t last_tick = 0;
+    uint64_t key = 0;
+    bool usual = true;
+    for (; left > 0; --left) {
+      key = next_key();
+      const uint64_t tick = key >> kKeyTickShift;
+      const uint64_t drained = tick * drain;
+      const uint64_t from = filled > drained ? filled : drained;
+      if (key >= control || from - drained > limit) {
+        usual = false;
+        break;
+      }
+      filled = from + one;
+      last_tick = tick;
+      *out++ = static_cast<uint32_t>(key);
+    }
+    if (out != start) {
+      size_ = static_cast<size_t>(out - words_.get());
+      words_since_rollover_ = true;
+      if (buffer_on_) {
+        level_ = filled - last_tick * drain;
+        last_clock_ = base + static_cast<int64_t>(last_tick);
+      }
+    }
+    if (!usual) {
+      slowEvent(key, total);
+      --left;
+    }
+  }
+}
+
+uint64_t StreamOutput::levelAt(int64_t clock) const {
+  const int64_t gap = clock - last_clock_;
+  if (gap >= max_gap_) return 0;
+  const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
+  return level_ > drained ? level_ - drained : 0;
+}
+
+// Everything but the usual event: a due rollover or overflow end, the
+// filter, an overflow beginning or going on, a pending rollover run. `bound`
+// keeps room for one word per event.
+__attribute__((noinline)) void StreamOutput::slowEvent(uint64_t key, size_t bound) {
+  const int64_t clock = period_base_ + static_cast<int64_t>(key >> kKeyTickShift);
+  if (key >= next_control_key_) {
+    controlsUpTo(clock);
+    reserve(bound);
+  }
+  const auto index = static_cast<unsigned>(key >> 24) & 0x3F;
   const uint64_t bit = uint64_t{1} << index;
   if (filter_on_) {
-    if (trigger_mask_ & bit) hot.armed = ~uint64_t{0};
+    if (trigger_mask_ & bit) armed_ = ~uint64_t{0};
     if (filtered_mask_ & bit) {
-      if (!(hot.armed & bit)) return;
-      hot.armed &= ~bit;
+      if (!(armed_ & bit)) return;
+      armed_ &= ~bit;
     }
   }
   if (buffer_on_) {
@@ -182,30 +296,20 @@ __attribute__((always_inline)) inline void StreamOutput::event(Hot& hot, uint64_
       missed_mask_ |= bit;
       return;
     }
-    const int64_t gap = clock - hot.last_clock;
-    hot.last_clock = clock;
-    if (gap > 0) {
-      const uint64_t drained = static_cast<uint64_t>(gap) * drain_per_clock_;
-      hot.level = gap < max_gap_ && hot.level > drained ? hot.level - drained : 0;
-    }
-    if (hot.level > limit_) {
-      store(hot);
+    drain(clock);
+    if (level_ > limit_) {
       beginOverflow(clock, index);
       reserve(bound);
-      hot = load();
       return;
     }
-    hot.level += kOneWord;
+    level_ += kOneWord;
   }
   if (run_ != 0) {
-    store(hot);
     flushRun(clock);
     reserve(bound);
-    hot = load();
   }
-  const unsigned bin = lookup_[index][(key >> kKeyOffsetShift) & 0xFFFF];
-  *hot.out++ = nativeWord(1, index, bin, tick);
-  hot.wrote = true;
+  words_[size_++] = static_cast<uint32_t>(key);
+  words_since_rollover_ = true;
 }
 
 void StreamOutput::reserve(size_t more) {
@@ -328,11 +432,11 @@ void StreamOutput::planResume(int64_t clock) {
 
 void StreamOutput::updateNextControl() {
   const int64_t next = std::min(next_boundary_, overflow_ ? resume_clock_ : kNever);
-  // Saturate only what a key cannot hold: stream clocks run up to the rebase
-  // point (2^40 cycles), and an overflow end that no event key reaches waits
-  // for the end of its window while the events after it count as missed.
-  next_control_key_ = next > kMaxKeyClock ? std::numeric_limits<uint64_t>::max()
-                                          : static_cast<uint64_t>(next) << kKeyClockShift;
+  // Keys count cycles from the period start; a control past the period (the
+  // boundary itself) comes after every key of the period's windows.
+  const int64_t tick = std::max<int64_t>(next - period_base_, 0);
+  next_control_key_ = tick < kPeriodClocks ? static_cast<uint64_t>(tick) << kKeyTickShift
+                                           : std::numeric_limits<uint64_t>::max();
 }
 
 void StreamOutput::rebase(int64_t clocks) {

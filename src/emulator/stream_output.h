@@ -60,11 +60,9 @@ class StreamOutput {
   /// Emits the boundaries before `clock`, a period start, for a stretch
   /// without events; runs of quiet periods cost O(1) per run.
   void skipQuietTo(int64_t clock);
-  /// Takes the sorted event records of several channels for one window that
+  /// Takes the sorted event keys of several channels for one window that
   /// lies within the current period.
   void merge(const KeyBuffer* const* streams, size_t count);
-  /// The bin of each offset, per hardware index; the tables must outlive this.
-  void setBinLookup(std::vector<const uint8_t*> lookup) { lookup_ = std::move(lookup); }
 
   int64_t periodBase() const { return period_base_; }
   int64_t nextBoundary() const { return next_boundary_; }
@@ -77,21 +75,14 @@ class StreamOutput {
   size_t take(unsigned char* out, size_t count);
 
  private:
-  // The state that every event touches, held in locals during a merge.
-  struct Hot {
-    uint32_t* out;
-    uint64_t level;
-    int64_t last_clock;
-    uint64_t armed;
-    bool wrote;
-    bool plain;  ///< buffer on, no filter, no overflow, no rollover run waiting
-  };
-  Hot load() {
-    const bool plain = buffer_on_ && !filter_on_ && !overflow_ && run_ == 0;
-    return {words_.get() + size_, level_, last_clock_, armed_, false, plain};
-  }
-  void store(const Hot& hot);
-  void event(Hot& hot, uint64_t key, size_t bound);
+  template <typename NextKey>
+  void emit(NextKey&& next_key, size_t total);
+  void slowEvent(uint64_t key, size_t bound);
+  /// The buffer level drained to `clock`, after the last word's.
+  uint64_t levelAt(int64_t clock) const;
+  /// Whether a period's worth of drain and a full buffer fit the counter of emit().
+  bool countable() const { return !buffer_on_ || countable_; }
+  void mergeAll(const KeyBuffer* const* streams, size_t count, size_t total);
   void reserve(size_t more);
   void controlsUpTo(int64_t clock);
   void boundary();
@@ -119,6 +110,7 @@ class StreamOutput {
   uint64_t level_ = 0;
   uint64_t limit_ = 0;
   uint64_t resume_level_ = 0;
+  bool countable_ = false;
   uint32_t buffer_words_ = 0;
   int64_t last_clock_ = 0;
 
@@ -132,8 +124,7 @@ class StreamOutput {
   uint64_t filtered_mask_ = 0;
   uint64_t armed_ = 0;
 
-  uint64_t next_control_key_ = 0;
-  std::vector<const uint8_t*> lookup_;
+  uint64_t next_control_key_ = 0;  ///< the first event key at or after the next control
   // Merge rounds of many channels, kept for their capacity.
   std::vector<const KeyBuffer*> pending_;
   std::vector<KeyBuffer> scratch_;

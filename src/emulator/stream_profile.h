@@ -44,6 +44,20 @@ class ClockDivider {
     return c + (t - c * ps_ >= ps_);  // the estimate is low by at most one
   }
 
+  struct Split {
+    int64_t clock;
+    int64_t offset;  ///< ps from the start of the cycle
+  };
+  /// clockOf(t) and the offset of t within that cycle, with one multiply.
+  Split split(int64_t t) const {
+    __extension__ using Wide = unsigned __int128;
+    const auto c =
+        static_cast<int64_t>((static_cast<Wide>(static_cast<uint64_t>(t)) * magic_) >> 64);
+    const int64_t offset = t - c * ps_;
+    const bool low = offset >= ps_;
+    return {c + low, low ? offset - ps_ : offset};
+  }
+
   int64_t psPerClock() const { return ps_; }
 
  private:

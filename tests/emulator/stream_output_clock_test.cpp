@@ -24,8 +24,6 @@ struct Word {
 std::vector<Word> overloadedWindow(int64_t start) {
   StreamOutput out(2500, false, 1e8);
   out.setBuffer(16);
-  const std::vector<uint8_t> bins(65536, 0);
-  out.setBinLookup({bins.data()});
   out.skipQuietTo(start);
   out.advanceTo(start);
   std::vector<unsigned char> sink(4 * out.available());
@@ -35,7 +33,10 @@ std::vector<Word> overloadedWindow(int64_t start) {
   constexpr int64_t kWindow = 60000;
   KeyBuffer keys;
   uint64_t* key = keys.prepare(kWindow / 2);
-  for (int64_t c = 0; c < kWindow; c += 2) *key++ = eventKey(begin + c, 100, 0);
+  for (int64_t c = 0; c < kWindow; c += 2) {
+    const auto tick = static_cast<unsigned>((begin + c) & 0xFFFF);
+    *key++ = eventKey(tick, 100, nativeWord(1, 0, 0, tick));
+  }
   keys.resize(kWindow / 2);
   const KeyBuffer* streams[] = {&keys};
   out.advanceTo(begin);

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "emulator/stream_channel.h"
+#include "emulator/stream_output.h"
+
+namespace zeptick::emulator {
+namespace {
+
+constexpr int64_t kPsPerClock = 2500;
+
+// Sorted keys of one channel in cycles [begin, end) of the first period: at
+// most one event per cycle, as the dead time allows, at random offsets.
+std::vector<uint64_t> channelKeys(unsigned index, size_t count, int64_t begin, int64_t end,
+                                  std::mt19937_64& random) {
+  std::vector<int64_t> cycles(static_cast<size_t>(end - begin));
+  for (size_t i = 0; i < cycles.size(); ++i) cycles[i] = begin + static_cast<int64_t>(i);
+  std::shuffle(cycles.begin(), cycles.end(), random);
+  cycles.resize(count);
+  std::sort(cycles.begin(), cycles.end());
+  std::uniform_int_distribution<int64_t> offset(0, kPsPerClock - 1);
+  std::vector<uint64_t> keys;
+  for (int64_t cycle : cycles) {
+    const auto tick = static_cast<unsigned>(cycle);
+    const auto bin = static_cast<unsigned>(random() & 0xFF);
+    keys.push_back(eventKey(tick, offset(random), nativeWord(1, index, bin, tick)));
+  }
+  return keys;
+}
+
+// Busy and quiet channels in every mix the merge treats differently (one
+// stream, a dominant one, equal ones, many), in two windows, with and without
+// a buffer that never fills: the words must be every event exactly once, in
+// the order of a plain sort of all keys by time and then channel.
+TEST(StreamMergeTest, WordsFollowASortOfAllChannelsEvents) {
+  const std::vector<std::vector<size_t>> mixes = {
+      {1},
+      {900},
+      {500, 3},
+      {300, 300},
+      {200, 200, 200},
+      {3, 400, 10, 10, 10},
+      {100, 100, 100, 100},
+      {5, 50, 500, 3000, 50, 7, 300},
+      {60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60, 60}};
+  std::mt19937_64 random(7);
+  for (const uint32_t buffer_words : {0u, 1u << 20}) {
+    for (const auto& mix : mixes) {
+      SCOPED_TRACE(::testing::Message() << "buffer " << buffer_words << ", " << mix.size()
+                                        << " channels, first " << mix[0]);
+      StreamOutput out(kPsPerClock, false, 1e8);
+      out.setBuffer(buffer_words);
+      std::vector<uint32_t> expected;
+      for (const auto& [begin, end] : {std::pair<int64_t, int64_t>{0, 32768}, {32768, 65536}}) {
+        std::vector<KeyBuffer> buffers(mix.size());
+        std::vector<const KeyBuffer*> streams;
+        std::vector<uint64_t> all;
+        for (size_t c = 0; c < mix.size(); ++c) {
+          const auto keys = channelKeys(static_cast<unsigned>(c), mix[c] / 2, begin, end, random);
+          std::copy(keys.begin(), keys.end(), buffers[c].prepare(keys.size()));
+          buffers[c].resize(keys.size());
+          if (!keys.empty()) streams.push_back(&buffers[c]);
+          all.insert(all.end(), keys.begin(), keys.end());
+        }
+        std::sort(all.begin(), all.end());
+        for (uint64_t key : all) expected.push_back(static_cast<uint32_t>(key));
+        out.advanceTo(begin);
+        if (!streams.empty()) out.merge(streams.data(), streams.size());
+        out.advanceTo(end - 1);
+      }
+      std::vector<uint32_t> words(out.available());
+      out.take(reinterpret_cast<unsigned char*>(words.data()), words.size());
+      EXPECT_EQ(words, expected);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zeptick::emulator
