@@ -13,7 +13,6 @@
 
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 
 namespace zeptick {

@@ -7,7 +7,6 @@
 #include <random>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 
 namespace zeptick {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 #include "zeptick/coincidence.h"
 

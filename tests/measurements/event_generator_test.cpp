@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 
 namespace zeptick {

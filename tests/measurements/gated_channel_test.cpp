@@ -9,7 +9,6 @@
 #include <tuple>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 
 namespace zeptick {
