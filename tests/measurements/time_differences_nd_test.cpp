@@ -70,22 +70,6 @@ TEST_F(TimeDifferencesNDTest, StartsTakeTheTupleAtArrivalAndOutliveAnOverflow) {
   EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
 }
 
-// One dimension with a sync channel: it stops past its end until the sync
-// and then its next tag. Start and click share a channel, so each start meets
-// itself in bin 0.
-TEST_F(TimeDifferencesNDTest, SyncedDimensionWaitsPastItsEnd) {
-  testing::Direct<TimeDifferencesND> h(&tagger, 1, 1, {3}, {4}, {2}, 10, 2);
-  h.feed({timeTag(1, 100),                    // no step yet
-          timeTag(3, 101), timeTag(1, 102),   // index 0: 102 meets itself
-          timeTag(3, 103), timeTag(1, 104),   // index 1: 2 ps to 102, 0 to itself
-          timeTag(3, 105), timeTag(1, 106),   // past the end: no start; 4 and 2 ps
-          timeTag(3, 107), timeTag(4, 108),   // ignored while waiting; sync
-          timeTag(1, 109),                    // not stepped since the sync: 7 and 5 ps
-          timeTag(3, 110), timeTag(1, 111)},  // index 0 again: 9, 7 and 0 ps
-         0, 112);
-  EXPECT_EQ(histograms(h), (std::vector<int32_t>{6, 0, 4, 0}));
-}
-
 struct NDSetup {
   int click;
   int start;
