@@ -139,30 +139,6 @@ TEST(CoincidencesEdgeTest, WindowIsStrictAndOverflowForgetsEverything) {
   EXPECT_TRUE(sameTags(out.output, reference(stream, {{1, 2}}, 100, Stamp::Last, 6000)));
 }
 
-TEST(CoincidencesEdgeTest, DelayedStampsLagTheStreamByTheWindow) {
-  // 1@1000, 2@1040, 3@1070 complete (1,1,2,3); window 100 shifts all by 100.
-  const auto stream = TagStream{{timeTag(1, 1000), timeTag(2, 1040), timeTag(3, 1070)}, 900, 1100};
-  auto run = [&](Stamp stamp, int64_t tail) {
-    return checkVirtualChannel(
-        stream,
-        [stamp](TestZeptick* tagger) {
-          return std::make_unique<Coincidence>(tagger, std::vector<int>{1, 1, 2, 3}, 100, stamp);
-        },
-        rulesFor(100, stamp, tail));
-  };
-  // Average of 1000, 1000, 1040, 1070 is 1027.5, rounded towards zero from
-  // the completing tag: 1070 + (-70 - 70 - 30) / 4 = 1070 - 42 = 1028.
-  EXPECT_TRUE(sameTags(run(Stamp::Average, 100).inserted, {timeTag(kFirstVirtualChannel, 1128)}));
-  const auto first = run(Stamp::First, 100);
-  EXPECT_TRUE(sameTags(first.output, {timeTag(1, 1100), timeTag(kFirstVirtualChannel, 1100),
-                                      timeTag(2, 1140), timeTag(3, 1170)}));
-  EXPECT_TRUE(
-      sameTags(run(Stamp::ListedFirst, 100).inserted, {timeTag(kFirstVirtualChannel, 1100)}));
-  // Without a tail, whatever is at or after end_time - window stays queued.
-  const auto held = run(Stamp::First, 0);
-  EXPECT_TRUE(held.output.empty());
-}
-
 TEST_F(CoincidencesTest, TagAtEndMinusWindowWaitsAndWindowChangesApplyFromTheNextBlock) {
   testing::Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
   const int vc = direct.getChannels()[0];

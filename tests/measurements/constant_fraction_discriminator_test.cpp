@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/virtual_channel_harness.h"
+#include "support/measurement_streams.h"
 
 namespace zeptick {
 namespace {
@@ -186,39 +186,6 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
         reference(stream.tags, ends, closingToLeading(channels), virtualsOf(cfd, channels), window);
     ASSERT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(actual), expected))
         << "trial " << trial << ", window " << window;
-  }
-}
-
-TEST(CfdHarness, KeepsOrderAndPassesTheDelayedStreamThroughTheRunner) {
-  std::mt19937_64 rng(5);
-  const std::vector<int> channels = {1, 2};
-  for (int64_t window : {1, 777, 20000}) {
-    SCOPED_TRACE("window " + std::to_string(window));
-    const int64_t half = window / 2;
-    // Time tags only: then the output may not depend on the cuts at all.
-    const TagStream stream = testing::makeTimeTagStream(rng, {1, -1, 2, -2, 7}, 1500, 400);
-    std::map<int, int> virtuals;
-    testing::VirtualChannelRules rules;
-    rules.shift = [half](const Tag&) { return half; };
-    rules.order_free_among_equal_times = true;
-    rules.tail = half + 1;
-    const auto out = testing::checkVirtualChannel(
-        stream,
-        [&](TestZeptick* tagger) {
-          auto cfd = std::make_unique<CFD>(tagger, channels, window);
-          virtuals = virtualsOf(*cfd, channels);
-          return cfd;
-        },
-        rules);
-    std::vector<Tag> expected;
-    for (const Tag& tag :
-         reference(stream.tags, {out.end_time}, closingToLeading(channels), virtuals, window)) {
-      if (tag.channel >= testing::kFirstVirtualChannel) expected.push_back(tag);
-    }
-    EXPECT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(out.inserted), expected));
-    if (window > 1) {
-      EXPECT_FALSE(expected.empty());
-    }
   }
 }
 

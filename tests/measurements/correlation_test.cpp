@@ -131,30 +131,10 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(CorrelationTest, PlacesOffsetsAtTheRangeEdgesByHand) {
-  // 4 bins of 10 ps: offsets -20..19 ps, bin 2 starts at offset 0.
-  Correlation even(&tagger, 1, 2, 10, 4);
-  // 3 bins of 5 ps: half range 7, the range 15 is odd, so +7 lands in bin 2.
+TEST_F(CorrelationTest, IndexCentresTheRangeAndRegistersAnAutocorrelationOnce) {
+  // 3 bins of 5 ps: half range 7, the range 15 is odd.
   Correlation odd(&tagger, 1, 2, 5, 3);
-  tagger.pushBlocks({{{timeTag(2, 1000), timeTag(1, 1000),  // offset 0
-                       timeTag(1, 1020),                    // +20 from 1000
-                       timeTag(2, 1040)},                   // -20 from 1020
-                      1000,
-                      2000},
-                     {{timeTag(1, 3000), timeTag(2, 3007),   // -7
-                       timeTag(2, 3100), timeTag(1, 3107)},  // +7
-                      2000,
-                      4000}});
-  tagger.sync();
-  // Even: (1000,1000) bin 2; 1020 vs 1000 on channel 2: +20 is the top edge, dropped;
-  // 1040 vs 1020: -20 goes to bin 0; 1040 vs 1000 is 40 apart, out of range.
-  // The block at 3000 gives -7 (bin 1) and +7 (bin 2).
-  EXPECT_EQ(dataOf(even), (std::vector<int32_t>{1, 1, 2, 0}));
-  // Odd, half range 7: offset 0 in bin 1 (7 / 5); -7 in bin 0; +7 in bin 2 (14 / 5).
-  EXPECT_EQ(dataOf(odd), (std::vector<int32_t>{1, 1, 1}));
-
   EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
-  // An unused second channel makes an autocorrelation: its channel is registered once.
   Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
 }

@@ -154,40 +154,6 @@ TEST_F(DelayedChannelTest, LoweringTheDelayDropsQueuedCopiesRaisingKeepsThem) {
   EXPECT_TRUE(channel.feed({}, 401, 500).empty());
 }
 
-TEST(DelayedChannelEdgeTest, OverflowAndErrorRulesInBothDirections) {
-  // Delay 100: the copy of 1@10 lands in the overflow [50, 150) and turns into a
-  // missed event; the copy of 1@160 dies with the error at 200; 1@300 survives.
-  const int vc = kFirstVirtualChannel;
-  const TagStream positive{{timeTag(1, 10), marker(Tag::Type::OverflowBegin, 50),
-                            missedTag(2, 60, 9), marker(Tag::Type::OverflowEnd, 150),
-                            timeTag(1, 160), marker(Tag::Type::Error, 200), timeTag(1, 300)},
-                           0,
-                           500};
-  EXPECT_TRUE(sameTags(checkVirtualChannel(positive,
-                                           [](TestZeptick* tagger) {
-                                             return std::make_unique<DelayedChannel>(tagger, 1,
-                                                                                     100);
-                                           })
-                           .inserted,
-                       {missedTag(vc, 110, 1), timeTag(vc, 400)}));
-
-  // Delay -100: the stream lags by 100, so the overflow spans [220, 250) in the
-  // output, and copies at their own times inside it become missed events; the
-  // one at 250 still stands before the overflow's end. The error only passes through.
-  const TagStream negative{
-      {timeTag(1, 100), marker(Tag::Type::OverflowBegin, 120), marker(Tag::Type::OverflowEnd, 150),
-       timeTag(1, 200), marker(Tag::Type::Error, 210), timeTag(1, 230), timeTag(1, 250),
-       timeTag(1, 251)},
-      100,
-      400};
-  const auto out = checkVirtualChannel(
-      negative,
-      [](TestZeptick* tagger) { return std::make_unique<DelayedChannel>(tagger, 1, -100); },
-      rulesFor(-100, 0));
-  EXPECT_TRUE(sameTags(out.inserted, {timeTag(vc, 100), timeTag(vc, 200), missedTag(vc, 230, 1),
-                                      missedTag(vc, 250, 1), timeTag(vc, 251)}));
-}
-
 TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   struct Case {
     std::vector<int> inputs;

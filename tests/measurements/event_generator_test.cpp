@@ -111,18 +111,6 @@ TEST_F(EventGeneratorTest, PlaysThePatternBehindTheTriggerAndHoldsTheRestBack) {
                              marker(Tag::Type::OverflowEnd, 2100)}));
 }
 
-TEST_F(EventGeneratorTest, NegativeOffsetsDelayTheStream) {
-  Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{0, -100, 50}, 1, 0,
-                                   CHANNEL_UNUSED);
-  const int v = generator.getChannel();
-  std::vector<Tag> out = generator.feed({timeTag(1, 1000)}, 0, 1150);
-  // Tags at t, t + 100 and t + 150; the trigger leaves at t + 100, before its
-  // tag of equal time.
-  EXPECT_TRUE(sameTags(out, {timeTag(v, 1000), timeTag(1, 1100), timeTag(v, 1100)}));
-  out = generator.feed({}, 1150, 1300);
-  EXPECT_TRUE(sameTags(out, {timeTag(v, 1150)}));
-}
-
 TEST_F(EventGeneratorTest, EmptyPatternPassesTheStreamUnchangedAndStopIsNotRegistered) {
   Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{}, 1, 0, 2);
   const std::vector<Tag> in = {timeTag(1, 10), marker(Tag::Type::Error, 20)};
