@@ -18,15 +18,9 @@ namespace zeptick {
 namespace {
 
 using ::testing::_;
-using testing::Block;
-using testing::Direct;
-using testing::marker;
+using namespace testing;
 using ::testing::NiceMock;
 using ::testing::Return;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
 
 std::vector<int> channelList(size_t count) {
   std::vector<int> list;
@@ -34,49 +28,16 @@ std::vector<int> channelList(size_t count) {
   return list;
 }
 
-// A hardware tagger for tests: the stream, fences and channels are those of a
-// TestZeptick, the hardware operations are mocked, and the device reports as
-// many channels as the test asks for.
-class MockZeptick : public Zeptick {
+// A hardware tagger whose stream, fences and channel registry are those of
+// the test tagger, with mocked hardware operations and as many channels as
+// the test asks for (the test tagger has too few for this channel).
+class MockZeptick : public TestTaggerCore, public Zeptick {
  public:
-  explicit MockZeptick(ZeptickBase* stream, size_t channels = 36) : stream(stream) {
+  explicit MockZeptick(size_t channels = 36) {
     ON_CALL(*this, getChannelList(_)).WillByDefault(Return(channelList(channels)));
+    startWorkers(2);
   }
-  ~MockZeptick() override = default;
-
-  uint32_t getFence(bool alloc_fence) override { return stream->getFence(alloc_fence); }
-  bool waitForFence(uint32_t fence, int timeout) override {
-    return stream->waitForFence(fence, timeout);
-  }
-  bool sync() override { return stream->sync(); }
-  int getInvertedChannel(int channel) override { return stream->getInvertedChannel(channel); }
-  bool isUnusedChannel(int channel) override { return stream->isUnusedChannel(channel); }
-  void runSynchronized(const SynchronizedCallbacks& callbacks, bool block) override {
-    stream->runSynchronized(callbacks, block);
-  }
-  std::string getConfiguration() override { return stream->getConfiguration(); }
-  void setInputDelay(int channel, int64_t delay) override { stream->setInputDelay(channel, delay); }
-  int64_t getInputDelay(int channel) override { return stream->getInputDelay(channel); }
-  int64_t setDeadtime(int channel, int64_t deadtime) override {
-    return stream->setDeadtime(channel, deadtime);
-  }
-  int64_t getDeadtime(int channel) override { return stream->getDeadtime(channel); }
-  void setTestSignal(std::vector<int> channels, bool enabled) override {
-    stream->setTestSignal(std::move(channels), enabled);
-  }
-  void setTestSignal(int channel, bool enabled) override {
-    stream->setTestSignal(channel, enabled);
-  }
-  bool getTestSignal(int channel) override { return stream->getTestSignal(channel); }
-  int64_t getOverflows() override { return stream->getOverflows(); }
-  void clearOverflows() override { stream->clearOverflows(); }
-  int64_t getOverflowsAndClear() override { return stream->getOverflowsAndClear(); }
-  IteratorBaseListNode* addIterator(IteratorBase* iterator) override {
-    return stream->addIterator(iterator);
-  }
-  int getNewVirtualChannel() override { return stream->getNewVirtualChannel(); }
-  void registerChannel(int channel) override { stream->registerChannel(channel); }
-  void unregisterChannel(int channel) override { stream->unregisterChannel(channel); }
+  ~MockZeptick() override { stopWorkers(); }
 
   MOCK_METHOD(void, reset, (), (override));
   MOCK_METHOD(void, setTestSignalDivider, (int), (override));
@@ -113,9 +74,6 @@ class MockZeptick : public Zeptick {
   MOCK_METHOD(std::string, getSensorData, (), (override));
   MOCK_METHOD(void, setLED, (uint32_t), (override));
   MOCK_METHOD(uint32_t, factoryAccess, (uint32_t, uint32_t, uint32_t, uint32_t), (override));
-
- private:
-  ZeptickBase* stream;
 };
 
 // The channel's rules on the whole stream: a time tag on an input takes that
@@ -162,13 +120,12 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>
 
 class AverageChannelTest : public ::testing::Test {
  protected:
-  AverageChannelTest() { stream.setIdleSpan(0); }
-  TestZeptick stream{"TEST-1", 2};
-  NiceMock<MockZeptick> tagger{&stream};
+  AverageChannelTest() { tagger.setIdleSpan(0); }
+  NiceMock<MockZeptick> tagger;
 };
 
 TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
-  NiceMock<MockZeptick> small(&stream, 35);
+  NiceMock<MockZeptick> small(35);
   try {
     AverageChannel average(&small, 1, {1, 2});
     ADD_FAILURE() << "no exception";
@@ -177,7 +134,7 @@ TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
                  "The AverageChannel measurement class is only supported on Zeptick Ultra 18 "
                  "devices.");
   }
-  EXPECT_EQ(stream.registrations(1), 0);
+  EXPECT_EQ(small.registrations(1), 0);
 
   // Smaller in magnitude than the reference: 2; larger: 1; equal (the
   // reference itself or its other edge): nothing.
@@ -188,7 +145,7 @@ TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
   EXPECT_CALL(tagger, setInputMux(-1, 2));
   AverageChannel average(&tagger, 3, {3, 2, -4, -3, 7, -1});
   EXPECT_EQ(average.getChannel(), testing::kFirstVirtualChannel);
-  for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(stream.registrations(channel), 1);
+  for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
 }
 
 TEST_F(AverageChannelTest, MeanRoundsDownAndTheWindowIsStrict) {

@@ -15,14 +15,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::kFirstVirtualChannel;
-using testing::marker;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
-using testing::VirtualChannelRules;
+using namespace testing;
 using Groups = std::vector<std::vector<int>>;
 using Stamp = CoincidenceTimestamp;
 

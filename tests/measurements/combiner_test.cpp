@@ -12,13 +12,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::cutStream;
-using testing::kFirstVirtualChannel;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 std::vector<int64_t> counts(Combiner& combiner) {
   std::vector<int64_t> out;

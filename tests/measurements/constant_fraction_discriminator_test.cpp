@@ -14,12 +14,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::Direct;
-using testing::marker;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 using CFD = ConstantFractionDiscriminator;
 
 // The discriminator's rules worked out on the whole stream at once. A pulse is

@@ -15,10 +15,7 @@
 namespace zeptick {
 namespace {
 
-using testing::collect;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 constexpr int kUnused = CHANNEL_UNUSED;
 

@@ -16,11 +16,8 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::TestZeptick;
+using namespace testing;
 using Rows = std::vector<std::vector<int32_t>>;
-
-using testing::timeTag;
 
 // Fed by hand on the test's thread (see Direct).
 class DirectCounter : public testing::Direct<Counter> {

@@ -11,11 +11,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::collect;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 using DirectCountrate = testing::Direct<Countrate>;
 
 std::vector<double> rates(Countrate& countrate) { return collect(countrate, &Countrate::getData); }

@@ -15,17 +15,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::Direct;
-using testing::invalidArgument;
-using testing::kFirstVirtualChannel;
-using testing::marker;
-using testing::missedTag;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
-using testing::VirtualChannelRules;
+using namespace testing;
 
 // The whole output worked out from the rules, tag by tag, with lookups over
 // the input instead of a queue. `virtual_of` maps each input channel to its copy.

@@ -13,13 +13,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Direct;
-using testing::marker;
-using testing::missedTag;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 struct GeneratorSetup {
   int trigger = 1;

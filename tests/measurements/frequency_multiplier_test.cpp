@@ -13,15 +13,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::Direct;
-using testing::kFirstVirtualChannel;
-using testing::marker;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
-using testing::VirtualChannelRules;
+using namespace testing;
 
 // The output of one block from the rules, with the whole period's schedule
 // worked out at once: each input tag after the first copies itself and

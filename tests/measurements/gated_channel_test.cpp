@@ -14,13 +14,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::kFirstVirtualChannel;
-using testing::marker;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 // Copies expected from the rules, asked per tag by looking back: an input tag
 // is copied unless it is a stop tag, when it is itself a start tag or when the

@@ -13,10 +13,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 using DirectHistogram2D = testing::Direct<Histogram2D>;
 
 std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {

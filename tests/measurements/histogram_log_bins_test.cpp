@@ -14,10 +14,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 using DirectLogBins = testing::Direct<HistogramLogBins>;
 
 std::vector<uint64_t> counts(HistogramLogBins& h) {

@@ -16,9 +16,7 @@
 namespace zeptick {
 namespace {
 
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 constexpr int kUnused = CHANNEL_UNUSED;
 using Rows = std::vector<std::pair<int64_t, int64_t>>;

@@ -18,9 +18,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::RecordingMeasurement;
-using testing::TestZeptick;
+using namespace testing;
 
 // Keeps a few dozen random blocks queued until destroyed, so that several
 // workers are always in flight while the test acts on the group.

@@ -15,10 +15,7 @@
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
   return testing::collect(h, &TimeDifferencesND::getData, sizes);

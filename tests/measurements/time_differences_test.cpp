@@ -16,9 +16,7 @@
 namespace zeptick {
 namespace {
 
-using testing::collect;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 
 constexpr int kUnused = CHANNEL_UNUSED;
 

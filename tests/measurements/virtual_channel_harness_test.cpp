@@ -17,9 +17,7 @@
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::TagStream;
-using testing::TestZeptick;
+using namespace testing;
 
 enum class Fault { None, CopyAtFront, DropFirst, CarryLastOver, MarkBlockBegin };
 
