@@ -2,42 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <utility>
+
+#include "log_capture.h"
+#include "recording_measurement.h"
 
 namespace zeptick::testing {
 namespace {
-
-// Keeps every block that reaches the end of the chain, so that the harness
-// can wait for a known number of them.
-class BlockRecorder : public IteratorBase {
- public:
-  explicit BlockRecorder(ZeptickBase* tagger) : IteratorBase(tagger) { finishInitialization(); }
-  ~BlockRecorder() override { stop(); }
-
-  bool waitFor(size_t count, std::chrono::seconds timeout) {
-    std::unique_lock<std::mutex> guard(seen_mutex);
-    return seen_cv.wait_for(guard, timeout, [&] { return seen.size() >= count; });
-  }
-  std::vector<Block> blocks() {
-    std::lock_guard<std::mutex> guard(seen_mutex);
-    return seen;
-  }
-
- protected:
-  bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override {
-    std::lock_guard<std::mutex> guard(seen_mutex);
-    seen.push_back(Block{tags, begin_time, end_time});
-    seen_cv.notify_all();
-    return false;
-  }
-
- private:
-  std::mutex seen_mutex;
-  std::condition_variable seen_cv;
-  std::vector<Block> seen;
-};
 
 // Runs `blocks` through the chain on a fresh tagger and returns what the
 // recorder behind it saw, in the times of `blocks`.
@@ -46,7 +17,7 @@ std::vector<Block> runThrough(const std::vector<Block>& blocks, const VirtualCha
   TestZeptick tagger("VCHANNEL-HARNESS", workers);
   tagger.setIdleSpan(0);
   std::vector<std::unique_ptr<IteratorBase>> chain = factory(&tagger);
-  BlockRecorder recorder(&tagger);
+  RecordingMeasurement recorder(&tagger);
 
   // Idle blocks may have been served before the idle span was set to 0. An
   // empty filler block then closes the gap to the stream's first time; were
@@ -60,7 +31,8 @@ std::vector<Block> runThrough(const std::vector<Block>& blocks, const VirtualCha
   const int64_t shift = std::max<int64_t>(stream_end - first_begin, 0);
   tagger.pushBlocks(pushed);
 
-  if (!recorder.waitFor(pushed.size(), std::chrono::seconds(120))) {
+  if (!eventually([&] { return recorder.blocks().size() >= pushed.size(); },
+                  std::chrono::seconds(120))) {
     ADD_FAILURE() << "the chain did not pass all " << pushed.size() << " blocks";
   }
   std::vector<Block> seen = recorder.blocks();
