@@ -103,9 +103,14 @@ TEST_F(HistogramLogBinsTest, DenseBurstGrowsRingAndCountsEveryPair) {
   const int64_t base = 10 * range;
   const int64_t n_starts = 100000;
   std::vector<Tag> tags{timeTag(2, range + 2)};  // ends settling
+  // Starts that a click at base - 1 leaves behind: the ring then grows with
+  // its oldest live start away from slot 0, and the click at base + 10 reads
+  // starts that moved to the new half of the ring.
+  for (int64_t k = 0; k < 5; ++k) tags.push_back(timeTag(2, range + 10 + k));
+  tags.push_back(timeTag(1, base - 1));
   for (int64_t k = 0; k < n_starts; ++k) tags.push_back(timeTag(2, base + k / 3));
-  // The first click lands amid the burst, the second on the last start's time.
-  const std::vector<int64_t> clicks = {base + 5000, base + n_starts / 3, base + 400000};
+  // Clicks amid the burst, on the last start's time, and after the burst.
+  const std::vector<int64_t> clicks = {base + 10, base + 5000, base + n_starts / 3, base + 400000};
   for (int64_t t : clicks) tags.push_back(timeTag(1, t));
   std::stable_sort(tags.begin(), tags.end(),
                    [](const Tag& a, const Tag& b) { return a.time < b.time; });
