@@ -22,15 +22,8 @@ namespace zeptick::testing {
 /// How a channel treats the stream it passes on.
 struct VirtualChannelRules {
   /// Time a passing tag gains (a channel that holds the whole stream back).
+  /// Passing tags at or after the end of the run are not expected.
   std::function<int64_t(const Tag&)> shift;
-  /// The pass-through stream expected for `input`, shifted, without the tags
-  /// the channel's rules drop. Default: every input tag, shifted by `shift`.
-  /// Tags at or after the end of the run are cut off by the harness.
-  std::function<std::vector<Tag>(const std::vector<Tag>& input)> passed;
-  /// Tells an inserted tag from a passing one. Default: a virtual channel.
-  std::function<bool(const Tag&)> inserted;
-  /// Tags of equal time may leave in any order (channels sorting with a heap).
-  bool order_free_among_equal_times = false;
   /// The output is the same however the stream is cut.
   bool cut_invariant = true;
   /// Span of an empty block appended after the stream, to let held-back tags out.
@@ -40,7 +33,6 @@ struct VirtualChannelRules {
   /// zero-length blocks.
   int cuttings = 5;
   uint64_t seed = 1;
-  unsigned workers = 3;
 };
 
 /// The stream as it left the channel in the first cutting.
@@ -51,22 +43,14 @@ struct VirtualChannelOutput {
   int64_t end_time = 0;       ///< end of the last block, tail included
 };
 
-/// Builds the channel(s) on a fresh tagger; a recorder is placed behind them.
+/// Builds the channel on a fresh tagger; a recorder is placed behind it.
 using VirtualChannelFactory = std::function<std::unique_ptr<IteratorBase>(TestZeptick*)>;
-using VirtualChainFactory = std::function<std::vector<std::unique_ptr<IteratorBase>>(TestZeptick*)>;
 
-/// Runs `stream` through the channel(s) in every cutting and checks the
+/// Runs `stream` through the channel in every cutting and checks the
 /// invariants with gtest (non-fatal failures, tagged with the cutting).
-VirtualChannelOutput checkVirtualChain(const TagStream& stream, const VirtualChainFactory& factory,
-                                       const VirtualChannelRules& rules = {});
+/// Tags on virtual channels count as inserted, all others as passed.
 VirtualChannelOutput checkVirtualChannel(const TagStream& stream,
                                          const VirtualChannelFactory& factory,
                                          const VirtualChannelRules& rules = {});
-
-/// The same channel made with the given arguments, for checkVirtualChannel.
-template <class Channel, class... Args>
-VirtualChannelFactory makes(Args... args) {
-  return [=](TestZeptick* tagger) { return std::make_unique<Channel>(tagger, args...); };
-}
 
 }  // namespace zeptick::testing
