@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -77,14 +77,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
     passed_limit = std::max(passed_limit, block_ends[next_end]);
   }
   release(true);
-  return testing::sortedWithinEqualTimes(out);
-}
-
-bool timeOrdered(const std::vector<Tag>& tags) {
-  for (size_t i = 1; i < tags.size(); ++i) {
-    if (tags[i].time < tags[i - 1].time) return false;
-  }
-  return true;
+  return sortedWithinEqualTimes(out);
 }
 
 class CfdTest : public ::testing::Test {
@@ -104,20 +97,20 @@ TEST_F(CfdTest, MidpointOfAPulseStandsBetweenItsDelayedEdges) {
   const int v = cfd.getChannels()[0];
   // Edges at 1000 and 1200: midpoint 1100 plus the 500 ps delay of the stream.
   std::vector<Tag> out = cfd.feed({timeTag(1, 1000), timeTag(-1, 1200), timeTag(5, 1300)}, 0, 3000);
-  EXPECT_TRUE(testing::sameTags(
-      out, {timeTag(1, 1500), timeTag(v, 1600), timeTag(-1, 1700), timeTag(5, 1800)}));
+  EXPECT_TRUE(
+      sameTags(out, {timeTag(1, 1500), timeTag(v, 1600), timeTag(-1, 1700), timeTag(5, 1800)}));
   // Width 999 passes (midpoint 2999 + 500 - 499), 1000 is dropped; the strict flush keeps 3500 and
   // later back.
   out = cfd.feed({timeTag(1, 2000), timeTag(-1, 2999), timeTag(1, 3000), timeTag(-1, 4000)}, 3000,
                  3501);
-  EXPECT_TRUE(testing::sameTags(
-      out, {timeTag(1, 2500), timeTag(v, 3000), timeTag(-1, 3499), timeTag(1, 3500)}));
+  EXPECT_TRUE(
+      sameTags(out, {timeTag(1, 2500), timeTag(v, 3000), timeTag(-1, 3499), timeTag(1, 3500)}));
   // An overflow drops what is held back and the open pulse: nothing spans it.
   out = cfd.feed({timeTag(1, 4100), marker(Tag::Type::OverflowBegin, 4200),
                   marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4400)},
                  3501, 6000);
-  EXPECT_TRUE(testing::sameTags(out, {marker(Tag::Type::OverflowBegin, 4200),
-                                      marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4900)}));
+  EXPECT_TRUE(sameTags(out, {marker(Tag::Type::OverflowBegin, 4200),
+                             marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4900)}));
 }
 
 TEST_F(CfdTest, BothEdgesListedPairBothWays) {
@@ -128,8 +121,7 @@ TEST_F(CfdTest, BothEdgesListedPairBothWays) {
   std::vector<Tag> out = cfd.feed({timeTag(1, 1000), timeTag(-1, 1100), timeTag(1, 1300)}, 0, 5000);
   std::vector<Tag> expected = {timeTag(1, 1200), timeTag(v[0], 1250), timeTag(-1, 1300),
                                timeTag(v[1], 1400), timeTag(1, 1500)};
-  EXPECT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(out),
-                                testing::sortedWithinEqualTimes(expected)));
+  EXPECT_TRUE(sameTags(sortedWithinEqualTimes(out), sortedWithinEqualTimes(expected)));
 }
 
 std::map<int, int> closingToLeading(const std::vector<int>& channels) {
@@ -149,20 +141,14 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
   std::mt19937_64 rng(99);
   const std::vector<int> channels = {1, 2, 1};
   for (int trial = 0; trial < 30; ++trial) {
-    testing::StreamShape shape;
+    StreamShape shape;
     shape.channels = {1, -1, 2, -2, 3};
     shape.tags = 400;
     shape.mean_gap = 300;
-    shape.error_percent = 1;
-    shape.overflow_percent = 1;
-    shape.missed_outside_percent = 1;
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 1;
+    const TagStream stream = makeRandomStream(rng, shape);
     const int64_t window = std::vector<int64_t>{1, 2, 301, 900, 5000}[trial % 5];
-    std::vector<int64_t> cuts;
-    std::uniform_int_distribution<int64_t> anywhere(stream.begin_time, stream.end_time);
-    for (int i = trial % 7; i < 40; ++i) cuts.push_back(anywhere(rng));
-    std::sort(cuts.begin(), cuts.end());
-    const std::vector<Block> blocks = testing::cutStream(stream, cuts);
+    const std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, 40));
 
     Direct<CFD> cfd(&tagger, channels, window);
     std::vector<Tag> actual;
@@ -176,10 +162,12 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
       actual.insert(actual.end(), out.begin(), out.end());
       ends.push_back(block.end_time);
     }
-    ASSERT_TRUE(timeOrdered(actual)) << "trial " << trial;
+    ASSERT_TRUE(std::is_sorted(actual.begin(), actual.end(),
+                               [](const Tag& a, const Tag& b) { return a.time < b.time; }))
+        << "trial " << trial;
     const std::vector<Tag> expected =
         reference(stream.tags, ends, closingToLeading(channels), virtualsOf(cfd, channels), window);
-    ASSERT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(actual), expected))
+    ASSERT_TRUE(sameTags(sortedWithinEqualTimes(actual), expected))
         << "trial " << trial << ", window " << window;
   }
 }
