@@ -102,11 +102,7 @@ void expectMatchesReference(const TagStream& stream, const Groups& groups, int64
   EXPECT_GE(out.inserted.size(), at_least);
 }
 
-class CoincidencesTest : public ::testing::Test {
- protected:
-  CoincidencesTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using CoincidencesTest = QuietTaggerTest;
 
 TEST_F(CoincidencesTest, RegistersEachChannelOnceAndHandsOutOneChannelPerGroup) {
   {

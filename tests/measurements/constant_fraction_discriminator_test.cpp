@@ -80,11 +80,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   return sortedWithinEqualTimes(out);
 }
 
-class CfdTest : public ::testing::Test {
- protected:
-  CfdTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using CfdTest = QuietTaggerTest;
 
 TEST_F(CfdTest, NumbersOneVirtualChannelPerPair) {
   CFD cfd(&tagger, {2, 3, 2}, 100);

@@ -99,11 +99,7 @@ class ReferenceCounter {
   std::vector<std::vector<int32_t>> history;
 };
 
-class CounterTest : public ::testing::Test {
- protected:
-  CounterTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using CounterTest = QuietTaggerTest;
 
 TEST_F(CounterTest, BinsFollowTheStreamClockAndReturnOldestFirst) {
   DirectCounter counter(&tagger, std::vector<int>{1, 2, 1}, 100, 3);

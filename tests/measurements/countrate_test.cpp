@@ -19,11 +19,7 @@ std::vector<int64_t> totals(Countrate& countrate) {
   return collect(countrate, &Countrate::getCountsTotal);
 }
 
-class CountrateTest : public ::testing::Test {
- protected:
-  CountrateTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using CountrateTest = QuietTaggerTest;
 
 TEST_F(CountrateTest, ReportsZerosWithoutASpan) {
   DirectCountrate countrate(&tagger, std::vector<int>{1, 1, 2});

@@ -83,11 +83,7 @@ VirtualChannelRules rulesFor(int64_t delay, int64_t tail) {
   return rules;
 }
 
-class DelayedChannelTest : public ::testing::Test {
- protected:
-  DelayedChannelTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using DelayedChannelTest = QuietTaggerTest;
 
 TEST_F(DelayedChannelTest, OneVirtualChannelPerInputInOrder) {
   {

@@ -80,11 +80,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& 
   return out;
 }
 
-class EventGeneratorTest : public ::testing::Test {
- protected:
-  EventGeneratorTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using EventGeneratorTest = QuietTaggerTest;
 
 TEST_F(EventGeneratorTest, PlaysThePatternBehindTheTriggerAndHoldsTheRestBack) {
   Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{50, 0, 0}, 1, 0,

@@ -20,11 +20,7 @@ std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) 
   return testing::collect(h, &Histogram2D::getData, sizes);
 }
 
-class Histogram2DTest : public ::testing::Test {
- protected:
-  Histogram2DTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using Histogram2DTest = QuietTaggerTest;
 
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
 TEST_F(Histogram2DTest, OneOpenEventAtATime) {

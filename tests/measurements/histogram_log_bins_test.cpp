@@ -27,11 +27,7 @@ std::vector<double> g2(HistogramLogBins& h) {
   return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
 }
 
-class HistogramLogBinsTest : public ::testing::Test {
- protected:
-  HistogramLogBinsTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using HistogramLogBinsTest = QuietTaggerTest;
 
 TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
   DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);

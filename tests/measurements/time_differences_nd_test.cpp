@@ -21,11 +21,7 @@ std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes
   return testing::collect(h, &TimeDifferencesND::getData, sizes);
 }
 
-class TimeDifferencesNDTest : public ::testing::Test {
- protected:
-  TimeDifferencesNDTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
+using TimeDifferencesNDTest = QuietTaggerTest;
 
 // Two wrapping dimensions of 2 and 3 histograms, 4 bins of 10 ps: a start
 // takes the tuple current at its arrival, the first dimension varying fastest.

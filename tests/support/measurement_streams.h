@@ -86,6 +86,14 @@ std::vector<Tag> sortedWithinEqualTimes(std::vector<Tag> tags);
 /// "type channel@time" (plus the count of a missed-events tag), for messages.
 std::string describe(const Tag& tag);
 
+/// A tagger that serves only the blocks a test pushes: no idle blocks, so a
+/// measurement fed directly never meets a worker.
+class QuietTaggerTest : public ::testing::Test {
+ protected:
+  QuietTaggerTest() { tagger.setIdleSpan(0); }
+  TestZeptick tagger{"TEST-1", 2};
+};
+
 /// A measurement fed by hand, block by block, on the test's thread. It is
 /// stopped and cleared right after construction, so no worker calls it
 /// meanwhile and nothing a worker gave it before counts.
