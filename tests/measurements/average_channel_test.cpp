@@ -35,9 +35,7 @@ class MockZeptick : public TestTaggerCore, public Zeptick {
  public:
   explicit MockZeptick(size_t channels = 36) {
     ON_CALL(*this, getChannelList(_)).WillByDefault(Return(channelList(channels)));
-    startWorkers(2);
   }
-  ~MockZeptick() override { stopWorkers(); }
 
   MOCK_METHOD(void, reset, (), (override));
   MOCK_METHOD(void, setTestSignalDivider, (int), (override));
@@ -74,6 +72,14 @@ class MockZeptick : public TestTaggerCore, public Zeptick {
   MOCK_METHOD(std::string, getSensorData, (), (override));
   MOCK_METHOD(void, setLED, (uint32_t), (override));
   MOCK_METHOD(uint32_t, factoryAccess, (uint32_t, uint32_t, uint32_t, uint32_t), (override));
+};
+
+// Its workers start once the whole mock is built and stop before any of it
+// is torn down: they call into the mock.
+class RunningMock final : public NiceMock<MockZeptick> {
+ public:
+  explicit RunningMock(size_t channels = 36) : NiceMock<MockZeptick>(channels) { startWorkers(2); }
+  ~RunningMock() override { stopWorkers(); }
 };
 
 // The channel's rules on the whole stream: a time tag on an input takes that
@@ -121,11 +127,11 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>
 class AverageChannelTest : public ::testing::Test {
  protected:
   AverageChannelTest() { tagger.setIdleSpan(0); }
-  NiceMock<MockZeptick> tagger;
+  RunningMock tagger;
 };
 
 TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
-  NiceMock<MockZeptick> small(35);
+  RunningMock small(35);
   try {
     AverageChannel average(&small, 1, {1, 2});
     ADD_FAILURE() << "no exception";
