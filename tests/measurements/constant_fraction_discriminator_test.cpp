@@ -2,25 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
-#include "support/virtual_channel_harness.h"
+#include "support/measurement_streams.h"
 
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::Direct;
-using testing::marker;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
+using namespace testing;
 using CFD = ConstantFractionDiscriminator;
 
 // The discriminator's rules worked out on the whole stream at once. A pulse is
@@ -83,42 +77,14 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
     passed_limit = std::max(passed_limit, block_ends[next_end]);
   }
   release(true);
-  return testing::sortedWithinEqualTimes(out);
+  return sortedWithinEqualTimes(out);
 }
 
-bool timeOrdered(const std::vector<Tag>& tags) {
-  for (size_t i = 1; i < tags.size(); ++i) {
-    if (tags[i].time < tags[i - 1].time) return false;
-  }
-  return true;
-}
+using CfdTest = QuietTaggerTest;
 
-class CfdTest : public ::testing::Test {
- protected:
-  CfdTest() { tagger.setIdleSpan(0); }
-  TestZeptick tagger{"TEST-1", 2};
-};
-
-TEST_F(CfdTest, RejectsBadArgumentsAndNumbersVirtualChannelsPerPair) {
-  auto expectMessage = [&](std::vector<int> channels, int64_t window, const std::string& message) {
-    try {
-      CFD cfd(&tagger, channels, window);
-      ADD_FAILURE() << "no exception";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_EQ(e.what(), message);
-    }
-  };
-  expectMessage({1}, 0, "search_window must be at least 1 ps");
-  expectMessage({1, 42}, 100, "Channel number 42 has no inverted edge required for the CFD");
-  expectMessage({CHANNEL_UNUSED}, 100,
-                "Channel number -134217728 has no inverted edge required for the CFD");
-  EXPECT_EQ(tagger.registrations(1), 0);
-
+TEST_F(CfdTest, NumbersOneVirtualChannelPerPair) {
   CFD cfd(&tagger, {2, 3, 2}, 100);
-  const std::vector<int> virtuals = cfd.getChannels();
-  ASSERT_EQ(virtuals.size(), 3u);
-  EXPECT_NE(virtuals[0], virtuals[1]);
-  EXPECT_EQ(virtuals[0], virtuals[2]);
+  EXPECT_EQ(cfd.getChannels(), (std::vector<int>{1000, 1001, 1000}));
   for (int channel : {2, -2, 3, -3}) EXPECT_EQ(tagger.registrations(channel), 1) << channel;
 }
 
@@ -127,20 +93,20 @@ TEST_F(CfdTest, MidpointOfAPulseStandsBetweenItsDelayedEdges) {
   const int v = cfd.getChannels()[0];
   // Edges at 1000 and 1200: midpoint 1100 plus the 500 ps delay of the stream.
   std::vector<Tag> out = cfd.feed({timeTag(1, 1000), timeTag(-1, 1200), timeTag(5, 1300)}, 0, 3000);
-  EXPECT_TRUE(testing::sameTags(
-      out, {timeTag(1, 1500), timeTag(v, 1600), timeTag(-1, 1700), timeTag(5, 1800)}));
+  EXPECT_TRUE(
+      sameTags(out, {timeTag(1, 1500), timeTag(v, 1600), timeTag(-1, 1700), timeTag(5, 1800)}));
   // Width 999 passes (midpoint 2999 + 500 - 499), 1000 is dropped; the strict flush keeps 3500 and
   // later back.
   out = cfd.feed({timeTag(1, 2000), timeTag(-1, 2999), timeTag(1, 3000), timeTag(-1, 4000)}, 3000,
                  3501);
-  EXPECT_TRUE(testing::sameTags(
-      out, {timeTag(1, 2500), timeTag(v, 3000), timeTag(-1, 3499), timeTag(1, 3500)}));
+  EXPECT_TRUE(
+      sameTags(out, {timeTag(1, 2500), timeTag(v, 3000), timeTag(-1, 3499), timeTag(1, 3500)}));
   // An overflow drops what is held back and the open pulse: nothing spans it.
   out = cfd.feed({timeTag(1, 4100), marker(Tag::Type::OverflowBegin, 4200),
                   marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4400)},
                  3501, 6000);
-  EXPECT_TRUE(testing::sameTags(out, {marker(Tag::Type::OverflowBegin, 4200),
-                                      marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4900)}));
+  EXPECT_TRUE(sameTags(out, {marker(Tag::Type::OverflowBegin, 4200),
+                             marker(Tag::Type::OverflowEnd, 4300), timeTag(-1, 4900)}));
 }
 
 TEST_F(CfdTest, BothEdgesListedPairBothWays) {
@@ -151,8 +117,7 @@ TEST_F(CfdTest, BothEdgesListedPairBothWays) {
   std::vector<Tag> out = cfd.feed({timeTag(1, 1000), timeTag(-1, 1100), timeTag(1, 1300)}, 0, 5000);
   std::vector<Tag> expected = {timeTag(1, 1200), timeTag(v[0], 1250), timeTag(-1, 1300),
                                timeTag(v[1], 1400), timeTag(1, 1500)};
-  EXPECT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(out),
-                                testing::sortedWithinEqualTimes(expected)));
+  EXPECT_TRUE(sameTags(sortedWithinEqualTimes(out), sortedWithinEqualTimes(expected)));
 }
 
 std::map<int, int> closingToLeading(const std::vector<int>& channels) {
@@ -172,20 +137,14 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
   std::mt19937_64 rng(99);
   const std::vector<int> channels = {1, 2, 1};
   for (int trial = 0; trial < 30; ++trial) {
-    testing::StreamShape shape;
+    StreamShape shape;
     shape.channels = {1, -1, 2, -2, 3};
     shape.tags = 400;
     shape.mean_gap = 300;
-    shape.error_percent = 1;
-    shape.overflow_percent = 1;
-    shape.missed_outside_percent = 1;
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 1;
+    const TagStream stream = makeRandomStream(rng, shape);
     const int64_t window = std::vector<int64_t>{1, 2, 301, 900, 5000}[trial % 5];
-    std::vector<int64_t> cuts;
-    std::uniform_int_distribution<int64_t> anywhere(stream.begin_time, stream.end_time);
-    for (int i = trial % 7; i < 40; ++i) cuts.push_back(anywhere(rng));
-    std::sort(cuts.begin(), cuts.end());
-    const std::vector<Block> blocks = testing::cutStream(stream, cuts);
+    const std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, 40));
 
     Direct<CFD> cfd(&tagger, channels, window);
     std::vector<Tag> actual;
@@ -199,65 +158,14 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
       actual.insert(actual.end(), out.begin(), out.end());
       ends.push_back(block.end_time);
     }
-    ASSERT_TRUE(timeOrdered(actual)) << "trial " << trial;
+    ASSERT_TRUE(std::is_sorted(actual.begin(), actual.end(),
+                               [](const Tag& a, const Tag& b) { return a.time < b.time; }))
+        << "trial " << trial;
     const std::vector<Tag> expected =
         reference(stream.tags, ends, closingToLeading(channels), virtualsOf(cfd, channels), window);
-    ASSERT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(actual), expected))
+    ASSERT_TRUE(sameTags(sortedWithinEqualTimes(actual), expected))
         << "trial " << trial << ", window " << window;
   }
-}
-
-TEST(CfdHarness, KeepsOrderAndPassesTheDelayedStreamThroughTheRunner) {
-  std::mt19937_64 rng(5);
-  const std::vector<int> channels = {1, 2};
-  for (int64_t window : {1, 777, 20000}) {
-    SCOPED_TRACE("window " + std::to_string(window));
-    const int64_t half = window / 2;
-    // Time tags only: then the output may not depend on the cuts at all.
-    const TagStream stream = testing::makeTimeTagStream(rng, {1, -1, 2, -2, 7}, 1500, 400);
-    std::map<int, int> virtuals;
-    testing::VirtualChannelRules rules;
-    rules.shift = [half](const Tag&) { return half; };
-    rules.order_free_among_equal_times = true;
-    rules.tail = half + 1;
-    const auto out = testing::checkVirtualChannel(
-        stream,
-        [&](TestZeptick* tagger) {
-          auto cfd = std::make_unique<CFD>(tagger, channels, window);
-          virtuals = virtualsOf(*cfd, channels);
-          return cfd;
-        },
-        rules);
-    std::vector<Tag> expected;
-    for (const Tag& tag :
-         reference(stream.tags, {out.end_time}, closingToLeading(channels), virtuals, window)) {
-      if (tag.channel >= testing::kFirstVirtualChannel) expected.push_back(tag);
-    }
-    EXPECT_TRUE(testing::sameTags(testing::sortedWithinEqualTimes(out.inserted), expected));
-    if (window > 1) {
-      EXPECT_FALSE(expected.empty());
-    }
-  }
-  // With every tag type the drops depend on where blocks end; as one block
-  // (plus the tail) the whole chain must still give the rules' answer.
-  const TagStream stream = testing::makeRandomStream(rng, {{1, -1, 2, -2}, 1500, 300});
-  // Virtual numbers do not matter for the passing tags.
-  const std::map<int, int> virtuals = {{-1, 1000}, {-2, 1001}};
-  testing::VirtualChannelRules rules;
-  rules.cuttings = 1;
-  rules.order_free_among_equal_times = true;
-  rules.tail = 1000;
-  rules.passed = [&](const std::vector<Tag>& input) {
-    std::vector<Tag> passed;
-    for (const Tag& tag : reference(input, {stream.end_time, stream.end_time + rules.tail},
-                                    closingToLeading(channels), virtuals, 2000)) {
-      if (tag.channel < testing::kFirstVirtualChannel) passed.push_back(tag);
-    }
-    return passed;
-  };
-  testing::checkVirtualChannel(
-      stream, [&](TestZeptick* tagger) { return std::make_unique<CFD>(tagger, channels, 2000); },
-      rules);
 }
 
 }  // namespace

@@ -28,15 +28,11 @@ struct Selection {
 TEST(FastBinningTest, SelectsTheCheapestExactMode) {
   const Selection table[] = {
       {1000, 999, FastBinning::ModeZero, 0},
-      {1000, 2000, FastBinning::ModeMul32, 4294968},
       {1, 1000, FastBinning::ModeIdentity, 0},
       {1024, 1048576, FastBinning::ModeShift, 10},
       {3, 3000, FastBinning::ModeMul32, 1431655766},
-      {1000, 1000000, FastBinning::ModeMul32, 4294968},
       {1000, 1000000000, FastBinning::ModeMulHigh64, 18446744073709552},
-      {1000000, 1000000000000, FastBinning::ModeMulHigh64, 18446744073710},
       {1000000007, 1000000007000000000, FastBinning::ModeDiv64, 0},
-      {3000000019, 4000000000, FastBinning::ModeMulHigh64, 6148914653},
       // Limits worked out by hand: for 1000 the 32-bit reciprocal is exact
       // below floor(2^32 / 704) = 6100805 and the 64-bit one below
       // floor(M / 384); for 3 the 32-bit one below 2^31. A max_duration equal
@@ -50,7 +46,6 @@ TEST(FastBinningTest, SelectsTheCheapestExactMode) {
       // The empty range wins over everything, even a divisor of 1.
       {1, 0, FastBinning::ModeZero, 0},
       {uint64_t{1} << 63, kMax, FastBinning::ModeShift, 63},
-      {uint64_t{1} << 40, (uint64_t{1} << 40) - 1, FastBinning::ModeZero, 0},
       {2, 2, FastBinning::ModeShift, 1},
   };
   for (const Selection& s : table) {
@@ -92,32 +87,16 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
   };
 
   std::vector<std::pair<uint64_t, uint64_t>> pairs;
-  const uint64_t fixed_divisors[] = {1,
-                                     2,
-                                     3,
-                                     5,
-                                     7,
-                                     10,
-                                     1000,
-                                     1000000007,
-                                     3000000019,
-                                     (uint64_t{1} << 32) - 1,
-                                     (uint64_t{1} << 32) + 1,
-                                     uint64_t{1} << 32,
-                                     kMax,
-                                     kMax - 1,
-                                     uint64_t{1} << 63};
-  std::vector<uint64_t> divisors(std::begin(fixed_divisors), std::end(fixed_divisors));
+  constexpr uint64_t kTwo32 = uint64_t{1} << 32;
+  // Powers of two, including 2^32 and 2^63, come from the loop below.
+  std::vector<uint64_t> divisors = {3,          5,          7,          10,   1000,    1000000007,
+                                    3000000019, kTwo32 - 1, kTwo32 + 1, kMax, kMax - 1};
   for (int i = 0; i < 400; ++i) divisors.push_back(logUniform());
   for (int k = 0; k < 64; ++k) divisors.push_back(uint64_t{1} << k);
 
   for (uint64_t d : divisors) {
-    const uint64_t around[] = {0,           1,
-                               d - 1,       d,
-                               d + 1,       kMax,
-                               kMax - 1,    uint64_t{1} << 32,
-                               0xFFFFFFFFu, logUniform(),
-                               logUniform()};
+    const uint64_t around[] = {0,      1,          d - 1,        d,           d + 1, kMax, kMax - 1,
+                               kTwo32, kTwo32 - 1, logUniform(), logUniform()};
     for (uint64_t m : around) pairs.emplace_back(d, m);
     for (uint64_t limit : limitsOf(d)) {
       for (uint64_t m : {limit - 1, limit, limit + 1}) pairs.emplace_back(d, m);

@@ -8,21 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "support/virtual_channel_direct.h"
 #include "support/virtual_channel_harness.h"
 
 namespace zeptick {
 namespace {
 
-using testing::checkVirtualChannel;
-using testing::Direct;
-using testing::kFirstVirtualChannel;
-using testing::marker;
-using testing::sameTags;
-using testing::TagStream;
-using testing::TestZeptick;
-using testing::timeTag;
-using testing::VirtualChannelRules;
+using namespace testing;
 
 // The output of one block from the rules, with the whole period's schedule
 // worked out at once: each input tag after the first copies itself and
@@ -84,22 +75,12 @@ TEST(FrequencyMultiplierTest, ExtrapolatesTheLastPeriodAndPlacesEachStepFromTheT
        timeTag(3, 2450), timeTag(vc, 2450)}));
 }
 
-TEST(FrequencyMultiplierTest, MultiplierBelowTwoCopiesAllButTheFirst) {
-  TestZeptick tagger("TEST-1", 2);
-  tagger.setIdleSpan(0);
-  for (int factor : {1, 0, -5}) {
-    Direct<FrequencyMultiplier> copier(&tagger, 1, factor);
-    EXPECT_EQ(copier.getMultiplier(), 1);
-    const int vc = copier.getChannel();
-    EXPECT_TRUE(sameTags(
-        copier.feed({timeTag(1, 10), timeTag(1, 20), timeTag(1, 25)}, 1, 100),
-        {timeTag(1, 10), timeTag(1, 20), timeTag(vc, 20), timeTag(1, 25), timeTag(vc, 25)}));
-  }
-}
-
 TEST(FrequencyMultiplierTest, TimeZeroNonTimeTagsAndRestarts) {
   TestZeptick tagger("TEST-1", 2);
   tagger.setIdleSpan(0);
+  // Multipliers below 2 only copy.
+  for (int factor : {1, 0, -5})
+    EXPECT_EQ(Direct<FrequencyMultiplier>(&tagger, 1, factor).getMultiplier(), 1);
   Direct<FrequencyMultiplier> fm(&tagger, 1, 2);
   const int vc = fm.getChannel();
   // A tag at 0 is no tag, so 1000 gives no copy yet.

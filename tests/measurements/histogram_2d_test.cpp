@@ -4,42 +4,23 @@
 
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <vector>
 
-#include "support/histogram_shapes.h"
-#include "support/test_tagger.h"
+#include "support/measurement_streams.h"
 
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
-using DirectHistogram2D = testing::DirectFeed<Histogram2D>;
+using namespace testing;
+using DirectHistogram2D = testing::Direct<Histogram2D>;
 
-testing::Table<int32_t> grid(Histogram2D& h) { return testing::readTable<int32_t>(h); }
-
-using Histogram2DTest = testing::QuietTaggerTest;
-
-TEST_F(Histogram2DTest, ShapeAndCellEdges) {
-  DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
-  const testing::Table<int32_t> g = grid(h);
-  EXPECT_EQ(g.rows, 3u);
-  EXPECT_EQ(g.columns, 2u);
-  EXPECT_EQ(g.cells, std::vector<int32_t>(6, 0));
-
-  std::vector<int64_t> pairs;
-  size_t asked[3] = {};
-  h.getIndex([&](size_t a, size_t b, size_t c) {
-    asked[0] = a, asked[1] = b, asked[2] = c;
-    pairs.assign(a * b * c, -1);
-    return pairs.data();
-  });
-  EXPECT_EQ((std::vector<size_t>{asked[0], asked[1], asked[2]}), (std::vector<size_t>{3, 2, 2}));
-  EXPECT_EQ(pairs, (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
+std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
+  return testing::collect(h, &Histogram2D::getData, sizes);
 }
+
+using Histogram2DTest = QuietTaggerTest;
 
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
 TEST_F(Histogram2DTest, OneOpenEventAtATime) {
@@ -52,30 +33,38 @@ TEST_F(Histogram2DTest, OneOpenEventAtATime) {
           timeTag(1, 300), timeTag(3, 310), timeTag(2, 330),  // row 3 is out: closes the event
           timeTag(3, 335),                                    // so this completes nothing
           timeTag(1, 400), timeTag(2, 401), timeTag(1, 410),  // a new start replaces the open one
-          timeTag(3, 412), timeTag(2, 415)});                 // cell (0, 0): 5 and 2
-  EXPECT_EQ(grid(h).cells, (std::vector<int32_t>{1, 1, 0, 0, 1, 0}));
+          timeTag(3, 412), timeTag(2, 415)},                  // cell (0, 0): 5 and 2
+         0, 420);
+  std::vector<size_t> sizes;
+  EXPECT_EQ(grid(h, &sizes), (std::vector<int32_t>{1, 1, 0, 0, 1, 0}));
+  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2}));
+  std::vector<size_t> index_sizes;
+  EXPECT_EQ(testing::collect(h, &Histogram2D::getIndex, &index_sizes),
+            (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
+  EXPECT_EQ(index_sizes, (std::vector<size_t>{3, 2, 2}));
 
   // An overflow or error abandons the open event; clear() does too.
   h.feed({timeTag(1, 500), timeTag(2, 501), marker(Tag::Type::OverflowBegin, 502),
           marker(Tag::Type::OverflowEnd, 503), timeTag(3, 504), timeTag(1, 600), timeTag(2, 601),
-          marker(Tag::Type::Error, 602), timeTag(3, 603), timeTag(1, 700), timeTag(3, 710)});
-  EXPECT_EQ(grid(h).cells, (std::vector<int32_t>{1, 1, 0, 0, 1, 0}));
-  h.clear();  // the event opened at 700 would complete at 711
-  h.feed({timeTag(2, 711)});
-  EXPECT_EQ(grid(h).cells, std::vector<int32_t>(6, 0));
+          marker(Tag::Type::Error, 602), timeTag(3, 603), timeTag(1, 700), timeTag(3, 710)},
+         720);
+  EXPECT_EQ(grid(h), (std::vector<int32_t>{1, 1, 0, 0, 1, 0}));
+  h.clear();  // the event opened at 700 would complete at 721
+  h.feed({timeTag(2, 721)}, 730);
+  EXPECT_EQ(grid(h), std::vector<int32_t>(6, 0));
 }
 
 TEST_F(Histogram2DTest, TagOnEveryChannelIsItsOwnEventAndBadWidthsCountNothing) {
   DirectHistogram2D h(&tagger, 1, 1, 1, 10, 10, 2, 2);
-  h.feed({timeTag(1, 100), timeTag(1, 101), timeTag(2, 102)});
-  EXPECT_EQ(grid(h).cells, (std::vector<int32_t>{2, 0, 0, 0}));
+  h.feed({timeTag(1, 100), timeTag(1, 101), timeTag(2, 102)}, 0, 110);
+  EXPECT_EQ(grid(h), (std::vector<int32_t>{2, 0, 0, 0}));
 
   DirectHistogram2D no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
-  no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)});
-  EXPECT_EQ(grid(no_width).cells, (std::vector<int32_t>{0, 0, 0, 0}));
+  no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_EQ(grid(no_width), (std::vector<int32_t>{0, 0, 0, 0}));
   DirectHistogram2D no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
-  no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)});
-  EXPECT_EQ(grid(no_rows).rows, 0u);
+  no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_TRUE(grid(no_rows).empty());
 }
 
 // Every start, scanned forward on its own: its event completes at the first
@@ -120,27 +109,25 @@ TEST(Histogram2DStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
       {1, 1, 2, 3, 50, 4, 6},     // start is stop 1: first axis always 0, small grid
       {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
   };
-  for (uint64_t seed = 1; seed <= 12; ++seed) {
+  for (uint64_t seed = 1; seed <= 8; ++seed) {
     const Setup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     testing::StreamShape shape;
     shape.channels = {1, 2, 3, -1, 4};
-    shape.max_gap = 40;
-    shape.n_tags = 4000;
-    int64_t end = 0;
-    const std::vector<Tag> line = testing::makeTagLine(rng, shape, 500, &end);
-    for (size_t n_cuts : {size_t{0}, size_t{30}, size_t{900}}) {
+    shape.mean_gap = 20;
+    shape.tags = 4000;
+    shape.error_percent = shape.overflow_percent = 0.5;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    for (size_t most_cuts : {0, 30, 900}) {
       auto h = std::make_unique<Histogram2D>(&tagger, s.start, s.stop_1, s.stop_2, s.width_1,
                                              s.width_2, s.rows, s.columns);
-      const std::vector<Block> seen =
-          testing::pushAndWait(tagger, testing::cutIntoBlocks(rng, line, 500, end, n_cuts));
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
       const std::vector<int32_t> expected =
           bruteForce(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
-      int64_t total = 0;
-      for (int32_t c : expected) total += c;
-      ASSERT_GT(total, 20);  // the stream must exercise the grid
-      EXPECT_EQ(grid(*h).cells, expected) << n_cuts << " cuts";
+      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 20);
+      EXPECT_EQ(grid(*h), expected) << most_cuts << " cuts";
     }
   }
 }

@@ -9,42 +9,25 @@
 #include <random>
 #include <vector>
 
-#include "support/histogram_shapes.h"
-#include "support/test_tagger.h"
+#include "support/measurement_streams.h"
 
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
-using DirectLogBins = testing::DirectFeed<HistogramLogBins>;
-
-template <typename T, typename Getter>
-std::vector<T> read(Getter getter) {
-  std::vector<T> out;
-  getter([&out](size_t n) {
-    out.assign(n, T{});
-    return out.data();
-  });
-  return out;
-}
+using namespace testing;
+using DirectLogBins = testing::Direct<HistogramLogBins>;
 
 std::vector<uint64_t> counts(HistogramLogBins& h) {
-  return read<uint64_t>([&h](auto f) { h.getData(f); });
+  return testing::collect(h, &HistogramLogBins::getData);
 }
 std::vector<int64_t> edges(HistogramLogBins& h) {
-  return read<int64_t>([&h](auto f) { h.getBinEdges(f); });
-}
-std::vector<double> perPs(HistogramLogBins& h) {
-  return read<double>([&h](auto f) { h.getDataNormalizedCountsPerPs(f); });
+  return testing::collect(h, &HistogramLogBins::getBinEdges);
 }
 std::vector<double> g2(HistogramLogBins& h) {
-  return read<double>([&h](auto f) { h.getDataNormalizedG2(f); });
+  return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
 }
 
-using HistogramLogBinsTest = testing::QuietTaggerTest;
+using HistogramLogBinsTest = QuietTaggerTest;
 
 TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
   DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
@@ -67,27 +50,28 @@ TEST_F(HistogramLogBinsTest, SettlesForOneRangeAfterResetsAndNormalises) {
   DirectLogBins h(&tagger, 1, 2, -12, -9, 3);
   // reset at 1; the click at 600 is within the first range and is ignored;
   // the start at 1200 ends settling, and counting time begins at 1 + 1000.
-  h.feed(1, 5000, {timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)});
+  h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 5000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 0}));  // 1250 - 1200 = 50
   EXPECT_EQ(g2(h), (std::vector<double>{0.0, 3999.0 / 90, 0.0}));
-  EXPECT_EQ(perPs(h), (std::vector<double>{0.0, 1.0 / 90, 0.0}));
+  EXPECT_EQ(testing::collect(h, &HistogramLogBins::getDataNormalizedCountsPerPs),
+            (std::vector<double>{0.0, 1.0 / 90, 0.0}));
 
   // The overflow closes counting time at 6000 and forgets 100 and 1200; after
   // its end at 6500 another whole range must pass. 7700 - 7600 = 100 lands in
   // bin 2, exactly on its lower edge; 8600 - 7600 = 1000 is past the last edge.
-  h.feed(5000, 10000,
-         {marker(Tag::Type::OverflowBegin, 6000), timeTag(1, 6200),
+  h.feed({marker(Tag::Type::OverflowBegin, 6000), timeTag(1, 6200),
           marker(Tag::Type::OverflowEnd, 6500), timeTag(2, 6600), timeTag(1, 7000),
-          timeTag(2, 7600), timeTag(1, 7700), timeTag(1, 8600)});
+          timeTag(2, 7600), timeTag(1, 7700), timeTag(1, 8600)},
+         10000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 1}));
   const double scale = (3999.0 + 1000 + 2500) / (3.0 * 2.0);  // capture / (clicks x starts)
   EXPECT_EQ(g2(h), (std::vector<double>{0.0, 1 * scale / 90, 1 * scale / 900}));
 
   // An error drops the open counting time; settling then ends at a tag,
   // backdated to one range after the error.
-  h.feed(10000, 20000,
-         {timeTag(2, 11000), marker(Tag::Type::Error, 12000), timeTag(2, 12600), timeTag(2, 13500),
-          timeTag(1, 13509)});
+  h.feed({timeTag(2, 11000), marker(Tag::Type::Error, 12000), timeTag(2, 12600), timeTag(2, 13500),
+          timeTag(1, 13509)},
+         20000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{1, 1, 2}));  // 13509 - 13500 = 9, - 12600 = 909
   const double later = (3999.0 + 1000 + 2500 + 20000 - 13000) / (4.0 * 4.0);
   const std::vector<double> after_error = g2(h);
@@ -98,9 +82,9 @@ TEST_F(HistogramLogBinsTest, SettlesForOneRangeAfterResetsAndNormalises) {
   h.clear();
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 0}));
   EXPECT_TRUE(std::isnan(g2(h)[0]));
-  h.feed(20000, 30000,
-         {timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
-          timeTag(1, 21600)});
+  h.feed({timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
+          timeTag(1, 21600)},
+         30000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 2}));
   EXPECT_EQ(g2(h)[2], 2 * ((30000.0 - 21000) / (2 * 1)) / 900);
 }
@@ -115,13 +99,18 @@ TEST_F(HistogramLogBinsTest, DenseBurstGrowsRingAndCountsEveryPair) {
   const int64_t base = 10 * range;
   const int64_t n_starts = 100000;
   std::vector<Tag> tags{timeTag(2, range + 2)};  // ends settling
+  // Starts that a click at base - 1 leaves behind: the ring then grows with
+  // its oldest live start away from slot 0, and the click at base + 10 reads
+  // starts that moved to the new half of the ring.
+  for (int64_t k = 0; k < 5; ++k) tags.push_back(timeTag(2, range + 10 + k));
+  tags.push_back(timeTag(1, base - 1));
   for (int64_t k = 0; k < n_starts; ++k) tags.push_back(timeTag(2, base + k / 3));
-  // The first click lands amid the burst, the second on the last start's time.
-  const std::vector<int64_t> clicks = {base + 5000, base + n_starts / 3, base + 400000};
+  // Clicks amid the burst, on the last start's time, and after the burst.
+  const std::vector<int64_t> clicks = {base + 10, base + 5000, base + n_starts / 3, base + 400000};
   for (int64_t t : clicks) tags.push_back(timeTag(1, t));
   std::stable_sort(tags.begin(), tags.end(),
                    [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  h.feed(1, base + 2 * range, tags);
+  h.feed(tags, 1, base + 2 * range);
 
   std::vector<uint64_t> expected(12, 0);
   for (int64_t t : clicks) {
@@ -225,28 +214,26 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
       {-1, 1, -12, -8.5, 40, 20, 1, {1, 1, 1, 1, 1, 1, 1, 1, 1, 2, -1}},
       {-1, 1, -12, -10, 8, 20, 2, std::vector<int>(40, 1)},
   };
-  for (uint64_t seed = 1; seed <= 15; ++seed) {
+  for (uint64_t seed = 1; seed <= 10; ++seed) {
     const LogSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     testing::StreamShape shape;
     shape.channels = s.channels;
     if (s.click != s.start) shape.channels.push_back(s.click);
-    shape.max_gap = s.max_gap;
-    shape.n_tags = 5000;
-    shape.error_permille = s.special_permille;
-    shape.overflow_permille = s.special_permille;
-    int64_t end = 0;
-    const std::vector<Tag> line = testing::makeTagLine(rng, shape, 1000, &end);
+    shape.mean_gap = s.max_gap / 2;
+    shape.tags = 5000;
+    shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
 
     std::vector<std::vector<uint64_t>> results;
-    for (size_t n_cuts : {size_t{3}, size_t{40}, size_t{700}}) {
+    for (size_t most_cuts : {3, 40, 700}) {
       auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
                                                   s.exp_stop, s.n_bins);
-      const std::vector<Block> seen =
-          testing::pushAndWait(tagger, testing::cutIntoBlocks(rng, line, 1000, end, n_cuts));
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
       const LogReference ref = bruteForce(edges(*h), s.click, s.start, seen);
-      ASSERT_EQ(counts(*h), ref.counts) << n_cuts << " cuts";
+      ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
       const std::vector<int64_t> e = edges(*h);
       const std::vector<double> got = g2(*h);

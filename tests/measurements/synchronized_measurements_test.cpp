@@ -11,15 +11,14 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
 
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::RecordingMeasurement;
-using testing::TestZeptick;
+using namespace testing;
 
 // Keeps a few dozen random blocks queued until destroyed, so that several
 // workers are always in flight while the test acts on the group.
@@ -53,16 +52,8 @@ bool sameBlocks(const std::vector<Block>& a, const std::vector<Block>& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
     if (a[i].begin_time != b[i].begin_time || a[i].end_time != b[i].end_time ||
-        a[i].tags.size() != b[i].tags.size()) {
+        !testing::sameTags(a[i].tags, b[i].tags)) {
       return false;
-    }
-    for (size_t k = 0; k < a[i].tags.size(); ++k) {
-      const Tag& x = a[i].tags[k];
-      const Tag& y = b[i].tags[k];
-      if (x.type != y.type || x.channel != y.channel || x.time != y.time ||
-          x.missed_events != y.missed_events) {
-        return false;
-      }
     }
   }
   return true;

@@ -4,63 +4,29 @@
 
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/histogram_shapes.h"
-#include "support/test_tagger.h"
+#include "support/measurement_streams.h"
 
 namespace zeptick {
 namespace {
 
-using testing::Block;
-using testing::marker;
-using testing::TestZeptick;
-using testing::timeTag;
-using DirectND = testing::DirectFeed<TimeDifferencesND>;
+using namespace testing;
 
-testing::Table<int32_t> histograms(TimeDifferencesND& h) { return testing::readTable<int32_t>(h); }
-
-class TimeDifferencesNDTest : public testing::QuietTaggerTest {
- protected:
-  std::string failure(std::vector<int> next, std::vector<int> sync, std::vector<int> n_hist,
-                      int64_t binwidth, uint64_t n_bins) {
-    try {
-      TimeDifferencesND h(&tagger, 1, 2, next, sync, n_hist, binwidth, n_bins);
-    } catch (const std::invalid_argument& e) {
-      return e.what();
-    }
-    return "";
-  }
-};
-
-TEST_F(TimeDifferencesNDTest, RejectsBadArgumentsInOrderAndSizesTheData) {
-  EXPECT_EQ(failure({3, 4}, {5}, {2, 2}, 0, 0), "dimension mismatch of input arguments");
-  EXPECT_EQ(failure({3, 4}, {}, {2}, 10, 4), "dimension mismatch of input arguments");
-  EXPECT_EQ(failure({3}, {}, {0}, 0, 0), "binwidth must be at least 1 ps");
-  EXPECT_EQ(failure({3}, {}, {0}, 1, 0), "n_bins must be at least 1");
-  EXPECT_EQ(failure({3, 4}, {}, {2, 0}, 1, 1), "all elements of n_histograms must be at least 1");
-  EXPECT_EQ(tagger.registrations(1), 0);  // a failed constructor leaves nothing registered
-
-  DirectND h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 25, 4);
-  const testing::Table<int32_t> shape = histograms(h);
-  EXPECT_EQ(shape.rows, 6u);
-  EXPECT_EQ(shape.columns, 4u);
-
-  // No dimension: one histogram, and nothing ever counts.
-  DirectND flat(&tagger, 1, 1, {}, {}, {}, 10, 3);
-  flat.feed({timeTag(1, 100), timeTag(1, 105)});
-  const testing::Table<int32_t> none = histograms(flat);
-  EXPECT_EQ(none.rows, 1u);
-  EXPECT_EQ(none.cells, std::vector<int32_t>(3, 0));
+std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
+  return testing::collect(h, &TimeDifferencesND::getData, sizes);
 }
+
+using TimeDifferencesNDTest = QuietTaggerTest;
 
 // Two wrapping dimensions of 2 and 3 histograms, 4 bins of 10 ps: a start
 // takes the tuple current at its arrival, the first dimension varying fastest.
 TEST_F(TimeDifferencesNDTest, StartsTakeTheTupleAtArrivalAndOutliveAnOverflow) {
-  DirectND h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  testing::Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
   h.feed({timeTag(3, 100), timeTag(2, 101),  // dimension 1 not stepped yet: dropped
           timeTag(4, 102), timeTag(2, 110),  // (0, 0)
           timeTag(1, 125),                   // 15 ps: histogram 0, bin 1
@@ -68,37 +34,33 @@ TEST_F(TimeDifferencesNDTest, StartsTakeTheTupleAtArrivalAndOutliveAnOverflow) {
           timeTag(4, 132),                   // (1, 1)
           timeTag(1, 150),                   // 110 is 40 ps old, out; 131: histogram 1, bin 1
           timeTag(3, 160), timeTag(2, 160),  // dimension 0 wraps: (0, 1) is histogram 2
-          timeTag(1, 160)});                 // 131: histogram 1, bin 2; 160: histogram 2, bin 0
+          timeTag(1, 160)},                  // 131: histogram 1, bin 2; 160: histogram 2, bin 0
+         0, 165);
   std::vector<int32_t> expected(24, 0);
   expected[1] = expected[5] = expected[6] = expected[8] = 1;
-  EXPECT_EQ(histograms(h).cells, expected);
+  std::vector<size_t> sizes;
+  EXPECT_EQ(histograms(h, &sizes), expected);
+  EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
 
   // The overflow restarts both sequences, but the start at 160 stays open.
   h.feed({marker(Tag::Type::OverflowBegin, 170), marker(Tag::Type::OverflowEnd, 175),
-          timeTag(1, 190), timeTag(2, 191), timeTag(3, 192), timeTag(1, 195)});
+          timeTag(1, 190), timeTag(2, 191), timeTag(3, 192), timeTag(1, 195)},
+         196);
   expected[11] = 2;
-  EXPECT_EQ(histograms(h).cells, expected);
+  EXPECT_EQ(histograms(h), expected);
 
   h.clear();  // forgets counts and open starts, not the sequences
-  h.feed({timeTag(4, 200), timeTag(2, 201), timeTag(1, 202)});
+  h.feed({timeTag(4, 200), timeTag(2, 201), timeTag(1, 202)}, 203);
   expected.assign(24, 0);
   expected[0] = 1;  // dimension 0 is still 0 from 192, dimension 1 steps to 0: histogram 0
-  EXPECT_EQ(histograms(h).cells, expected);
-}
+  EXPECT_EQ(histograms(h), expected);
 
-// One dimension with a sync channel: it stops past its end until the sync
-// and then its next tag. Start and click share a channel, so each start meets
-// itself in bin 0.
-TEST_F(TimeDifferencesNDTest, SyncedDimensionWaitsPastItsEnd) {
-  DirectND h(&tagger, 1, 1, {3}, {4}, {2}, 10, 2);
-  h.feed({timeTag(1, 100),                     // no step yet
-          timeTag(3, 101), timeTag(1, 102),    // index 0: 102 meets itself
-          timeTag(3, 103), timeTag(1, 104),    // index 1: 2 ps to 102, 0 to itself
-          timeTag(3, 105), timeTag(1, 106),    // past the end: no start; 4 and 2 ps
-          timeTag(3, 107), timeTag(4, 108),    // ignored while waiting; sync
-          timeTag(1, 109),                     // not stepped since the sync: 7 and 5 ps
-          timeTag(3, 110), timeTag(1, 111)});  // index 0 again: 9, 7 and 0 ps
-  EXPECT_EQ(histograms(h).cells, (std::vector<int32_t>{6, 0, 4, 0}));
+  // No dimension: one histogram, and nothing ever counts.
+  testing::Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
+                                          std::vector<int>{}, 10, 3);
+  flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
+  EXPECT_EQ(histograms(flat, &sizes), std::vector<int32_t>(3, 0));
+  EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
 }
 
 struct NDSetup {
@@ -166,26 +128,24 @@ TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
       {2, 2, {3, 5}, {}, {4, 2}, 13, 11},                            // start is click
       {1, 2, {1}, {3}, {5}, 1000, 1000000},                          // the click steps; long range
   };
-  for (uint64_t seed = 1; seed <= 15; ++seed) {
+  for (uint64_t seed = 1; seed <= 10; ++seed) {
     const NDSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     testing::StreamShape shape;
     shape.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2};
-    shape.max_gap = 30;
-    shape.n_tags = 3000;
-    int64_t end = 0;
-    const std::vector<Tag> line = testing::makeTagLine(rng, shape, 0, &end);
-    for (size_t n_cuts : {size_t{0}, size_t{25}, size_t{600}}) {
+    shape.mean_gap = 15;
+    shape.tags = 3000;
+    shape.error_percent = shape.overflow_percent = 0.5;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    for (size_t most_cuts : {0, 25, 600}) {
       auto h = std::make_unique<TimeDifferencesND>(&tagger, s.click, s.start, s.next, s.sync,
                                                    s.n_histograms, s.binwidth, s.n_bins);
-      const std::vector<Block> seen =
-          testing::pushAndWait(tagger, testing::cutIntoBlocks(rng, line, 0, end, n_cuts));
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
       const std::vector<int32_t> expected = bruteForce(s, seen);
-      int64_t total = 0;
-      for (int32_t c : expected) total += c;
-      ASSERT_GT(total, 100);  // the stream must exercise the histograms
-      EXPECT_EQ(histograms(*h).cells, expected) << n_cuts << " cuts";
+      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 100);
+      EXPECT_EQ(histograms(*h), expected) << most_cuts << " cuts";
     }
   }
 }

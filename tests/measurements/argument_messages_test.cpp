@@ -1,0 +1,147 @@
+// Every message a measurement raises on bad constructor arguments, and the
+// exception type it comes in: callers match on both.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/measurement_streams.h"
+#include "zeptick/coincidence.h"
+#include "zeptick/coincidences.h"
+#include "zeptick/constant_fraction_discriminator.h"
+#include "zeptick/correlation.h"
+#include "zeptick/counter.h"
+#include "zeptick/delayed_channel.h"
+#include "zeptick/event_generator.h"
+#include "zeptick/flim.h"
+#include "zeptick/gated_channel.h"
+#include "zeptick/histogram.h"
+#include "zeptick/start_stop.h"
+#include "zeptick/time_differences.h"
+#include "zeptick/time_differences_nd.h"
+
+namespace zeptick {
+namespace {
+
+using testing::TestZeptick;
+using Stamp = CoincidenceTimestamp;
+
+std::string thrown(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::invalid_argument& e) {
+    return std::string("invalid_argument: ") + e.what();
+  } catch (const std::runtime_error& e) {
+    return std::string("runtime_error: ") + e.what();
+  }
+  return "no exception";
+}
+
+// 64 distinct channels over four groups, one repeated across them.
+std::vector<std::vector<int>> sixtyFourChannels() {
+  std::vector<std::vector<int>> groups;
+  for (int base = 0; base < 64; base += 16) {
+    std::vector<int> group{100};
+    for (int c = base; c < base + 16; ++c) group.push_back(100 + c);
+    groups.push_back(group);
+  }
+  return groups;
+}
+
+TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
+  testing::LogCapture quiet;  // channels 100 and up are unknown to the test tagger
+  TestZeptick tagger("TEST-1", 2);
+  tagger.setIdleSpan(0);
+  TestZeptick* t = &tagger;
+  auto too_many = sixtyFourChannels();
+  too_many.back().push_back(164);
+  const std::string binwidth = "invalid_argument: binwidth must be at least 1 ps";
+  const std::string n_bins = "invalid_argument: n_bins must be at least 1";
+  const std::string dimensions = "invalid_argument: dimension mismatch of input arguments";
+  const std::string divider = "runtime_error: negative or zero trigger dividers are not supported";
+  const std::string offset = "runtime_error: divider_offset must be smaller than trigger_divider";
+  const std::string stamp = "invalid_argument: invalid coincidence timestamp type";
+  const std::string empty_group = "invalid_argument: one of the groups is empty";
+  const struct {
+    std::function<void()> make;
+    std::string message;
+  } cases[] = {
+      {[&] { TimeDifferences(t, 1, 2, 3, 4, 0, 0, 0); }, binwidth},
+      {[&] { TimeDifferences(t, 1, 2, 3, 4, 1, 0, 0); }, n_bins},
+      {[&] { TimeDifferences(t, 1, 2, 3, 4, 1, 1, 0); },
+       "invalid_argument: n_histograms must be at least 1"},
+      {[&] { Histogram(t, 1, 2, 1, 0); }, n_bins},
+      {[&] { Flim(t, 1, 2, 3, -5, 1, 1); }, binwidth},
+      {[&] { Correlation(t, 1, 2, 0, 0); }, binwidth},
+      {[&] { Correlation(t, 1, 2, 1, 0); }, n_bins},
+      {[&] { StartStop(t, 1, 2, 0); }, binwidth},
+      {[&] {
+         TimeDifferencesND(t, 1, 2, {3, 4}, {5}, {2, 2}, 0, 0);
+       },
+       dimensions},
+      {[&] {
+         TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2}, 10, 4);
+       },
+       dimensions},
+      {[&] { TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 0, 0); }, binwidth},
+      {[&] { TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 1, 0); }, n_bins},
+      {[&] {
+         TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2, 0}, 1, 1);
+       },
+       "invalid_argument: all elements of n_histograms must be at least 1"},
+      {[&] { Counter(t, {1}, -3, 5); }, binwidth},
+      {[&] { Counter(t, {1}, 10, 0); }, "invalid_argument: n_values must be at least 1"},
+      {[&] {
+         Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(4));
+       },
+       stamp},
+      {[&] {
+         Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(-1));
+       },
+       stamp},
+      {[&] { Coincidences(t, {}, 100, Stamp::Last); },
+       "invalid_argument: coincidences groups are empty"},
+      {[&] {
+         Coincidences(t, {{1, 2}, {}}, 100, Stamp::Last);
+       },
+       empty_group},
+      {[&] { Coincidence(t, {}, 100, Stamp::Last); }, empty_group},
+      {[&] { Coincidences(t, sixtyFourChannels(), 100, Stamp::Last); }, "no exception"},
+      {[&] { Coincidences(t, too_many, 100, Stamp::Last); },
+       "invalid_argument: no more than 64 different channels can be used at once on a single "
+       "Coincidences measurement. Split the groups into multiple measurements"},
+      {[&] {
+         DelayedChannel(t, std::vector<int>{1, 2, 1}, 10);
+       },
+       "invalid_argument: redundant channels are not permitted"},
+      {[&] { ConstantFractionDiscriminator(t, {1}, 0); },
+       "invalid_argument: search_window must be at least 1 ps"},
+      {[&] {
+         ConstantFractionDiscriminator(t, {1, 42}, 100);
+       },
+       "invalid_argument: Channel number 42 has no inverted edge required for the CFD"},
+      {[&] { ConstantFractionDiscriminator(t, {CHANNEL_UNUSED}, 100); },
+       "invalid_argument: Channel number -134217728 has no inverted edge required for the CFD"},
+      {[&] { EventGenerator(t, 1, {0}, 0, 0, CHANNEL_UNUSED); }, divider},
+      {[&] { EventGenerator(t, 1, {0}, (uint64_t{1} << 63) + 1, 0, CHANNEL_UNUSED); }, divider},
+      {[&] { EventGenerator(t, 1, {0}, 3, 3, CHANNEL_UNUSED); }, offset},
+      {[&] { EventGenerator(t, 1, {0}, 1, 5, CHANNEL_UNUSED); }, offset},
+      {[&] { EventGenerator(t, 1, {0}, uint64_t{1} << 63, 7, 2); }, "no exception"},
+      {[&] { GatedChannel(t, 1, 2, 2); },
+       "runtime_error: Gate start and stop channel must not be the same."},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(thrown(c.make), c.message);
+    for (int channel : {1, 2, 3, 4, 5, -1, 100}) {
+      EXPECT_EQ(tagger.registrations(channel), 0) << c.message << ", channel " << channel;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zeptick
