@@ -3,24 +3,45 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstring>
 
 namespace zeptick {
 
 namespace {
 
-// Earliest time on top. Differences rather than plain comparison keep the
-// order right across the wrap of the 64-bit time.
+// Earliest (time, rank) on top. Differences rather than plain comparison keep
+// the order right across the wrap of the 64-bit time.
 struct LaterTag {
-  bool operator()(const Tag& a, const Tag& b) const { return timeDifference(a.time, b.time) > 0; }
+  bool operator()(const Tag& a, const Tag& b) const {
+    const int64_t d = timeDifference(a.time, b.time);
+    return d > 0 || (d == 0 && a.reserved > b.reserved);
+  }
 };
 
 struct LaterPreDelayTag {
   bool operator()(const PreDelayTag& a, const PreDelayTag& b) const {
-    return timeDifference(a.tag.time, b.tag.time) > 0;
+    return LaterTag{}(a.tag, b.tag);
   }
 };
 
-bool before(int64_t time, int64_t t) { return timeDifference(t, time) > 0; }
+// How far back a new tag may be inserted into a sorted buffer. Small input
+// delays and fine offsets reorder a few neighbours; beyond that a queue or a
+// heap is cheaper than shifting.
+constexpr size_t kMaxShift = 24;
+
+// Where `tag` belongs in the sorted `[data, data + size)`, if within kMaxShift
+// of the end; the tags behind it are moved up one place. `data` has room for one more.
+template <class T, class TagOf>
+T* insertSorted(T* data, size_t size, const Tag& tag, TagOf tagOf) {
+  T* const end = data + size;
+  T* const floor = size > kMaxShift ? end - kMaxShift : data;
+  T* at = end;
+  while (at != floor && LaterTag{}(tagOf(at[-1]), tag)) --at;
+  if (at == floor && at != data && LaterTag{}(tagOf(at[-1]), tag)) return nullptr;
+  std::memmove(static_cast<void*>(at + 1), static_cast<const void*>(at),
+               static_cast<size_t>(end - at) * sizeof(T));
+  return at;
+}
 
 constexpr std::array<int64_t, 8> kZeptick20Compensation = {1580, 1859, 1490, 829,
                                                            1820, 1757, 1316, 0};
@@ -35,14 +56,16 @@ constexpr int64_t kLinkDelay = 780;
 void DelayStage::setBlockSettings(const DelaySettings& s) { settings = s; }
 
 void DelayStage::clear() {
-  preDelayHeap.clear();
+  preEnd = 0;
+  preHeap.clear();
+  nearEnd = 0;
   outputHeap.clear();
   for (Lane& lane : lanes) {
     lane.tags.clear();
     lane.head = 0;
   }
   activeLanes = 0;
-  held = 0;
+  farHeld = 0;
 }
 
 void DelayStage::reset(int64_t time) {
@@ -52,82 +75,167 @@ void DelayStage::reset(int64_t time) {
   overflow = false;
 }
 
-void DelayStage::pushOutput(const Tag& tag) {
+void DelayStage::growNear() { near.resize(std::max<size_t>(256, near.size() * 2)); }
+
+Tag* DelayStage::nearSlotBehind(int64_t time, uint8_t rank) {
+  Tag probe{};
+  probe.reserved = rank;
+  probe.time = time;
+  Tag* const slot =
+      insertSorted(near.data(), nearEnd, probe, [](const Tag& t) -> const Tag& { return t; });
+  if (slot != nullptr) ++nearEnd;
+  return slot;
+}
+
+void DelayStage::holdFar(const Tag& tag) {
+  ++farHeld;
+  // An event far behind the sorted buffer mostly belongs to a channel delayed
+  // behind the others, and comes in order within that channel.
+  if (tag.type == Tag::Type::TimeTag) {
+    const size_t index = static_cast<size_t>(tag.reserved - 1) & 63;
+    Lane& lane = lanes[index];
+    if (lane.tags.size() == lane.head) {
+      lane.tags.clear();
+      lane.head = 0;
+      activeLanes |= uint64_t{1} << index;
+      lane.tags.push_back(tag);
+      return;
+    }
+    if (!LaterTag{}(lane.tags.back(), tag)) {
+      lane.tags.push_back(tag);
+      return;
+    }
+  }
   outputHeap.push_back(tag);
   std::push_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
-  noteHeld(tag.time);
 }
 
 void DelayStage::pushPreDelay(const PreDelayTag& tag) {
-  preDelayHeap.push_back(tag);
-  std::push_heap(preDelayHeap.begin(), preDelayHeap.end(), LaterPreDelayTag{});
+  PreDelayTag held = tag;
+  held.tag.reserved = eventRank(tag.index());
+  if (preEnd == preNear.size()) preNear.resize(std::max<size_t>(256, preNear.size() * 2));
+  PreDelayTag* const slot = insertSorted(preNear.data(), preEnd, held.tag,
+                                         [](const PreDelayTag& p) -> const Tag& { return p.tag; });
+  if (slot != nullptr) {
+    *slot = held;
+    ++preEnd;
+  } else {
+    preHeap.push_back(held);
+    std::push_heap(preHeap.begin(), preHeap.end(), LaterPreDelayTag{});
+  }
 }
 
-void DelayStage::releasePreDelay(int64_t t) {
+void DelayStage::passFilter(PreDelayTag p) {
+  const uint32_t i = p.index();
+  const uint64_t bit = uint64_t{1} << i;
+  if (settings.triggerMask & bit) filter = ~uint64_t{0};
+  if (!(settings.filteredMask & bit) || (filter & bit)) {
+    p.tag.time = timeSum(p.tag.time, settings.delays[i]);
+    const size_t record =
+        static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
+    ++settings.distributions[record].count;
+    counted |= bit;
+    holdSorted(p.tag);
+    filter &= ~bit;
+  }
+}
+
+void DelayStage::releasePreDelay() {
   // Raw arrival order across channels decides the filter, so it runs before
   // the delays reorder anything.
-  while (!preDelayHeap.empty() && before(preDelayHeap.front().tag.time, t)) {
-    std::pop_heap(preDelayHeap.begin(), preDelayHeap.end(), LaterPreDelayTag{});
-    PreDelayTag p = preDelayHeap.back();
-    preDelayHeap.pop_back();
-    const uint32_t i = p.index();
-    const uint64_t bit = uint64_t{1} << i;
-    if (settings.triggerMask & bit) filter = ~uint64_t{0};
-    if (!(settings.filteredMask & bit) || (filter & bit)) {
-      p.tag.time = timeSum(p.tag.time, settings.delays[i]);
-      const size_t record =
-          static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
-      ++settings.distributions[record].count;
-      counted |= bit;
-      pushEvent(i, p.tag);
-      filter &= ~bit;
+  size_t taken = 0;
+  for (;;) {
+    const bool fromNear = taken < preEnd;
+    const bool fromHeap = !preHeap.empty();
+    if (!fromNear && !fromHeap) break;
+    const bool heapFirst =
+        fromHeap && (!fromNear || LaterPreDelayTag{}(preNear[taken], preHeap.front()));
+    const PreDelayTag& next = heapFirst ? preHeap.front() : preNear[taken];
+    if (!before(next.tag.time, until)) break;
+    if (heapFirst) {
+      std::pop_heap(preHeap.begin(), preHeap.end(), LaterPreDelayTag{});
+      const PreDelayTag p = preHeap.back();
+      preHeap.pop_back();
+      passFilter(p);
+    } else {
+      passFilter(preNear[taken++]);
+    }
+  }
+  std::copy(preNear.begin() + static_cast<std::ptrdiff_t>(taken),
+            preNear.begin() + static_cast<std::ptrdiff_t>(preEnd), preNear.begin());
+  preEnd -= taken;
+}
+
+void DelayStage::finish(Tag* begin, Tag* end) {
+  if (!overflow) {
+    for (Tag* tag = begin; tag != end; ++tag) tag->reserved = 0;
+    return;
+  }
+  for (Tag* tag = begin; tag != end; ++tag) {
+    tag->reserved = 0;
+    if (tag->type == Tag::Type::OverflowEnd) overflow = false;
+    if (overflow && tag->type == Tag::Type::TimeTag) {
+      tag->type = Tag::Type::MissedEvents;
+      tag->missed_events = 1;
     }
   }
 }
 
-void DelayStage::release(int64_t t, std::vector<Tag>& out) {
-  if (!preDelayHeap.empty()) releasePreDelay(t);
-  while (held != 0) {
-    // The earliest of the heap's top and the queue fronts; few queues are in use.
-    int64_t earliest = 0;
+void DelayStage::releaseDue(std::vector<Tag>& out) {
+  if (preEnd != 0 || !preHeap.empty()) releasePreDelay();
+  if (farHeld != 0) {
+    mergeDue(out);
+    return;
+  }
+  size_t due = 0;
+  while (due < nearEnd && before(near[due].time, until)) ++due;
+  if (due == 0) return;
+  const size_t first = out.size();
+  out.insert(out.end(), near.begin(), near.begin() + static_cast<std::ptrdiff_t>(due));
+  finish(out.data() + first, out.data() + out.size());
+  std::copy(near.begin() + static_cast<std::ptrdiff_t>(due),
+            near.begin() + static_cast<std::ptrdiff_t>(nearEnd), near.begin());
+  nearEnd -= due;
+}
+
+void DelayStage::mergeDue(std::vector<Tag>& out) {
+  size_t taken = 0;
+  for (;;) {
+    // The earliest of the sorted buffer's front, the heap's top and the queue
+    // fronts; few queues are in use.
+    const Tag* earliest = taken < nearEnd ? &near[taken] : nullptr;
     int source = -1;
-    if (!outputHeap.empty()) {
-      earliest = outputHeap.front().time;
+    if (!outputHeap.empty() && (earliest == nullptr || LaterTag{}(*earliest, outputHeap.front()))) {
+      earliest = &outputHeap.front();
       source = 64;
     }
     for (uint64_t m = activeLanes; m != 0; m &= m - 1) {
       const int i = std::countr_zero(m);
-      const int64_t time = laneFront[static_cast<size_t>(i)];
-      if (source < 0 || timeDifference(time, earliest) < 0) {
-        earliest = time;
+      const Lane& lane = lanes[static_cast<size_t>(i)];
+      const Tag& front = lane.tags[lane.head];
+      if (earliest == nullptr || LaterTag{}(*earliest, front)) {
+        earliest = &front;
         source = i;
       }
     }
-    if (!before(earliest, t)) {
-      nextDue = earliest;
-      return;
-    }
-    Tag& tag = out.emplace_back();
-    if (source == 64) {
+    if (earliest == nullptr || !before(earliest->time, until)) break;
+    out.push_back(*earliest);
+    if (source < 0) {
+      ++taken;
+    } else if (source == 64) {
       std::pop_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
-      copyTag(tag, outputHeap.back());
       outputHeap.pop_back();
+      --farHeld;
     } else {
       Lane& lane = lanes[static_cast<size_t>(source)];
-      copyTag(tag, lane.tags[lane.head++]);
-      if (lane.head == lane.tags.size()) {
-        activeLanes &= ~(uint64_t{1} << source);
-      } else {
-        laneFront[static_cast<size_t>(source)] = lane.tags[lane.head].time;
-      }
+      if (++lane.head == lane.tags.size()) activeLanes &= ~(uint64_t{1} << source);
+      --farHeld;
     }
-    --held;
-    if (tag.type == Tag::Type::OverflowEnd) overflow = false;
-    if (overflow && tag.type == Tag::Type::TimeTag) {
-      tag.type = Tag::Type::MissedEvents;
-      tag.missed_events = 1;
-    }
+    finish(&out.back(), &out.back() + 1);
   }
+  std::copy(near.begin() + static_cast<std::ptrdiff_t>(taken),
+            near.begin() + static_cast<std::ptrdiff_t>(nearEnd), near.begin());
+  nearEnd -= taken;
 }
 
 int64_t hardwareDelayCompensation(std::string_view model, int input, bool synchronized) {

@@ -82,6 +82,11 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   const bool dither = normalization;
   const bool gated = device.syncMode;
 
+  // Events move the stream position along without releasing anything; what
+  // they passed leaves in one go at the next control word or the block's end.
+  // A tag held behind the position (a damaged control word) waits, as it
+  // would for the next event, until the position moves again.
+  int64_t until = stage.decodedUntil();
   for (const NativeTag word : worker.nativeTags) {
     const uint32_t kind = word.kind();
     const uint32_t code = word.code();
@@ -106,9 +111,8 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
         t = timeSum(t,
                     static_cast<int64_t>((static_cast<uint64_t>(d[1].psecs - d->psecs) * r) >> 32));
       }
-      const int64_t behind = timeDifference(raw, stage.decodedUntil());
-      if (behind < 0) continue;
-      if (behind != 0) stage.advanceTo(raw, out);
+      if (timeDifference(raw, until) < 0) continue;
+      until = raw;
       if (!filtered) {
         ++d->count;
         countedMask |= uint64_t{1} << code;
@@ -118,9 +122,12 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
             PreDelayTag::make(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], t}, bin, code));
       }
     } else if (kind != 0) {
+      if (until != stage.decodedUntil()) stage.advanceTo(until, out);
       controlWord(word, worker, fence);
+      until = stage.decodedUntil();
     }
   }
+  if (until != stage.decodedUntil()) stage.advanceTo(until, out);
 
   worker.blockEnd = stage.decodedUntil();
   if (gated && !synced) worker.streamInvalid = true;
