@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
 
 namespace zeptick {
 
@@ -18,16 +17,23 @@ struct LaterTag {
   }
 };
 
-struct LaterPreDelayTag {
-  bool operator()(const PreDelayTag& a, const PreDelayTag& b) const {
-    return LaterTag{}(a.tag, b.tag);
+const Tag& tagOf(const Tag& tag) { return tag; }
+const Tag& tagOf(const PreDelayTag& p) { return p.tag; }
+
+struct LaterNumbered {
+  template <class N>
+  bool operator()(const N& a, const N& b) const {
+    const Tag& x = tagOf(a.item);
+    const Tag& y = tagOf(b.item);
+    if (LaterTag{}(x, y)) return true;
+    return !LaterTag{}(y, x) && a.seq > b.seq;
   }
 };
 
 // How far back a new tag may be inserted into a sorted buffer. Small input
 // delays and fine offsets reorder a few neighbours; beyond that a queue or a
 // heap is cheaper than shifting.
-constexpr size_t kMaxShift = 24;
+constexpr size_t kMaxShift = 8;
 
 // Where `tag` belongs in the sorted `[data, data + size)`, if within kMaxShift
 // of the end; the tags behind it are moved up one place. `data` has room for one more.
@@ -38,8 +44,8 @@ T* insertSorted(T* data, size_t size, const Tag& tag, TagOf tagOf) {
   T* at = end;
   while (at != floor && LaterTag{}(tagOf(at[-1]), tag)) --at;
   if (at == floor && at != data && LaterTag{}(tagOf(at[-1]), tag)) return nullptr;
-  std::memmove(static_cast<void*>(at + 1), static_cast<const void*>(at),
-               static_cast<size_t>(end - at) * sizeof(T));
+  // Few places at most: a plain loop beats a call to memmove.
+  for (T* p = end; p != at; --p) p[0] = p[-1];
   return at;
 }
 
@@ -60,10 +66,7 @@ void DelayStage::clear() {
   preHeap.clear();
   nearEnd = 0;
   outputHeap.clear();
-  for (Lane& lane : lanes) {
-    lane.tags.clear();
-    lane.head = 0;
-  }
+  for (Lane& lane : lanes) lane.head = lane.end = 0;
   activeLanes = 0;
   farHeld = 0;
 }
@@ -87,27 +90,24 @@ Tag* DelayStage::nearSlotBehind(int64_t time, uint8_t rank) {
   return slot;
 }
 
-void DelayStage::holdFar(const Tag& tag) {
+void DelayStage::pushHeap(const Tag& tag) {
   ++farHeld;
-  // An event far behind the sorted buffer mostly belongs to a channel delayed
-  // behind the others, and comes in order within that channel.
-  if (tag.type == Tag::Type::TimeTag) {
-    const size_t index = static_cast<size_t>(tag.reserved - 1) & 63;
-    Lane& lane = lanes[index];
-    if (lane.tags.size() == lane.head) {
-      lane.tags.clear();
-      lane.head = 0;
-      activeLanes |= uint64_t{1} << index;
-      lane.tags.push_back(tag);
-      return;
-    }
-    if (!LaterTag{}(lane.tags.back(), tag)) {
-      lane.tags.push_back(tag);
-      return;
-    }
+  outputHeap.push_back({tag, heapSeq++});
+  std::push_heap(outputHeap.begin(), outputHeap.end(), LaterNumbered{});
+}
+
+void DelayStage::growLane(Lane& lane) {
+  // A lane that never runs empty (a channel held back for good) wraps round
+  // instead of growing, once half of it has left.
+  const size_t live = lane.end - lane.head;
+  if (lane.head >= live && live != 0) {
+    std::copy(lane.tags.begin() + static_cast<std::ptrdiff_t>(lane.head),
+              lane.tags.begin() + static_cast<std::ptrdiff_t>(lane.end), lane.tags.begin());
+    lane.head = 0;
+    lane.end = live;
+    return;
   }
-  outputHeap.push_back(tag);
-  std::push_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
+  lane.tags.resize(std::max<size_t>(64, lane.tags.size() * 2));
 }
 
 void DelayStage::pushPreDelay(const PreDelayTag& tag) {
@@ -120,8 +120,8 @@ void DelayStage::pushPreDelay(const PreDelayTag& tag) {
     *slot = held;
     ++preEnd;
   } else {
-    preHeap.push_back(held);
-    std::push_heap(preHeap.begin(), preHeap.end(), LaterPreDelayTag{});
+    preHeap.push_back({held, heapSeq++});
+    std::push_heap(preHeap.begin(), preHeap.end(), LaterNumbered{});
   }
 }
 
@@ -135,7 +135,7 @@ void DelayStage::passFilter(PreDelayTag p) {
         static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
     ++settings.distributions[record].count;
     counted |= bit;
-    holdSorted(p.tag);
+    pushEvent(i, p.tag);
     filter &= ~bit;
   }
 }
@@ -149,12 +149,12 @@ void DelayStage::releasePreDelay() {
     const bool fromHeap = !preHeap.empty();
     if (!fromNear && !fromHeap) break;
     const bool heapFirst =
-        fromHeap && (!fromNear || LaterPreDelayTag{}(preNear[taken], preHeap.front()));
-    const PreDelayTag& next = heapFirst ? preHeap.front() : preNear[taken];
+        fromHeap && (!fromNear || LaterTag{}(preNear[taken].tag, preHeap.front().item.tag));
+    const PreDelayTag& next = heapFirst ? preHeap.front().item : preNear[taken];
     if (!before(next.tag.time, until)) break;
     if (heapFirst) {
-      std::pop_heap(preHeap.begin(), preHeap.end(), LaterPreDelayTag{});
-      const PreDelayTag p = preHeap.back();
+      std::pop_heap(preHeap.begin(), preHeap.end(), LaterNumbered{});
+      const PreDelayTag p = preHeap.back().item;
       preHeap.pop_back();
       passFilter(p);
     } else {
@@ -198,15 +198,54 @@ void DelayStage::releaseDue(std::vector<Tag>& out) {
   nearEnd -= due;
 }
 
+void DelayStage::mergeOneLane(std::vector<Tag>& out) {
+  // One channel delayed far behind the rest: two sorted sequences, merged
+  // without branching on which one leads.
+  Lane& lane = lanes[static_cast<size_t>(std::countr_zero(activeLanes))];
+  const Tag* a = near.data();
+  const Tag* b = lane.tags.data() + lane.head;
+  size_t na = 0;
+  while (na < nearEnd && before(a[na].time, until)) ++na;
+  const size_t held = lane.end - lane.head;
+  size_t nb = 0;
+  while (nb < held && before(b[nb].time, until)) ++nb;
+  if (na + nb == 0) return;
+  const size_t first = out.size();
+  out.resize(first + na + nb);
+  Tag* to = out.data() + first;
+  const Tag* const aEnd = a + na;
+  const Tag* const bEnd = b + nb;
+  while (a != aEnd && b != bEnd) {
+    const bool takeB = LaterTag{}(*a, *b);
+    *to++ = *(takeB ? b : a);
+    b += takeB;
+    a += !takeB;
+  }
+  to = std::copy(a, aEnd, to);
+  std::copy(b, bEnd, to);
+  finish(out.data() + first, out.data() + out.size());
+  lane.head += nb;
+  farHeld -= nb;
+  if (lane.head == lane.end) activeLanes = 0;
+  std::copy(near.begin() + static_cast<std::ptrdiff_t>(na),
+            near.begin() + static_cast<std::ptrdiff_t>(nearEnd), near.begin());
+  nearEnd -= na;
+}
+
 void DelayStage::mergeDue(std::vector<Tag>& out) {
+  if (outputHeap.empty() && std::has_single_bit(activeLanes)) {
+    mergeOneLane(out);
+    return;
+  }
   size_t taken = 0;
   for (;;) {
     // The earliest of the sorted buffer's front, the heap's top and the queue
     // fronts; few queues are in use.
     const Tag* earliest = taken < nearEnd ? &near[taken] : nullptr;
     int source = -1;
-    if (!outputHeap.empty() && (earliest == nullptr || LaterTag{}(*earliest, outputHeap.front()))) {
-      earliest = &outputHeap.front();
+    if (!outputHeap.empty() &&
+        (earliest == nullptr || LaterTag{}(*earliest, outputHeap.front().item))) {
+      earliest = &outputHeap.front().item;
       source = 64;
     }
     for (uint64_t m = activeLanes; m != 0; m &= m - 1) {
@@ -223,12 +262,12 @@ void DelayStage::mergeDue(std::vector<Tag>& out) {
     if (source < 0) {
       ++taken;
     } else if (source == 64) {
-      std::pop_heap(outputHeap.begin(), outputHeap.end(), LaterTag{});
+      std::pop_heap(outputHeap.begin(), outputHeap.end(), LaterNumbered{});
       outputHeap.pop_back();
       --farHeld;
     } else {
       Lane& lane = lanes[static_cast<size_t>(source)];
-      if (++lane.head == lane.tags.size()) activeLanes &= ~(uint64_t{1} << source);
+      if (++lane.head == lane.end) activeLanes &= ~(uint64_t{1} << source);
       --farHeld;
     }
     finish(&out.back(), &out.back() + 1);

@@ -46,6 +46,8 @@ struct DelaySettings {
   /// record `index * binStride + bin`.
   Distribution* distributions = nullptr;
   int32_t binStride = 0;
+  /// Indices delayed far behind the others: their tags skip the sorted buffer.
+  uint64_t laggingMask = 0;
 };
 
 /// Host-side delay and ordering of one device's tags: a stage in front of the
@@ -96,12 +98,18 @@ class DelayStage {
   void pushEvent(uint32_t index, const Tag& tag) {
     Tag held = tag;
     held.reserved = eventRank(index);
-    holdSorted(held);
+    if (settings.laggingMask >> (index & 63) & 1) {
+      holdFar(held);
+    } else {
+      holdSorted(held);
+    }
   }
   /// The same for a plain time tag of `channel`, written in place.
   void pushEvent(uint32_t index, int32_t channel, int64_t time) {
     const uint8_t rank = eventRank(index);
-    if (Tag* slot = nearSlot(time, rank)) {
+    if (settings.laggingMask >> (index & 63) & 1) {
+      holdFar(Tag{Tag::Type::TimeTag, rank, 0, channel, time});
+    } else if (Tag* slot = nearSlot(time, rank)) {
       // Field by field, straight into place: see copyTag.
       slot->type = Tag::Type::TimeTag;
       slot->reserved = rank;
@@ -144,10 +152,17 @@ class DelayStage {
   size_t pendingOutput() const { return nearEnd + farHeld; }
 
  private:
+  // A heap element; the number keeps equal times in the order they came.
+  template <class T>
+  struct Numbered {
+    T item;
+    uint64_t seq;
+  };
   // Tags of one index in time order; `tags[head]` leaves first.
   struct Lane {
-    std::vector<Tag> tags;
+    std::vector<Tag> tags;  ///< holds `[head, end)`; its size is the capacity
     size_t head = 0;
+    size_t end = 0;
   };
 
   // Tags held carry their tie rank in `reserved` until they leave.
@@ -180,7 +195,30 @@ class DelayStage {
       holdFar(tag);
     }
   }
-  void holdFar(const Tag& tag);
+  void holdFar(const Tag& tag) {
+    // An event far behind the sorted buffer mostly belongs to a channel delayed
+    // behind the others, and comes in order within that channel.
+    if (tag.type != Tag::Type::TimeTag) {
+      pushHeap(tag);
+      return;
+    }
+    const size_t index = static_cast<size_t>(tag.reserved - 1) & 63;
+    Lane& lane = lanes[index];
+    if (lane.head == lane.end) {
+      lane.head = lane.end = 0;
+      activeLanes |= uint64_t{1} << index;
+    } else if (leavesAfter(lane.tags[lane.end - 1].time, lane.tags[lane.end - 1].reserved, tag.time,
+                           tag.reserved)) {
+      pushHeap(tag);
+      return;
+    }
+    if (lane.end == lane.tags.size()) [[unlikely]]
+      growLane(lane);
+    copyTag(lane.tags[lane.end++], tag);
+    ++farHeld;
+  }
+  void pushHeap(const Tag& tag);
+  static void growLane(Lane& lane);
   // Tags are copied field by field. Most are read back soon after they were
   // written, and a 16-byte copy of a tag stored in parts would wait for the
   // stores to drain instead of taking the values from them.
@@ -195,18 +233,20 @@ class DelayStage {
   void releasePreDelay();
   void passFilter(PreDelayTag p);
   void mergeDue(std::vector<Tag>& out);
+  void mergeOneLane(std::vector<Tag>& out);
   void finish(Tag* begin, Tag* end);
 
   DelaySettings settings;
   // The first stage: sorted buffer plus heap, ordered on the undelayed time.
   std::vector<PreDelayTag> preNear;
   size_t preEnd = 0;
-  std::vector<PreDelayTag> preHeap;
+  std::vector<Numbered<PreDelayTag>> preHeap;
   // The output side: the sorted buffer `near[0, nearEnd)`, and further back
   // the queues in `lanes` and the heap, `farHeld` tags together.
   std::vector<Tag> near;
   size_t nearEnd = 0;
-  std::vector<Tag> outputHeap;
+  std::vector<Numbered<Tag>> outputHeap;
+  uint64_t heapSeq = 0;
   std::array<Lane, 64> lanes;
   uint64_t activeLanes = 0;
   size_t farHeld = 0;
@@ -215,6 +255,10 @@ class DelayStage {
   uint64_t counted = 0;
   bool overflow = false;
 };
+
+/// Indices whose delay lies this far beyond the smallest delay of a configured
+/// index are lagging: their tags would pass many others in the sorted buffer.
+constexpr int64_t kLaggingDelay = 10000;
 
 /// Fixed compensation in ps of input `input` (from 0) of a board of `model`
 /// ("Zeptick 20" or another model name); 780 ps more in a synchronized group for
