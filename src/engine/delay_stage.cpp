@@ -110,9 +110,9 @@ void DelayStage::growLane(Lane& lane) {
   lane.tags.resize(std::max<size_t>(64, lane.tags.size() * 2));
 }
 
-void DelayStage::pushPreDelay(const PreDelayTag& tag) {
+void DelayStage::pushPreDelayBehind(const PreDelayTag& tag, uint8_t rank) {
   PreDelayTag held = tag;
-  held.tag.reserved = eventRank(tag.index());
+  held.tag.reserved = rank;
   if (preEnd == preNear.size()) preNear.resize(std::max<size_t>(256, preNear.size() * 2));
   PreDelayTag* const slot = insertSorted(preNear.data(), preEnd, held.tag,
                                          [](const PreDelayTag& p) -> const Tag& { return p.tag; });
@@ -125,11 +125,12 @@ void DelayStage::pushPreDelay(const PreDelayTag& tag) {
   }
 }
 
-void DelayStage::passFilter(PreDelayTag p) {
+inline void DelayStage::passFilter(PreDelayTag p) {
   const uint32_t i = p.index();
   const uint64_t bit = uint64_t{1} << i;
-  if (settings.triggerMask & bit) filter = ~uint64_t{0};
-  if (!(settings.filteredMask & bit) || (filter & bit)) {
+  // A trigger opens every filtered channel, its own included.
+  filter |= uint64_t{0} - ((settings.triggerMask >> i) & 1);
+  if (((~settings.filteredMask | filter) >> i) & 1) {
     p.tag.time = timeSum(p.tag.time, settings.delays[i]);
     const size_t record =
         static_cast<size_t>(i) * static_cast<size_t>(settings.binStride) + p.bin();
@@ -144,6 +145,9 @@ void DelayStage::releasePreDelay() {
   // Raw arrival order across channels decides the filter, so it runs before
   // the delays reorder anything.
   size_t taken = 0;
+  if (preHeap.empty()) {
+    while (taken < preEnd && before(preNear[taken].tag.time, until)) passFilter(preNear[taken++]);
+  }
   for (;;) {
     const bool fromNear = taken < preEnd;
     const bool fromHeap = !preHeap.empty();
@@ -216,10 +220,18 @@ void DelayStage::mergeOneLane(std::vector<Tag>& out) {
   const Tag* const aEnd = a + na;
   const Tag* const bEnd = b + nb;
   while (a != aEnd && b != bEnd) {
-    const bool takeB = LaterTag{}(*a, *b);
-    *to++ = *(takeB ? b : a);
+    // Which one leads is a coin toss: computed, not branched on.
+    const int64_t d = timeDifference(a->time, b->time);
+    const size_t takeB =
+        static_cast<size_t>(d > 0) |
+        (static_cast<size_t>(d == 0) & static_cast<size_t>(a->reserved > b->reserved));
+    const Tag* const from = reinterpret_cast<const Tag*>(
+        reinterpret_cast<uintptr_t>(a) ^
+        ((reinterpret_cast<uintptr_t>(a) ^ reinterpret_cast<uintptr_t>(b)) &
+         (uintptr_t{0} - takeB)));
+    *to++ = *from;
     b += takeB;
-    a += !takeB;
+    a += takeB ^ 1;
   }
   to = std::copy(a, aEnd, to);
   std::copy(b, bEnd, to);

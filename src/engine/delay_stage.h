@@ -122,7 +122,20 @@ class DelayStage {
   }
   /// A decoded event of a device with filtered channels; delay and
   /// calibration count are applied when it leaves this first stage.
-  void pushPreDelay(const PreDelayTag& tag);
+  void pushPreDelay(const PreDelayTag& tag) {
+    const uint8_t rank = eventRank(tag.index());
+    if (preEnd != preNear.size()) [[likely]] {
+      PreDelayTag* const end = preNear.data() + preEnd;
+      if (preEnd == 0 || !leavesAfter(end[-1].tag.time, end[-1].tag.reserved, tag.tag.time, rank))
+          [[likely]] {
+        *end = tag;
+        end->tag.reserved = rank;
+        ++preEnd;
+        return;
+      }
+    }
+    pushPreDelayBehind(tag, rank);
+  }
 
   /// Sets decodedUntil to `t` and appends to `out`, in time order, everything
   /// held with a time strictly before `t` (by signed 64-bit difference).
@@ -231,6 +244,7 @@ class DelayStage {
   }
   void releaseDue(std::vector<Tag>& out);
   void releasePreDelay();
+  void pushPreDelayBehind(const PreDelayTag& tag, uint8_t rank);
   void passFilter(PreDelayTag p);
   void mergeDue(std::vector<Tag>& out);
   void mergeOneLane(std::vector<Tag>& out);
