@@ -105,9 +105,10 @@ class DelayStage {
     }
   }
   /// The same for a plain time tag of `channel`, written in place.
-  void pushEvent(uint32_t index, int32_t channel, int64_t time) {
+  /// `lagging` is the block's laggingMask, which a caller in a loop keeps at hand.
+  void pushEvent(uint32_t index, int32_t channel, int64_t time, uint64_t lagging) {
     const uint8_t rank = eventRank(index);
-    if (settings.laggingMask >> (index & 63) & 1) {
+    if (lagging >> (index & 63) & 1) {
       holdFar(Tag{Tag::Type::TimeTag, rank, 0, channel, time});
     } else if (Tag* slot = nearSlot(time, rank)) {
       // Field by field, straight into place: see copyTag.

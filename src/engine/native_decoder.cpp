@@ -101,6 +101,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   // Kept in registers: the tag stores in the loop could alias the members.
   uint64_t state = rng;
   uint64_t counted = countedMask;
+  const uint64_t lagging = stage.blockSettings().laggingMask;
   for (const NativeTag word : worker.nativeTags) {
     const uint32_t kind = word.kind();
     const uint32_t code = word.code();
@@ -130,7 +131,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
       if (!filtered) {
         ++d->count;
         counted |= uint64_t{1} << code;
-        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]));
+        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]), lagging);
       } else {
         stage.pushPreDelay(
             PreDelayTag::make(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], t}, bin, code));
