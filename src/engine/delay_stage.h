@@ -46,16 +46,26 @@ struct DelaySettings {
   /// record `index * binStride + bin`.
   Distribution* distributions = nullptr;
   int32_t binStride = 0;
+  /// Indices delayed far behind the others: their tags skip the sorted buffer.
+  uint64_t laggingMask = 0;
 };
 
-/// Host-side delay and ordering of one device's tags: a heap in front of the
+/// Host-side delay and ordering of one device's tags: a stage in front of the
 /// delays for the conditional filter (raw arrival order across channels), and
-/// an output side (one queue per hardware index for tags that come in order,
-/// a heap for the rest) that releases tags in time order once the stream has
-/// passed them. Overflow spans turn released time tags into missed events.
+/// an output side that releases tags in time order once the stream has passed
+/// them. Overflow spans turn released time tags into missed events.
+///
+/// Both sides keep what they hold mostly in one sorted buffer: decoded times
+/// arrive nearly in order, so a new tag usually lands at the end, or a few
+/// places before it. A tag that would have to move further back goes to a
+/// queue of its hardware index (a channel delayed far behind the others comes
+/// in order by itself), or else to a heap. Releasing merges these.
+///
+/// Equal times leave in a fixed order: control tags first, then events by
+/// hardware index, then in the order they came.
 ///
 /// Not thread-safe: only the worker holding the device's decoder mutex uses it.
-/// Heaps and filter state persist across blocks; no allocation beyond heap growth.
+/// State persists across blocks; no allocation once the buffers have grown.
 class DelayStage {
  public:
   /// Per-block settings; `settings.delays` and `settings.distributions` must
@@ -65,7 +75,7 @@ class DelayStage {
 
   /// Drops everything held, without emitting (error word, new time base).
   void clear();
-  /// Empty heaps, filter closed, no overflow, stream at `time`.
+  /// Nothing held, filter closed, no overflow, stream at `time`.
   void reset(int64_t time);
 
   /// Time passed to the last advanceTo.
@@ -78,41 +88,70 @@ class DelayStage {
   /// Every error and overflow word closes the filter of all channels.
   void closeFilter() { filter = 0; }
 
-  /// A tag whose time already carries its delay, onto the output heap.
-  void pushOutput(const Tag& tag);
-  /// A time tag of hardware index `index` (below 64) whose time carries its
-  /// delay. Such tags mostly come in time order per index, and then wait in a
-  /// queue of their index instead of the heap; the rest go to the heap.
+  /// A control tag whose time already carries its delay.
+  void pushOutput(const Tag& tag) {
+    Tag held = tag;
+    held.reserved = 0;
+    holdSorted(held);
+  }
+  /// A time tag of hardware index `index` (below 64) whose time carries its delay.
   void pushEvent(uint32_t index, const Tag& tag) {
-    if (Tag* slot = laneSlot(index, tag.time)) {
-      copyTag(*slot, tag);
+    Tag held = tag;
+    held.reserved = eventRank(index);
+    if (settings.laggingMask >> (index & 63) & 1) {
+      holdFar(held);
     } else {
-      pushOutput(tag);
+      holdSorted(held);
     }
   }
   /// The same for a plain time tag of `channel`, written in place.
-  void pushEvent(uint32_t index, int32_t channel, int64_t time) {
-    if (Tag* slot = laneSlot(index, time)) {
+  /// `lagging` is the block's laggingMask, which a caller in a loop keeps at hand.
+  void pushEvent(uint32_t index, int32_t channel, int64_t time, uint64_t lagging) {
+    const uint8_t rank = eventRank(index);
+    if (lagging >> (index & 63) & 1) {
+      holdFar(Tag{Tag::Type::TimeTag, rank, 0, channel, time});
+    } else if (Tag* slot = nearSlot(time, rank)) {
       // Field by field, straight into place: see copyTag.
       slot->type = Tag::Type::TimeTag;
-      slot->reserved = 0;
+      slot->reserved = rank;
       slot->missed_events = 0;
       slot->channel = channel;
       slot->time = time;
     } else {
-      pushOutput(Tag{Tag::Type::TimeTag, 0, 0, channel, time});
+      holdFar(Tag{Tag::Type::TimeTag, rank, 0, channel, time});
     }
   }
   /// A decoded event of a device with filtered channels; delay and
-  /// calibration count are applied when it leaves the first heap.
-  void pushPreDelay(const PreDelayTag& tag);
+  /// calibration count are applied when it leaves this first stage.
+  void pushPreDelay(const PreDelayTag& tag) {
+    const uint8_t rank = eventRank(tag.index());
+    if (preEnd != preNear.size()) [[likely]] {
+      PreDelayTag* const end = preNear.data() + preEnd;
+      if (preEnd == 0 || !leavesAfter(end[-1].tag.time, end[-1].tag.reserved, tag.tag.time, rank))
+          [[likely]] {
+        *end = tag;
+        end->tag.reserved = rank;
+        ++preEnd;
+        return;
+      }
+    }
+    pushPreDelayBehind(tag, rank);
+  }
 
   /// Sets decodedUntil to `t` and appends to `out`, in time order, everything
   /// held with a time strictly before `t` (by signed 64-bit difference).
   void advanceTo(int64_t t, std::vector<Tag>& out) {
     until = t;
-    if (preDelayHeap.empty() && (held == 0 || timeDifference(nextDue, t) >= 0)) return;
-    release(t, out);
+    release(out);
+  }
+  /// Appends to `out` what is held from before decodedUntil. The decoder
+  /// moves decodedUntil along a run of events and releases once at its end,
+  /// which gives the same stream as releasing at every event.
+  void release(std::vector<Tag>& out) {
+    if (preEnd != 0 || !preHeap.empty() || farHeld != 0 ||
+        (nearEnd != 0 && before(near[0].time, until))) {
+      releaseDue(out);
+    }
   }
 
   /// Indices whose calibration counts the filtered path has raised since the
@@ -123,34 +162,77 @@ class DelayStage {
     return m;
   }
 
-  size_t pendingPreDelay() const { return preDelayHeap.size(); }
-  size_t pendingOutput() const { return held; }
+  size_t pendingPreDelay() const { return preEnd + preHeap.size(); }
+  size_t pendingOutput() const { return nearEnd + farHeld; }
 
  private:
+  // A heap element; the number keeps equal times in the order they came.
+  template <class T>
+  struct Numbered {
+    T item;
+    uint64_t seq;
+  };
   // Tags of one index in time order; `tags[head]` leaves first.
   struct Lane {
-    std::vector<Tag> tags;
+    std::vector<Tag> tags;  ///< holds `[head, end)`; its size is the capacity
     size_t head = 0;
+    size_t end = 0;
   };
 
-  void noteHeld(int64_t time) {
-    if (held++ == 0 || timeDifference(time, nextDue) < 0) nextDue = time;
+  // Tags held carry their tie rank in `reserved` until they leave.
+  static uint8_t eventRank(uint32_t index) { return static_cast<uint8_t>((index & 63) + 1); }
+  static bool before(int64_t time, int64_t t) { return timeDifference(t, time) > 0; }
+  // Whether a tag at (`time`, `rank`) must leave after one at (`t`, `r`).
+  static bool leavesAfter(int64_t time, uint8_t rank, int64_t t, uint8_t r) {
+    const int64_t d = timeDifference(time, t);
+    return d > 0 || (d == 0 && rank > r);
   }
-  // A new last element of the index's queue, or null when `time` would break
-  // the queue's order and the tag belongs on the heap.
-  Tag* laneSlot(uint32_t index, int64_t time) {
-    Lane& lane = lanes[index & 63];
-    if (lane.tags.size() == lane.head) {
-      lane.tags.clear();
-      lane.head = 0;
-      activeLanes |= uint64_t{1} << (index & 63);
-      laneFront[index & 63] = time;
-    } else if (timeDifference(time, lane.tags.back().time) < 0) {
-      return nullptr;
+
+  // The place for a new tag in the sorted buffer, the tags behind it moved up;
+  // null when it would have to go further back than is worth shifting.
+  Tag* nearSlot(int64_t time, uint8_t rank) {
+    if (nearEnd == near.size()) [[unlikely]]
+      growNear();
+    Tag* const end = near.data() + nearEnd;
+    if (nearEnd == 0 || !leavesAfter(end[-1].time, end[-1].reserved, time, rank)) [[likely]] {
+      ++nearEnd;
+      return end;
     }
-    noteHeld(time);
-    return &lane.tags.emplace_back();
+    return nearSlotBehind(time, rank);
   }
+  Tag* nearSlotBehind(int64_t time, uint8_t rank);
+  void growNear();
+  void holdSorted(const Tag& tag) {
+    if (Tag* slot = nearSlot(tag.time, tag.reserved)) {
+      copyTag(*slot, tag);
+    } else {
+      holdFar(tag);
+    }
+  }
+  void holdFar(const Tag& tag) {
+    // An event far behind the sorted buffer mostly belongs to a channel delayed
+    // behind the others, and comes in order within that channel.
+    if (tag.type != Tag::Type::TimeTag) {
+      pushHeap(tag);
+      return;
+    }
+    const size_t index = static_cast<size_t>(tag.reserved - 1) & 63;
+    Lane& lane = lanes[index];
+    if (lane.head == lane.end) {
+      lane.head = lane.end = 0;
+      activeLanes |= uint64_t{1} << index;
+    } else if (leavesAfter(lane.tags[lane.end - 1].time, lane.tags[lane.end - 1].reserved, tag.time,
+                           tag.reserved)) {
+      pushHeap(tag);
+      return;
+    }
+    if (lane.end == lane.tags.size()) [[unlikely]]
+      growLane(lane);
+    copyTag(lane.tags[lane.end++], tag);
+    ++farHeld;
+  }
+  void pushHeap(const Tag& tag);
+  static void growLane(Lane& lane);
   // Tags are copied field by field. Most are read back soon after they were
   // written, and a 16-byte copy of a tag stored in parts would wait for the
   // stores to drain instead of taking the values from them.
@@ -161,24 +243,37 @@ class DelayStage {
     to.channel = from.channel;
     to.time = from.time;
   }
-  void release(int64_t t, std::vector<Tag>& out);
-  void releasePreDelay(int64_t t);
+  void releaseDue(std::vector<Tag>& out);
+  void releasePreDelay();
+  void pushPreDelayBehind(const PreDelayTag& tag, uint8_t rank);
+  void passFilter(PreDelayTag p);
+  void mergeDue(std::vector<Tag>& out);
+  void mergeOneLane(std::vector<Tag>& out);
+  void finish(Tag* begin, Tag* end);
 
   DelaySettings settings;
-  std::vector<PreDelayTag> preDelayHeap;
-  // The output side: the heap, and one queue per index in `lanes`, together
-  // ordered by their earliest time. `held` counts all, `nextDue` is the earliest.
-  std::vector<Tag> outputHeap;
+  // The first stage: sorted buffer plus heap, ordered on the undelayed time.
+  std::vector<PreDelayTag> preNear;
+  size_t preEnd = 0;
+  std::vector<Numbered<PreDelayTag>> preHeap;
+  // The output side: the sorted buffer `near[0, nearEnd)`, and further back
+  // the queues in `lanes` and the heap, `farHeld` tags together.
+  std::vector<Tag> near;
+  size_t nearEnd = 0;
+  std::vector<Numbered<Tag>> outputHeap;
+  uint64_t heapSeq = 0;
   std::array<Lane, 64> lanes;
-  std::array<int64_t, 64> laneFront{};  ///< time of each non-empty queue's first tag
   uint64_t activeLanes = 0;
-  size_t held = 0;
-  int64_t nextDue = 0;
+  size_t farHeld = 0;
   int64_t until = 0;
   uint64_t filter = 0;
   uint64_t counted = 0;
   bool overflow = false;
 };
+
+/// Indices whose delay lies this far beyond the smallest delay of a configured
+/// index are lagging: their tags would pass many others in the sorted buffer.
+constexpr int64_t kLaggingDelay = 10000;
 
 /// Fixed compensation in ps of input `input` (from 0) of a board of `model`
 /// ("Zeptick 20" or another model name); 780 ps more in a synchronized group for

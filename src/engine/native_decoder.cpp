@@ -56,8 +56,19 @@ void NativeDecoder::takeSettings(const DecoderBlockSettings& settings) {
     if (s.conditionalTrigger) trigger |= bit;
     if (s.conditionalFiltered) filtered |= bit;
   }
+  // A channel delayed far behind the others would make most tags pass its tags
+  // held in the sorted buffer; it waits in a queue of its own instead.
+  int64_t minDelay = maxDelay;
+  for (size_t index = 0; index < channels.size(); ++index) {
+    if (channels[index] != CHANNEL_UNUSED) minDelay = std::min(minDelay, delaySnapshot[index]);
+  }
+  uint64_t lagging = 0;
+  for (size_t index = 0; index < std::min<size_t>(channels.size(), 64); ++index) {
+    if (delaySnapshot[index] - minDelay > kLaggingDelay) lagging |= uint64_t{1} << index;
+  }
   stage.setBlockSettings(DelaySettings{trigger, filtered, delaySnapshot.data(), maxDelay,
-                                       distributionRecords.data(), static_cast<int32_t>(stride())});
+                                       distributionRecords.data(), static_cast<int32_t>(stride()),
+                                       lagging});
 }
 
 void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
@@ -82,6 +93,15 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   const bool dither = normalization;
   const bool gated = device.syncMode;
 
+  // Events move the stream position along without releasing anything; what
+  // they passed leaves in one go at the next control word or the block's end.
+  // A tag held behind the position (a damaged control word) waits, as it
+  // would for the next event, until the position moves again.
+  int64_t until = stage.decodedUntil();
+  // Kept in registers: the tag stores in the loop could alias the members.
+  uint64_t state = rng;
+  uint64_t counted = countedMask;
+  const uint64_t lagging = stage.blockSettings().laggingMask;
   for (const NativeTag word : worker.nativeTags) {
     const uint32_t kind = word.kind();
     const uint32_t code = word.code();
@@ -97,30 +117,34 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
       const int64_t raw = timeSum(base, word.tick() * ps);
       int64_t t = timeSum(raw, d->psecs);
       if (dither) {
-        uint64_t x = rng;
+        uint64_t x = state;
         x ^= x >> 12;
         x ^= x << 25;
         x ^= x >> 27;
-        rng = x;
+        state = x;
         const uint64_t r = (x * 0x2545F4914F6CDD1DULL) >> 32;
         t = timeSum(t,
                     static_cast<int64_t>((static_cast<uint64_t>(d[1].psecs - d->psecs) * r) >> 32));
       }
-      const int64_t behind = timeDifference(raw, stage.decodedUntil());
-      if (behind < 0) continue;
-      if (behind != 0) stage.advanceTo(raw, out);
+      if (timeDifference(raw, until) < 0) continue;
+      until = raw;
       if (!filtered) {
         ++d->count;
-        countedMask |= uint64_t{1} << code;
-        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]));
+        counted |= uint64_t{1} << code;
+        stage.pushEvent(code, channelOf[code], timeSum(t, delays[code]), lagging);
       } else {
         stage.pushPreDelay(
             PreDelayTag::make(Tag{Tag::Type::TimeTag, 0, 0, channelOf[code], t}, bin, code));
       }
     } else if (kind != 0) {
+      if (until != stage.decodedUntil()) stage.advanceTo(until, out);
       controlWord(word, worker, fence);
+      until = stage.decodedUntil();
     }
   }
+  if (until != stage.decodedUntil()) stage.advanceTo(until, out);
+  rng = state;
+  countedMask = counted;
 
   worker.blockEnd = stage.decodedUntil();
   if (gated && !synced) worker.streamInvalid = true;

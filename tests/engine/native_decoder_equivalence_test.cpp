@@ -1,0 +1,333 @@
+// Long random word streams through the decoder, against a plainly written
+// model of the same stream: every word handled on its own, every release a
+// sort of what is held. Whatever batching or merging the decoder does to be
+// fast, its blocks must come out tag for tag as the model's.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "engine/native_decoder_fixture.h"
+
+namespace zeptick {
+namespace {
+
+using engine_testing::word;
+
+constexpr int64_t kPs = 2500;
+constexpr int32_t kBins = 16;
+constexpr int32_t kIndices = 16;
+
+struct Held {
+  Tag tag;
+  uint32_t rank;  // at equal time: control tags first, then events by hardware index
+  uint64_t seq;   // then in the order they were held
+};
+
+struct HeldPre {
+  Tag tag;
+  uint32_t bin;
+  uint32_t index;
+  uint64_t seq;
+};
+
+struct ModelBlock {
+  std::vector<Tag> tags;
+  int64_t begin = 0;
+  int64_t end = 0;
+  uint32_t fence = 0;
+};
+
+// The decoder's behaviour written as directly as possible, for one device
+// without a sync board.
+class Model {
+ public:
+  ModelBlock decode(const std::vector<uint32_t>& words, uint32_t fence,
+                    const DecoderBlockSettings& s) {
+    calibrate(s.normalization);
+    ModelBlock block;
+    block.begin = until;
+    block.fence = deviceFence;
+    trigger = filtered = 0;
+    maxDelay = 0;
+    for (int i = 0; i < kIndices; ++i) {
+      const auto& c = s.channels[static_cast<size_t>(i)];
+      channel[i] = c.channel;
+      delay[i] = c.delay;
+      maxDelay = std::max(maxDelay, c.delay);
+      if (c.conditionalTrigger) trigger |= uint64_t{1} << i;
+      if (c.conditionalFiltered) filtered |= uint64_t{1} << i;
+    }
+    for (uint32_t w : words) step(NativeTag{w}, fence, s.normalization, block.tags);
+    block.end = until;
+    return block;
+  }
+
+  uint32_t count(int index, int bin) const { return counts[index][bin]; }
+  uint64_t rng = 1;
+
+ private:
+  void calibrate(bool normalization) {
+    for (int i = 0; i < kIndices; ++i) {
+      uint64_t total = 0;
+      for (int b = 0; b < kBins; ++b) total += counts[i][b];
+      uint64_t below = 0;
+      for (int b = 0; b < kBins; ++b) {
+        if (total < 10001) {
+          psecs[i][b] = static_cast<uint32_t>((kPs * b) / kBins);
+        } else {
+          const uint64_t at = normalization ? below : below + counts[i][b] / 2;
+          psecs[i][b] = static_cast<uint32_t>(at * kPs / total);
+        }
+        below += counts[i][b];
+      }
+      psecs[i][kBins] = kPs;
+    }
+  }
+
+  void hold(const Tag& tag, uint32_t rank) { held.push_back({tag, rank, seq++}); }
+
+  void advance(int64_t t, std::vector<Tag>& out) {
+    until = t;
+    std::stable_sort(pre.begin(), pre.end(), [](const HeldPre& a, const HeldPre& b) {
+      return a.tag.time != b.tag.time ? a.tag.time < b.tag.time : a.index < b.index;
+    });
+    while (!pre.empty() && pre.front().tag.time < t) {
+      HeldPre p = pre.front();
+      pre.erase(pre.begin());
+      const uint64_t bit = uint64_t{1} << p.index;
+      if (trigger & bit) filterState = ~uint64_t{0};
+      if (!(filtered & bit) || (filterState & bit)) {
+        p.tag.time += delay[p.index];
+        ++counts[p.index][p.bin];
+        hold(p.tag, p.index + 1);
+        filterState &= ~bit;
+      }
+    }
+    std::sort(held.begin(), held.end(), [](const Held& a, const Held& b) {
+      if (a.tag.time != b.tag.time) return a.tag.time < b.tag.time;
+      return a.rank != b.rank ? a.rank < b.rank : a.seq < b.seq;
+    });
+    size_t n = 0;
+    for (; n < held.size() && held[n].tag.time < t; ++n) {
+      Tag tag = held[n].tag;
+      if (tag.type == Tag::Type::OverflowEnd) overflow = false;
+      if (overflow && tag.type == Tag::Type::TimeTag) {
+        tag.type = Tag::Type::MissedEvents;
+        tag.missed_events = 1;
+      }
+      out.push_back(tag);
+    }
+    held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(n));
+  }
+
+  void step(NativeTag w, uint32_t fence, bool normalization, std::vector<Tag>& out) {
+    const uint32_t kind = w.kind();
+    const uint32_t code = w.code();
+    if (kind == 0) return;
+    const int64_t period = kPs * 65536;
+    if (code == 62) {
+      if (kind == 1) {
+        base += period;
+        deviceFence = fence + static_cast<uint32_t>(static_cast<int8_t>(w.bin() - (fence & 0xFF)));
+      } else {
+        base += (kind == 2 ? 1 : 256) * int64_t{w.bin()} * period;
+      }
+      if (base > until) advance(base, out);
+    } else if (code == 63) {
+      if (kind == 1) {
+        held.clear();
+        pre.clear();
+        base += period;
+      }
+      Tag tag{static_cast<Tag::Type>(kind), 0, 0, CHANNEL_UNUSED, base + w.tick() * kPs};
+      if (tag.time > until) advance(tag.time, out);
+      if (kind == 2) overflow = true;
+      if (kind == 3) tag.time += maxDelay;
+      hold(tag, 0);
+      filterState = 0;
+    } else if (code >= 58) {
+      // Sync-board words mean nothing to a lone device.
+    } else if (kind != 1) {
+      if (code >= kIndices) return;
+      const auto missed = static_cast<uint16_t>(kind == 2 ? w.bin() : w.bin() * 256);
+      hold(Tag{Tag::Type::MissedEvents, 0, missed, channel[code], until}, 0);
+    } else {
+      if (code >= kIndices || w.bin() >= kBins) return;
+      const int64_t raw = base + w.tick() * kPs;
+      int64_t t = raw + psecs[code][w.bin()];
+      if (normalization) {
+        rng ^= rng >> 12;
+        rng ^= rng << 25;
+        rng ^= rng >> 27;
+        const uint64_t r = (rng * 0x2545F4914F6CDD1DULL) >> 32;
+        const uint64_t width = psecs[code][w.bin() + 1] - psecs[code][w.bin()];
+        t += static_cast<int64_t>((width * r) >> 32);
+      }
+      if (raw < until) return;
+      if (raw > until) advance(raw, out);
+      const Tag tag{Tag::Type::TimeTag, 0, 0, channel[code], t};
+      if (filtered == 0) {
+        ++counts[code][w.bin()];
+        hold(Tag{tag.type, 0, 0, tag.channel, t + delay[code]}, code + 1);
+      } else {
+        pre.push_back({tag, w.bin(), code, seq++});
+      }
+    }
+  }
+
+  uint32_t counts[kIndices][kBins] = {};
+  uint32_t psecs[kIndices][kBins + 1] = {};
+  int32_t channel[kIndices] = {};
+  int64_t delay[kIndices] = {};
+  int64_t maxDelay = 0;
+  uint64_t trigger = 0, filtered = 0, filterState = 0;
+  int64_t base = 0, until = 0;
+  uint32_t deviceFence = 0;
+  bool overflow = false;
+  uint64_t seq = 0;
+  std::vector<Held> held;
+  std::vector<HeldPre> pre;
+};
+
+struct StreamShape {
+  bool normalization;
+  bool filter;
+  bool largeDelays;   // one channel held back by a microsecond or more
+  bool delaysChange;  // new delays now and then, so held tags meet differently delayed ones
+};
+
+// A busy device: mostly events on a handful of inputs, with every kind of
+// control word sprinkled in, some damaged words, and ties on purpose.
+std::vector<uint32_t> randomWords(std::mt19937_64& rng, size_t n) {
+  std::vector<uint32_t> words;
+  uint32_t tick = 0;
+  auto pick = [&](uint32_t bound) { return static_cast<uint32_t>(rng() % bound); };
+  while (words.size() < n) {
+    const uint32_t roll = pick(1000);
+    if (roll < 900) {
+      tick += pick(4) == 0 ? 0 : pick(40);  // same tick now and then: ties, reordering
+      if (tick > 0xFFFF) {
+        tick &= 0xFFFF;
+        words.push_back(word(1, 62, pick(256), 0));
+      }
+      const uint32_t index = pick(50) == 0 ? pick(20) : pick(6);  // 16..19 do not exist
+      const uint32_t bin = pick(100) == 0 ? kBins + pick(8) : pick(kBins);
+      // A word from behind the stream now and then: it must vanish.
+      const uint32_t at = pick(200) == 0 && tick > 50 ? tick - 50 : tick;
+      words.push_back(word(1, index, bin, at));
+    } else if (roll < 930) {
+      words.push_back(word(1, 62, pick(256), 0));
+      tick = 0;
+    } else if (roll < 936) {
+      words.push_back(word(2 + pick(2), 62, pick(3), 0));
+      tick = 0;
+    } else if (roll < 960) {
+      words.push_back(word(2 + pick(2), pick(18), pick(256), 0));
+    } else if (roll < 975) {
+      words.push_back(word(2, 63, 0, tick));
+      tick += pick(500);
+      if (tick > 0xFFFF) tick = 0xFFFF;
+      words.push_back(word(3, 63, 0, tick));
+    } else if (roll < 978) {
+      words.push_back(word(1, 63, 0, pick(0x10000)));
+      tick = 0xFFFF;  // later events of this period would lie behind the error
+    } else if (roll < 985) {
+      words.push_back(word(1 + pick(3), 58 + pick(4), pick(256), pick(0x10000)));
+    } else {
+      words.push_back(word(0, pick(64), pick(256), pick(0x10000)));
+    }
+  }
+  return words;
+}
+
+DecoderBlockSettings randomSettings(std::mt19937_64& rng, const StreamShape& shape) {
+  DecoderBlockSettings s;
+  s.normalization = shape.normalization;
+  for (int i = 0; i < kIndices; ++i) {
+    DecoderChannelSettings c;
+    c.channel = i == 5 ? CHANNEL_UNUSED : i + 1;
+    const uint64_t r = rng() % 4;
+    c.delay = r == 0   ? 0
+              : r == 1 ? static_cast<int64_t>(rng() % 3000)
+                       : static_cast<int64_t>(rng() % 20000);
+    // A whole number of clock periods now and then, for ties with the others.
+    if (shape.largeDelays && i == 2) c.delay = 1000000 + static_cast<int64_t>(rng() % 2 * 2500);
+    s.channels.push_back(c);
+  }
+  if (shape.filter) {
+    s.channels[0].conditionalTrigger = true;
+    s.channels[1].conditionalFiltered = true;
+    s.channels[3].conditionalFiltered = true;
+    s.channels[3].conditionalTrigger = true;  // passes all its own events
+  }
+  return s;
+}
+
+void expectSameStream(const StreamShape& shape, uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  const std::vector<uint32_t> words = randomWords(rng, 60000);
+  NativeDecoder decoder;
+  decoder.setup(engine_testing::device(kPs, kBins, kIndices), 0);
+  Model model;
+  DecoderBlockSettings settings = randomSettings(rng, shape);
+  uint32_t fence = 0;
+  size_t at = 0;
+  int block = 0;
+  while (at < words.size()) {
+    // Cuts anywhere, empty blocks included.
+    const size_t n = std::min(words.size() - at, static_cast<size_t>(rng() % 3) == 0
+                                                     ? static_cast<size_t>(rng() % 4)
+                                                     : static_cast<size_t>(rng() % 3000));
+    const std::vector<uint32_t> part(words.begin() + static_cast<std::ptrdiff_t>(at),
+                                     words.begin() + static_cast<std::ptrdiff_t>(at + n));
+    at += n;
+    if (shape.delaysChange && rng() % 8 == 0) settings = randomSettings(rng, shape);
+    fence += static_cast<uint32_t>(rng() % 3);
+    const engine_testing::Block got = engine_testing::decode(decoder, part, settings, fence);
+    const ModelBlock want = model.decode(part, fence, settings);
+    ASSERT_EQ(got.begin, want.begin) << "block " << block;
+    ASSERT_EQ(got.end, want.end) << "block " << block;
+    ASSERT_EQ(got.fence, want.fence) << "block " << block;
+    ASSERT_EQ(got.tags.size(), want.tags.size()) << "block " << block;
+    for (size_t i = 0; i < got.tags.size(); ++i) {
+      const Tag& g = got.tags[i];
+      const Tag& w = want.tags[i];
+      ASSERT_TRUE(g.type == w.type && g.reserved == w.reserved &&
+                  g.missed_events == w.missed_events && g.channel == w.channel && g.time == w.time)
+          << "block " << block << " tag " << i << ": got type " << int(g.type) << " ch "
+          << g.channel << " t " << g.time << " missed " << g.missed_events << ", want type "
+          << int(w.type) << " ch " << w.channel << " t " << w.time << " missed " << w.missed_events;
+    }
+    ++block;
+  }
+  EXPECT_EQ(decoder.rngState(), model.rng);
+  for (int i = 0; i < kIndices; ++i) {
+    for (int b = 0; b < kBins; ++b) {
+      ASSERT_EQ(decoder.distribution(i, b).count, model.count(i, b)) << i << "/" << b;
+    }
+  }
+}
+
+TEST(NativeDecoderEquivalenceTest, RandomStreamsMatchAPlainModel) {
+  uint64_t seed = 1;
+  for (bool normalization : {true, false}) {
+    for (bool filter : {false, true}) {
+      for (bool largeDelays : {false, true}) {
+        for (bool delaysChange : {false, true}) {
+          SCOPED_TRACE(::testing::Message()
+                       << "normalization " << normalization << " filter " << filter << " large "
+                       << largeDelays << " change " << delaysChange);
+          expectSameStream({normalization, filter, largeDelays, delaysChange}, seed++);
+          if (::testing::Test::HasFatalFailure()) return;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zeptick
