@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace zeptick::emulator {
 
@@ -273,6 +274,11 @@ void Board::setVoltage(int channel, double volts) {
 void Board::injectError() {
   std::shared_ptr<StreamModel> model = streamModel();
   if (model) model->injectError();
+}
+
+void Board::loopRecording(std::vector<uint32_t> words) {
+  std::shared_ptr<StreamModel> model = streamModel();
+  if (model) model->loopRecording(std::move(words));
 }
 
 void Board::setFirmwareVersion(uint32_t version) {

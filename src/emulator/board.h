@@ -95,6 +95,7 @@ class Board : public BoardControl {
   void setVoltage(int channel, double volts) override;
   void setFirmwareVersion(uint32_t version) override;
   void injectError() override;
+  void loopRecording(std::vector<uint32_t> words) override;
 
   // --- Truth for tests and tools ---
   /// What the firmware applies now, as last handed to the stream model.

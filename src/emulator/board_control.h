@@ -72,6 +72,10 @@ class BoardControl {
   virtual void injectError() = 0;
   /// Replaces the firmware version the loaded firmware reports on wire-out 0x24.
   virtual void setFirmwareVersion(uint32_t version) = 0;
+  /// For measuring the host alone: the loaded firmware's stream becomes `words`
+  /// over and over (see StreamModel::loopRecording). Does nothing while no
+  /// firmware is loaded; a new firmware load ends it.
+  virtual void loopRecording(std::vector<uint32_t> words) = 0;
 };
 
 /// Attaches emulated boards described by `config` (see the README: an object

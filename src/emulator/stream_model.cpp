@@ -7,9 +7,11 @@
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
+#include "core/native_tag.h"
 #include "emulator/stream_engine.h"
 
 namespace zeptick::emulator {
@@ -50,8 +52,20 @@ struct StreamModel::State {
     return origin + std::chrono::nanoseconds(ns);
   }
 
+  /// Writes the fence byte into every rollover word of the loop. REQUIRES: mutex held.
+  void fenceLoop() {
+    for (const size_t at : loop_rollovers) {
+      loop[at] = (loop[at] & ~uint32_t{0xFF0000}) | (uint32_t{fence} << 16);
+    }
+  }
+
   std::mutex mutex;
   StreamEngine engine;  // guarded by mutex
+  // A looped recording replaces the engine's words while it is not empty; all guarded by mutex.
+  std::vector<uint32_t> loop;
+  std::vector<size_t> loop_rollovers;
+  size_t loop_at = 0;
+  uint8_t fence = 0;
   const bool paced;
   const int64_t ps_per_clock;
   const Clock::time_point origin;
@@ -65,6 +79,20 @@ StreamModel::~StreamModel() = default;
 void StreamModel::configure(const FirmwareSetup& setup) {
   std::lock_guard<std::mutex> lock(state->mutex);
   state->engine.configure(setup);
+  state->fence = setup.fence;
+  state->fenceLoop();
+}
+
+void StreamModel::loopRecording(std::vector<uint32_t> words) {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  state->loop = std::move(words);
+  state->loop_rollovers.clear();
+  state->loop_at = 0;
+  for (size_t at = 0; at < state->loop.size(); ++at) {
+    const NativeTag word{state->loop[at]};
+    if (word.code() == 62 && word.kind() == 1) state->loop_rollovers.push_back(at);
+  }
+  state->fenceLoop();
 }
 
 long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
@@ -77,6 +105,16 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
   size_t transfer = 0;  // the transfer being filled, counted in this read
   Clock::time_point flush_at = Clock::now() + kFlushWait;
   std::unique_lock<std::mutex> lock(state->mutex);
+  if (!state->loop.empty()) {
+    const std::vector<uint32_t>& loop = state->loop;
+    while (filled < words) {
+      const size_t n = std::min(words - filled, loop.size() - state->loop_at);
+      std::memcpy(data + 4 * filled, loop.data() + state->loop_at, 4 * n);
+      filled += n;
+      state->loop_at = (state->loop_at + n) % loop.size();
+    }
+    return static_cast<long>(words * 4);
+  }
   StreamEngine& engine = state->engine;
   for (;;) {
     filled += engine.take(data + 4 * filled, words - filled);

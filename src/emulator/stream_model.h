@@ -55,6 +55,14 @@ class StreamModel {
   /// Puts an error word, as on a lost clock, at the next rollover boundary.
   void injectError();
 
+  /// For measuring the host alone: from now on the stream is `words` over and
+  /// over, delivered at the cost of a copy and never paced. `words` should be
+  /// this model's own free-running output cut right after a single rollover
+  /// word (kind 1, code 62), so that the loop continues the stream's time.
+  /// Rollover words take up the host's fence, as the model's own do; nothing
+  /// else of the configuration reaches the words any more.
+  void loopRecording(std::vector<uint32_t> words);
+
   /// Truth for tests: the upper edge in ps (from the clock edge) of each fine
   /// bin of hardware index `index`; bin_count values, the last equal to ps_per_clock.
   std::vector<int64_t> binUpperEdges(int index) const;
