@@ -1,0 +1,23 @@
+"""Runs a notebook with a kernel on this interpreter and fails on any cell error.
+
+The kernel is started with sys.executable itself rather than a kernel spec found on PATH, which
+may name another interpreter without the package's dependencies.
+usage: python3 run_notebook.py NOTEBOOK.ipynb
+"""
+
+import sys
+
+import nbformat
+from jupyter_client.manager import KernelManager
+from nbclient import NotebookClient
+
+notebook = nbformat.read(sys.argv[1], as_version=4)
+manager = KernelManager(kernel_cmd=[sys.executable, "-Xfrozen_modules=off", "-m", "ipykernel_launcher", "-f",
+                                    "{connection_file}"])
+client = NotebookClient(notebook, km=manager, timeout=120)
+client.execute()  # raises CellExecutionError on the first failing cell
+outputs = [o for cell in notebook.cells for o in cell.get("outputs", [])]
+errors = [o for o in outputs if o.get("output_type") == "error"]
+if errors:
+    sys.exit(f"notebook failed: {errors[0]['ename']}: {errors[0]['evalue']}")
+print(f"notebook ran clean: {len(notebook.cells)} cells, {len(outputs)} outputs")

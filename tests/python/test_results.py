@@ -1,0 +1,74 @@
+"""Arrays from the binding equal the library's own results: dtype, shape, order and values."""
+
+import subprocess
+
+import numpy as np
+import pytest
+
+import zeptick
+from conftest import BUILD
+
+
+@pytest.fixture(scope="module")
+def reference(recording, tmp_path_factory):
+    out = tmp_path_factory.mktemp("reference")
+    subprocess.run([str(BUILD / "tests" / "zeptick-python-reference"), str(recording), str(out)],
+                   check=True)
+    return {path.stem: np.load(path) for path in out.glob("*.npy")}
+
+
+def test_results_equal_the_library_results(recording, replay, reference):
+    U = zeptick.CHANNEL_UNUSED
+    # The same measurements, with the same arguments, as reference_results.cpp.
+    countrate = zeptick.Countrate(replay, [1, 2, 3])
+    counter = zeptick.Counter(replay, [1, 2, 3], 10_000_000_000, 7)
+    correlation = zeptick.Correlation(replay, 1, 2, 10, 1000)
+    differences = zeptick.TimeDifferences(replay, 2, 1, 3, U, 100, 64, 4)
+    nd = zeptick.TimeDifferencesND(replay, 2, 1, [3, 3], [], [2, 3], 100, 64)
+    histogram_2d = zeptick.Histogram2D(replay, 3, 1, 2, 1_000_000, 1_000_000, 5, 4)
+    start_stop = zeptick.StartStop(replay, 2, 1, 1000)
+    log_bins = zeptick.HistogramLogBins(replay, 2, 1, -10, -6, 20)
+    replay.replay(str(recording))
+    assert replay.waitForCompletion(timeout=60_000)
+
+    results = {
+        "countrate_totals": countrate.getCountsTotal(),
+        "counter": counter.getData(),
+        "correlation": correlation.getData(),
+        "correlation_normalized": correlation.getDataNormalized(),
+        "time_differences": differences.getData(),
+        "histogram_2d": histogram_2d.getData(),
+        "histogram_2d_index": histogram_2d.getIndex(),
+        "start_stop": start_stop.getData(),
+        "log_bins": log_bins.getData(),
+    }
+    assert set(results) | {"time_differences_nd"} == set(reference)
+    for name, result in results.items():
+        expected = reference[name]
+        assert result.dtype == expected.dtype, name
+        assert result.shape == expected.shape, name
+        np.testing.assert_array_equal(result, expected, err_msg=name)
+    assert reference["correlation"].sum() > 1000  # the recording has correlated pairs
+
+    # n-D, indexed [i_0, i_1, bin], while the library lays out the first dimension fastest.
+    flat = reference["time_differences_nd"]
+    result = nd.getData()
+    assert result.shape == (2, 3, 64) and result.dtype == np.int32
+    for i0 in range(2):
+        for i1 in range(3):
+            np.testing.assert_array_equal(result[i0, i1], flat[i0 + 2 * i1])
+    assert flat.sum() > 0
+
+
+def test_tags_as_structured_arrays(recording):
+    reader = zeptick.FileReader(str(recording))
+    tags = reader.getDataRaw()
+    assert tags.dtype == zeptick.TAG_DTYPE and tags.itemsize == 16
+    assert set(tags.dtype.names) == {"type", "missed_events", "channel", "time"}
+    assert len(tags) > 0 and np.all(np.diff(tags["time"]) >= 0)
+    # The same tags through the column accessors of a second reader.
+    columns = zeptick.FileReader(str(recording)).getData(len(tags))
+    np.testing.assert_array_equal(columns.getTimestamps(), tags["time"])
+    np.testing.assert_array_equal(columns.getChannels(), tags["channel"])
+    np.testing.assert_array_equal(columns.getEventTypes(), tags["type"])
+    assert columns.getTimestamps().dtype == np.int64 and columns.getChannels().dtype == np.int32
