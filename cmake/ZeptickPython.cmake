@@ -82,7 +82,7 @@ if(ZEPTICK_BUILD_TESTS)
   # The examples a user copies from: the script, and the notebook run by a Jupyter kernel.
   add_test(NAME example_python_rates
     COMMAND "${Python_EXECUTABLE}" "${PROJECT_SOURCE_DIR}/examples/python/rates_and_correlation.py"
-            "${PROJECT_BINARY_DIR}/examples/rates_and_correlation.png")
+            "${PROJECT_BINARY_DIR}/python/rates_and_correlation.png")
   add_test(NAME example_python_notebook
     COMMAND "${Python_EXECUTABLE}" "${PROJECT_SOURCE_DIR}/tests/python/run_notebook.py"
             "${PROJECT_SOURCE_DIR}/examples/python/live_correlation.ipynb")

@@ -11,6 +11,7 @@ void bindLibrary(py::module_& m);
 void bindTaggers(py::module_& m);
 void bindMeasurementBase(py::module_& m);
 void bindCounting(py::module_& m);
+void bindStreamAccess(py::module_& m);
 void bindHistograms(py::module_& m);
 void bindVirtualChannels(py::module_& m);
 void bindFiles(py::module_& m);

@@ -7,6 +7,7 @@ PYBIND11_MODULE(_zeptick, m) {
   bindTaggers(m);
   bindMeasurementBase(m);
   bindCounting(m);
+  bindStreamAccess(m);
   bindHistograms(m);
   bindVirtualChannels(m);
   bindFiles(m);

@@ -99,3 +99,22 @@ def test_exceptions_map_to_python_types(replay):
     zeptick.detachEmulatedDevices()
     with pytest.raises(RuntimeError):
         zeptick.createZeptick("NO-SUCH-SERIAL")
+
+
+def test_iterator_hands_every_block_to_a_python_thread(recording, replay):
+    rate = zeptick.Countrate(replay, [1, 2, 3])
+    iterator = zeptick.Iterator(replay, [1, 2, 3])
+    counted = []
+
+    def consume():
+        for tags, begin_time, end_time in iterator:
+            counted.append(np.count_nonzero(tags["type"] == 0))
+
+    consumer = threading.Thread(target=consume)
+    consumer.start()
+    replay.replay(str(recording))
+    assert replay.waitForCompletion(timeout=60_000)
+    iterator.stop()  # ends the iteration once drained
+    consumer.join(timeout=60)
+    assert sum(counted) == rate.getCountsTotal().sum() > 0
+    assert iterator.getDroppedTags() == 0
