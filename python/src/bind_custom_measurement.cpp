@@ -57,8 +57,10 @@ class PythonMeasurement : public IteratorBase {
 
  private:
   static py::array readOnlyView(std::vector<Tag>& tags) {
-    static py::capsule no_owner(&no_owner, [](void*) {});
-    py::array view = tagArray(tags.data(), tags.size(), no_owner);
+    // The block's owner is the worker, not Python: the view's base is a placeholder, never
+    // destroyed, since C++ statics end after the interpreter.
+    static auto* no_owner = new py::capsule(&tags, [](void*) {});
+    py::array view = tagArray(tags.data(), tags.size(), *no_owner);
     py::detail::array_proxy(view.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
     return view;
   }
