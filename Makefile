@@ -62,6 +62,8 @@ bench: deps
 	  echo "== $$name"; \
 	  "$$bin" --benchmark_out="build/bench/$$name.json" --benchmark_out_format=json; \
 	done
+	@echo "== python_bindings"
+	/usr/bin/python3 bench/python_bindings.py build-release | tee build/bench/python_bindings.txt
 
 format:
 	scripts/format

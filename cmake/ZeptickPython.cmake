@@ -29,8 +29,9 @@ zeptick_set_warnings(zeptick_python)
 set_target_properties(zeptick_python PROPERTIES
   OUTPUT_NAME _zeptick
   LIBRARY_OUTPUT_DIRECTORY "${zeptick_python_dir}"
-  # Found beside the package after install, and in the build tree through the build RPATH.
-  INSTALL_RPATH "${CMAKE_INSTALL_FULL_LIBDIR}")
+  # After install the library is found relative to the package (lib/python3/dist-packages/
+  # zeptick), whatever the prefix; in the build tree through the build RPATH.
+  INSTALL_RPATH "$ORIGIN/../../..;${CMAKE_INSTALL_FULL_LIBDIR}")
 
 # The pure-Python files are copied next to the extension at every build.
 file(GLOB zeptick_python_files CONFIGURE_DEPENDS
@@ -39,6 +40,18 @@ file(GLOB zeptick_python_files CONFIGURE_DEPENDS
 add_custom_command(TARGET zeptick_python POST_BUILD
   COMMAND ${CMAKE_COMMAND} -E copy_if_different ${zeptick_python_files} "${zeptick_python_dir}"
   VERBATIM)
+
+# Type stubs of the extension for editors, generated from its signatures by Debian's stubgen.
+find_program(ZEPTICK_STUBGEN stubgen)
+if(ZEPTICK_STUBGEN)
+  add_custom_command(TARGET zeptick_python POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E env "PYTHONPATH=${PROJECT_BINARY_DIR}/python"
+            "${Python_EXECUTABLE}" "${ZEPTICK_STUBGEN}" -q -p zeptick._zeptick
+            -o "${PROJECT_BINARY_DIR}/python"
+    VERBATIM)
+  install(FILES "${zeptick_python_dir}/_zeptick.pyi"
+    DESTINATION "${ZEPTICK_PYTHON_INSTALL_DIR}/zeptick" OPTIONAL)
+endif()
 
 # Installed where Debian's interpreter looks for packages of /usr/local (or of the prefix).
 execute_process(
