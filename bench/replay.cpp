@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "files/file_format.h"
-#include "files/recording_generator.h"
 #include "files/zeptick_file_reader.h"
 #include "files/zeptick_virtual_impl.h"
+#include "recording/recording_generator.h"
 #include "zeptick/countrate.h"
 #include "zeptick/file_reader.h"
 

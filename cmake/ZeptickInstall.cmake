@@ -15,6 +15,11 @@ install(TARGETS zeptick EXPORT ZeptickTargets
 # The emulator's firmware files, where the library looks when no other directory is set.
 file(GLOB zeptick_firmware_files "${PROJECT_SOURCE_DIR}/firmware/*.bit")
 install(FILES ${zeptick_firmware_files} DESTINATION "${CMAKE_INSTALL_DATADIR}/zeptick/firmware")
+foreach(firmware IN LISTS zeptick_firmware_files)
+  get_filename_component(firmware_name "${firmware}" NAME)
+  configure_file("${firmware}" "${PROJECT_BINARY_DIR}/share/zeptick/firmware/${firmware_name}"
+    COPYONLY)
+endforeach()
 
 install(EXPORT ZeptickTargets
   NAMESPACE Zeptick::

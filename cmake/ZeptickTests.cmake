@@ -16,12 +16,14 @@ file(GLOB zeptick_test_support_sources CONFIGURE_DEPENDS
 if(zeptick_test_support_sources)
   add_library(zeptick_test_support STATIC ${zeptick_test_support_sources})
   target_include_directories(zeptick_test_support PUBLIC "${PROJECT_SOURCE_DIR}/tests")
-  target_link_libraries(zeptick_test_support PUBLIC zeptick_internal GTest::gtest GTest::gmock)
+  target_link_libraries(zeptick_test_support PUBLIC zeptick_internal zeptick_recording GTest::gtest
+    GTest::gmock)
   zeptick_set_warnings(zeptick_test_support)
 else()
   add_library(zeptick_test_support INTERFACE)
   target_include_directories(zeptick_test_support INTERFACE "${PROJECT_SOURCE_DIR}/tests")
-  target_link_libraries(zeptick_test_support INTERFACE zeptick_internal GTest::gtest GTest::gmock)
+  target_link_libraries(zeptick_test_support INTERFACE zeptick_internal zeptick_recording
+    GTest::gtest GTest::gmock)
 endif()
 
 # Builds everything the TSan pass runs, and nothing else, to keep that build short.

@@ -2,12 +2,19 @@
 # <build>/tools/. Tools link the static library: they may use internal pieces such as the file
 # writer directly.
 
+# Synthetic recordings for the generator tool, the benchmarks and the tests; not part of the
+# library users get.
+add_library(zeptick_recording STATIC "${PROJECT_SOURCE_DIR}/tools/recording/recording_generator.cpp")
+target_include_directories(zeptick_recording PUBLIC "${PROJECT_SOURCE_DIR}/tools")
+target_link_libraries(zeptick_recording PUBLIC zeptick_internal)
+zeptick_set_warnings(zeptick_recording)
+
 file(GLOB zeptick_tool_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tools/*.cpp")
 foreach(source IN LISTS zeptick_tool_sources)
   get_filename_component(stem "${source}" NAME_WE)
   string(REPLACE "_" "-" program "zeptick-${stem}")
   add_executable(${program} "${source}")
-  target_link_libraries(${program} PRIVATE zeptick_internal)
+  target_link_libraries(${program} PRIVATE zeptick_internal zeptick_recording)
   target_include_directories(${program} PRIVATE "${PROJECT_SOURCE_DIR}/tools")
   zeptick_set_warnings(${program})
   set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tools")

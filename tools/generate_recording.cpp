@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "files/recording_generator.h"
+#include "recording/recording_generator.h"
 
 namespace {
 

@@ -142,6 +142,11 @@ void PipeBackend::loadFirmware() {
   const std::string path = searchFirmware(file);
   std::error_code ignored;
   if (!std::filesystem::exists(path, ignored)) {
+    std::string searched;
+    for (const std::string& candidate : firmwareCandidates(file)) {
+      searched += (searched.empty() ? "" : ", ") + candidate;
+    }
+    ZT_LOG_WARNING("Firmware searched in: %s", searched.c_str());
     fail("Firmware file not found - filename: '" + file + "'");
   }
   if (api->okFrontPanel_ConfigureFPGA(handle, path.c_str()) != ok_NoError) {

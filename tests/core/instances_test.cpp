@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/tagger_factories.h"
+#include "library/tagger_factories.h"
 #include "support/test_tagger.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/library.h"

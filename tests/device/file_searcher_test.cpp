@@ -76,7 +76,7 @@ TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation
                                              "ZeptickUltraController.bit"}}));
   messages.clear();
   // Only a file of that very name counts.
-  EXPECT_EQ(searchFirmware("ZeptickController.bit"), "/opt/zeptick/fw/ZeptickController.bit");
+  EXPECT_EQ(searchFirmware("Other.bit"), "/opt/zeptick/fw/Other.bit");
   // A missing subdirectory reads as empty, and the search still gives a path.
   unsetenv("ZEPTICK_FIRMWARE_SUBDIRECTORY");
   EXPECT_EQ(searchFirmware("A.bit"), "/opt/zeptick//A.bit");
@@ -87,6 +87,12 @@ TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation
   EXPECT_EQ(installed, device::installedFirmwareDirectory() + "/A.bit");
   EXPECT_TRUE(fs::path(installed).is_absolute());
   EXPECT_EQ(fs::path(installed).parent_path().filename(), "firmware");
+  // Last, the tree this code was loaded from: the build tree mirrors an installation.
+  if (!fs::exists(device::installedFirmwareDirectory() + "/ZeptickController.bit")) {
+    const std::string beside = searchFirmware("ZeptickController.bit");
+    EXPECT_EQ(beside, device::firmwareDirectoryBesideLibrary() + "/ZeptickController.bit");
+    EXPECT_TRUE(fs::is_regular_file(beside)) << beside;
+  }
   EXPECT_TRUE(messages.empty());
 }
 

@@ -251,9 +251,19 @@ TEST_F(OpenDevice, FaultsBeforeTheFirmwareStopTheStartUp) {
 
   board->clearTraffic();
   {
-    ScopedEnvironment empty("ZEPTICK_BASE_DIRECTORY", ::testing::TempDir() + "/no-firmware-here");
+    const std::string missing = ::testing::TempDir() + "/no-firmware-here.bit";
+    setCustomBitFileName(missing);
+    LogCapture log;
     EXPECT_EQ(errorOf([&] { backend.openDevice("FAULT"); }),
               "Firmware file not found - filename: 'ZeptickUltraController.bit'");
+    setCustomBitFileName("");
+    // Beside the message, where the firmware was looked for.
+    bool listed = false;
+    for (const std::string& message : log.messages()) {
+      listed |=
+          message.find("Firmware searched in: ./ZeptickUltraController.bit, ") != std::string::npos;
+    }
+    EXPECT_TRUE(listed);
     EXPECT_EQ(indexOf(board->events(), "ConfigureFPGA"), board->events().size());
     EXPECT_FALSE(backend.isConnected());
   }

@@ -146,9 +146,10 @@ TEST_F(ZeptickImplOpen, OpeningFailuresReachTheCaller) {
   EXPECT_EQ(errorOf([] { ZeptickImpl tagger("NOPE"); }),
             "Opening of USB connection failed or device with serial 'NOPE' not found.");
   {
-    ScopedEnvironment no_firmware{"ZEPTICK_FIRMWARE_SUBDIRECTORY", std::string("missing")};
+    setCustomBitFileName("/nowhere/ZeptickUltraController.bit");
     EXPECT_EQ(errorOf([] { ZeptickImpl tagger("ENG5"); }),
               "Firmware file not found - filename: 'ZeptickUltraController.bit'");
+    setCustomBitFileName("");
   }
   board = emulator::findBoard("ENG5");
   board->unplug();

@@ -22,10 +22,10 @@
 
 #include "file_format_reference.h"
 #include "files/file_format.h"
-#include "files/recording_generator.h"
 #include "files/zeptick_file_reader.h"
 #include "files/zeptick_file_writer.h"
 #include "files/zeptick_virtual_impl.h"
+#include "recording/recording_generator.h"
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"

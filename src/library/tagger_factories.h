@@ -9,9 +9,9 @@
 
 namespace zeptick::detail {
 
-/// How the instance registry makes taggers and asks about devices. The
-/// registry knows no concrete tagger: each tagger kind plugs in here, and
-/// tests substitute their own.
+/// How the instance registry makes taggers and asks about devices. This folder
+/// assembles the library: it is the one place that knows the concrete taggers
+/// (engine, replay) and the device scan; tests substitute their own factories.
 struct TaggerFactories {
   /// Opens the device with `serial`, or the first free one for "". Throws when none.
   std::function<Zeptick*(const std::string& serial)> hardware;
@@ -26,17 +26,9 @@ TaggerFactories& taggerFactories();
 /// The library's own factories.
 TaggerFactories defaultTaggerFactories();
 
-/// The library's hardware tagger for `serial` ("" for the first free device). Throws when none.
-Zeptick* makeHardwareTagger(const std::string& serial);
-/// The library's replay tagger.
-ZeptickVirtual* makeReplayTagger();
-
 /// The one place that may destroy a tagger; ZeptickBase befriends it.
 struct TaggerDeleter {
   static void destroy(ZeptickBase* tagger) { delete tagger; }
 };
-
-/// Firmware file name set by setCustomBitFileName; empty for the model's default.
-std::string customBitFileName();
 
 }  // namespace zeptick::detail

@@ -1,4 +1,4 @@
-#include "files/recording_generator.h"
+#include "recording/recording_generator.h"
 
 #include <algorithm>
 #include <cmath>

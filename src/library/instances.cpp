@@ -4,7 +4,8 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "core/tagger_factories.h"
+#include "device/file_searcher.h"
+#include "library/tagger_factories.h"
 #include "zeptick/library.h"
 
 namespace zeptick {
@@ -31,16 +32,6 @@ Registry& registry() {
 
 std::atomic<int> channel_number_scheme{ZT_CHANNEL_NUMBER_SCHEME_AUTO};
 
-struct BitFileName {
-  std::mutex mutex;
-  std::string name;
-};
-
-BitFileName& bitFileName() {
-  static auto* instance = new BitFileName();
-  return *instance;
-}
-
 void destroyEntry(const RefCountZeptick& entry) {
   if ((entry.real == nullptr) == (entry.virtual_tagger == nullptr)) {
     throw std::runtime_error("instance must point to a real XOR or virtual zeptick");
@@ -59,11 +50,6 @@ namespace detail {
 TaggerFactories& taggerFactories() {
   static auto* factories = new TaggerFactories(defaultTaggerFactories());
   return *factories;
-}
-
-std::string customBitFileName() {
-  std::lock_guard<std::mutex> guard(bitFileName().mutex);
-  return bitFileName().name;
 }
 
 }  // namespace detail
@@ -129,12 +115,7 @@ std::string getZeptickModel(const std::string& serial) {
   return detail::taggerFactories().model(serial);
 }
 
-void setCustomBitFileName(const std::string& name) {
-  BitFileName& stored = bitFileName();
-  if (&name == &stored.name) return;
-  std::lock_guard<std::mutex> guard(stored.mutex);
-  stored.name = name;
-}
+void setCustomBitFileName(const std::string& name) { device::setCustomFirmwareFile(name); }
 
 void setZeptickChannelNumberScheme(int scheme) { channel_number_scheme.store(scheme); }
 
