@@ -15,8 +15,11 @@
 
 #include "emulator/board_control.h"
 #include "emulator/stream_model.h"
+#include "thread_cpu_clock.h"
 
 namespace {
+
+using zeptick::bench::threadSeconds;
 
 using zeptick::emulator::FirmwareSetup;
 using zeptick::emulator::StreamModel;
@@ -48,12 +51,6 @@ FirmwareSetup measuring(const StreamParameters& p) {
   s.test_half_period_word = 63;
   s.started = true;
   return s;
-}
-
-double threadSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
 void run(benchmark::State& state, const nlohmann::json& sources) {

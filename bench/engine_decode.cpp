@@ -16,6 +16,7 @@
 #include "core/zeptick_runner.h"
 #include "emulator/stream_model.h"
 #include "engine/native_decoder.h"
+#include "thread_cpu_clock.h"
 
 namespace zeptick::bench {
 namespace {
@@ -76,12 +77,6 @@ __attribute__((noinline)) void plainPass(const std::vector<NativeTag>& words, st
       base += 2500 * 65536;
     }
   }
-}
-
-double threadSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
 enum class Setup { NoDelays, TwoDelayed, Filtered };

@@ -29,23 +29,17 @@
 #include "engine/delay_stage.h"
 #include "engine/native_decoder.h"
 #include "engine/zeptick_impl.h"
+#include "thread_cpu_clock.h"
 #include "zeptick/correlation.h"
 #include "zeptick/countrate.h"
 #include "zeptick/library.h"
 
 namespace {
 
+using zeptick::bench::cpuSeconds;
+
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
-
-// CPU seconds of the whole process or of this thread. On a shared machine
-// the wall-clock rates move with everything else running; tags per CPU
-// second of the tagger's threads move much less.
-double cpuSeconds(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
 
 // 100 million events per second of stream time on four inputs, busy enough
 // that rollover words hardly count: every read is nearly all events.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "bench_tagger.h"
+#include "thread_cpu_clock.h"
 #include "zeptick/histogram_log_bins.h"
 
 namespace zeptick::bench {
@@ -77,14 +78,6 @@ __attribute__((noinline)) int64_t scan(const std::vector<Tag>& tags) {
 
 void shift(std::vector<Tag>& tags, int64_t by) {
   for (Tag& tag : tags) tag.time += by;
-}
-
-// This thread's CPU time in seconds: on a shared machine wall time would mostly
-// measure the other tenants.
-double threadSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 void BM_HistogramLogBinsPerClick(benchmark::State& state) {

@@ -23,4 +23,14 @@ struct ThreadCpuClock {
   }
 };
 
+/// CPU seconds of `clock` (CLOCK_THREAD_CPUTIME_ID, CLOCK_PROCESS_CPUTIME_ID, ...).
+inline double cpuSeconds(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+/// CPU seconds of the calling thread.
+inline double threadSeconds() { return cpuSeconds(CLOCK_THREAD_CPUTIME_ID); }
+
 }  // namespace zeptick::bench

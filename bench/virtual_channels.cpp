@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "bench_tagger.h"
+#include "thread_cpu_clock.h"
 #include "zeptick/coincidences.h"
 #include "zeptick/delayed_channel.h"
 
@@ -84,12 +85,6 @@ void fill(std::vector<Tag>& block, const std::vector<Tag>& pattern, int64_t begi
     block[i] = pattern[i];
     block[i].time += begin;
   }
-}
-
-double threadSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
 template <class Channel>

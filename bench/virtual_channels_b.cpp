@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "bench_tagger.h"
+#include "thread_cpu_clock.h"
 #include "zeptick/constant_fraction_discriminator.h"
 #include "zeptick/event_generator.h"
 
@@ -64,22 +65,10 @@ class Direct : public Channel {
   }
 };
 
-// This thread's CPU time: on a shared machine, time spent descheduled would
-// otherwise swamp both figures.
-struct ThreadClock {
-  using duration = std::chrono::nanoseconds;
-  using time_point = std::chrono::time_point<ThreadClock, duration>;
-  static time_point now() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return time_point(duration(int64_t{now.tv_sec} * 1000000000 + now.tv_nsec));
-  }
-};
-
 // Alternates channel and copy over the same blocks and reports both rates.
 template <class Channel>
 void runAgainstCopy(benchmark::State& state, Channel& channel) {
-  using Clock = ThreadClock;
+  using Clock = ThreadCpuClock;
   const std::vector<Tag> pattern = pulsePattern();
   std::vector<Tag> block;
   std::vector<Tag> copy_block;

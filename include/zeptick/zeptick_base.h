@@ -50,10 +50,12 @@ class ZEPTICK_API ZeptickBase {
   virtual void runSynchronized(const SynchronizedCallbacks& callbacks, bool block = true) = 0;
   /// JSON text describing the tagger.
   virtual std::string getConfiguration() = 0;
-  /// Delay of `channel` in picoseconds.
+  /// Delay of `channel` in picoseconds, clamped to +-1e17 ps (about 28 hours);
+  /// getInputDelay returns the value in force.
   virtual void setInputDelay(int channel, int64_t delay) = 0;
   virtual int64_t getInputDelay(int channel) = 0;
   /// Dead time of `channel` in picoseconds; returns the value in force after rounding.
+  /// Values beyond what the instrument can hold are clamped to its range.
   virtual int64_t setDeadtime(int channel, int64_t deadtime) = 0;
   virtual int64_t getDeadtime(int channel) = 0;
   virtual void setTestSignal(std::vector<int> channels, bool enabled) = 0;

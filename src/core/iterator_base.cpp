@@ -195,6 +195,8 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
       capture_duration += end_time - begin_time;
     } else {
       processCutBlock(tags, begin_time, begin_time + remaining);
+      // Stopped below like stop(): ordered stages of earlier blocks finish before on_stop.
+      stop_requested = true;
     }
   } catch (const std::exception& e) {
     logUnhandled(this, e.what());
@@ -231,8 +233,6 @@ void IteratorBase::processCutBlock(std::vector<Tag>& tags, int64_t begin_time,
     copy.insert(copy.end(), tags.begin() + static_cast<ptrdiff_t>(seen), tags.end());
     tags.swap(copy);
   }
-  running = false;
-  on_stop();
 }
 
 }  // namespace zeptick

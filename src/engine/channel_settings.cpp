@@ -5,6 +5,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "core/input_delay.h"
 #include "core/log.h"
 #include "engine/zeptick_impl.h"
 
@@ -246,7 +247,7 @@ void ZeptickImpl::setInputDelay(int channel, int64_t delay) {
     ZT_LOG_WARNING("Tried to set the input delay of an unknown channel");
     return;
   }
-  config->inputDelay = delay;
+  config->inputDelay = detail::clampInputDelay(delay);
   markDirty(channel);
   int64_t smallest = 0;
   bool first = true;
@@ -279,7 +280,9 @@ int64_t ZeptickImpl::setDeadtime(int channel, int64_t deadtime) {
     return 0;
   }
   const int64_t ps = deviceOf(channel)->psPerClock;
-  const int64_t clocks = std::clamp<int64_t>((deadtime + ps / 2) / ps, 1, 65535);
+  // Bounded first, so that rounding cannot overflow on extreme requests.
+  const int64_t bounded = std::clamp<int64_t>(deadtime, 0, 65535 * ps);
+  const int64_t clocks = std::clamp<int64_t>((bounded + ps / 2) / ps, 1, 65535);
   config->deadtimeClocks = static_cast<uint16_t>(clocks);
   markDirty(channel);
   return clocks * ps;

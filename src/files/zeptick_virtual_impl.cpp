@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "core/input_delay.h"
 #include "core/log.h"
 #include "files/zeptick_file_reader.h"
 #include "zeptick/library.h"
@@ -184,7 +185,9 @@ ReplayChannelConfig ZeptickVirtualImpl::channelSettings(int channel) {
 }
 
 void ZeptickVirtualImpl::setInputDelay(int channel, int64_t delay) {
-  editChannel(channel, [delay](ReplayChannelConfig& config) { config.delay = delay; });
+  editChannel(channel, [delay](ReplayChannelConfig& config) {
+    config.delay = detail::clampInputDelay(delay);
+  });
 }
 
 int64_t ZeptickVirtualImpl::getInputDelay(int channel) { return channelSettings(channel).delay; }

@@ -60,12 +60,12 @@ TimeTagStreamBuffer TimeTagStream::getData() {
   result.tStart = held.tStart;
   result.tGetData = held.tGetData;
   result.hasOverflows = held.hasOverflows;
-  if (held.size > 0) {
-    result.channels.swap(held.channels);
-    result.timestamps.swap(held.timestamps);
-    result.missed_events.swap(held.missed_events);
-    result.event_types.swap(held.event_types);
-  }
+  // Copied out, not swapped: the held buffers keep their room (and their pages),
+  // so neither this call nor the workers allocate it again.
+  result.channels = held.channels;
+  result.timestamps = held.timestamps;
+  result.missed_events = held.missed_events;
+  result.event_types = held.event_types;
   const int64_t span_end = held.tGetData;
   clear_impl();
   held.tStart = span_end;
@@ -78,13 +78,15 @@ void TimeTagStream::clear_impl() {
   held.timestamps.clear();
   held.missed_events.clear();
   held.event_types.clear();
-  // Room for the limit now, so the workers never allocate while collecting. A
+  // Room for the limit once, so the workers never allocate while collecting. A
   // limit meant as "no limit" gets a large room, not a failed allocation.
   const auto room = static_cast<size_t>(std::min<uint64_t>(n_max_events, kMaxReserved));
-  held.channels.reserve(room);
-  held.timestamps.reserve(room);
-  held.missed_events.reserve(room);
-  held.event_types.reserve(room);
+  if (held.channels.capacity() < room) {
+    held.channels.reserve(room);
+    held.timestamps.reserve(room);
+    held.missed_events.reserve(room);
+    held.event_types.reserve(room);
+  }
   held.hasOverflows = false;
   held.tStart = -1;
 }

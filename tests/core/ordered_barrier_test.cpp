@@ -193,8 +193,9 @@ class StagedWork final : public IteratorBase {
  public:
   using Heavy = std::function<void(StagedWork& self, const std::vector<Tag>& tags)>;
 
-  StagedWork(ZeptickBase* tagger, int stages, Heavy heavy)
-      : IteratorBase(tagger), stages(stages), heavy(std::move(heavy)) {
+  // With `skip_empty`, a block without tags returns at once, taking no turn.
+  StagedWork(ZeptickBase* tagger, int stages, Heavy heavy, bool skip_empty = false)
+      : IteratorBase(tagger), stages(stages), heavy(std::move(heavy)), skip_empty(skip_empty) {
     if (auto* exposing = dynamic_cast<NodeExposingTagger*>(tagger)) {
       barriers = &exposing->lastNode()->barriers;
     }
@@ -220,6 +221,7 @@ class StagedWork final : public IteratorBase {
 
  protected:
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override {
+    if (skip_empty && tags.empty()) return false;
     OrderedPipeline pipeline;
     std::vector<Turn> turns;
     for (int stage = 0; stage < stages; ++stage) turns.push_back(parallelize(pipeline));
@@ -241,6 +243,7 @@ class StagedWork final : public IteratorBase {
  private:
   const int stages;
   const Heavy heavy;
+  const bool skip_empty;
   const std::list<OrderedBarrier>* barriers = nullptr;
   std::vector<Span> logs[2];  // logs[k] guarded by the turn of stage k
   std::vector<size_t> barrier_counts;
@@ -338,6 +341,32 @@ TEST(OrderedStagesTest, SecondStageUsesASecondBarrierForEveryBlock) {
   const std::vector<size_t> counts = work.barrierCounts();
   ASSERT_GE(counts.size(), pushed.size());
   EXPECT_EQ(std::count(counts.begin(), counts.end(), 2u), static_cast<ptrdiff_t>(counts.size()));
+}
+
+// A capture limit that ends inside a block stops the measurement as stop() does: on_stop runs
+// only once every earlier block has left its parallel section, even when the cut block itself
+// holds nothing to wait for.
+TEST(OrderedStagesTest, CaptureLimitInsideABlockWaitsForTheOrderedStages) {
+  TestZeptick tagger("STOP-CUT", 6);
+  constexpr int kCutBlock = 30;
+  StagedWork work(
+      &tagger, 1,
+      [](StagedWork&, const std::vector<Tag>& tags) {
+        if (tags.front().time / kSpan == kCutBlock - 1) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+      },
+      true);
+  // The cut falls before the cut block's only tag, so that block reaches the measurement empty.
+  work.startFor(kCutBlock * kSpan + kSpan / 4);
+  tagger.pushBlocks(makeBlocks(60));
+  tagger.sync();
+  const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
+  while (work.isRunning() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ASSERT_FALSE(work.isRunning());
+  EXPECT_EQ(work.inParallelAtStop(), 0);
 }
 
 TEST(OrderedStagesTest, StopWaitsForTheLastOrderedStage) {

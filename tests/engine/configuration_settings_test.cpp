@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,6 +48,14 @@ TEST_F(ConfigurationSettings, DeadtimeRoundsToClocksAndDividerClamps) {
   EXPECT_EQ(zt.setDeadtime(-1, int64_t{1} << 40), 65535 * 2500);
   EXPECT_EQ(zt.getDeadtime(-1), 65535 * 2500);
   EXPECT_EQ(zt.getDeadtime(1), 5000) << "each edge has its own dead time";
+  // Extreme requests clamp instead of overflowing while rounding.
+  EXPECT_EQ(zt.setDeadtime(3, std::numeric_limits<int64_t>::max()), 65535 * 2500);
+  EXPECT_EQ(zt.setDeadtime(3, std::numeric_limits<int64_t>::min()), 2500);
+  zt.setInputDelay(3, std::numeric_limits<int64_t>::max());
+  zt.setInputDelay(4, std::numeric_limits<int64_t>::min());
+  EXPECT_EQ(zt.getInputDelay(3), 100'000'000'000'000'000);
+  EXPECT_EQ(zt.getInputDelay(4), -100'000'000'000'000'000);
+  EXPECT_TRUE(zt.sync()) << "the stream goes on with the clamped delays";
 
   zt.setEventDivider(2, 70000);
   EXPECT_EQ(zt.getEventDivider(2), 65535u);
