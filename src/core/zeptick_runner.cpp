@@ -1,6 +1,7 @@
 #include "core/zeptick_runner.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <latch>
 #include <stdexcept>
@@ -34,14 +35,15 @@ ZeptickRunner::~ZeptickRunner() {
 
 void ZeptickRunner::startWorkers(unsigned count) {
   {
-    std::lock_guard<std::mutex> guard(fence_mutex);
+    detail::MutexLock guard(fence_mutex);
     current_fence = 0;
     finished_fence = 0;
     fence_pending = false;
   }
   first_node = nullptr;
+  claimed_end = -1;
   {
-    std::lock_guard<std::mutex> guard(idle_mutex);
+    detail::MutexLock guard(idle_mutex);
     workers_stopping = false;
   }
   if (count == 0) count = std::max(1u, std::thread::hardware_concurrency());
@@ -64,7 +66,7 @@ void ZeptickRunner::workerLoop(Worker* worker) {
 
 void ZeptickRunner::stopWorkers() {
   {
-    std::lock_guard<std::mutex> guard(idle_mutex);
+    detail::MutexLock guard(idle_mutex);
     workers_stopping = true;
     for (Worker& worker : workers) worker.stop.store(true, std::memory_order_release);
   }
@@ -77,7 +79,7 @@ void ZeptickRunner::stopWorkers() {
 
   // Nobody will run what is still queued: release blocking callers rather
   // than leave them waiting on a tagger that is going away.
-  std::lock_guard<std::mutex> guard(callbacks_mutex);
+  detail::MutexLock guard(callbacks_mutex);
   for (auto& entry : callbacks) {
     if (entry.second != nullptr) entry.second->finished = true;
   }
@@ -88,7 +90,7 @@ void ZeptickRunner::stopWorkers() {
 void ZeptickRunner::orphanChain() {
   std::deque<IteratorBaseListNode*> unlinked;
   {
-    std::lock_guard<std::mutex> guard(new_nodes_mutex);
+    detail::MutexLock guard(new_nodes_mutex);
     unlinked.swap(new_nodes);
   }
   // An orphan keeps its data, its channel operations no longer reach the
@@ -124,13 +126,13 @@ void ZeptickRunner::orphanChain() {
 IteratorBaseListNode* ZeptickRunner::addIterator(IteratorBase* iterator) {
   auto* node = new IteratorBaseListNode();
   node->iterator = iterator;
-  std::lock_guard<std::mutex> guard(new_nodes_mutex);
+  detail::MutexLock guard(new_nodes_mutex);
   new_nodes.push_back(node);
   return node;
 }
 
 IteratorBaseListNode* ZeptickRunner::linkNextNewNode(IteratorBaseListNode** link) {
-  std::lock_guard<std::mutex> guard(new_nodes_mutex);
+  detail::MutexLock guard(new_nodes_mutex);
   if (new_nodes.empty()) return nullptr;
   *link = new_nodes.front();
   new_nodes.pop_front();
@@ -164,11 +166,28 @@ void ZeptickRunner::runCallbacks(const CallbackBatch& batch, IteratorBase* itera
   }
 }
 
+bool ZeptickRunner::tagsInsideTheirSpan(const Worker& worker) {
+  if (worker.blockBegin > worker.blockEnd) return false;
+  int64_t previous = worker.blockBegin;
+  for (const Tag& tag : worker.tags) {
+    if (tag.time < previous || tag.time > worker.blockEnd) return false;
+    previous = tag.time;
+  }
+  return true;
+}
+
 void ZeptickRunner::runAllIterators(Worker* worker) {
+  // Taken before trying for a block: a wake-up given after this point, even before this
+  // worker starts waiting, lets it try again instead of idling for a block.
+  uint64_t seen_generation;
+  {
+    detail::MutexLock guard(idle_mutex);
+    seen_generation = wake_generation;
+  }
   std::unique_lock<std::mutex> lock(block_mutex);
   uint32_t fence;
   {
-    std::lock_guard<std::mutex> guard(fence_mutex);
+    detail::MutexLock guard(fence_mutex);
     fence = current_fence;
     // A fence allocated from here on cannot apply to this block.
     fence_pending = false;
@@ -177,6 +196,10 @@ void ZeptickRunner::runAllIterators(Worker* worker) {
   bool next_worker_woken = false;
   auto wake_next_worker = [this, &next_worker_woken] {
     if (next_worker_woken) return;
+    {
+      detail::MutexLock guard(idle_mutex);
+      ++wake_generation;
+    }
     idle_cv.notify_one();
     next_worker_woken = true;
   };
@@ -186,14 +209,21 @@ void ZeptickRunner::runAllIterators(Worker* worker) {
       std::this_thread::yield();
       return;
     }
-    std::unique_lock<std::mutex> idle(idle_mutex);
-    if (!workers_stopping) idle_cv.wait(idle);
+    detail::MutexLock idle(idle_mutex);
+    idle.wait(idle_cv, [&]() ZT_REQUIRES(idle_mutex) {
+      return workers_stopping || wake_generation != seen_generation;
+    });
     return;
   }
 
+  // Claiming is sequential while `lock` is held, so the previous claim's end is stable here.
+  assert(claimed_end < 0 || worker->blockBegin == claimed_end);
+  assert(tagsInsideTheirSpan(*worker));
+  claimed_end = worker->blockEnd;
+
   CallbackBatch batch;
   {
-    std::lock_guard<std::mutex> guard(callbacks_mutex);
+    detail::MutexLock guard(callbacks_mutex);
     batch.swap(callbacks);
   }
 
@@ -220,6 +250,9 @@ void ZeptickRunner::runAllIterators(Worker* worker) {
     lock = std::move(turnstile);
     wake_next_worker();
     iterator->next(node, lock, worker->tags, worker->blockBegin, worker->blockEnd, worker->fence);
+    // A virtual channel may have edited the block: what the next measurement sees must still
+    // be a block.
+    assert(tagsInsideTheirSpan(*worker));
     link = &node->next;
   }
 
@@ -229,7 +262,7 @@ void ZeptickRunner::runAllIterators(Worker* worker) {
 
 void ZeptickRunner::finishCallbacks(CallbackBatch& batch) {
   {
-    std::lock_guard<std::mutex> guard(callbacks_mutex);
+    detail::MutexLock guard(callbacks_mutex);
     for (auto& entry : batch) {
       if (entry.second != nullptr) entry.second->finished = true;
     }
@@ -238,12 +271,14 @@ void ZeptickRunner::finishCallbacks(CallbackBatch& batch) {
 }
 
 void ZeptickRunner::finishFence(Worker* worker, std::unique_lock<std::mutex>& lock) {
-  std::unique_lock<std::mutex> guard(fence_mutex);
-  if (lock.owns_lock()) lock.unlock();
-  // Taken before the chain's last lock fell, so finished_fence moves in block order.
-  const bool changed = finished_fence != worker->fence;
-  finished_fence = worker->fence;
-  guard.unlock();
+  bool changed;
+  {
+    detail::MutexLock guard(fence_mutex);
+    if (lock.owns_lock()) lock.unlock();
+    // Taken before the chain's last lock fell, so finished_fence moves in block order.
+    changed = finished_fence != worker->fence;
+    finished_fence = worker->fence;
+  }
   if (changed) fence_cv.notify_all();
 }
 
@@ -258,11 +293,12 @@ uint32_t ZeptickRunner::getFence(bool alloc_fence) {
     }
     return batch->fence;
   }
-  std::unique_lock<std::mutex> guard(fence_mutex);
+  detail::MutexLock guard(fence_mutex);
   if (!alloc_fence || fence_pending) return current_fence;
   // At most 100 fences outstanding, so that the signed distance stays meaningful.
-  fence_cv.wait(guard,
-                [this] { return static_cast<int32_t>(finished_fence - current_fence) > -100; });
+  guard.wait(fence_cv, [this]() ZT_REQUIRES(fence_mutex) {
+    return static_cast<int32_t>(finished_fence - current_fence) > -100;
+  });
   if (fence_pending) return current_fence;
   ++current_fence;
   fence_pending = true;
@@ -270,33 +306,35 @@ uint32_t ZeptickRunner::getFence(bool alloc_fence) {
 }
 
 uint32_t ZeptickRunner::takeFence() {
-  std::lock_guard<std::mutex> guard(fence_mutex);
+  detail::MutexLock guard(fence_mutex);
   fence_pending = false;
   return current_fence;
 }
 
 bool ZeptickRunner::waitForFence(uint32_t fence, int timeout) {
-  std::unique_lock<std::mutex> guard(fence_mutex);
-  auto passed = [this, fence] { return static_cast<int32_t>(finished_fence - fence) >= 0; };
+  detail::MutexLock guard(fence_mutex);
+  auto passed = [this, fence]() ZT_REQUIRES(fence_mutex) {
+    return static_cast<int32_t>(finished_fence - fence) >= 0;
+  };
   if (timeout == 0) return passed();
   if (timeout < 0) {
-    fence_cv.wait(guard, passed);
+    guard.wait(fence_cv, passed);
     return true;
   }
-  return fence_cv.wait_for(guard, std::chrono::milliseconds(timeout), passed);
+  return guard.waitFor(fence_cv, std::chrono::milliseconds(timeout), passed);
 }
 
 bool ZeptickRunner::sync() { return waitForFence(getFence(true), -1); }
 
 void ZeptickRunner::runSynchronized(const SynchronizedCallbacks& callback_map, bool block) {
-  std::unique_lock<std::mutex> guard(callbacks_mutex);
+  detail::MutexLock guard(callbacks_mutex);
   if (!block) {
     callbacks.emplace_back(callback_map, nullptr);
     return;
   }
   CallbacksReturnArguments result;
   callbacks.emplace_back(callback_map, &result);
-  callbacks_cv.wait(guard, [&result] { return result.finished; });
+  guard.wait(callbacks_cv, [&result] { return result.finished; });
   if (result.failed) throw std::runtime_error(result.error_text.str());
 }
 

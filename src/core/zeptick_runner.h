@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/annotated_mutex.h"
 #include "core/native_tag.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/tag.h"
@@ -88,29 +89,34 @@ class ZeptickRunner : public virtual ZeptickBase {
   void finishCallbacks(CallbackBatch& batch);
   void finishFence(Worker* worker, std::unique_lock<std::mutex>& lock);
   void orphanChain();
+  /// True if the block's tags lie in [blockBegin, blockEnd] in time order.
+  static bool tagsInsideTheirSpan(const Worker& worker);
 
-  std::mutex idle_mutex;
+  detail::Mutex idle_mutex;
   std::condition_variable idle_cv;
   std::list<Worker> workers;
-  bool workers_stopping = true;
+  bool workers_stopping ZT_GUARDED_BY(idle_mutex) = true;
+  uint64_t wake_generation ZT_GUARDED_BY(idle_mutex) = 0;
 
-  std::mutex fence_mutex;
+  detail::Mutex fence_mutex;
   std::condition_variable fence_cv;
-  uint32_t current_fence = 0;
-  bool fence_pending = false;
-  uint32_t finished_fence = 0;
+  uint32_t current_fence ZT_GUARDED_BY(fence_mutex) = 0;
+  bool fence_pending ZT_GUARDED_BY(fence_mutex) = false;
+  uint32_t finished_fence ZT_GUARDED_BY(fence_mutex) = 0;
 
-  std::mutex callbacks_mutex;
+  detail::Mutex callbacks_mutex;
   std::condition_variable callbacks_cv;
-  CallbackBatch callbacks;
+  CallbackBatch callbacks ZT_GUARDED_BY(callbacks_mutex);
 
-  std::mutex new_nodes_mutex;
-  std::deque<IteratorBaseListNode*> new_nodes;
+  detail::Mutex new_nodes_mutex;
+  std::deque<IteratorBaseListNode*> new_nodes ZT_GUARDED_BY(new_nodes_mutex);
   IteratorBaseListNode* first_node = nullptr;
 
  protected:
   /// Held by a worker while it claims a block; makes claiming sequential.
   std::mutex block_mutex;
+  /// End of the last block claimed, -1 before the first; written while claiming.
+  int64_t claimed_end = -1;
 };
 
 }  // namespace zeptick

@@ -187,6 +187,8 @@ int64_t StreamEngine::earliestPending() const {
   return earliest;
 }
 
+bool StreamEngine::quiet() const { return !output_.overflowing() && earliestPending() == kNoTime; }
+
 int64_t StreamEngine::nextWindowEnd() const {
   return std::min(position_ + window_clocks_, output_.nextBoundary());
 }

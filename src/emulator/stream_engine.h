@@ -39,6 +39,10 @@ class StreamEngine {
   /// produced no new word and no window.
   bool advance(int64_t limit);
 
+  /// True when no source will ever send an edge and no overflow is open: from
+  /// here on the stream holds nothing but the passing of time.
+  bool quiet() const;
+
   /// Copies up to `count` produced words to `out`; returns how many.
   size_t take(unsigned char* out, size_t count) { return output_.take(out, count); }
   void injectError() { output_.injectError(); }

@@ -120,6 +120,18 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
     filled += engine.take(data + 4 * filled, words - filled);
     if (filled == words) break;
     if (!state->paced) {
+      if (engine.quiet()) {
+        // With nothing ever to send, a free-running board would otherwise fill every read
+        // with runs of empty periods and race its clock to overflow within seconds. One
+        // period per read keeps fences flowing; fillers, which the host skips, pad the rest.
+        constexpr int64_t kPeriod = StreamOutput::kPeriodClocks;
+        const int64_t until = (engine.position() / kPeriod + 1) * kPeriod + 1;
+        while (engine.advance(until)) {
+        }
+        filled += engine.take(data + 4 * filled, words - filled);
+        std::memset(data + 4 * filled, 0, 4 * (words - filled));
+        break;
+      }
       engine.advance(std::numeric_limits<int64_t>::max());
       continue;
     }
