@@ -20,7 +20,7 @@ TSAN_ENV := TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
             UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-.PHONY: deps test sanitize fuzz demo bench format format-check clean
+.PHONY: deps test sanitize thread-safety fuzz demo bench format format-check clean
 
 deps:
 	scripts/install-deps
@@ -39,6 +39,12 @@ sanitize: deps
 	cmake --build build-asan -j$(JOBS)
 	$(ASAN_ENV) ctest --test-dir build-asan $(CTEST_FLAGS)
 	$(MAKE) fuzz
+
+# The library compiled by Clang, whose thread-safety analysis checks every GUARDED_BY and
+# REQUIRES mark against the locks really held; warnings are errors.
+thread-safety: deps
+	CC=clang CXX=clang++ cmake -S . -B build-clang -DZEPTICK_WERROR=ON -DZEPTICK_BUILD_TESTS=OFF
+	cmake --build build-clang -j$(JOBS) --target zeptick_objects
 
 # libFuzzer targets (clang with ASan and UBSan), each for a bounded time; FUZZ_SECONDS sets it.
 FUZZ_SECONDS ?= 60

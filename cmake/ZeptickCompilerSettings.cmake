@@ -25,6 +25,10 @@ endif()
 # else's code cannot fail a -Werror build.
 function(zeptick_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  # Clang checks the locking marks of src/core/annotated_mutex.h.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(${target} PRIVATE -Wthread-safety)
+  endif()
   if(ZEPTICK_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
