@@ -11,7 +11,8 @@
 namespace zeptick {
 
 namespace detail {
-class TagQueue;
+template <typename T>
+class RingQueue;
 }
 
 /// One virtual channel at the mean time of the latest tags of several inputs.
@@ -49,7 +50,7 @@ class ZEPTICK_API AverageChannel : public IteratorBase {
   std::vector<int64_t> last_times;
   std::vector<Tag> output;
   // The held-back stream, in time order, and the means, which need sorting in.
-  std::unique_ptr<detail::TagQueue> pending;
+  std::unique_ptr<detail::RingQueue<Tag>> pending;
   std::vector<Tag> means;  // binary heap, earliest on top
   FastBinning binner;
 };

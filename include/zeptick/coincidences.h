@@ -12,7 +12,8 @@ namespace zeptick {
 
 namespace detail {
 class ChannelIndex;
-class TagQueue;
+template <typename T>
+class RingQueue;
 }  // namespace detail
 
 /// The time stamped on an inserted coincidence tag.
@@ -88,7 +89,7 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   // Read without the lock by setCoincidenceWindow's early return.
   std::atomic<int64_t> window;
   CoincidenceTimestamp timestamp;
-  std::unique_ptr<detail::TagQueue> pending;  // the delayed stream, in time order
+  std::unique_ptr<detail::RingQueue<Tag>> pending;  // the delayed stream, in time order
   std::vector<int> virtual_channels;
 };
 

@@ -9,7 +9,8 @@
 namespace zeptick {
 
 namespace detail {
-class TagQueue;
+template <typename T>
+class RingQueue;
 }
 
 /// Turns the two edges of each pulse into one tag at the pulse's midpoint,
@@ -57,7 +58,7 @@ class ZEPTICK_API ConstantFractionDiscriminator : public IteratorBase {
   std::vector<Tag> output;
   // Held-back stream tags, in time order since all gain the same delay, and
   // midpoints, which need sorting in among them.
-  std::unique_ptr<detail::TagQueue> delayed;
+  std::unique_ptr<detail::RingQueue<Tag>> delayed;
   std::vector<Tag> midpoints;  // binary heap, earliest on top
 };
 

@@ -13,7 +13,7 @@ namespace zeptick {
 
 namespace detail {
 template <typename T>
-class SlidingQueue;
+class RingQueue;
 }
 
 /// Cross-correlation of two channels: a histogram of (time on channel 1) minus
@@ -49,7 +49,7 @@ class ZEPTICK_API Correlation : public IteratorBase {
  private:
   template <FastBinning::Mode M>
   void processBlock(const std::vector<Tag>& tags, int64_t begin_time, int64_t end_time);
-  void trimOlderThan(detail::SlidingQueue<int64_t>& stamps, int64_t now);
+  void trimOlderThan(detail::RingQueue<int64_t>& stamps, int64_t now);
 
   int channels[2];
   int n_bins;
@@ -58,7 +58,7 @@ class ZEPTICK_API Correlation : public IteratorBase {
   int64_t capture_duration = 0;  // stream time outside overflows, for the normalisation
   bool in_overflow = false;
   std::vector<int32_t> data;
-  std::unique_ptr<detail::SlidingQueue<int64_t>> stamps[2];
+  std::unique_ptr<detail::RingQueue<int64_t>> stamps[2];
   uint64_t counts[2] = {0, 0};
   FastBinning binner;
 };

@@ -12,7 +12,8 @@ namespace zeptick {
 
 namespace detail {
 class ChannelIndex;
-class TagQueue;
+template <typename T>
+class RingQueue;
 }  // namespace detail
 
 /// Copies the time tags of one or more channels, shifted by `delay`, onto a
@@ -54,7 +55,7 @@ class ZEPTICK_API DelayedChannel : public IteratorBase {
   void setUp(int64_t delay);
 
   std::vector<Tag> output;
-  std::unique_ptr<detail::TagQueue> pending;
+  std::unique_ptr<detail::RingQueue<Tag>> pending;
   std::unique_ptr<detail::ChannelIndex> channel_map;  // input to its entry
   std::vector<int> input_channels;
   std::vector<int> output_channels;

@@ -9,7 +9,8 @@
 namespace zeptick {
 
 namespace detail {
-class TagQueue;
+template <typename T>
+class RingQueue;
 }
 
 /// Plays a fixed pattern of time offsets on a virtual channel for every
@@ -64,7 +65,7 @@ class ZEPTICK_API EventGenerator : public IteratorBase {
   std::unique_ptr<Pending> pending;
   bool non_negative = true;
   int64_t lag = 0;
-  std::unique_ptr<detail::TagQueue> delayed;  // the lagging stream, with a negative pattern
+  std::unique_ptr<detail::RingQueue<Tag>> delayed;  // the lagging stream, with a negative pattern
 };
 
 }  // namespace zeptick

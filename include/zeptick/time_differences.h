@@ -14,7 +14,7 @@ namespace zeptick {
 
 namespace detail {
 template <typename T>
-class SlidingQueue;
+class RingQueue;
 }
 
 /// Start-click histograms: each click counts the time since every start within
@@ -85,7 +85,7 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
   int64_t binwidth;
   int64_t range;  // n_bins x binwidth, saturated at the largest time difference
   std::vector<int32_t> data;
-  std::unique_ptr<detail::SlidingQueue<PendingStart>> pending;
+  std::unique_ptr<detail::RingQueue<PendingStart>> pending;
   bool waiting_for_sync = false;
   int histogram_index = -1;
   std::atomic<uint64_t> counts{0};

@@ -3,12 +3,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "zeptick/fast_binning.h"
 #include "zeptick/iterator_base.h"
 
 namespace zeptick {
+
+namespace detail {
+template <typename T>
+class RingQueue;
+}  // namespace detail
 
 /// Start-click histograms addressed by several step-through sequences at once.
 /// Each dimension j has an index stepped by next_channels[j] through
@@ -64,10 +70,8 @@ class ZEPTICK_API TimeDifferencesND : public IteratorBase {
   const int64_t binwidth;
   const uint64_t n_bins;
   int64_t range = 0;  // n_bins x binwidth, saturated
-  // Open starts, oldest at pending_head. A vector with a moving head rather
-  // than a deque: its storage is reused from block to block.
-  std::vector<PendingStart> pending;
-  size_t pending_head = 0;
+  // Open starts, oldest first.
+  std::unique_ptr<detail::RingQueue<PendingStart>> pending;
   std::vector<uint32_t> data;  // wraps silently; handed out as 32-bit ints
   std::vector<unsigned char> waiting;
   std::vector<int> histogram_index;

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "measurements/tag_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
@@ -28,7 +28,7 @@ int64_t channelDistance(int a, int b) {
 AverageChannel::AverageChannel(Zeptick* tagger, int reference_channel, std::vector<int> channels)
     : IteratorBase(tagger),
       channels(std::move(channels)),
-      pending(std::make_unique<detail::TagQueue>()) {
+      pending(std::make_unique<detail::RingQueue<Tag>>()) {
   if (tagger->getChannelList(ZT_CHANNEL_ALL).size() < kRequiredChannels) {
     throw std::runtime_error(
         "The AverageChannel measurement class is only supported on Zeptick Ultra 18 devices.");

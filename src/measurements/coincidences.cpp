@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "measurements/channel_index.h"
-#include "measurements/tag_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
@@ -23,7 +23,7 @@ Coincidences::Coincidences(DeferStart, ZeptickBase* tagger,
       channels(std::make_unique<detail::ChannelIndex>()),
       window(window),
       timestamp(timestamp),
-      pending(std::make_unique<detail::TagQueue>()) {
+      pending(std::make_unique<detail::RingQueue<Tag>>()) {
   if (static_cast<unsigned>(timestamp) > 3) {
     throw std::invalid_argument("invalid coincidence timestamp type");
   }
@@ -144,7 +144,7 @@ void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
 }
 
 void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
-  detail::TagQueue& pending = *this->pending;
+  detail::RingQueue<Tag>& pending = *this->pending;
   for (const Tag& tag : tags) {
     while (!pending.empty() && pending.front().time - tag.time < 0) {
       output.push_back(pending.front());

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "measurements/tag_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
@@ -23,7 +23,7 @@ ConstantFractionDiscriminator::ConstantFractionDiscriminator(ZeptickBase* tagger
     : IteratorBase(tagger),
       search_window(search_window),
       half_window(search_window / 2),
-      delayed(std::make_unique<detail::TagQueue>()) {
+      delayed(std::make_unique<detail::RingQueue<Tag>>()) {
   if (search_window < 1) throw std::invalid_argument("search_window must be at least 1 ps");
 
   // Built in a map, whose records stay put, then flattened for the hot loop.

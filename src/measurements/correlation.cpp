@@ -4,15 +4,15 @@
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
-#include "measurements/sliding_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
 Correlation::Correlation(ZeptickBase* tagger, int channel_1, int channel_2, int64_t binwidth,
                          int n_bins)
     : IteratorBase(tagger),
-      stamps{std::make_unique<detail::SlidingQueue<int64_t>>(),
-             std::make_unique<detail::SlidingQueue<int64_t>>()} {
+      stamps{std::make_unique<detail::RingQueue<int64_t>>(),
+             std::make_unique<detail::RingQueue<int64_t>>()} {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
 
@@ -63,7 +63,7 @@ void Correlation::clear_impl() {
   in_overflow = false;
 }
 
-void Correlation::trimOlderThan(detail::SlidingQueue<int64_t>& queue, int64_t now) {
+void Correlation::trimOlderThan(detail::RingQueue<int64_t>& queue, int64_t now) {
   // A stamp exactly half_range old still pairs.
   while (!queue.empty() && detail::timeDifference(now, queue.front()) > half_range) {
     queue.pop_front();
@@ -80,8 +80,8 @@ bool Correlation::next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t 
 
 template <FastBinning::Mode M>
 void Correlation::processBlock(const std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-  detail::SlidingQueue<int64_t>& first = *stamps[0];
-  detail::SlidingQueue<int64_t>& second = *stamps[1];
+  detail::RingQueue<int64_t>& first = *stamps[0];
+  detail::RingQueue<int64_t>& second = *stamps[1];
   const int channel_1 = channels[0];
   const int channel_2 = channels[1];
   const int64_t shift = half_range;

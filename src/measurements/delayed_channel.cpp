@@ -4,7 +4,7 @@
 #include <stdexcept>
 
 #include "measurements/channel_index.h"
-#include "measurements/tag_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 namespace {
@@ -40,7 +40,7 @@ DelayedChannel::DelayedChannel(ZeptickBase* tagger, int input_channel, int64_t d
 DelayedChannel::DelayedChannel(ZeptickBase* tagger, const std::vector<int>& input_channels,
                                int64_t delay)
     : IteratorBase(tagger),
-      pending(std::make_unique<detail::TagQueue>()),
+      pending(std::make_unique<detail::RingQueue<Tag>>()),
       channel_map(std::make_unique<detail::ChannelIndex>()) {
   setDelay(delay);
   if (std::set<int>(input_channels.begin(), input_channels.end()).size() != input_channels.size()) {
@@ -84,7 +84,7 @@ std::vector<int> DelayedChannel::getChannels() { return output_channels; }
 void DelayedChannel::on_start() { pending->release(); }
 
 [[gnu::always_inline]] inline void DelayedChannel::flushCopies(int64_t limit) {
-  detail::TagQueue& queue = *pending;
+  detail::RingQueue<Tag>& queue = *pending;
   while (!queue.empty() && queue.front().time - limit < 0) {
     // A copy landing inside an overflow may stand for tags lost there.
     output.push_back(in_overflow ? asMissedEvent(queue.front()) : queue.front());
@@ -93,7 +93,7 @@ void DelayedChannel::on_start() { pending->release(); }
 }
 
 [[gnu::always_inline]] inline void DelayedChannel::flushStream(int64_t limit) {
-  detail::TagQueue& queue = *pending;
+  detail::RingQueue<Tag>& queue = *pending;
   while (!queue.empty() && queue.front().time - limit < 0) {
     const Tag& tag = queue.front();
     // The copies are placed in the lagging stream, so its overflow state is theirs.
@@ -108,7 +108,7 @@ template <class Lookup>
 void DelayedChannel::runNonNegative(const std::vector<Tag>& tags, int64_t end_time,
                                     const Lookup& lookup) {
   const int64_t shift = delay.load(std::memory_order_relaxed);
-  detail::TagQueue& queue = *pending;
+  detail::RingQueue<Tag>& queue = *pending;
   for (const Tag& tag : tags) {
     flushCopies(tag.time);
     output.push_back(tag);
@@ -143,7 +143,7 @@ template <class Lookup>
 void DelayedChannel::runNegative(const std::vector<Tag>& tags, int64_t end_time,
                                  const Lookup& lookup) {
   const int64_t lag = -delay.load(std::memory_order_relaxed);
-  detail::TagQueue& queue = *pending;
+  detail::RingQueue<Tag>& queue = *pending;
   for (const Tag& tag : tags) {
     flushStream(tag.time);
     Tag lagging = tag;

@@ -4,14 +4,14 @@
 #include <stdexcept>
 #include <utility>
 
-#include "measurements/tag_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
 struct EventGenerator::Pending {
   std::vector<int64_t> offsets;  // distinct, ascending
   std::vector<uint32_t> copies;  // how often each offset appears in the pattern
-  std::vector<detail::TagQueue> queues;
+  std::vector<detail::RingQueue<Tag>> queues;
   std::vector<uint32_t> heap;  // queues holding tags, earliest head on top
 
   void setPattern(const std::vector<int64_t>& pattern) {
@@ -25,7 +25,8 @@ struct EventGenerator::Pending {
         copies.push_back(1);
       }
     }
-    queues.assign(offsets.size(), detail::TagQueue());
+    queues.clear();
+    queues.resize(offsets.size());
     heap.clear();
   }
   bool empty() const { return heap.empty(); }
@@ -80,7 +81,7 @@ EventGenerator::EventGenerator(ZeptickBase* tagger, int trigger_channel,
       divider_offset(divider_offset),
       pattern(std::move(pattern)),
       pending(std::make_unique<Pending>()),
-      delayed(std::make_unique<detail::TagQueue>()) {
+      delayed(std::make_unique<detail::RingQueue<Tag>>()) {
   clear();
   if (divider_limit < 0) {
     throw std::runtime_error("negative or zero trigger dividers are not supported");

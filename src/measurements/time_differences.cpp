@@ -4,7 +4,7 @@
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
-#include "measurements/sliding_queue.h"
+#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
@@ -19,7 +19,7 @@ TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int sta
 TimeDifferences::TimeDifferences(DeferStart, ZeptickBase* tagger, int click_channel,
                                  int start_channel, int next_channel, int sync_channel,
                                  int64_t binwidth, int n_bins, int n_histograms)
-    : IteratorBase(tagger), pending(std::make_unique<detail::SlidingQueue<PendingStart>>()) {
+    : IteratorBase(tagger), pending(std::make_unique<detail::RingQueue<PendingStart>>()) {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
   if (n_histograms < 1) throw std::invalid_argument("n_histograms must be at least 1");
@@ -110,7 +110,7 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   const bool has_sync = !sync_unused;
   const size_t bins = static_cast<size_t>(n_bins);
   int32_t* const counters = data.data();
-  detail::SlidingQueue<PendingStart>& starts = *pending;
+  detail::RingQueue<PendingStart>& starts = *pending;
 
   for (const Tag& tag : tags) {
     if (tag.type != Tag::Type::TimeTag) {

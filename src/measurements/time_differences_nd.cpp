@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "measurements/ring_queue.h"
+
 namespace zeptick {
 
 namespace {
@@ -29,7 +31,8 @@ TimeDifferencesND::TimeDifferencesND(ZeptickBase* tagger, int click_channel, int
       sync_channels(std::move(sync_channels)),
       n_histograms(std::move(n_histograms)),
       binwidth(binwidth),
-      n_bins(n_bins) {
+      n_bins(n_bins),
+      pending(std::make_unique<detail::RingQueue<PendingStart>>()) {
   const size_t dimensions = this->next_channels.size();
   if ((!this->sync_channels.empty() && this->sync_channels.size() != dimensions) ||
       this->n_histograms.size() != dimensions) {
@@ -80,8 +83,7 @@ void TimeDifferencesND::getIndex(std::function<int64_t*(size_t)> array_out) {
 }
 
 void TimeDifferencesND::clear_impl() {
-  std::vector<PendingStart>().swap(pending);
-  pending_head = 0;
+  pending->release();
   std::fill(data.begin(), data.end(), 0);
 }
 
@@ -96,12 +98,6 @@ void TimeDifferencesND::on_start() {
 bool TimeDifferencesND::next_impl(std::vector<Tag>& tags, int64_t, int64_t end_time) {
   withBinningMode(binner, [&](auto mode) { process<decltype(mode)::value>(tags); });
   expire(end_time);
-  // Drop the expired front once it is at least half the storage: amortised
-  // constant work per start, and no allocation once the storage has grown.
-  if (pending_head * 2 >= pending.size()) {
-    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(pending_head));
-    pending_head = 0;
-  }
   return false;
 }
 
@@ -116,15 +112,14 @@ void TimeDifferencesND::process(const std::vector<Tag>& tags) {
     expire(tag.time);
     // Stored before the click below, so a tag on both channels counts itself in bin 0.
     if (tag.channel == start_channel && offset_valid) {
-      pending.push_back(PendingStart{tag.time, flat_offset});
+      pending->push_back(PendingStart{tag.time, flat_offset});
     }
     if (tag.channel == click_channel) {
       uint32_t* const counts = data.data();
-      const PendingStart* const open_end = pending.data() + pending.size();
-      for (const PendingStart* open = pending.data() + pending_head; open != open_end; ++open) {
-        const auto bin = binner.divide<M>(static_cast<uint64_t>(tag.time - open->timestamp));
-        ++counts[static_cast<uint64_t>(open->offset) + bin];
-      }
+      pending->forEach([&](const PendingStart& open) {
+        const auto bin = binner.divide<M>(static_cast<uint64_t>(tag.time - open.timestamp));
+        ++counts[static_cast<uint64_t>(open.offset) + bin];
+      });
     }
   }
 }
@@ -166,9 +161,8 @@ void TimeDifferencesND::update_offset() {
 }
 
 void TimeDifferencesND::expire(int64_t time) {
-  while (pending_head < pending.size() && time - pending[pending_head].timestamp >= range) {
-    ++pending_head;
-  }
+  detail::RingQueue<PendingStart>& open = *pending;
+  while (!open.empty() && time - open.front().timestamp >= range) open.pop_front();
 }
 
 }  // namespace zeptick
