@@ -160,18 +160,23 @@ class CustomMeasurement:
         """The measurement has just stopped."""
 
     def start(self):
+        """Starts or resumes taking data, from the next block on."""
         self._core.start()
 
     def startFor(self, capture_duration, clear=True):
+        """Takes data for ``capture_duration`` ps of stream time, then stops; clears first by default."""
         self._core.startFor(capture_duration, clear)
 
     def stop(self):
+        """Stops taking data; returns once the current block has left the measurement."""
         self._core.stop()
 
     def isRunning(self):
+        """True while the measurement takes data."""
         return self._core.isRunning()
 
     def getCaptureDuration(self):
+        """Stream time in ps this measurement has taken data for since the last clear."""
         return self._core.getCaptureDuration()
 
     def close(self):
