@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <utility>
+#include <vector>
+
+#include "core/zeptick_runner.h"
+#include "zeptick/tag.h"
+
+namespace zeptick {
+
+/// One decoded block of a group member, waiting to be merged.
+struct TagChunk {
+  std::vector<Tag> tags;
+  uint32_t fence = 0;
+  bool invalid = false;
+};
+
+/// The blocks of one group member that the merge has not passed yet.
+struct DeviceQueue {
+  std::deque<TagChunk> chunks;
+  size_t cursor = 0;     ///< the next tag of the front chunk
+  int64_t endTime = 0;   ///< blockEnd of this member's last block
+  uint32_t fence = 0;    ///< fence of the last chunk fully merged
+  bool overflow = false;  ///< this member is inside an overflow
+  bool invalid = false;   ///< streamInvalid of the last chunk fully merged
+};
+
+/// Merges the decoded blocks of the members of a synchronized group, which
+/// share one time axis once aligned, into one stream in time order. A time is
+/// released only once every member has decoded past it, so a merged block is
+/// complete for the whole group. Tag vectors move between workers, chunks and
+/// a pool: no allocation in the steady state.
+///
+/// Not thread-safe: the tagger calls add() under its merge mutex, which also
+/// keeps each member's blocks in order. Built for one epoch of the group's
+/// time axis; a new epoch builds a new merger.
+class DeviceMerger {
+ public:
+  explicit DeviceMerger(size_t members);
+
+  /// Feeds `worker`'s block (tags, blockEnd, fence, streamInvalid) of member
+  /// `ordinal`, then refills `worker` with the merged tags up to the new
+  /// horizon: at most about `max_events` of them, but a cut never falls
+  /// between tags of equal time. Overflows of several members merge into one
+  /// open overflow (time tags inside it become missed events, and every end
+  /// is passed on); while any member's data is invalid only error tags pass.
+  void add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t max_events);
+
+  /// All tags before this time have been merged.
+  int64_t horizon() const { return horizon_; }
+
+ private:
+  using HeapEntry = std::pair<int64_t, DeviceQueue*>;
+
+  void push(DeviceQueue& queue);
+  void recomputeSuppress();
+
+  std::vector<DeviceQueue> queues_;
+  std::vector<HeapEntry> heap_;  ///< min-heap on the time of each queue's next tag
+  std::deque<std::vector<Tag>> pool_;
+  int64_t horizon_ = 0;
+  bool overflow_ = false;
+  bool suppress_ = false;
+};
+
+}  // namespace zeptick

@@ -1,0 +1,188 @@
+#include "engine/device_merger.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace zeptick {
+namespace {
+
+using Type = Tag::Type;
+
+struct Block {
+  std::vector<Tag> tags;
+  int64_t end = 0;
+  bool invalid = false;
+};
+
+struct Member {
+  std::vector<Tag> tags;  // the whole stream, in time order
+  std::vector<Block> blocks;
+};
+
+// A member's stream: time tags on its own channels at distinct times (a member's times end in
+// its ordinal, so members never tie), an overflow span now and then, cut into blocks.
+Member makeMember(std::mt19937_64& rng, int ordinal, int members) {
+  Member member;
+  int64_t t = 0;
+  bool in_overflow = false;
+  for (int i = 0; i < 400; ++i) {
+    t += static_cast<int64_t>(1 + rng() % 50) * members;
+    const int64_t time = t + ordinal;
+    if (rng() % 40 == 0) {
+      member.tags.push_back(Tag{in_overflow ? Type::OverflowEnd : Type::OverflowBegin, 0, 0,
+                                CHANNEL_UNUSED, time});
+      in_overflow = !in_overflow;
+    } else {
+      member.tags.push_back(Tag{Type::TimeTag, 0, 0, 100 * (ordinal + 1) + 1, time});
+    }
+  }
+  // Blocks end between tags; some are empty.
+  size_t next = 0;
+  int64_t end = 0;
+  while (next < member.tags.size()) {
+    end += static_cast<int64_t>(rng() % (200 * members));
+    Block block;
+    while (next < member.tags.size() && member.tags[next].time < end) {
+      block.tags.push_back(member.tags[next++]);
+    }
+    block.end = end;
+    member.blocks.push_back(block);
+  }
+  member.blocks.push_back(Block{{}, end + 1000000, false});  // carries the horizon past the end
+  return member;
+}
+
+// The merged stream by brute force: all tags by time, with the overflow rules applied.
+std::vector<Tag> referenceMerge(const std::vector<Member>& members) {
+  std::vector<std::pair<Tag, int>> all;
+  for (int m = 0; m < static_cast<int>(members.size()); ++m) {
+    for (const Tag& tag : members[m].tags) all.emplace_back(tag, m);
+  }
+  std::stable_sort(all.begin(), all.end(),
+                   [](const auto& a, const auto& b) { return a.first.time < b.first.time; });
+  std::vector<bool> open(members.size(), false);
+  std::vector<Tag> out;
+  for (auto [tag, m] : all) {
+    const bool any_open = std::count(open.begin(), open.end(), true) > 0;
+    if (tag.type == Type::OverflowBegin) {
+      open[m] = true;
+      if (any_open) continue;
+    } else if (tag.type == Type::OverflowEnd) {
+      open[m] = false;
+    } else if (any_open) {
+      tag.type = Type::MissedEvents;
+      tag.missed_events = 1;
+    }
+    out.push_back(tag);
+  }
+  return out;
+}
+
+// Feeds every member's blocks in a random interleaving (each member's in order) and checks the
+// merged blocks against the reference: complete, in order, touching, cut only at maxEvents.
+TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) {
+  for (int members : {2, 3, 4}) {
+    for (uint64_t seed = 1; seed <= 5; ++seed) {
+      std::mt19937_64 rng(seed * 31 + static_cast<uint64_t>(members));
+      std::vector<Member> group;
+      for (int m = 0; m < members; ++m) group.push_back(makeMember(rng, m, members));
+      const uint64_t max_events = 1 + rng() % 64;
+      DeviceMerger merger(static_cast<size_t>(members));
+      std::vector<size_t> next(static_cast<size_t>(members), 0);
+      std::vector<Tag> merged;
+      int64_t previous_end = 0;
+      for (;;) {
+        std::vector<int> left;
+        for (int m = 0; m < members; ++m) {
+          if (next[m] < group[m].blocks.size()) left.push_back(m);
+        }
+        if (left.empty()) break;
+        const int m = left[rng() % left.size()];
+        const Block& block = group[m].blocks[next[m]++];
+        ZeptickRunner::Worker worker;
+        worker.tags = block.tags;
+        worker.blockEnd = block.end;
+        worker.fence = 7;
+        merger.add(worker, static_cast<size_t>(m), max_events);
+        ASSERT_EQ(worker.blockBegin, previous_end) << "merged blocks touch";
+        ASSERT_GE(worker.blockEnd, worker.blockBegin);
+        for (const Tag& tag : worker.tags) {
+          ASSERT_GE(tag.time, worker.blockBegin);
+          ASSERT_LT(tag.time, worker.blockEnd);
+        }
+        if (worker.tags.size() > max_events) {
+          // Only a run of equal times may overrun the cut.
+          ASSERT_EQ(worker.tags[max_events - 1].time, worker.tags.back().time);
+        }
+        previous_end = worker.blockEnd;
+        merged.insert(merged.end(), worker.tags.begin(), worker.tags.end());
+      }
+      // Blocks cut at maxEvents leave the rest for later blocks: empty ones bring it out.
+      for (int flush = 0; flush < 1000 && previous_end < group[0].blocks.back().end; ++flush) {
+        ZeptickRunner::Worker worker;
+        worker.blockEnd = group[0].blocks.back().end;
+        merger.add(worker, 0, max_events);
+        previous_end = worker.blockEnd;
+        merged.insert(merged.end(), worker.tags.begin(), worker.tags.end());
+      }
+      const std::vector<Tag> expected = referenceMerge(group);
+      ASSERT_EQ(merged.size(), expected.size()) << members << " members, seed " << seed;
+      for (size_t i = 0; i < merged.size(); ++i) {
+        ASSERT_EQ(merged[i].time, expected[i].time) << i;
+        ASSERT_EQ(merged[i].type, expected[i].type) << i;
+        ASSERT_EQ(merged[i].channel, expected[i].channel) << i;
+      }
+    }
+  }
+}
+
+// 300 tags of one time pass in one block even with maxEvents 256, and the next block starts at
+// the cut; once a member's invalid chunk is merged only errors pass until its next valid block;
+// the merged fence is the oldest fence of the chunks fully merged.
+TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
+  DeviceMerger merger(2);
+  struct Merged {
+    std::vector<Tag> tags;
+    int64_t blockBegin, blockEnd;
+    uint32_t fence;
+  };
+  auto feed = [&merger](size_t member, std::vector<Tag> tags, int64_t end, uint32_t fence,
+                        bool invalid) {
+    ZeptickRunner::Worker worker;
+    worker.tags = std::move(tags);
+    worker.blockEnd = end;
+    worker.fence = fence;
+    worker.streamInvalid = invalid;
+    merger.add(worker, member, 256);
+    return Merged{worker.tags, worker.blockBegin, worker.blockEnd, worker.fence};
+  };
+  std::vector<Tag> first(300, Tag{Type::TimeTag, 0, 0, 101, 1000});
+  first.push_back(Tag{Type::TimeTag, 0, 0, 101, 2000});
+  first.push_back(Tag{Type::TimeTag, 0, 0, 101, 3000});
+  EXPECT_TRUE(feed(0, first, 5000, 3, false).tags.empty()) << "the other member has not spoken";
+
+  const auto cut = feed(
+      1, {Tag{Type::Error, 0, 0, CHANNEL_UNUSED, 1500}, Tag{Type::TimeTag, 0, 0, 201, 1600}},
+      1800, 2, true);
+  EXPECT_EQ(cut.tags.size(), 300u);
+  EXPECT_EQ(cut.blockEnd, 1500) << "cut at the first later time";
+  EXPECT_EQ(cut.fence, 0u) << "no chunk fully merged yet";
+
+  const auto invalid = feed(1, {}, 2500, 2, true);
+  EXPECT_EQ(invalid.blockBegin, 1500);
+  ASSERT_EQ(invalid.tags.size(), 2u) << "the 2000 of member 0 falls while member 1 is invalid";
+  EXPECT_EQ(invalid.tags[0].type, Type::Error);
+  EXPECT_EQ(invalid.tags[1].time, 1600);
+
+  const auto valid = feed(1, {}, 6000, 4, false);
+  ASSERT_EQ(valid.tags.size(), 1u);
+  EXPECT_EQ(valid.tags[0].time, 3000);
+  EXPECT_EQ(valid.blockEnd, 5000);
+  EXPECT_EQ(valid.fence, 3u);
+}
+
+}  // namespace
+}  // namespace zeptick
