@@ -48,6 +48,16 @@ bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lo
     // A dead device must not hold up a fence.
     if (!connected) device.decoder.setDeviceFence(fence);
     decodeBlock(worker, device, fence);
+    if (devices.size() > 1) {
+      // The merge lock is taken before the decoder lock falls, so one device's blocks reach the
+      // merger in order while its next block is already being decoded.
+      std::unique_lock<std::mutex> merge(mergeMutex);
+      lock = std::move(merge);
+      if (mergeBlock(*worker, device)) {
+        lock.unlock();
+        return true;
+      }
+    }
     return false;
   }
   const bool any_free = std::any_of(devices.begin(), devices.end(), [](const auto& device) {

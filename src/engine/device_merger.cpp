@@ -14,7 +14,10 @@ bool later(const std::pair<int64_t, DeviceQueue*>& a, const std::pair<int64_t, D
 
 }  // namespace
 
-DeviceMerger::DeviceMerger(size_t members) : queues_(members) { heap_.reserve(members); }
+DeviceMerger::DeviceMerger(size_t members, int64_t horizon) : queues_(members), horizon_(horizon) {
+  for (DeviceQueue& queue : queues_) queue.endTime = horizon;
+  heap_.reserve(members);
+}
 
 void DeviceMerger::push(DeviceQueue& queue) {
   heap_.emplace_back(queue.chunks.front().tags[queue.cursor].time, &queue);

@@ -21,9 +21,9 @@ struct TagChunk {
 /// The blocks of one group member that the merge has not passed yet.
 struct DeviceQueue {
   std::deque<TagChunk> chunks;
-  size_t cursor = 0;     ///< the next tag of the front chunk
-  int64_t endTime = 0;   ///< blockEnd of this member's last block
-  uint32_t fence = 0;    ///< fence of the last chunk fully merged
+  size_t cursor = 0;      ///< the next tag of the front chunk
+  int64_t endTime = 0;    ///< blockEnd of this member's last block
+  uint32_t fence = 0;     ///< fence of the last chunk fully merged
   bool overflow = false;  ///< this member is inside an overflow
   bool invalid = false;   ///< streamInvalid of the last chunk fully merged
 };
@@ -39,7 +39,9 @@ struct DeviceQueue {
 /// time axis; a new epoch builds a new merger.
 class DeviceMerger {
  public:
-  explicit DeviceMerger(size_t members);
+  /// `horizon`: where the merged stream starts; a merger that replaces another
+  /// for a new epoch starts where that one stopped, so blocks keep touching.
+  explicit DeviceMerger(size_t members, int64_t horizon = 0);
 
   /// Feeds `worker`'s block (tags, blockEnd, fence, streamInvalid) of member
   /// `ordinal`, then refills `worker` with the merged tags up to the new

@@ -88,6 +88,11 @@ void ZeptickImpl::calibrateAndClear() {
 }
 
 void ZeptickImpl::initDevices() {
+  merger.reset();
+  {
+    std::lock_guard<std::mutex> guard(syncEpoch.mutex);
+    syncEpoch.hostTimeValid = false;
+  }
   {
     std::lock_guard<std::mutex> guard(configMutex);
     routes.clear();
@@ -108,13 +113,16 @@ void ZeptickImpl::initDevices() {
   for (const std::string& serial : splitSerials(requestedSerial)) {
     openDevice(serial, list, identifier, probe_id);
   }
+  // One serial of a device wired to a Synchronizer: the rest of its group is found by probing.
+  // Several serials name a group in their order, unprobed.
+  if (list.size() == 1) findGroup(list, identifier, probe_id);
   if (list.empty()) throw std::runtime_error("No valid Zeptick device found.");
-  // A single device wired to a Synchronizer would be probed here for the rest
-  // of its group; that, and the merger of synchronized streams, do not exist
-  // yet, so a single device runs on its own clock and a group is refused
-  // rather than delivered as unordered streams.
   if (list.size() > 1) {
-    throw std::runtime_error("Synchronized groups of Zepticks are not supported yet.");
+    for (size_t ordinal = 0; ordinal < list.size(); ++ordinal) {
+      list[ordinal]->ordinal = static_cast<int64_t>(ordinal);
+      list[ordinal]->channelOffset = static_cast<int32_t>(ordinal + 1) * 100;
+      list[ordinal]->syncMode = true;
+    }
   }
   std::lock_guard<std::mutex> guard(configMutex);
   for (auto& device : list) setupChannels(*device, list.size());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/zeptick_runner.h"
+#include "engine/device_merger.h"
 #include "engine/engine_records.h"
 #include "zeptick/zeptick_hardware.h"
 
@@ -104,6 +105,12 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   void openDevice(const std::string& serial, DeviceList& list, uint8_t& identifier,
                   uint8_t probe_id);
   void setupChannels(FPGA_DEVICE& device, size_t group_size);
+  // A synchronized group (group_setup.cpp).
+  void findGroup(DeviceList& list, uint8_t& identifier, uint8_t probe_id);
+  void probeDevices(DeviceList& list);
+  void orderChain(DeviceList& list);
+  /// Under mergeMutex. True if the block belongs to an older epoch and is dropped.
+  bool mergeBlock(Worker& worker, FPGA_DEVICE& device);
 
   // Acquisition (workers).
   bool readDevice(Worker* worker, FPGA_DEVICE& device);
@@ -148,6 +155,10 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   std::string requestedSerial;
   /// The group's shared time axis (epoch mutex inside).
   DecoderSyncEpoch syncEpoch;
+  /// Taken before a group member's decoder mutex falls: blocks reach the merger in order.
+  std::mutex mergeMutex;
+  std::unique_ptr<DeviceMerger> merger;  // guarded by mergeMutex
+  int32_t mergerEpoch = 0;               // guarded by mergeMutex
 };
 
 }  // namespace zeptick
