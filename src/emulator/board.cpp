@@ -52,6 +52,8 @@ StreamParameters Board::streamParameters() const {
   parameters.seed = fixed.seed;
   parameters.paced = fixed.paced;
   if (fixed.usb_words_per_second > 0) parameters.usb_words_per_second = fixed.usb_words_per_second;
+  parameters.synchronizer = synchronizer;
+  parameters.serial = fixed.serial;
   return parameters;
 }
 
@@ -274,6 +276,30 @@ void Board::setVoltage(int channel, double volts) {
 void Board::injectError() {
   std::shared_ptr<StreamModel> model = streamModel();
   if (model) model->injectError();
+}
+
+void Board::dropSyncByte(int byte) {
+  std::shared_ptr<StreamModel> model = streamModel();
+  if (model) model->dropSyncByte(byte);
+}
+
+void Board::skewSyncWord(unsigned tick) {
+  std::shared_ptr<StreamModel> model = streamModel();
+  if (model) model->skewSyncWord(tick);
+}
+
+void Board::restartSynchronizer(uint32_t counter) {
+  std::shared_ptr<Synchronizer> driving;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    driving = synchronizer;
+  }
+  if (driving) driving->restart(counter);
+}
+
+void Board::attachSynchronizer(std::shared_ptr<Synchronizer> driving) {
+  std::lock_guard<std::mutex> lock(mutex);
+  synchronizer = std::move(driving);
 }
 
 void Board::loopRecording(std::vector<uint32_t> words) {

@@ -95,7 +95,13 @@ class Board : public BoardControl {
   void setVoltage(int channel, double volts) override;
   void setFirmwareVersion(uint32_t version) override;
   void injectError() override;
+  void dropSyncByte(int byte) override;
+  void skewSyncWord(unsigned tick) override;
+  void restartSynchronizer(uint32_t counter) override;
   void loopRecording(std::vector<uint32_t> words) override;
+
+  /// Hangs the board on `synchronizer` (before the host first opens it).
+  void attachSynchronizer(std::shared_ptr<Synchronizer> synchronizer);
 
   // --- Truth for tests and tools ---
   /// What the firmware applies now, as last handed to the stream model.
@@ -161,6 +167,7 @@ class Board : public BoardControl {
   bool table_armed = false;
   FirmwareSetup setup;
   std::shared_ptr<StreamModel> stream;
+  std::shared_ptr<Synchronizer> synchronizer;  ///< null when the board is on its own
 
   // Traffic the tests read.
   std::vector<BoardEvent> event_log;

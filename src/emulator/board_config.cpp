@@ -280,7 +280,7 @@ const char* productName(int model) { return model == kModel20 ? "Zeptick 20" : "
 std::vector<BoardConfig> parseConfiguration(const nlohmann::json& config) {
   if (!config.is_object()) fail("the configuration", "must be a JSON object");
   for (const auto& item : config.items()) {
-    if (item.key() != "devices")
+    if (item.key() != "devices" && item.key() != "synchronizer")
       fail("the configuration", "has an unknown key \"" + item.key() + "\"");
   }
   auto devices = config.find("devices");

@@ -70,6 +70,14 @@ class BoardControl {
   /// The stream carries an error word at its next rollover boundary, as when
   /// the board loses its clock. Does nothing while no firmware is loaded.
   virtual void injectError() = 0;
+  /// Faults of the Synchronizer link, once, at the next rollover: byte `byte`
+  /// (0 to 3) of the counter goes missing; the first sync word carries a tick
+  /// other than 0. Do nothing while no firmware is loaded.
+  virtual void dropSyncByte(int byte) = 0;
+  virtual void skewSyncWord(unsigned tick) = 0;
+  /// The Synchronizer this board hangs on restarts: its counter starts over at
+  /// `counter` in the period after the furthest board's. Does nothing without one.
+  virtual void restartSynchronizer(uint32_t counter) = 0;
   /// Replaces the firmware version the loaded firmware reports on wire-out 0x24.
   virtual void setFirmwareVersion(uint32_t version) = 0;
   /// For measuring the host alone: the loaded firmware's stream becomes `words`

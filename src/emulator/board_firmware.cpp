@@ -17,6 +17,7 @@ constexpr int kWireTestPeriod = 0x09;
 constexpr int kWireTestHalfPeriod = 0x0B;
 constexpr int kWireStart = 0x0D;
 constexpr int kWireBufferSize = 0x12;
+constexpr int kWireRing = 0x14;
 
 // Wire-outs, as offsets from 0x20.
 constexpr int kOutTimestamp = 0x00;
@@ -29,6 +30,8 @@ constexpr int kOutIdentifierLow = 0x06;
 constexpr int kOutIdentifierHigh = 0x07;
 constexpr int kOutRevision = 0x09;
 constexpr int kOutBusStatus = 0x0A;
+constexpr int kOutSyncData = 0x0B;
+constexpr int kOutSyncFlags = 0x0C;
 constexpr uint32_t kBusFinished = 0x02;
 
 constexpr int kTriggerBus = 0x40;
@@ -125,6 +128,8 @@ ok_ErrorCode Board::updateWireIns(const Session& session) {
   record("UpdateWireIns");
   wires = wires_pending;
   if (fpga_loaded) applyWires();
+  // The firmware sends wire-in 0x14 around the ring of a synchronized group.
+  if (fpga_loaded && synchronizer) synchronizer->setRingWord(fixed.serial, wires[kWireRing]);
   return ok_NoError;
 }
 
@@ -169,7 +174,11 @@ std::array<uint32_t, 32> Board::wireOutValues() {
   const bool busy = bus_busy_left != 0;
   if (bus_busy_left > 0) --bus_busy_left;
   out[kOutBusStatus] = busy ? 0 : kBusFinished;
-  // 0x2B and 0x2C stay 0: no Synchronizer, the board is alone.
+  // What the board sees of a Synchronizer: zero when it is alone.
+  if (synchronizer) {
+    out[kOutSyncData] = synchronizer->loopWire(fixed.serial);
+    out[kOutSyncFlags] = synchronizer->statusWire(fixed.serial);
+  }
   return out;
 }
 

@@ -1,5 +1,6 @@
 #include "emulator/board_registry.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -9,6 +10,7 @@
 
 #include "core/log.h"
 #include "emulator/emulator_api.h"
+#include "emulator/synchronizer.h"
 
 namespace zeptick::emulator {
 
@@ -39,9 +41,28 @@ void install(std::vector<std::shared_ptr<Board>> boards) {
 }
 
 std::vector<std::shared_ptr<Board>> build(const nlohmann::json& config) {
+  std::vector<BoardConfig> configs = parseConfiguration(config);
+  std::shared_ptr<Synchronizer> synchronizer;
+  if (config.contains("synchronizer")) {
+    std::vector<std::string> serials;
+    for (const BoardConfig& board : configs) serials.push_back(board.serial);
+    SynchronizerWiring wiring = SynchronizerWiring::parse(config["synchronizer"], serials);
+    for (const BoardConfig& board : configs) {
+      if (board.paced && synchronizer == nullptr &&
+          std::find(wiring.boards.begin(), wiring.boards.end(), board.serial) !=
+              wiring.boards.end()) {
+        throw std::invalid_argument(
+            "emulator configuration: the boards of a synchronizer must run free "
+            "(\"pacing\": \"free\"); \"" +
+            board.serial + "\" runs in real time");
+      }
+    }
+    synchronizer = std::make_shared<Synchronizer>(std::move(wiring));
+  }
   std::vector<std::shared_ptr<Board>> boards;
-  for (BoardConfig& board : parseConfiguration(config)) {
+  for (BoardConfig& board : configs) {
     boards.push_back(std::make_shared<Board>(std::move(board)));
+    if (synchronizer) boards.back()->attachSynchronizer(synchronizer);
   }
   return boards;
 }

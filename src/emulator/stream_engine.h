@@ -46,6 +46,9 @@ class StreamEngine {
   /// Copies up to `count` produced words to `out`; returns how many.
   size_t take(unsigned char* out, size_t count) { return output_.take(out, count); }
   void injectError() { output_.injectError(); }
+  void setSync(std::function<uint32_t(uint64_t)> counter) { output_.setSync(std::move(counter)); }
+  void dropSyncByte(int byte) { output_.dropSyncByte(byte); }
+  void skewSyncWord(unsigned tick) { output_.skewSyncWord(tick); }
 
   /// Cycle up to which the stream has been produced, from the current origin.
   int64_t position() const { return position_; }

@@ -13,8 +13,14 @@
 
 #include "core/native_tag.h"
 #include "emulator/stream_engine.h"
+#include "emulator/stream_output.h"
 
 namespace zeptick::emulator {
+
+namespace {
+// A board held back by its group gives up the processor this long before it pads a read.
+constexpr auto kGroupWait = std::chrono::microseconds(200);
+}  // namespace
 
 static_assert(std::endian::native == std::endian::little,
               "stream words are copied out in native order, which must be the board's");
@@ -33,7 +39,20 @@ struct StreamModel::State {
       : engine(parameters, sources),
         paced(parameters.paced),
         ps_per_clock(parameters.ps_per_clock),
-        origin(Clock::now()) {}
+        origin(Clock::now()),
+        serial(parameters.serial) {
+    if (parameters.synchronizer && parameters.synchronizer->drives(serial)) {
+      synchronizer = parameters.synchronizer;
+      std::shared_ptr<Synchronizer> counting = synchronizer;
+      engine.setSync([counting](uint64_t period) { return counting->counter(period); });
+    }
+  }
+
+  /// The period the stream has reached, counted from its start. REQUIRES: mutex held.
+  uint64_t period() const {
+    return static_cast<uint64_t>(engine.originClocks() + engine.position()) /
+           StreamOutput::kPeriodClocks;
+  }
 
   /// Cycles of real time since the start, in the engine's coordinates.
   /// REQUIRES: mutex held.
@@ -69,6 +88,8 @@ struct StreamModel::State {
   const bool paced;
   const int64_t ps_per_clock;
   const Clock::time_point origin;
+  const std::string serial;
+  std::shared_ptr<Synchronizer> synchronizer;  ///< null unless cabled to one
 };
 
 StreamModel::StreamModel(const StreamParameters& parameters, const nlohmann::json& sources)
@@ -120,6 +141,13 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
     filled += engine.take(data + 4 * filled, words - filled);
     if (filled == words) break;
     if (!state->paced) {
+      if (state->synchronizer && !state->synchronizer->mayAdvance(state->serial, state->period())) {
+        // One clock drives the whole group: a board ahead of the others waits for them.
+        std::memset(data + 4 * filled, 0, 4 * (words - filled));
+        lock.unlock();
+        std::this_thread::sleep_for(kGroupWait);
+        return static_cast<long>(words * 4);
+      }
       if (engine.quiet()) {
         // With nothing ever to send, a free-running board would otherwise fill every read
         // with runs of empty periods and race its clock to overflow within seconds. One
@@ -130,9 +158,11 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
         }
         filled += engine.take(data + 4 * filled, words - filled);
         std::memset(data + 4 * filled, 0, 4 * (words - filled));
+        if (state->synchronizer) state->synchronizer->report(state->serial, state->period());
         break;
       }
       engine.advance(std::numeric_limits<int64_t>::max());
+      if (state->synchronizer) state->synchronizer->report(state->serial, state->period());
       continue;
     }
     if (block != 0 && filled / block != transfer) {
@@ -167,6 +197,16 @@ std::vector<int64_t> StreamModel::binUpperEdges(int index) const {
 void StreamModel::injectError() {
   std::lock_guard<std::mutex> lock(state->mutex);
   state->engine.injectError();
+}
+
+void StreamModel::dropSyncByte(int byte) {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  state->engine.dropSyncByte(byte);
+}
+
+void StreamModel::skewSyncWord(unsigned tick) {
+  std::lock_guard<std::mutex> lock(state->mutex);
+  state->engine.skewSyncWord(tick);
 }
 
 int64_t StreamModel::inputLatency(int input) const { return state->engine.inputLatency(input); }

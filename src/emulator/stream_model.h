@@ -3,11 +3,13 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
 #include "emulator/firmware_setup.h"
+#include "emulator/synchronizer.h"
 
 namespace zeptick::emulator {
 
@@ -20,6 +22,9 @@ struct StreamParameters {
   uint64_t seed = 1;                  ///< makes sources, jitter and bin profile reproducible
   bool paced = true;                  ///< real time, or as fast as the host reads
   double usb_words_per_second = 1e8;  ///< drain rate of the hardware buffer
+  /// The Synchronizer the board hangs on, or null; `serial` names the board to it.
+  std::shared_ptr<Synchronizer> synchronizer;
+  std::string serial;
 };
 
 /// The firmware's data path: signal sources on the inputs, the physical latency
@@ -54,6 +59,9 @@ class StreamModel {
 
   /// Puts an error word, as on a lost clock, at the next rollover boundary.
   void injectError();
+  /// Faults of the Synchronizer link at the next boundary (see StreamOutput).
+  void dropSyncByte(int byte);
+  void skewSyncWord(unsigned tick);
 
   /// For measuring the host alone: from now on the stream is `words` over and
   /// over, delivered at the cost of a copy and never paced. `words` should be

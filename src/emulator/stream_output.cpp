@@ -54,13 +54,15 @@ void StreamOutput::advanceTo(int64_t clock) { controlsUpTo(clock); }
 
 void StreamOutput::skipQuietTo(int64_t clock) {
   while (next_boundary_ < clock) {
-    if (overflow_ || paced_ || words_since_rollover_ || fence_ != fence_sent_ || error_pending_) {
+    if (overflow_ || paced_ || sync_ || words_since_rollover_ || fence_ != fence_sent_ ||
+        error_pending_) {
       controlsUpTo(next_boundary_);
       continue;
     }
     const int64_t boundaries = (clock - next_boundary_ + kPeriodClocks - 1) / kPeriodClocks;
     const int64_t taken = std::min<int64_t>(boundaries, kMaxRun - run_);
     run_ += static_cast<uint32_t>(taken);
+    periods_ += static_cast<uint64_t>(taken);
     period_base_ = next_boundary_ + (taken - 1) * kPeriodClocks;
     next_boundary_ = period_base_ + kPeriodClocks;
     if (run_ == kMaxRun) flushRun(period_base_);
@@ -347,15 +349,31 @@ void StreamOutput::boundary() {
   next_boundary_ = at + kPeriodClocks;
   flushRun(at);
   words_since_rollover_ = false;
+  ++periods_;
   if (error_pending_) {
     // An error word also counts as the period's rollover on the host.
     error_pending_ = false;
     armed_ = 0;
     push(nativeWord(1, kControlCode, 0, 0), at);
-    return;
+  } else {
+    push(nativeWord(1, kRolloverCode, fence_, 0), at);
+    fence_sent_ = fence_;
   }
-  push(nativeWord(1, kRolloverCode, fence_, 0), at);
-  fence_sent_ = fence_;
+  if (sync_) emitSync(at);
+}
+
+void StreamOutput::emitSync(int64_t clock) {
+  constexpr unsigned kFirstSyncCode = 58;
+  const uint32_t counter = sync_(periods_);
+  for (int byte = 0; byte < 4; ++byte) {
+    if (byte == drop_sync_byte_) continue;
+    const unsigned tick = byte == 0 ? skew_tick_ : 0;
+    push(nativeWord(1, kFirstSyncCode + static_cast<unsigned>(byte), (counter >> (8 * byte)) & 0xFF,
+                    tick),
+         clock);
+  }
+  drop_sync_byte_ = -1;
+  skew_tick_ = 0;
 }
 
 void StreamOutput::resume() {

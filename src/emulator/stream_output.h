@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -55,6 +56,15 @@ class StreamOutput {
   /// as when the board loses its clock; the filter is disarmed with it.
   void injectError() { error_pending_ = true; }
 
+  /// Behind a Synchronizer: after every rollover the four sync-board words
+  /// (kind 1, codes 58 to 61, tick 0) carry `counter(period)`, the counter of
+  /// the period beginning there; quiet periods then each get their rollover.
+  void setSync(std::function<uint32_t(uint64_t)> counter) { sync_ = std::move(counter); }
+  /// Faults of the Synchronizer link, once, at the next boundary: byte `byte`
+  /// of the counter goes missing; the first sync word carries `tick`, not 0.
+  void dropSyncByte(int byte) { drop_sync_byte_ = byte; }
+  void skewSyncWord(unsigned tick) { skew_tick_ = tick; }
+
   /// Emits the boundaries and the overflow end that fall on cycles up to `clock`.
   void advanceTo(int64_t clock);
   /// Emits the boundaries before `clock`, a period start, for a stretch
@@ -94,7 +104,13 @@ class StreamOutput {
   void planResume(int64_t clock);
   void updateNextControl();
 
+  void emitSync(int64_t clock);
+
   bool paced_;
+  std::function<uint32_t(uint64_t)> sync_;
+  uint64_t periods_ = 0;  ///< boundaries passed since the stream started
+  int drop_sync_byte_ = -1;
+  unsigned skew_tick_ = 0;
 
   int64_t period_base_ = 0;
   int64_t next_boundary_ = kPeriodClocks;
