@@ -42,7 +42,7 @@ void sleepMilliseconds(int milliseconds) {
 ZeptickImpl::ZeptickImpl(const std::string& serial) : requestedSerial(serial) {
   channelNumberScheme = getZeptickChannelNumberScheme();
   initDevices();
-  startWorkers();
+  startWorkers(workerCount());
   try {
     calibrateAndClear();
   } catch (...) {
@@ -74,7 +74,7 @@ void ZeptickImpl::writeFarewellLeds() {
 void ZeptickImpl::reset() {
   stopWorkers();
   initDevices();
-  startWorkers();
+  startWorkers(workerCount());
   calibrateAndClear();
 }
 
@@ -85,6 +85,14 @@ void ZeptickImpl::calibrateAndClear() {
     return discarded.data();
   });
   clearOverflows();
+}
+
+unsigned ZeptickImpl::workerCount() const {
+  // A worker reads one device at a time and takes the first free one: with fewer workers than
+  // members, the members late in the list would wait while the first ones are read again.
+  const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+  return devices.size() > 1 ? std::max(threads, static_cast<unsigned>(devices.size()) + 1)
+                            : threads;
 }
 
 void ZeptickImpl::initDevices() {

@@ -102,6 +102,8 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
 
   // Opening and numbering (workers stopped).
   void initDevices();
+  /// One per hardware thread, and more than the members of a group.
+  unsigned workerCount() const;
   void openDevice(const std::string& serial, DeviceList& list, uint8_t& identifier,
                   uint8_t probe_id);
   void setupChannels(FPGA_DEVICE& device, size_t group_size);

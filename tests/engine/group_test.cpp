@@ -1,0 +1,211 @@
+// Synchronized groups on emulated Synchronizers: finding and ordering the members, one merged
+// stream on one time axis, and what each wiring or link fault a lab meets turns into.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "zeptick_impl_fixture.h"
+
+namespace zeptick::testing {
+namespace {
+
+using nlohmann::json;
+
+constexpr int64_t kPeriod = 1000000;  // 1 us clocks on input 1 of every member
+constexpr int64_t kStep = 100000;     // member k's clock runs k x 100 ns behind the first's
+
+class Group : public CollectingTagger {
+ protected:
+  // Members named G0, G1, ... each with a periodic source on input 1, phase k * kStep.
+  void attachGroup(int members, json wiring) {
+    json devices = json::array();
+    for (int k = 0; k < members; ++k) {
+      json entry = ultraBoard("G" + std::to_string(k), json::array({{{"type", "periodic"},
+                                                                     {"input", 1},
+                                                                     {"period_ps", kPeriod},
+                                                                     {"phase_ps", k * kStep}}}));
+      entry["inputs"] = 2;
+      devices.push_back(entry);
+    }
+    emulator::attachBoards({{"devices", devices}, {"synchronizer", std::move(wiring)}});
+  }
+  ZeptickImpl& openGroup(const std::string& serials) {
+    tagger = std::make_unique<ZeptickImpl>(serials);
+    return *tagger;
+  }
+  std::string openFails(const std::string& serials) {
+    try {
+      openGroup(serials);
+    } catch (const std::runtime_error& e) {
+      return e.what();
+    }
+    return "";
+  }
+  // Every member's clock tags, once each, in time order, each member k behind the first by
+  // k x kStep, whatever the member's place in the chain: each tag within a sixth of a clock
+  // cycle of its channel's mean (the fine bins are still being learned), the members' means
+  // within a few ps of each other.
+  void expectOneTimeAxis(const std::map<int, int>& phase_step_of_channel) {
+    std::vector<int> channels;
+    for (const auto& [channel, step] : phase_step_of_channel) channels.push_back(channel);
+    auto collector = collect(channels, 2 * 1000 * kPeriod);
+    std::map<int, std::vector<int64_t>> offsets;
+    int64_t origin = -1;
+    for (const Tag& tag : collector->tags()) {
+      ASSERT_EQ(tag.type, Tag::Type::TimeTag);
+      const int64_t phase = tag.time - phase_step_of_channel.at(tag.channel) * kStep;
+      if (origin < 0) origin = phase - phase % kPeriod;
+      // Signed distance to the nearest clock edge of the first member's grid.
+      int64_t off = ((phase - origin) % kPeriod + kPeriod) % kPeriod;
+      if (off > kPeriod / 2) off -= kPeriod;
+      offsets[tag.channel].push_back(off);
+    }
+    double first_mean = 0;
+    for (int channel : channels) {
+      const std::vector<int64_t>& list = offsets[channel];
+      EXPECT_NEAR(static_cast<double>(list.size()), 2000, 2) << channel;
+      double mean = 0;
+      for (int64_t off : list) mean += static_cast<double>(off);
+      mean /= std::max<size_t>(1, list.size());
+      for (int64_t off : list) ASSERT_NEAR(static_cast<double>(off), mean, 400) << channel;
+      if (channel == channels.front()) first_mean = mean;
+      EXPECT_NEAR(mean, first_mean, 30) << "channel " << channel << " against " << channels[0];
+    }
+  }
+};
+
+// Opened by one serial, the rest found by probing; the chain follows the ring, not the scan.
+TEST_F(Group, ProbingFindsTheRingOrderNumbersByOffsetAndResetReopensTheGroup) {
+  for (int members : {2, 3, 4}) {
+    SCOPED_TRACE(members);
+    tagger.reset();
+    json ring = json::array();
+    for (int k = members - 1; k >= 0; --k) ring.push_back("G" + std::to_string(k));
+    attachGroup(members, {{"ring", ring}});
+    ZeptickImpl& zt = openGroup("G1");
+    std::string expected;
+    std::map<int, int> steps;
+    for (int k = members - 1; k >= 0; --k) {
+      expected += (expected.empty() ? "" : ", ") + ("G" + std::to_string(k));
+      const int ordinal = members - 1 - k;
+      steps[(ordinal + 1) * 100 + 1] = k;
+    }
+    EXPECT_EQ(zt.getSerial(), expected);
+    EXPECT_EQ(zt.getInvertedChannel(101), -101);
+    EXPECT_EQ(zt.getChannelList(ZT_CHANNEL_RISING).size(), static_cast<size_t>(2 * members));
+    expectOneTimeAxis(steps);
+    if (members == 3) {
+      zt.reset();
+      EXPECT_EQ(zt.getSerial(), expected);
+      expectOneTimeAxis(steps);
+    }
+  }
+}
+
+// A list of serials is a group in the order given, and its wiring is not examined.
+TEST_F(Group, AnExplicitListKeepsItsOrder) {
+  attachGroup(2, {{"feedback", nullptr}});
+  ZeptickImpl& zt = openGroup("G1, G0");
+  EXPECT_EQ(zt.getSerial(), "G1, G0");
+  expectOneTimeAxis({{101, 1}, {201, 0}});
+}
+
+TEST_F(Group, WiringFaultsAreNamed) {
+  struct Case {
+    int members;
+    json wiring;
+    std::string error;    // "" opens
+    std::string message;  // logged, "" for none
+  };
+  const std::string no_chain =
+      "No valid chain of Zepticks found. Please connect LOOP OUT of the Zeptick 'G0' to LOOP IN "
+      "of the next one.";
+  const std::vector<Case> cases = {
+      {3,
+       {{"boards", {"G0", "G2"}}, {"ring", {"G0", "G1", "G2"}}},
+       no_chain,
+       "Device 'G1' CLK IN or SYNC IN is not connected to the Synchronizer."},
+      {2,
+       {{"feedback", nullptr}},
+       "No first Zeptick device found. Please connect FDBK OUT of the first Zeptick to FDBK IN "
+       "of the Synchronizer.",
+       "Device 'G0' SYNC IN is not connected to the Synchronizer."},
+      {2,
+       {{"loop_in", {{"G1", nullptr}}}},
+       no_chain,
+       "Device 'G1' LOOP IN is not connected to any other Zeptick LOOP OUT."},
+      {3,
+       {{"ring", {"G0", "G1"}}, {"loop_in", {{"G2", "G0"}}}},
+       "Zeptick 'G2' outside of the chain found. Please connect LOOP OUT of every Zeptick to LOOP "
+       "IN of the next one.",
+       ""},
+      {2,
+       {{"phase", {{"G1", 18}}}},
+       "",
+       "Device 'G1' has a large phase offset between CLK IN and SYNC IN 1: 18 Please use equal "
+       "cables for this two links to avoid undefined 2 ns offsets."},
+      {2, {{"phase", {{"G0", 6}, {"G1", 17}}}}, "", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.wiring.dump());
+    tagger.reset();
+    attachGroup(c.members, c.wiring);
+    LogCapture log;
+    EXPECT_EQ(openFails("G0"), c.error);
+    if (!c.message.empty()) {
+      EXPECT_TRUE(log.contains(c.message));
+    } else {
+      for (const std::string& line : log.messages()) {
+        EXPECT_EQ(line.find("Device '"), std::string::npos) << line;
+      }
+    }
+  }
+}
+
+// Link faults while running: each is reported, the member realigns, and the merged stream goes
+// on in order on one time axis; a Synchronizer restart that breaks with the host clock starts
+// a new epoch.
+TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
+  attachGroup(2, json::object());
+  ZeptickImpl& zt = openGroup("G0");
+  const auto g0 = emulator::findBoard("G0");
+  const auto g1 = emulator::findBoard("G1");
+  struct Fault {
+    std::function<void()> inject;
+    std::string message;
+  };
+  const std::vector<Fault> faults = {
+      {[&] { g1->dropSyncByte(2); },
+       "Nothing received from the sync board between two rollover events. Is AUX IN 1 still "
+       "connected to G1?"},
+      {[&] { g1->skewSyncWord(5); },
+       "Unexpected syncboard word received after 5 clock cycles. Is the clock connected "
+       "properly?"},
+      {[&] { g0->injectError(); },
+       "Error event received from G0, please make sure that the CLK is connected properly."},
+      // About 600 s of counter ahead of where the host's clock puts the group.
+      {[&] { g0->restartSynchronizer(4000000000u); }, "Host computer vs Sync Board timer mismatch"},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.message);
+    LogCapture log;
+    fault.inject();
+    zt.setInputDelay(201, 0);  // settings keep changing meanwhile
+    EXPECT_TRUE(log.waitFor(fault.message) || [&] {
+      for (const std::string& line : log.messages()) {
+        if (line.find(fault.message) != std::string::npos) return true;
+      }
+      return false;
+    }());
+    expectOneTimeAxis({{101, 0}, {201, 1}});
+  }
+}
+
+}  // namespace
+}  // namespace zeptick::testing
