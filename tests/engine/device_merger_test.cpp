@@ -32,8 +32,8 @@ Member makeMember(std::mt19937_64& rng, int ordinal, int members) {
     t += static_cast<int64_t>(1 + rng() % 50) * members;
     const int64_t time = t + ordinal;
     if (rng() % 40 == 0) {
-      member.tags.push_back(Tag{in_overflow ? Type::OverflowEnd : Type::OverflowBegin, 0, 0,
-                                CHANNEL_UNUSED, time});
+      member.tags.push_back(
+          Tag{in_overflow ? Type::OverflowEnd : Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, time});
       in_overflow = !in_overflow;
     } else {
       member.tags.push_back(Tag{Type::TimeTag, 0, 0, 100 * (ordinal + 1) + 1, time});
@@ -164,9 +164,9 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   first.push_back(Tag{Type::TimeTag, 0, 0, 101, 3000});
   EXPECT_TRUE(feed(0, first, 5000, 3, false).tags.empty()) << "the other member has not spoken";
 
-  const auto cut = feed(
-      1, {Tag{Type::Error, 0, 0, CHANNEL_UNUSED, 1500}, Tag{Type::TimeTag, 0, 0, 201, 1600}},
-      1800, 2, true);
+  const auto cut =
+      feed(1, {Tag{Type::Error, 0, 0, CHANNEL_UNUSED, 1500}, Tag{Type::TimeTag, 0, 0, 201, 1600}},
+           1800, 2, true);
   EXPECT_EQ(cut.tags.size(), 300u);
   EXPECT_EQ(cut.blockEnd, 1500) << "cut at the first later time";
   EXPECT_EQ(cut.fence, 0u) << "no chunk fully merged yet";

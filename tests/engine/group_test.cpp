@@ -197,12 +197,12 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
     LogCapture log;
     fault.inject();
     zt.setInputDelay(201, 0);  // settings keep changing meanwhile
-    EXPECT_TRUE(log.waitFor(fault.message) || [&] {
+    EXPECT_TRUE(waitUntil([&] {
       for (const std::string& line : log.messages()) {
         if (line.find(fault.message) != std::string::npos) return true;
       }
       return false;
-    }());
+    }));
     expectOneTimeAxis({{101, 0}, {201, 1}});
   }
 }
