@@ -50,7 +50,7 @@ class Group : public CollectingTagger {
   // Every member's clock tags, once each, in time order, each member k behind the first by
   // k x kStep, whatever the member's place in the chain: each tag within a sixth of a clock
   // cycle of its channel's mean (the fine bins are still being learned), the members' means
-  // within a few ps of each other.
+  // within a fine bin of each other (a clock always falls into the same bin of each board).
   void expectOneTimeAxis(const std::map<int, int>& phase_step_of_channel) {
     std::vector<int> channels;
     for (const auto& [channel, step] : phase_step_of_channel) channels.push_back(channel);
@@ -75,7 +75,7 @@ class Group : public CollectingTagger {
       mean /= std::max<size_t>(1, list.size());
       for (int64_t off : list) ASSERT_NEAR(static_cast<double>(off), mean, 400) << channel;
       if (channel == channels.front()) first_mean = mean;
-      EXPECT_NEAR(mean, first_mean, 30) << "channel " << channel << " against " << channels[0];
+      EXPECT_NEAR(mean, first_mean, 60) << "channel " << channel << " against " << channels[0];
     }
   }
 };
