@@ -5,28 +5,55 @@
 
 namespace zeptick {
 
-namespace {
-
-// Later time = lower priority: std::push_heap keeps the earliest on top.
-bool later(const std::pair<int64_t, DeviceQueue*>& a, const std::pair<int64_t, DeviceQueue*>& b) {
-  return a.first > b.first;
-}
-
-}  // namespace
-
 DeviceMerger::DeviceMerger(size_t members, int64_t horizon) : queues_(members), horizon_(horizon) {
   for (DeviceQueue& queue : queues_) queue.endTime = horizon;
-  heap_.reserve(members);
-}
-
-void DeviceMerger::push(DeviceQueue& queue) {
-  heap_.emplace_back(queue.chunks.front().tags[queue.cursor].time, &queue);
-  std::push_heap(heap_.begin(), heap_.end(), later);
 }
 
 void DeviceMerger::recomputeSuppress() {
   suppress_ = std::any_of(queues_.begin(), queues_.end(),
                           [](const DeviceQueue& queue) { return queue.invalid; });
+}
+
+DeviceQueue* DeviceMerger::earliest() {
+  DeviceQueue* best = nullptr;
+  for (DeviceQueue& queue : queues_) {
+    if (queue.cursor == nullptr) continue;
+    if (best == nullptr || queue.cursor->time < best->cursor->time) best = &queue;
+  }
+  return best;
+}
+
+void DeviceMerger::finishChunk(DeviceQueue& queue) {
+  TagChunk& chunk = queue.chunks.front();
+  queue.fence = chunk.fence;
+  queue.invalid = chunk.invalid;
+  recomputeSuppress();
+  chunk.tags.clear();
+  pool_.push_back(std::move(chunk.tags));
+  queue.chunks.pop_front();
+  if (queue.chunks.empty()) {
+    queue.cursor = queue.chunkEnd = nullptr;
+  } else {
+    queue.cursor = queue.chunks.front().tags.data();
+    queue.chunkEnd = queue.cursor + queue.chunks.front().tags.size();
+  }
+}
+
+void DeviceMerger::passControl(DeviceQueue& queue, Tag tag, std::vector<Tag>& out) {
+  bool skip = false;
+  if (tag.type == Tag::Type::TimeTag) {
+    tag.type = Tag::Type::MissedEvents;
+    tag.missed_events = 1;
+  } else if (tag.type == Tag::Type::OverflowBegin) {
+    queue.overflow = true;
+    skip = overflow_;
+    overflow_ = true;
+  } else if (tag.type == Tag::Type::OverflowEnd) {
+    queue.overflow = false;
+    overflow_ = std::any_of(queues_.begin(), queues_.end(),
+                            [](const DeviceQueue& q) { return q.overflow; });
+  }
+  if (!skip && (tag.type == Tag::Type::Error || !suppress_)) out.push_back(tag);
 }
 
 void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t max_events) {
@@ -42,11 +69,10 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
       fed.chunks.back().invalid = worker.streamInvalid;
     }
   } else {
-    const bool was_empty = fed.chunks.empty();
     fed.chunks.push_back(TagChunk{std::move(worker.tags), worker.fence, worker.streamInvalid});
-    if (was_empty) {
-      fed.cursor = 0;
-      push(fed);
+    if (fed.cursor == nullptr) {
+      fed.cursor = fed.chunks.front().tags.data();
+      fed.chunkEnd = fed.cursor + fed.chunks.front().tags.size();
     }
   }
 
@@ -65,52 +91,39 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
 
   uint64_t n = 0;
   std::vector<Tag>& out = worker.tags;
-  while (!heap_.empty()) {
-    DeviceQueue& queue = *heap_.front().second;
-    TagChunk& chunk = queue.chunks.front();
-    Tag tag = chunk.tags[queue.cursor];
-    if (tag.time - worker.blockEnd >= 0) break;
-    if (!out.empty() && n >= max_events && tag.time > out.back().time) {
-      horizon_ = tag.time;
-      worker.blockEnd = tag.time;
-      break;
+  for (DeviceQueue* queue = earliest(); queue != nullptr; queue = earliest()) {
+    // A run: this member's tags up to the next member's next tag (or the horizon) leave
+    // without another scan. At equal times the scan decides, so ties keep member order.
+    int64_t limit = worker.blockEnd;
+    for (const DeviceQueue& other : queues_) {
+      if (&other != queue && other.cursor != nullptr && other.cursor->time < limit) {
+        limit = other.cursor->time;
+      }
     }
-    bool skip = false;
-    switch (tag.type) {
-      case Tag::Type::TimeTag:
-        if (overflow_) {
-          tag.type = Tag::Type::MissedEvents;
-          tag.missed_events = 1;
-        }
+    bool first = true;
+    bool cut = false;
+    while (queue->cursor != nullptr && (first || queue->cursor->time < limit)) {
+      Tag tag = *queue->cursor;
+      if (tag.time - worker.blockEnd >= 0) {
+        cut = true;
         break;
-      case Tag::Type::OverflowBegin:
-        queue.overflow = true;
-        skip = overflow_;
-        overflow_ = true;
+      }
+      if (n >= max_events && !out.empty() && tag.time > out.back().time) {
+        horizon_ = tag.time;
+        worker.blockEnd = tag.time;
+        cut = true;
         break;
-      case Tag::Type::OverflowEnd:
-        queue.overflow = false;
-        overflow_ = std::any_of(queues_.begin(), queues_.end(),
-                                [](const DeviceQueue& q) { return q.overflow; });
-        break;
-      default:
-        break;
+      }
+      first = false;
+      if (tag.type == Tag::Type::TimeTag && !overflow_) {
+        if (!suppress_) out.push_back(tag);
+      } else {
+        passControl(*queue, tag, out);
+      }
+      if (++queue->cursor == queue->chunkEnd) finishChunk(*queue);
+      ++n;
     }
-    if (!skip && (tag.type == Tag::Type::Error || !suppress_)) out.push_back(tag);
-
-    std::pop_heap(heap_.begin(), heap_.end(), later);
-    heap_.pop_back();
-    if (++queue.cursor == chunk.tags.size()) {
-      queue.fence = chunk.fence;
-      queue.invalid = chunk.invalid;
-      recomputeSuppress();
-      chunk.tags.clear();
-      pool_.push_back(std::move(chunk.tags));
-      queue.chunks.pop_front();
-      queue.cursor = 0;
-    }
-    if (!queue.chunks.empty()) push(queue);
-    ++n;
+    if (cut) break;
   }
 
   uint32_t fence = queues_.front().fence;

@@ -21,18 +21,21 @@ struct TagChunk {
 /// The blocks of one group member that the merge has not passed yet.
 struct DeviceQueue {
   std::deque<TagChunk> chunks;
-  size_t cursor = 0;      ///< the next tag of the front chunk
-  int64_t endTime = 0;    ///< blockEnd of this member's last block
-  uint32_t fence = 0;     ///< fence of the last chunk fully merged
-  bool overflow = false;  ///< this member is inside an overflow
-  bool invalid = false;   ///< streamInvalid of the last chunk fully merged
+  const Tag* cursor = nullptr;    ///< the next tag of the front chunk; null when empty
+  const Tag* chunkEnd = nullptr;  ///< the end of the front chunk
+  int64_t endTime = 0;            ///< blockEnd of this member's last block
+  uint32_t fence = 0;             ///< fence of the last chunk fully merged
+  bool overflow = false;          ///< this member is inside an overflow
+  bool invalid = false;           ///< streamInvalid of the last chunk fully merged
 };
 
 /// Merges the decoded blocks of the members of a synchronized group, which
 /// share one time axis once aligned, into one stream in time order. A time is
 /// released only once every member has decoded past it, so a merged block is
 /// complete for the whole group. Tag vectors move between workers, chunks and
-/// a pool: no allocation in the steady state.
+/// a pool: no allocation in the steady state. The earliest next tag is found by
+/// a scan of the members' heads, which for the few members of a group costs
+/// less than a heap; equal times leave in member order.
 ///
 /// Not thread-safe: the tagger calls add() under its merge mutex, which also
 /// keeps each member's blocks in order. Built for one epoch of the group's
@@ -55,13 +58,14 @@ class DeviceMerger {
   int64_t horizon() const { return horizon_; }
 
  private:
-  using HeapEntry = std::pair<int64_t, DeviceQueue*>;
-
-  void push(DeviceQueue& queue);
+  /// The queue whose next tag is earliest, null when all are empty.
+  DeviceQueue* earliest();
+  void finishChunk(DeviceQueue& queue);
+  /// Everything but a time tag outside an overflow: overflow framing, errors, missed events.
+  void passControl(DeviceQueue& queue, Tag tag, std::vector<Tag>& out);
   void recomputeSuppress();
 
   std::vector<DeviceQueue> queues_;
-  std::vector<HeapEntry> heap_;  ///< min-heap on the time of each queue's next tag
   std::deque<std::vector<Tag>> pool_;
   int64_t horizon_ = 0;
   bool overflow_ = false;
