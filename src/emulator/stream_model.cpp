@@ -153,7 +153,13 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
         // with runs of empty periods and race its clock to overflow within seconds. One
         // period per read keeps fences flowing; fillers, which the host skips, pad the rest.
         constexpr int64_t kPeriod = StreamOutput::kPeriodClocks;
-        const int64_t until = (engine.position() / kPeriod + 1) * kPeriod + 1;
+        int64_t until = (engine.position() / kPeriod + 1) * kPeriod + 1;
+        if (state->synchronizer) {
+          // A quiet member of a group keeps up with the others instead of holding them back.
+          const auto others =
+              static_cast<int64_t>(state->synchronizer->furthestOther(state->serial));
+          until = std::max(until, (others - engine.originClocks() / kPeriod) * kPeriod + 1);
+        }
         while (engine.advance(until)) {
         }
         filled += engine.take(data + 4 * filled, words - filled);

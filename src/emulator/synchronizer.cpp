@@ -162,4 +162,16 @@ bool Synchronizer::mayAdvance(const std::string& serial, uint64_t period) {
   return true;
 }
 
+uint64_t Synchronizer::furthestOther(const std::string& serial) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  const auto now = std::chrono::steady_clock::now();
+  uint64_t furthest = 0;
+  for (const auto& [other, position] : positions_) {
+    if (other != serial && now - position.seen <= kIdleBoard) {
+      furthest = std::max(furthest, position.period);
+    }
+  }
+  return furthest;
+}
+
 }  // namespace zeptick::emulator

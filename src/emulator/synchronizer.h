@@ -60,6 +60,8 @@ class Synchronizer {
   /// Whether a free-running board at `period` may run further: not more than a
   /// few periods ahead of any other board read lately.
   bool mayAdvance(const std::string& serial, uint64_t period);
+  /// The furthest period any other board read lately has reached, 0 for none.
+  uint64_t furthestOther(const std::string& serial);
 
  private:
   struct Restart {

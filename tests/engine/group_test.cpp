@@ -116,6 +116,18 @@ TEST_F(Group, AnExplicitListKeepsItsOrder) {
   expectOneTimeAxis({{101, 1}, {201, 0}});
 }
 
+// A member that sends nothing still lets the group advance through its rollovers.
+TEST_F(Group, AQuietMemberDoesNotHoldTheGroupBack) {
+  emulator::attachBoards(
+      {{"devices",
+        {ultraBoard("G0",
+                    json::array({{{"type", "periodic"}, {"input", 1}, {"period_ps", kPeriod}}})),
+         ultraBoard("G1")}},
+       {"synchronizer", json::object()}});
+  openGroup("G0");
+  expectOneTimeAxis({{101, 0}});
+}
+
 TEST_F(Group, WiringFaultsAreNamed) {
   struct Case {
     int members;
