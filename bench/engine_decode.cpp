@@ -101,8 +101,10 @@ void run(benchmark::State& state, Setup kind) {
   }
 
   // Blocks as the acquisition hands them over, in a worker that keeps its capacity.
-  ZeptickRunner::Worker worker;
-  worker.nativeTags.reserve(kBlockWords);
+  std::vector<NativeTag> native;
+  native.reserve(kBlockWords);
+  std::vector<Tag> out;
+  DecodedBlock block(out);
   std::vector<Tag> plain;
   plain.reserve(kBlockWords);
   int64_t plainBase = 0;
@@ -110,10 +112,10 @@ void run(benchmark::State& state, Setup kind) {
     size_t tags = 0;
     for (size_t at = 0; at < words.size(); at += kBlockWords) {
       const size_t n = std::min(kBlockWords, words.size() - at);
-      worker.nativeTags.assign(words.begin() + static_cast<std::ptrdiff_t>(at),
-                               words.begin() + static_cast<std::ptrdiff_t>(at + n));
-      decoder.decodeBlock(worker, 0, settings);
-      tags += worker.tags.size();
+      native.assign(words.begin() + static_cast<std::ptrdiff_t>(at),
+                    words.begin() + static_cast<std::ptrdiff_t>(at + n));
+      decoder.decodeBlock(native, 0, settings, block);
+      tags += out.size();
     }
     return tags;
   };
@@ -129,9 +131,9 @@ void run(benchmark::State& state, Setup kind) {
     const double t1 = threadSeconds();
     for (size_t at = 0; at < words.size(); at += kBlockWords) {
       const size_t n = std::min(kBlockWords, words.size() - at);
-      worker.nativeTags.assign(words.begin() + static_cast<std::ptrdiff_t>(at),
-                               words.begin() + static_cast<std::ptrdiff_t>(at + n));
-      plainPass(worker.nativeTags, plain, plainBase);
+      native.assign(words.begin() + static_cast<std::ptrdiff_t>(at),
+                    words.begin() + static_cast<std::ptrdiff_t>(at + n));
+      plainPass(native, plain, plainBase);
       benchmark::DoNotOptimize(plain.data());
     }
     benchmark::ClobberMemory();

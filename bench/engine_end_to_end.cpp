@@ -23,7 +23,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/native_tag.h"
+#include "device/device_words.h"
 #include "emulator/board_control.h"
 #include "emulator/stream_model.h"
 #include "engine/delay_stage.h"
@@ -227,7 +227,9 @@ double decoderTagsPerCpuSecond(const std::vector<uint32_t>& words, int rounds) {
                                  zeptick::hardwareDelayCompensation("Zeptick Ultra", i % 18, false),
                                  false, false});
   }
-  zeptick::ZeptickRunner::Worker worker;
+  std::vector<zeptick::NativeTag> native;
+  std::vector<zeptick::Tag> out;
+  zeptick::DecodedBlock block(out);
   constexpr size_t kBlock = 131072;
   double tags = 0;
   double cpu = 0;
@@ -236,10 +238,10 @@ double decoderTagsPerCpuSecond(const std::vector<uint32_t>& words, int rounds) {
     double round_tags = 0;
     for (size_t at = 0; at < words.size(); at += kBlock) {
       const size_t n = std::min(kBlock, words.size() - at);
-      worker.nativeTags.resize(n);
-      std::memcpy(worker.nativeTags.data(), words.data() + at, 4 * n);
-      decoder.decodeBlock(worker, 0, settings);
-      round_tags += static_cast<double>(worker.tags.size());
+      native.resize(n);
+      std::memcpy(native.data(), words.data() + at, 4 * n);
+      decoder.decodeBlock(native, 0, settings, block);
+      round_tags += static_cast<double>(out.size());
     }
     // The first round only warms up the calibration tables and the buffers.
     if (round > 0) {

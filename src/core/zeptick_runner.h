@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "core/annotated_mutex.h"
-#include "core/native_tag.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/tag.h"
 #include "zeptick/zeptick_base.h"
@@ -33,9 +32,8 @@ struct IteratorBaseListNode;
 class ZeptickRunner : public virtual ZeptickBase {
  public:
   struct Worker {
-    std::vector<NativeTag> nativeTags;
-    bool streamInvalid = false;
-    std::vector<Tag> tags;  // reused from block to block to keep its capacity
+    bool streamInvalid = false;  ///< the block's data cannot be trusted (merged groups)
+    std::vector<Tag> tags;       // reused from block to block to keep its capacity
     int64_t blockBegin = 0;
     int64_t blockEnd = 0;
     uint32_t fence = 0;

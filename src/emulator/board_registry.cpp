@@ -8,9 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/log.h"
 #include "emulator/emulator_api.h"
 #include "emulator/synchronizer.h"
+#include "zeptick/logging.h"
 
 namespace zeptick::emulator {
 
@@ -80,8 +80,9 @@ void readEnvironment() {
     if (!file) throw std::runtime_error("the file cannot be opened");
     install(build(nlohmann::json::parse(file)));
   } catch (const std::exception& error) {
-    ZT_LOG_ERROR("ZEPTICK_EMULATOR='%s' attaches no emulated device: %s", setting.c_str(),
-                 error.what());
+    // The public logger: the emulator stands outside the host library.
+    _Log(LOGGER_ERROR, __FILE__, __LINE__, "ZEPTICK_EMULATOR='%s' attaches no emulated device: %s",
+         setting.c_str(), error.what());
   }
 }
 

@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/native_tag.h"
+#include "device/device_words.h"
 #include "emulator/stream_engine.h"
 #include "emulator/stream_output.h"
 

@@ -20,6 +20,13 @@ namespace {
 constexpr NativeTag kErrorWord{0x7F000000};
 constexpr auto kReconnectInterval = std::chrono::milliseconds(100);
 
+// The words of the block a worker reads, kept for their capacity: each worker is a thread of
+// its own, and reading and decoding one block happen on the same thread.
+std::vector<NativeTag>& workerWords() {
+  thread_local std::vector<NativeTag> words;
+  return words;
+}
+
 }  // namespace
 
 bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock, uint32_t fence,
@@ -81,11 +88,11 @@ bool ZeptickImpl::readDevice(Worker* worker, FPGA_DEVICE& device) {
   }
   applyConfiguration(device);
 
-  worker->nativeTags.resize(words);
+  workerWords().resize(words);
   const auto bytes = static_cast<int64_t>(words * sizeof(NativeTag));
   const auto start = std::chrono::steady_clock::now();
   const int64_t got =
-      device.backend->readBlock(reinterpret_cast<unsigned char*>(worker->nativeTags.data()), bytes);
+      device.backend->readBlock(reinterpret_cast<unsigned char*>(workerWords().data()), bytes);
   const auto elapsed = std::chrono::steady_clock::now() - start;
   const double ns =
       static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count());
@@ -93,11 +100,11 @@ bool ZeptickImpl::readDevice(Worker* worker, FPGA_DEVICE& device) {
 
   worker->streamInvalid = false;
   if (got < 0 || got > bytes) {
-    worker->nativeTags.assign(1, kErrorWord);
+    workerWords().assign(1, kErrorWord);
     device.disconnected = true;
     worker->streamInvalid = true;
   } else if (got != bytes) {
-    worker->nativeTags.resize(static_cast<size_t>(got) / sizeof(NativeTag));
+    workerWords().resize(static_cast<size_t>(got) / sizeof(NativeTag));
     device.disconnected = true;
     worker->streamInvalid = true;
   }
@@ -125,9 +132,9 @@ bool ZeptickImpl::reconnect(Worker* worker, FPGA_DEVICE& device) {
   // One error tag per outage, not one per retry.
   if (!device.disconnected) {
     device.disconnected = true;
-    worker->nativeTags.assign(1, kErrorWord);
+    workerWords().assign(1, kErrorWord);
   } else {
-    worker->nativeTags.clear();
+    workerWords().clear();
   }
   std::this_thread::sleep_for(kReconnectInterval);
   worker->streamInvalid = true;
@@ -192,7 +199,13 @@ void ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fenc
       channel.conditionalFiltered = config != nullptr && config->conditionalFiltered;
     }
   }
-  device.decoder.decodeBlock(*worker, fence, device.blockSettings);
+  DecodedBlock block(worker->tags);
+  block.invalid = worker->streamInvalid;
+  device.decoder.decodeBlock(workerWords(), fence, device.blockSettings, block);
+  worker->blockBegin = block.begin;
+  worker->blockEnd = block.end;
+  worker->fence = block.fence;
+  worker->streamInvalid = block.invalid;
 }
 
 }  // namespace zeptick

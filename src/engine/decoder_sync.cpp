@@ -32,7 +32,7 @@ void NativeDecoder::watchdog() {
   syncSeen = false;
 }
 
-void NativeDecoder::syncWord(NativeTag word, ZeptickRunner::Worker& worker) {
+void NativeDecoder::syncWord(NativeTag word, DecodedBlock& block) {
   if (word.tick() != 0) {
     ZT_LOG_ERROR(
         "Unexpected syncboard word received after %d clock cycles. Is the clock connected "
@@ -53,7 +53,7 @@ void NativeDecoder::syncWord(NativeTag word, ZeptickRunner::Worker& worker) {
 
   const uint32_t n = syncAccumulator;
   if (!synced) {
-    align(n, worker);
+    align(n, block);
   } else {
     const int64_t expected =
         static_cast<int64_t>(n - lastSyncCount) * kTicksPerRollover * device.psPerClock;
@@ -62,7 +62,7 @@ void NativeDecoder::syncWord(NativeTag word, ZeptickRunner::Worker& worker) {
       ZT_LOG_ERROR("Zeptick vs Sync Board counter mismatch: %lld vs %lld.",
                    static_cast<long long>(expected), static_cast<long long>(seen));
       synced = false;
-      align(n, worker);
+      align(n, block);
     }
   }
   syncSeen = true;
@@ -72,7 +72,7 @@ void NativeDecoder::syncWord(NativeTag word, ZeptickRunner::Worker& worker) {
   syncMask = 0;
 }
 
-void NativeDecoder::align(uint32_t counter, ZeptickRunner::Worker& worker) {
+void NativeDecoder::align(uint32_t counter, DecodedBlock& block) {
   int64_t t = static_cast<int64_t>(counter) * kTicksPerRollover * device.psPerClock;
   if (device.sync != nullptr) {
     DecoderSyncEpoch& shared = *device.sync;
@@ -100,9 +100,9 @@ void NativeDecoder::align(uint32_t counter, ZeptickRunner::Worker& worker) {
   base = t;
   stage.clear();
   stage.setDecodedUntil(t);
-  worker.blockBegin = t;
-  worker.tags.clear();
-  stage.advanceTo(base, worker.tags);
+  block.begin = t;
+  block.tags.clear();
+  stage.advanceTo(base, block.tags);
   stage.pushOutput(Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, base});
   stage.closeFilter();
   ++overflowCount;

@@ -71,17 +71,17 @@ void NativeDecoder::takeSettings(const DecoderBlockSettings& settings) {
                                        lagging});
 }
 
-void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
-                                const DecoderBlockSettings& settings) {
+void NativeDecoder::decodeBlock(std::span<const NativeTag> words, uint32_t fence,
+                                const DecoderBlockSettings& settings, DecodedBlock& block) {
   updateDistributions(settings.normalization);
-  worker.tags.clear();
-  worker.blockBegin = stage.decodedUntil();
-  worker.fence = fenceConfirmed;
+  block.tags.clear();
+  block.begin = stage.decodedUntil();
+  block.fence = fenceConfirmed;
   takeSettings(settings);
 
   const bool filtered = stage.blockSettings().filteredMask != 0;
 
-  std::vector<Tag>& out = worker.tags;
+  std::vector<Tag>& out = block.tags;
   const int64_t ps = device.psPerClock;
   const uint32_t eventCodes =
       static_cast<uint32_t>(std::clamp(device.channelCount, 0, int32_t{kFirstControlCode}));
@@ -102,12 +102,12 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   uint64_t state = rng;
   uint64_t counted = countedMask;
   const uint64_t lagging = stage.blockSettings().laggingMask;
-  for (const NativeTag word : worker.nativeTags) {
+  for (const NativeTag word : words) {
     const uint32_t kind = word.kind();
     const uint32_t code = word.code();
     if (kind == 1 && code < kFirstControlCode) {
       if (gated && !synced) {
-        worker.streamInvalid = true;
+        block.invalid = true;
         continue;
       }
       const uint32_t bin = word.bin();
@@ -138,7 +138,7 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
       }
     } else if (kind != 0) {
       if (until != stage.decodedUntil()) stage.advanceTo(until, out);
-      controlWord(word, worker, fence);
+      controlWord(word, block, fence);
       until = stage.decodedUntil();
     }
   }
@@ -146,22 +146,22 @@ void NativeDecoder::decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
   rng = state;
   countedMask = counted;
 
-  worker.blockEnd = stage.decodedUntil();
-  if (gated && !synced) worker.streamInvalid = true;
+  block.end = stage.decodedUntil();
+  if (gated && !synced) block.invalid = true;
 }
 
-void NativeDecoder::controlWord(NativeTag word, ZeptickRunner::Worker& worker, uint32_t fence) {
+void NativeDecoder::controlWord(NativeTag word, DecodedBlock& block, uint32_t fence) {
   const uint32_t kind = word.kind();
   const uint32_t code = word.code();
   if (code == kRolloverCode) {
     rollover(word, fence);
-    advance(base, worker);
+    advance(base, block);
   } else if (code == kDeviceCode) {
-    deviceWord(word, worker);
+    deviceWord(word, block);
   } else if (code >= kFirstControlCode) {
     if (!device.syncMode) return;
     if (kind == 1) {
-      syncWord(word, worker);
+      syncWord(word, block);
     } else {
       syncSeen = true;
     }
@@ -174,10 +174,10 @@ void NativeDecoder::controlWord(NativeTag word, ZeptickRunner::Worker& worker, u
   }
 }
 
-void NativeDecoder::advance(int64_t t, ZeptickRunner::Worker& worker) {
+void NativeDecoder::advance(int64_t t, DecodedBlock& block) {
   // The stream position never moves back: a rollover word of zero periods
   // comes after the events of its period, and releasing is strict anyway.
-  if (timeDifference(t, stage.decodedUntil()) > 0) stage.advanceTo(t, worker.tags);
+  if (timeDifference(t, stage.decodedUntil()) > 0) stage.advanceTo(t, block.tags);
 }
 
 void NativeDecoder::rollover(NativeTag word, uint32_t fence) {
@@ -201,7 +201,7 @@ void NativeDecoder::rollover(NativeTag word, uint32_t fence) {
   }
 }
 
-void NativeDecoder::deviceWord(NativeTag word, ZeptickRunner::Worker& worker) {
+void NativeDecoder::deviceWord(NativeTag word, DecodedBlock& block) {
   const uint32_t kind = word.kind();
   if (kind == 1) {
     // After an error nothing held can be trusted.
@@ -216,7 +216,7 @@ void NativeDecoder::deviceWord(NativeTag word, ZeptickRunner::Worker& worker) {
   }
   const int64_t time = timeSum(base, word.tick() * device.psPerClock);
   Tag tag{static_cast<Tag::Type>(kind), 0, 0, CHANNEL_UNUSED, time};
-  advance(time, worker);
+  advance(time, block);
   if (kind == 2) stage.setOverflowActive();
   // The end must sort behind every tag delayed out of the overflow.
   if (kind == 3) tag.time = timeSum(tag.time, stage.blockSettings().maxDelay);

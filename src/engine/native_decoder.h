@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/native_tag.h"
-#include "core/zeptick_runner.h"
+#include "device/device_words.h"
 #include "engine/decoder_distribution.h"
 #include "engine/delay_stage.h"
 #include "zeptick/tag.h"
@@ -55,6 +54,16 @@ struct DecoderDevice {
   DecoderSyncEpoch* sync = nullptr;  ///< the group's shared time axis; required with syncMode
 };
 
+/// One decoded block: plain data, filled by NativeDecoder::decodeBlock.
+struct DecodedBlock {
+  explicit DecodedBlock(std::vector<Tag>& tags) : tags(tags) {}
+  std::vector<Tag>& tags;  ///< the tags, in time order; kept for its capacity by the caller
+  int64_t begin = 0;       ///< the block spans [begin, end)
+  int64_t end = 0;
+  uint32_t fence = 0;    ///< the fence the device had taken up
+  bool invalid = false;  ///< the device's data cannot be trusted (unaligned group member)
+};
+
 /// Turns the 32-bit words of one device into time-ordered tags: widens the
 /// clock count with rollover words, replaces the fine bin by its calibrated
 /// offset (code-density calibration learned from the events themselves),
@@ -72,12 +81,12 @@ class NativeDecoder {
   /// generator keeps its state (1 in a new decoder).
   void setup(const DecoderDevice& device, uint32_t streamFence);
 
-  /// Decodes `worker.nativeTags` into `worker.tags` (ascending in time) and sets
-  /// `blockBegin`, `blockEnd`, `fence`; may set `worker.streamInvalid`, never
-  /// clears it. `fence` is the runner's current fence. Calls
-  /// updateDistributions first.
-  void decodeBlock(ZeptickRunner::Worker& worker, uint32_t fence,
-                   const DecoderBlockSettings& settings);
+  /// Decodes `words` into `block.tags` (cleared first, then ascending in time)
+  /// and sets `block.begin`, `block.end` and `block.fence`; may set
+  /// `block.invalid`, never clears it. `fence` is the runner's current fence.
+  /// Calls updateDistributions first.
+  void decodeBlock(std::span<const NativeTag> words, uint32_t fence,
+                   const DecoderBlockSettings& settings, DecodedBlock& block);
 
   /// Recomputes the offsets of all bins from the counts; with `normalization`
   /// the lower bin edges (dither spreads events over the bin), else the bin
@@ -126,13 +135,13 @@ class NativeDecoder {
  private:
   size_t stride() const { return static_cast<size_t>(device.binCount) + 1; }
   void takeSettings(const DecoderBlockSettings& settings);
-  void controlWord(NativeTag word, ZeptickRunner::Worker& worker, uint32_t fence);
-  void advance(int64_t t, ZeptickRunner::Worker& worker);
+  void controlWord(NativeTag word, DecodedBlock& block, uint32_t fence);
+  void advance(int64_t t, DecodedBlock& block);
   void rollover(NativeTag word, uint32_t fence);
-  void deviceWord(NativeTag word, ZeptickRunner::Worker& worker);
+  void deviceWord(NativeTag word, DecodedBlock& block);
   void watchdog();
-  void syncWord(NativeTag word, ZeptickRunner::Worker& worker);
-  void align(uint32_t counter, ZeptickRunner::Worker& worker);
+  void syncWord(NativeTag word, DecodedBlock& block);
+  void align(uint32_t counter, DecodedBlock& block);
 
   DecoderDevice device;
   DelayStage stage;

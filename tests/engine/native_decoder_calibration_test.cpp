@@ -97,16 +97,17 @@ TEST(NativeDecoderCalibrationTest, LearnsTheEmulatedBinProfile) {
     NativeDecoder decoder;
     decoder.setup(engine_testing::device(p.ps_per_clock, p.bin_count, 2 * p.inputs), 0);
     const auto settings = plainSettings(2 * p.inputs, normalization);
-    ZeptickRunner::Worker worker;
+    std::vector<NativeTag> native(131072);
+    std::vector<Tag> tags;
+    DecodedBlock block(tags);
     uint64_t seen = 0;
     while (seen < 1200000) {
-      worker.nativeTags.resize(131072);
-      ASSERT_EQ(model.read(reinterpret_cast<unsigned char*>(worker.nativeTags.data()), 131072 * 4),
+      ASSERT_EQ(model.read(reinterpret_cast<unsigned char*>(native.data()), 131072 * 4),
                 131072 * 4);
-      decoder.decodeBlock(worker, 0, settings);
-      seen += worker.tags.size() / 2;
+      decoder.decodeBlock(native, 0, settings, block);
+      seen += tags.size() / 2;
     }
-    decoder.decodeBlock(worker, 0, settings);
+    decoder.decodeBlock(native, 0, settings, block);
     for (int index = 0; index < 2; ++index) {
       const auto upper = model.binUpperEdges(index);
       double worst = 0;

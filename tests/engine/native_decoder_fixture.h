@@ -46,10 +46,12 @@ inline DecoderBlockSettings plainSettings(int32_t channelCount, bool normalizati
 
 inline Block decode(NativeDecoder& decoder, const std::vector<uint32_t>& words,
                     const DecoderBlockSettings& settings, uint32_t fence = 0) {
-  ZeptickRunner::Worker worker;
-  for (uint32_t w : words) worker.nativeTags.push_back(NativeTag{w});
-  decoder.decodeBlock(worker, fence, settings);
-  return Block{worker.tags, worker.blockBegin, worker.blockEnd, worker.fence, worker.streamInvalid};
+  std::vector<NativeTag> native;
+  for (uint32_t w : words) native.push_back(NativeTag{w});
+  std::vector<Tag> tags;
+  DecodedBlock block(tags);
+  decoder.decodeBlock(native, fence, settings, block);
+  return Block{tags, block.begin, block.end, block.fence, block.invalid};
 }
 
 }  // namespace zeptick::engine_testing

@@ -48,23 +48,24 @@ BoardRun run(StreamModel& model, const emulator::StreamParameters& p,
   NativeDecoder decoder;
   decoder.setup(engine_testing::device(p.ps_per_clock, p.bin_count, 2 * p.inputs), 0);
   ReferenceDecoder reference;
-  ZeptickRunner::Worker worker;
+  std::vector<NativeTag> native(65536);
+  std::vector<Tag> tags;
+  DecodedBlock block(tags);
   BoardRun r;
   for (int i = 0; i < blocks; ++i) {
-    worker.nativeTags.resize(65536);
-    model.read(reinterpret_cast<unsigned char*>(worker.nativeTags.data()), 65536 * 4);
+    model.read(reinterpret_cast<unsigned char*>(native.data()), 65536 * 4);
     std::vector<uint32_t> words;
-    for (NativeTag w : worker.nativeTags) words.push_back(w.word);
+    for (NativeTag w : native) words.push_back(w.word);
     for (const Decoded& d : reference.decode(words)) {
       if (d.kind == Decoded::Kind::Rollover || d.kind == Decoded::Kind::Filler) continue;
       r.reference.push_back({d.clock, static_cast<uint32_t>(d.position),
                              static_cast<uint16_t>(d.missed), d.kind, static_cast<uint8_t>(d.index),
                              static_cast<uint8_t>(d.bin)});
     }
-    decoder.decodeBlock(worker, 0, settings);
-    EXPECT_EQ(worker.blockBegin, r.end);
-    r.end = worker.blockEnd;
-    r.tags.insert(r.tags.end(), worker.tags.begin(), worker.tags.end());
+    decoder.decodeBlock(native, 0, settings, block);
+    EXPECT_EQ(block.begin, r.end);
+    r.end = block.end;
+    r.tags.insert(r.tags.end(), tags.begin(), tags.end());
   }
   return r;
 }

@@ -4,6 +4,9 @@
 
 namespace zeptick {
 
+// The words a board sends on its stream pipe: the protocol the host's decoder and the emulated
+// firmware share, so both sides include this and nothing else of each other.
+
 /// One little-endian 32-bit word as a board sends it.
 struct NativeTag {
   uint32_t word;
