@@ -54,13 +54,13 @@ bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lo
     ready();
     // A dead device must not hold up a fence.
     if (!connected) device.decoder.setDeviceFence(fence);
-    decodeBlock(worker, device, fence);
+    const int32_t epoch = decodeBlock(worker, device, fence);
     if (devices.size() > 1) {
       // The merge lock is taken before the decoder lock falls, so one device's blocks reach the
       // merger in order while its next block is already being decoded.
       std::unique_lock<std::mutex> merge(mergeMutex);
       lock = std::move(merge);
-      if (mergeBlock(*worker, device)) {
+      if (mergeBlock(*worker, device, epoch)) {
         lock.unlock();
         return true;
       }
@@ -184,7 +184,7 @@ void ZeptickImpl::applyConfiguration(FPGA_DEVICE& device) {
 }
 
 // The one place where device words become tags.
-void ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence) {
+int32_t ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence) {
   {
     std::lock_guard<std::mutex> guard(configMutex);
     DecoderBlockSettings& settings = device.blockSettings;
@@ -206,6 +206,7 @@ void ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fenc
   worker->blockEnd = block.end;
   worker->fence = block.fence;
   worker->streamInvalid = block.invalid;
+  return block.epoch;
 }
 
 }  // namespace zeptick

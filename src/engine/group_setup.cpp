@@ -115,7 +115,7 @@ void ZeptickImpl::orderChain(DeviceList& list) {
   }
 }
 
-bool ZeptickImpl::mergeBlock(Worker& worker, FPGA_DEVICE& device) {
+bool ZeptickImpl::mergeBlock(Worker& worker, FPGA_DEVICE& device, int32_t block_epoch) {
   int32_t epoch;
   {
     std::lock_guard<std::mutex> guard(syncEpoch.mutex);
@@ -128,7 +128,7 @@ bool ZeptickImpl::mergeBlock(Worker& worker, FPGA_DEVICE& device) {
     mergerEpoch = epoch;
     merger = std::make_unique<DeviceMerger>(devices.size(), horizon);
   }
-  if (device.decoder.syncEpoch() != epoch) {
+  if (block_epoch != epoch) {
     worker.tags.clear();
     return true;
   }

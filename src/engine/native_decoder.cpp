@@ -147,6 +147,7 @@ void NativeDecoder::decodeBlock(std::span<const NativeTag> words, uint32_t fence
   countedMask = counted;
 
   block.end = stage.decodedUntil();
+  block.epoch = epoch;
   if (gated && !synced) block.invalid = true;
 }
 

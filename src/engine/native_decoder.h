@@ -62,6 +62,7 @@ struct DecodedBlock {
   int64_t end = 0;
   uint32_t fence = 0;    ///< the fence the device had taken up
   bool invalid = false;  ///< the device's data cannot be trusted (unaligned group member)
+  int32_t epoch = 0;     ///< the group's time axis the block's times belong to
 };
 
 /// Turns the 32-bit words of one device into time-ordered tags: widens the

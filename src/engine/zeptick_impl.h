@@ -111,14 +111,16 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   void findGroup(DeviceList& list, uint8_t& identifier, uint8_t probe_id);
   void probeDevices(DeviceList& list);
   void orderChain(DeviceList& list);
-  /// Under mergeMutex. True if the block belongs to an older epoch and is dropped.
-  bool mergeBlock(Worker& worker, FPGA_DEVICE& device);
+  /// Under mergeMutex. True if the block (of time axis `epoch`) belongs to an
+  /// older epoch and is dropped.
+  bool mergeBlock(Worker& worker, FPGA_DEVICE& device, int32_t epoch);
 
   // Acquisition (workers).
   bool readDevice(Worker* worker, FPGA_DEVICE& device);
   bool reconnect(Worker* worker, FPGA_DEVICE& device);
   void applyConfiguration(FPGA_DEVICE& device);
-  void decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence);
+  /// Returns the epoch of the group's time axis that the block belongs to.
+  int32_t decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence);
 
   // Configuration helpers. REQUIRES: configMutex held.
   void markDirty(int channel);
