@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -134,6 +135,7 @@ TEST_F(Group, WiringFaultsAreNamed) {
     json wiring;
     std::string error;    // "" opens
     std::string message;  // logged, "" for none
+    std::function<void()> before = [] {};
   };
   const std::string no_chain =
       "No valid chain of Zepticks found. Please connect LOOP OUT of the Zeptick 'G0' to LOOP IN "
@@ -163,11 +165,29 @@ TEST_F(Group, WiringFaultsAreNamed) {
        "Device 'G1' has a large phase offset between CLK IN and SYNC IN 1: 18 Please use equal "
        "cables for this two links to avoid undefined 2 ns offsets."},
       {2, {{"phase", {{"G0", 6}, {"G1", 17}}}}, "", ""},
+      // G2 cannot be opened: it sends nothing around the ring, so G0's LOOP IN is dark.
+      {3, json::object(),
+       "No first Zeptick device found. Please connect FDBK OUT of the first Zeptick to FDBK IN "
+       "of the Synchronizer.",
+       "Probing of device 'G2' failed: Error on fetching the device information: -5",
+       [] { emulator::findBoard("G2")->failDeviceInfo(-5); }},
+      // The 17th board opened gets identifier 16, which the ring word cannot carry: left out,
+      // it leaves a gap in the ring.
+      {17, json::object(),
+       "No valid chain of Zepticks found. Please connect LOOP OUT of the Zeptick 'G15' to LOOP "
+       "IN of the next one.",
+       "Device 'G16' skipped. Probing of more than 16 devices is currently not supported. "
+       "Current identifier: 16"},
+      {2, json::object(), "",
+       "Only the channel numbering schema ZT_CHANNEL_NUMBER_SCHEME_ONE is supported for "
+       "synchronizing Zepticks.",
+       [] { setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.wiring.dump());
     tagger.reset();
     attachGroup(c.members, c.wiring);
+    c.before();
     LogCapture log;
     EXPECT_EQ(openFails("G0"), c.error);
     if (!c.message.empty()) {
@@ -191,6 +211,7 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
   struct Fault {
     std::function<void()> inject;
     std::string message;
+    std::string also = "";  // a second message the same fault gives
   };
   const std::vector<Fault> faults = {
       {[&] { g1->dropSyncByte(2); },
@@ -202,19 +223,22 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
       {[&] { g0->injectError(); },
        "Error event received from G0, please make sure that the CLK is connected properly."},
       // About 600 s of counter ahead of where the host's clock puts the group.
-      {[&] { g0->restartSynchronizer(4000000000u); }, "Host computer vs Sync Board timer mismatch"},
+      {[&] { g0->restartSynchronizer(4000000000u); }, "Zeptick vs Sync Board counter mismatch",
+       "Host computer vs Sync Board timer mismatch"},
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.message);
     LogCapture log;
     fault.inject();
     zt.setInputDelay(201, 0);  // settings keep changing meanwhile
-    EXPECT_TRUE(waitUntil([&] {
-      for (const std::string& line : log.messages()) {
-        if (line.find(fault.message) != std::string::npos) return true;
-      }
-      return false;
-    }));
+    for (const std::string& message : {fault.message, fault.also}) {
+      EXPECT_TRUE(waitUntil([&] {
+        for (const std::string& line : log.messages()) {
+          if (line.find(message) != std::string::npos) return true;
+        }
+        return false;
+      })) << message;
+    }
     expectOneTimeAxis({{101, 0}, {201, 1}});
   }
 }
