@@ -13,8 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board_control.h"
-#include "emulator/stream_model.h"
+#include "emulator/control/board_control.h"
+#include "emulator/stream/stream_model.h"
 #include "thread_cpu_clock.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/zeptick_runner.h"
-#include "emulator/stream_model.h"
+#include "emulator/stream/stream_model.h"
 #include "engine/native_decoder.h"
 #include "thread_cpu_clock.h"
 

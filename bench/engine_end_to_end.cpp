@@ -24,8 +24,8 @@
 #include <nlohmann/json.hpp>
 
 #include "device/device_words.h"
-#include "emulator/board_control.h"
-#include "emulator/stream_model.h"
+#include "emulator/control/board_control.h"
+#include "emulator/stream/stream_model.h"
 #include "engine/delay_stage.h"
 #include "engine/native_decoder.h"
 #include "engine/zeptick_impl.h"

@@ -16,7 +16,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board_control.h"
+#include "emulator/control/board_control.h"
 #include "engine/device_merger.h"
 #include "engine/zeptick_impl.h"
 #include "thread_cpu_clock.h"

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "emulator/emulator_api.h"
+#include "emulator/control/emulator_api.h"
 
 namespace zeptick::device {
 namespace {

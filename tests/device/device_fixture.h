@@ -11,8 +11,8 @@
 #include <nlohmann/json.hpp>
 
 #include "device/pipe_backend.h"
-#include "emulator/board_control.h"
-#include "emulator/emulator_api.h"
+#include "emulator/control/board_control.h"
+#include "emulator/control/emulator_api.h"
 #include "zeptick/library.h"
 
 namespace zeptick::testing {

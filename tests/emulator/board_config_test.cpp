@@ -6,9 +6,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board_config.h"
-#include "emulator/board_control.h"
-#include "emulator/emulator_api.h"
+#include "emulator/control/board_config.h"
+#include "emulator/control/board_control.h"
+#include "emulator/control/emulator_api.h"
 #include "support/log_capture.h"
 #include "zeptick/emulator.h"
 

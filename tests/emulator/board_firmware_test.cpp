@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "board_fixture.h"
-#include "emulator/firmware_file.h"
+#include "emulator/control/firmware_file.h"
 
 namespace zeptick::emulator::testing {
 namespace {

@@ -7,9 +7,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board.h"
-#include "emulator/board_control.h"
-#include "emulator/emulator_api.h"
+#include "emulator/control/board.h"
+#include "emulator/control/board_control.h"
+#include "emulator/control/emulator_api.h"
 
 namespace zeptick::emulator::testing {
 

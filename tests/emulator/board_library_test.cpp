@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "board_fixture.h"
-#include "emulator/library/emulator_library.h"
+#include "emulator/control/library/emulator_library.h"
 
 namespace zeptick::emulator::testing {
 namespace {

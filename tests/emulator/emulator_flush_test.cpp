@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "board_fixture.h"
+#include "emulator/stream/stream_model.h"
 #include "emulator/stream_decoder.h"
-#include "emulator/stream_model.h"
 
 namespace zeptick::emulator {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "emulator/stream/stream_model.h"
 #include "emulator/stream_decoder.h"
-#include "emulator/stream_model.h"
 
 namespace zeptick::emulator {
 namespace {

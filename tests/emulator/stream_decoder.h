@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/stream_model.h"
+#include "emulator/stream/stream_model.h"
 
 namespace zeptick::emulator::testing {
 

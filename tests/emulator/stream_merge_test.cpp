@@ -5,8 +5,8 @@
 #include <random>
 #include <vector>
 
-#include "emulator/stream_channel.h"
-#include "emulator/stream_output.h"
+#include "emulator/stream/stream_channel.h"
+#include "emulator/stream/stream_output.h"
 
 namespace zeptick::emulator {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "emulator/stream_channel.h"
-#include "emulator/stream_output.h"
+#include "emulator/stream/stream_channel.h"
+#include "emulator/stream/stream_output.h"
 
 namespace zeptick::emulator {
 namespace {

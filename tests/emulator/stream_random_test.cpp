@@ -3,7 +3,7 @@
 #include <cmath>
 #include <vector>
 
-#include "emulator/source_random.h"
+#include "emulator/stream/source_random.h"
 
 namespace zeptick::emulator {
 namespace {

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board.h"
+#include "emulator/control/board.h"
 #include "zeptick/countrate.h"
 #include "zeptick_impl_fixture.h"
 

@@ -6,8 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "emulator/stream/stream_model.h"
 #include "emulator/stream_decoder.h"
-#include "emulator/stream_model.h"
 #include "engine/native_decoder_fixture.h"
 
 namespace zeptick {

@@ -1,4 +1,4 @@
-#include "emulator/synchronizer.h"
+#include "emulator/stream/synchronizer.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "emulator/stream_output.h"
+#include "emulator/stream/stream_output.h"
 
 #include <algorithm>
 #include <cmath>

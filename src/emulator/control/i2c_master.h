@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "device/frontpanel_api.h"
-#include "emulator/board_control.h"
-#include "emulator/i2c_chips.h"
+#include "emulator/control/board_control.h"
+#include "emulator/control/i2c_chips.h"
 
 namespace zeptick::emulator {
 

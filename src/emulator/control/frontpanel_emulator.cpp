@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "emulator/board_registry.h"
-#include "emulator/emulator_api.h"
+#include "emulator/control/board_registry.h"
+#include "emulator/control/emulator_api.h"
 
 namespace zeptick::emulator {
 

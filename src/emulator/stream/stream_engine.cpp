@@ -1,4 +1,4 @@
-#include "emulator/stream_engine.h"
+#include "emulator/stream/stream_engine.h"
 
 #include <algorithm>
 #include <limits>
@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/source_config.h"
+#include "emulator/stream/source_config.h"
 
 namespace zeptick::emulator {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/board_control.h"
+#include "emulator/control/board_control.h"
 #include "zeptick/emulator.h"
 
 namespace zeptick {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <memory>
 
-#include "emulator/stream_profile.h"
+#include "emulator/stream/stream_profile.h"
 
 namespace zeptick::emulator {
 

@@ -1,4 +1,4 @@
-#include "emulator/i2c_chips.h"
+#include "emulator/control/i2c_chips.h"
 
 #include <algorithm>
 #include <cmath>

@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "emulator/board.h"
+#include "emulator/control/board.h"
 
 namespace zeptick::emulator {
 

@@ -1,4 +1,4 @@
-#include "emulator/board_config.h"
+#include "emulator/control/board_config.h"
 
 #include <cmath>
 #include <set>

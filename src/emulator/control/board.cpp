@@ -1,4 +1,4 @@
-#include "emulator/board.h"
+#include "emulator/control/board.h"
 
 #include <algorithm>
 #include <cstring>

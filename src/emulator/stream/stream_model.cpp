@@ -1,4 +1,4 @@
-#include "emulator/stream_model.h"
+#include "emulator/stream/stream_model.h"
 
 #include <algorithm>
 #include <bit>
@@ -12,8 +12,8 @@
 #include <nlohmann/json.hpp>
 
 #include "device/device_words.h"
-#include "emulator/stream_engine.h"
-#include "emulator/stream_output.h"
+#include "emulator/stream/stream_engine.h"
+#include "emulator/stream/stream_output.h"
 
 namespace zeptick::emulator {
 

@@ -1,4 +1,4 @@
-#include "emulator/board_registry.h"
+#include "emulator/control/board_registry.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,8 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/emulator_api.h"
-#include "emulator/synchronizer.h"
+#include "emulator/control/emulator_api.h"
+#include "emulator/stream/synchronizer.h"
 #include "zeptick/logging.h"
 
 namespace zeptick::emulator {

@@ -1,4 +1,4 @@
-#include "emulator/source_config.h"
+#include "emulator/stream/source_config.h"
 
 #include <cmath>
 #include <initializer_list>

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "emulator/stream_channel.h"
-#include "emulator/stream_profile.h"
+#include "emulator/stream/stream_channel.h"
+#include "emulator/stream/stream_profile.h"
 
 namespace zeptick::emulator {
 

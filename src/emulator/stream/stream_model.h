@@ -8,8 +8,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "emulator/firmware_setup.h"
-#include "emulator/synchronizer.h"
+#include "emulator/stream/firmware_setup.h"
+#include "emulator/stream/synchronizer.h"
 
 namespace zeptick::emulator {
 

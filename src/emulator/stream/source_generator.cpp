@@ -1,4 +1,4 @@
-#include "emulator/source_generator.h"
+#include "emulator/stream/source_generator.h"
 
 #include <algorithm>
 #include <cmath>

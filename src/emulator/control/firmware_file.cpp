@@ -1,4 +1,4 @@
-#include "emulator/firmware_file.h"
+#include "emulator/control/firmware_file.h"
 
 #include <array>
 #include <cstring>

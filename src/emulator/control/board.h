@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "device/frontpanel_api.h"
-#include "emulator/board_config.h"
-#include "emulator/board_control.h"
-#include "emulator/firmware_file.h"
-#include "emulator/firmware_setup.h"
-#include "emulator/i2c_master.h"
-#include "emulator/stream_model.h"
+#include "emulator/control/board_config.h"
+#include "emulator/control/board_control.h"
+#include "emulator/control/firmware_file.h"
+#include "emulator/control/i2c_master.h"
+#include "emulator/stream/firmware_setup.h"
+#include "emulator/stream/stream_model.h"
 
 namespace zeptick::emulator {
 

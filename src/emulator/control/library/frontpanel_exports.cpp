@@ -8,8 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "emulator/emulator_api.h"
-#include "emulator/library/emulator_library.h"
+#include "emulator/control/emulator_api.h"
+#include "emulator/control/library/emulator_library.h"
 
 #define ZT_EXPORT extern "C" __attribute__((visibility("default")))
 

@@ -7,12 +7,12 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "emulator/firmware_setup.h"
-#include "emulator/source_generator.h"
-#include "emulator/stream_channel.h"
-#include "emulator/stream_model.h"
-#include "emulator/stream_output.h"
-#include "emulator/stream_profile.h"
+#include "emulator/stream/firmware_setup.h"
+#include "emulator/stream/source_generator.h"
+#include "emulator/stream/stream_channel.h"
+#include "emulator/stream/stream_model.h"
+#include "emulator/stream/stream_output.h"
+#include "emulator/stream/stream_profile.h"
 
 namespace zeptick::emulator {
 

@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "emulator/source_config.h"
-#include "emulator/source_random.h"
+#include "emulator/stream/source_config.h"
+#include "emulator/stream/source_random.h"
 
 namespace zeptick::emulator {
 

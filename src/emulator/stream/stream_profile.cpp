@@ -1,11 +1,11 @@
-#include "emulator/stream_profile.h"
+#include "emulator/stream/stream_profile.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 
-#include "emulator/source_random.h"
+#include "emulator/stream/source_random.h"
 
 namespace zeptick::emulator {
 namespace {

@@ -1,4 +1,4 @@
-#include "emulator/source_random.h"
+#include "emulator/stream/source_random.h"
 
 #include <cmath>
 

@@ -7,7 +7,7 @@
 // own boards, separate from those of the program that loads it; they come from
 // ZEPTICK_EMULATOR, read on the first device listing, or from the calls below.
 
-#include "emulator/board_control.h"
+#include "emulator/control/board_control.h"
 
 extern "C" {
 

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "emulator/board.h"
+#include "emulator/control/board.h"
 
 namespace zeptick::emulator {
 

@@ -1,4 +1,4 @@
-#include "emulator/i2c_master.h"
+#include "emulator/control/i2c_master.h"
 
 namespace zeptick::emulator {
 

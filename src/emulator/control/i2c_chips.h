@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "emulator/board_config.h"
+#include "emulator/control/board_config.h"
 
 namespace zeptick::emulator {
 
