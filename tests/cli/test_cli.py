@@ -1,0 +1,50 @@
+#!/usr/bin/python3
+"""Runs the built zeptick binary: per-channel counts of inspect against the
+generator's own tally, and exit status plus message on bad usage."""
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOLS = sys.argv.pop(1)
+
+
+def run(*args):
+    return subprocess.run([f"{TOOLS}/{args[0]}", *args[1:]], capture_output=True, text=True)
+
+
+class Cli(unittest.TestCase):
+    def test_inspect_counts_match_generator(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/rec.ztbin"
+            gen = run("zeptick-generate-recording", path, "--duration-ms", "30",
+                      "--max-file-size", "200000")
+            self.assertEqual(gen.returncode, 0, gen.stderr)
+            expected = {int(c): int(n) for c, n in
+                        re.findall(r"channel (\d+): (\d+) events", gen.stdout)}
+            out = run("zeptick", "inspect", path)
+            self.assertEqual(out.returncode, 0, out.stderr)
+            got = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
+            self.assertEqual(got, expected)
+            self.assertIn("overflow spans:  0", out.stdout)
+
+    def test_bad_usage_and_failures(self):
+        for args, status, message in [
+            (["zeptick"], 2, "subcommand is required"),
+            (["zeptick", "inspect"], 2, "FILE is required"),
+            (["zeptick", "inspect", "/no/such.ztbin"], 1, "could not open"),
+        ]:
+            out = run(*args)
+            self.assertEqual(out.returncode, status, args)
+            self.assertIn(message, out.stderr)
+            self.assertEqual(len(out.stderr.strip().splitlines()), 1, out.stderr)
+
+    def test_scan_json_is_a_list(self):
+        out = run("zeptick", "scan", "--json")
+        self.assertEqual(out.returncode, 0)
+        self.assertTrue(out.stdout.strip().startswith("["))
+
+
+if __name__ == "__main__":
+    unittest.main()

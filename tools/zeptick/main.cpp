@@ -1,0 +1,31 @@
+// zeptick: everyday jobs on a time tagger from the shell. Exit status 0 on
+// success, 1 when the job fails, 2 on bad usage.
+
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+
+#include "commands.h"
+
+int main(int argc, char** argv) {
+  CLI::App app{"zeptick: find instruments and inspect recordings from the shell"};
+  app.require_subcommand(1);
+  zeptick::cli::addScan(app);
+  zeptick::cli::addInspect(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::fprintf(stderr, "zeptick: %s; see 'zeptick --help'\n", e.what());
+    return 2;
+  } catch (const std::invalid_argument& e) {
+    std::fprintf(stderr, "zeptick: %s\n", e.what());
+    return 2;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zeptick: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}
