@@ -29,11 +29,32 @@ class Cli(unittest.TestCase):
             self.assertEqual(got, expected)
             self.assertIn("overflow spans:  0", out.stdout)
 
+            # Export all, then a channel/time window; the window must equal a brute-force
+            # filter of the full export (times count from the first tag).
+            full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
+            self.assertEqual(run("zeptick", "export", path, "--to", full).returncode, 0)
+            rows = [tuple(map(int, r.split(","))) for r in open(full).read().split()[1:]]
+            per_channel = {}
+            for kind, channel, _, _ in rows:
+                if kind == 0:
+                    per_channel[channel] = per_channel.get(channel, 0) + 1
+            self.assertEqual(per_channel, expected)
+            out = run("zeptick", "export", path, "--to", part, "--channels", "1,3",
+                      "--begin", "5ms", "--duration", "2.5ms")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            t0 = rows[0][2]
+            want = [r for r in rows if r[1] in (1, 3) and t0 + 5e9 <= r[2] < t0 + 7.5e9]
+            got = [tuple(map(int, r.split(","))) for r in open(part).read().split()[1:]]
+            self.assertEqual(got, want)
+            self.assertTrue(want)
+
     def test_bad_usage_and_failures(self):
         for args, status, message in [
             (["zeptick"], 2, "subcommand is required"),
             (["zeptick", "inspect"], 2, "FILE is required"),
             (["zeptick", "inspect", "/no/such.ztbin"], 1, "could not open"),
+            (["zeptick", "export", "x.ztbin", "--to", "t.csv", "--begin", "10"], 2, "not a time"),
+            (["zeptick", "export", "x.ztbin", "--to", "t.txt"], 2, ".csv"),
         ]:
             out = run(*args)
             self.assertEqual(out.returncode, status, args)

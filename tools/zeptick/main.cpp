@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   zeptick::cli::addScan(app);
   zeptick::cli::addInspect(app);
+  zeptick::cli::addExport(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
