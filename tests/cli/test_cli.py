@@ -48,6 +48,20 @@ class Cli(unittest.TestCase):
             self.assertEqual(got, want)
             self.assertTrue(want)
 
+    def test_histogram_peak_at_generated_delay(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/rec.ztbin"
+            self.assertEqual(run("zeptick-generate-recording", path, "--duration-ms", "30",
+                                 "--delay-ps", "3700").returncode, 0)
+            out = run("zeptick", "histogram", path, "--binwidth", "20ps", "--bins", "500")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
+            self.assertEqual(len(bins), 500)
+            near = [(b, c) for b, c in bins if abs(b + 10 - 3700) < 200]
+            centroid = sum((b + 10) * c for b, c in near) / sum(c for _, c in near)
+            self.assertLess(abs(centroid - 3700), 10)
+            self.assertGreater(sum(c for _, c in near), 0.5 * sum(c for _, c in bins))
+
     def test_bad_usage_and_failures(self):
         for args, status, message in [
             (["zeptick"], 2, "subcommand is required"),
@@ -55,6 +69,7 @@ class Cli(unittest.TestCase):
             (["zeptick", "inspect", "/no/such.ztbin"], 1, "could not open"),
             (["zeptick", "export", "x.ztbin", "--to", "t.csv", "--begin", "10"], 2, "not a time"),
             (["zeptick", "export", "x.ztbin", "--to", "t.txt"], 2, ".csv"),
+            (["zeptick", "histogram", "x.ztbin", "--bins", "0"], 2, "--bins"),
         ]:
             out = run(*args)
             self.assertEqual(out.returncode, status, args)

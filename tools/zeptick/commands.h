@@ -10,5 +10,6 @@ namespace zeptick::cli {
 void addScan(CLI::App& app);
 void addInspect(CLI::App& app);
 void addExport(CLI::App& app);
+void addHistogram(CLI::App& app);
 
 }  // namespace zeptick::cli

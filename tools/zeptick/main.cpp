@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   zeptick::cli::addScan(app);
   zeptick::cli::addInspect(app);
   zeptick::cli::addExport(app);
+  zeptick::cli::addHistogram(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
