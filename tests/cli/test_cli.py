@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Runs the built zeptick binary: per-channel counts of inspect against the
 generator's own tally, and exit status plus message on bad usage."""
+import json
 import re
 import subprocess
 import sys
@@ -70,16 +71,19 @@ class Cli(unittest.TestCase):
             (["zeptick", "export", "x.ztbin", "--to", "t.csv", "--begin", "10"], 2, "not a time"),
             (["zeptick", "export", "x.ztbin", "--to", "t.txt"], 2, ".csv"),
             (["zeptick", "histogram", "x.ztbin", "--bins", "0"], 2, "--bins"),
+            (["zeptick", "--emulator", "/no/such.json", "scan"], 1, "/no/such.json"),
         ]:
             out = run(*args)
             self.assertEqual(out.returncode, status, args)
             self.assertIn(message, out.stderr)
             self.assertEqual(len(out.stderr.strip().splitlines()), 1, out.stderr)
 
-    def test_scan_json_is_a_list(self):
-        out = run("zeptick", "scan", "--json")
-        self.assertEqual(out.returncode, 0)
-        self.assertTrue(out.stdout.strip().startswith("["))
+    def test_scan_sees_the_emulated_instrument(self):
+        out = run("zeptick", "--emulator", "default", "scan", "--json")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        found = json.loads(out.stdout)
+        self.assertEqual(len(found), 1)
+        self.assertTrue(found[0]["serial"] and found[0]["model"])
 
 
 if __name__ == "__main__":

@@ -5,11 +5,25 @@
 #include <exception>
 #include <stdexcept>
 
+#include <string>
+
 #include "commands.h"
+#include "zeptick/emulator.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"zeptick: find instruments and inspect recordings from the shell"};
   app.require_subcommand(1);
+  std::string emulator;
+  // Global so every hardware subcommand (and later ones) can run without an
+  // instrument; it is applied before the chosen subcommand's callback runs.
+  app.add_option("--emulator", emulator,
+                 "use emulated instruments: 'default' or a JSON configuration file")
+      ->each([](const std::string& value) {
+        if (value == "default")
+          zeptick::attachDefaultEmulatedDevice();
+        else
+          zeptick::attachEmulatedDevicesFromFile(value);
+      });
   zeptick::cli::addScan(app);
   zeptick::cli::addInspect(app);
   zeptick::cli::addExport(app);
@@ -23,6 +37,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zeptick: %s; see 'zeptick --help'\n", e.what());
     return 2;
   } catch (const std::invalid_argument& e) {
+    // Bad values found while doing the job (times, file names) are usage errors.
     std::fprintf(stderr, "zeptick: %s\n", e.what());
     return 2;
   } catch (const std::exception& e) {
