@@ -19,3 +19,17 @@ foreach(source IN LISTS zeptick_tool_sources)
   zeptick_set_warnings(${program})
   set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tools")
 endforeach()
+
+# The command-line tool: one file per subcommand under tools/zeptick/.
+file(GLOB zeptick_cli_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tools/zeptick/*.cpp")
+add_executable(zeptick_cli ${zeptick_cli_sources})
+target_link_libraries(zeptick_cli PRIVATE zeptick_internal)
+zeptick_set_warnings(zeptick_cli)
+set_target_properties(zeptick_cli PROPERTIES OUTPUT_NAME zeptick RUNTIME_OUTPUT_DIRECTORY
+                                             "${PROJECT_BINARY_DIR}/tools")
+install(TARGETS zeptick_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+if(ZEPTICK_BUILD_TESTS)
+  add_test(NAME cli COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/cli/test_cli.py"
+                            "${PROJECT_BINARY_DIR}/tools")
+endif()

@@ -1,0 +1,90 @@
+#!/usr/bin/python3
+"""Runs the built zeptick binary: per-channel counts of inspect against the
+generator's own tally, and exit status plus message on bad usage."""
+import json
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOLS = sys.argv.pop(1)
+
+
+def run(*args):
+    return subprocess.run([f"{TOOLS}/{args[0]}", *args[1:]], capture_output=True, text=True)
+
+
+class Cli(unittest.TestCase):
+    def test_inspect_counts_match_generator(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/rec.ztbin"
+            gen = run("zeptick-generate-recording", path, "--duration-ms", "30",
+                      "--max-file-size", "200000")
+            self.assertEqual(gen.returncode, 0, gen.stderr)
+            expected = {int(c): int(n) for c, n in
+                        re.findall(r"channel (\d+): (\d+) events", gen.stdout)}
+            out = run("zeptick", "inspect", path)
+            self.assertEqual(out.returncode, 0, out.stderr)
+            got = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
+            self.assertEqual(got, expected)
+            self.assertIn("overflow spans:  0", out.stdout)
+
+            # Export all, then a channel/time window; the window must equal a brute-force
+            # filter of the full export (times count from the first tag).
+            full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
+            self.assertEqual(run("zeptick", "export", path, "--to", full).returncode, 0)
+            rows = [tuple(map(int, r.split(","))) for r in open(full).read().split()[1:]]
+            per_channel = {}
+            for kind, channel, _, _ in rows:
+                if kind == 0:
+                    per_channel[channel] = per_channel.get(channel, 0) + 1
+            self.assertEqual(per_channel, expected)
+            out = run("zeptick", "export", path, "--to", part, "--channels", "1,3",
+                      "--begin", "5ms", "--duration", "2.5ms")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            t0 = rows[0][2]
+            want = [r for r in rows if r[1] in (1, 3) and t0 + 5e9 <= r[2] < t0 + 7.5e9]
+            got = [tuple(map(int, r.split(","))) for r in open(part).read().split()[1:]]
+            self.assertEqual(got, want)
+            self.assertTrue(want)
+
+    def test_histogram_peak_at_generated_delay(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/rec.ztbin"
+            self.assertEqual(run("zeptick-generate-recording", path, "--duration-ms", "30",
+                                 "--delay-ps", "3700").returncode, 0)
+            out = run("zeptick", "histogram", path, "--binwidth", "20ps", "--bins", "500")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
+            self.assertEqual(len(bins), 500)
+            near = [(b, c) for b, c in bins if abs(b + 10 - 3700) < 200]
+            centroid = sum((b + 10) * c for b, c in near) / sum(c for _, c in near)
+            self.assertLess(abs(centroid - 3700), 10)
+            self.assertGreater(sum(c for _, c in near), 0.5 * sum(c for _, c in bins))
+
+    def test_bad_usage_and_failures(self):
+        for args, status, message in [
+            (["zeptick"], 2, "subcommand is required"),
+            (["zeptick", "inspect"], 2, "FILE is required"),
+            (["zeptick", "inspect", "/no/such.ztbin"], 1, "could not open"),
+            (["zeptick", "export", "x.ztbin", "--to", "t.csv", "--begin", "10"], 2, "not a time"),
+            (["zeptick", "export", "x.ztbin", "--to", "t.txt"], 2, ".csv"),
+            (["zeptick", "histogram", "x.ztbin", "--bins", "0"], 2, "--bins"),
+            (["zeptick", "--emulator", "/no/such.json", "scan"], 1, "/no/such.json"),
+        ]:
+            out = run(*args)
+            self.assertEqual(out.returncode, status, args)
+            self.assertIn(message, out.stderr)
+            self.assertEqual(len(out.stderr.strip().splitlines()), 1, out.stderr)
+
+    def test_scan_sees_the_emulated_instrument(self):
+        out = run("zeptick", "--emulator", "default", "scan", "--json")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        found = json.loads(out.stdout)
+        self.assertEqual(len(found), 1)
+        self.assertTrue(found[0]["serial"] and found[0]["model"])
+
+
+if __name__ == "__main__":
+    unittest.main()
