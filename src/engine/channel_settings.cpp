@@ -44,6 +44,13 @@ CHANNEL_CONFIG* ZeptickImpl::findConfig(int channel) {
   return found == configs.end() ? nullptr : &found->second;
 }
 
+// The usual start of a channel operation: the channel's config, or a warning and null.
+CHANNEL_CONFIG* ZeptickImpl::configOrWarn(int channel, const char* unknown_message) {
+  CHANNEL_CONFIG* config = findConfig(channel);
+  if (config == nullptr) ZT_LOG_WARNING("%s", unknown_message);
+  return config;
+}
+
 // Both edges of an input share its trigger level, multiplexer and test signal,
 // which the rising channel holds.
 CHANNEL_CONFIG* ZeptickImpl::findRising(int& channel, const char* unknown_message) {
@@ -221,32 +228,26 @@ bool ZeptickImpl::getTestSignal(int channel) {
 
 void ZeptickImpl::setEventDivider(int channel, uint32_t divider) {
   std::lock_guard<std::mutex> guard(configMutex);
-  CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to configure the event divider for an unknown channel");
-    return;
-  }
+  CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to configure the event divider for an unknown channel");
+  if (config == nullptr) return;
   config->eventDivider = static_cast<uint16_t>(std::min<uint32_t>(divider, 65535));
   markDirty(channel);
 }
 
 uint32_t ZeptickImpl::getEventDivider(int channel) {
   std::lock_guard<std::mutex> guard(configMutex);
-  const CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to query the event divider for an unknown channel");
-    return 0;
-  }
+  const CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to query the event divider for an unknown channel");
+  if (config == nullptr) return 0;
   return config->eventDivider;
 }
 
 void ZeptickImpl::setInputDelay(int channel, int64_t delay) {
   std::lock_guard<std::mutex> guard(configMutex);
-  CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to set the input delay of an unknown channel");
-    return;
-  }
+  CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to set the input delay of an unknown channel");
+  if (config == nullptr) return;
   config->inputDelay = detail::clampInputDelay(delay);
   markDirty(channel);
   int64_t smallest = 0;
@@ -264,21 +265,17 @@ void ZeptickImpl::setInputDelay(int channel, int64_t delay) {
 
 int64_t ZeptickImpl::getInputDelay(int channel) {
   std::lock_guard<std::mutex> guard(configMutex);
-  const CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to get the input delay of an unknown channel");
-    return 0;
-  }
+  const CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to get the input delay of an unknown channel");
+  if (config == nullptr) return 0;
   return config->inputDelay;
 }
 
 int64_t ZeptickImpl::setDeadtime(int channel, int64_t deadtime) {
   std::lock_guard<std::mutex> guard(configMutex);
-  CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to configure the deadtime for an unknown channel");
-    return 0;
-  }
+  CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to configure the deadtime for an unknown channel");
+  if (config == nullptr) return 0;
   const int64_t ps = deviceOf(channel)->psPerClock;
   // Bounded first, so that rounding cannot overflow on extreme requests.
   const int64_t bounded = std::clamp<int64_t>(deadtime, 0, 65535 * ps);
@@ -290,11 +287,9 @@ int64_t ZeptickImpl::setDeadtime(int channel, int64_t deadtime) {
 
 int64_t ZeptickImpl::getDeadtime(int channel) {
   std::lock_guard<std::mutex> guard(configMutex);
-  const CHANNEL_CONFIG* config = findConfig(channel);
-  if (config == nullptr) {
-    ZT_LOG_WARNING("Tried to query the deadtime for an unknown channel");
-    return 0;
-  }
+  const CHANNEL_CONFIG* config =
+      configOrWarn(channel, "Tried to query the deadtime for an unknown channel");
+  if (config == nullptr) return 0;
   return config->deadtimeClocks * deviceOf(channel)->psPerClock;
 }
 

@@ -125,6 +125,7 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   // Configuration helpers. REQUIRES: configMutex held.
   void markDirty(int channel);
   CHANNEL_CONFIG* findConfig(int channel);
+  CHANNEL_CONFIG* configOrWarn(int channel, const char* unknown_message);
   CHANNEL_CONFIG* findRising(int& channel, const char* unknown_message);
   FPGA_DEVICE* deviceOf(int channel);
   void storeTriggerLevel(int channel, CHANNEL_CONFIG& config, double voltage);
