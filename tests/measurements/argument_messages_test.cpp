@@ -1,5 +1,5 @@
-// Every message a measurement raises on bad constructor arguments, and the
-// exception type it comes in: callers match on both.
+// Every message a measurement raises on bad constructor arguments, and the exception type it
+// comes in: callers match on both.
 
 #include <gtest/gtest.h>
 
@@ -15,12 +15,14 @@
 #include "zeptick/coincidences.h"
 #include "zeptick/constant_fraction_discriminator.h"
 #include "zeptick/correlation.h"
+#include "zeptick/count_between_markers.h"
 #include "zeptick/counter.h"
 #include "zeptick/delayed_channel.h"
 #include "zeptick/event_generator.h"
 #include "zeptick/flim.h"
 #include "zeptick/gated_channel.h"
 #include "zeptick/histogram.h"
+#include "zeptick/scope.h"
 #include "zeptick/start_stop.h"
 #include "zeptick/time_differences.h"
 #include "zeptick/time_differences_nd.h"
@@ -53,6 +55,12 @@ std::vector<std::vector<int>> sixtyFourChannels() {
   return groups;
 }
 
+// One case per line: the message, then the statement that raises it.
+#define CASE(message, ...)        \
+  {                               \
+    [&] { __VA_ARGS__; }, message \
+  }
+
 TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
   testing::LogCapture quiet;  // channels 100 and up are unknown to the test tagger
   TestZeptick tagger("TEST-1", 2);
@@ -60,80 +68,66 @@ TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
   TestZeptick* t = &tagger;
   auto too_many = sixtyFourChannels();
   too_many.back().push_back(164);
-  const std::string binwidth = "invalid_argument: binwidth must be at least 1 ps";
-  const std::string n_bins = "invalid_argument: n_bins must be at least 1";
-  const std::string dimensions = "invalid_argument: dimension mismatch of input arguments";
+  const std::string ia = "invalid_argument: ";
+  const std::string binwidth = ia + "binwidth must be at least 1 ps";
+  const std::string n_bins = ia + "n_bins must be at least 1";
+  const std::string dimensions = ia + "dimension mismatch of input arguments";
   const std::string divider = "runtime_error: negative or zero trigger dividers are not supported";
   const std::string offset = "runtime_error: divider_offset must be smaller than trigger_divider";
-  const std::string stamp = "invalid_argument: invalid coincidence timestamp type";
-  const std::string empty_group = "invalid_argument: one of the groups is empty";
+  const std::string stamp = ia + "invalid coincidence timestamp type";
+  const std::string empty_group = ia + "one of the groups is empty";
+  const std::string cfd = ia + "Channel number ";
+  const uint64_t half = uint64_t{1} << 63;
   const struct {
     std::function<void()> make;
     std::string message;
   } cases[] = {
-      {[&] { TimeDifferences(t, 1, 2, 3, 4, 0, 0, 0); }, binwidth},
-      {[&] { TimeDifferences(t, 1, 2, 3, 4, 1, 0, 0); }, n_bins},
-      {[&] { TimeDifferences(t, 1, 2, 3, 4, 1, 1, 0); },
-       "invalid_argument: n_histograms must be at least 1"},
-      {[&] { Histogram(t, 1, 2, 1, 0); }, n_bins},
-      {[&] { Flim(t, 1, 2, 3, -5, 1, 1); }, binwidth},
-      {[&] { Correlation(t, 1, 2, 0, 0); }, binwidth},
-      {[&] { Correlation(t, 1, 2, 1, 0); }, n_bins},
-      {[&] { StartStop(t, 1, 2, 0); }, binwidth},
-      {[&] {
-         TimeDifferencesND(t, 1, 2, {3, 4}, {5}, {2, 2}, 0, 0);
-       },
-       dimensions},
-      {[&] {
-         TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2}, 10, 4);
-       },
-       dimensions},
-      {[&] { TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 0, 0); }, binwidth},
-      {[&] { TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 1, 0); }, n_bins},
-      {[&] {
-         TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2, 0}, 1, 1);
-       },
-       "invalid_argument: all elements of n_histograms must be at least 1"},
-      {[&] { Counter(t, {1}, -3, 5); }, binwidth},
-      {[&] { Counter(t, {1}, 10, 0); }, "invalid_argument: n_values must be at least 1"},
-      {[&] {
-         Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(4));
-       },
-       stamp},
-      {[&] {
-         Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(-1));
-       },
-       stamp},
-      {[&] { Coincidences(t, {}, 100, Stamp::Last); },
-       "invalid_argument: coincidences groups are empty"},
-      {[&] {
-         Coincidences(t, {{1, 2}, {}}, 100, Stamp::Last);
-       },
-       empty_group},
-      {[&] { Coincidence(t, {}, 100, Stamp::Last); }, empty_group},
-      {[&] { Coincidences(t, sixtyFourChannels(), 100, Stamp::Last); }, "no exception"},
-      {[&] { Coincidences(t, too_many, 100, Stamp::Last); },
-       "invalid_argument: no more than 64 different channels can be used at once on a single "
-       "Coincidences measurement. Split the groups into multiple measurements"},
-      {[&] {
-         DelayedChannel(t, std::vector<int>{1, 2, 1}, 10);
-       },
-       "invalid_argument: redundant channels are not permitted"},
-      {[&] { ConstantFractionDiscriminator(t, {1}, 0); },
-       "invalid_argument: search_window must be at least 1 ps"},
-      {[&] {
-         ConstantFractionDiscriminator(t, {1, 42}, 100);
-       },
-       "invalid_argument: Channel number 42 has no inverted edge required for the CFD"},
-      {[&] { ConstantFractionDiscriminator(t, {CHANNEL_UNUSED}, 100); },
-       "invalid_argument: Channel number -134217728 has no inverted edge required for the CFD"},
-      {[&] { EventGenerator(t, 1, {0}, 0, 0, CHANNEL_UNUSED); }, divider},
-      {[&] { EventGenerator(t, 1, {0}, (uint64_t{1} << 63) + 1, 0, CHANNEL_UNUSED); }, divider},
-      {[&] { EventGenerator(t, 1, {0}, 3, 3, CHANNEL_UNUSED); }, offset},
-      {[&] { EventGenerator(t, 1, {0}, 1, 5, CHANNEL_UNUSED); }, offset},
-      {[&] { EventGenerator(t, 1, {0}, uint64_t{1} << 63, 7, 2); }, "no exception"},
-      {[&] { GatedChannel(t, 1, 2, 2); },
-       "runtime_error: Gate start and stop channel must not be the same."},
+      CASE(binwidth, TimeDifferences(t, 1, 2, 3, 4, 0, 0, 0)),
+      CASE(n_bins, TimeDifferences(t, 1, 2, 3, 4, 1, 0, 0)),
+      CASE(ia + "n_histograms must be at least 1", TimeDifferences(t, 1, 2, 3, 4, 1, 1, 0)),
+      CASE(n_bins, Histogram(t, 1, 2, 1, 0)),
+      CASE(binwidth, Flim(t, 1, 2, 3, -5, 1, 1)),
+      CASE(binwidth, Correlation(t, 1, 2, 0, 0)),
+      CASE(n_bins, Correlation(t, 1, 2, 1, 0)),
+      CASE(binwidth, StartStop(t, 1, 2, 0)),
+      CASE(dimensions, TimeDifferencesND(t, 1, 2, {3, 4}, {5}, {2, 2}, 0, 0)),
+      CASE(dimensions, TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2}, 10, 4)),
+      CASE(binwidth, TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 0, 0)),
+      CASE(n_bins, TimeDifferencesND(t, 1, 2, {3}, {}, {0}, 1, 0)),
+      CASE(ia + "all elements of n_histograms must be at least 1",
+           TimeDifferencesND(t, 1, 2, {3, 4}, {}, {2, 0}, 1, 1)),
+      CASE(binwidth, Counter(t, {1}, -3, 5)),
+      CASE(ia + "n_values must be at least 1", Counter(t, {1}, 10, 0)),
+      CASE(stamp, Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(4))),
+      CASE(stamp, Coincidences(t, {{1, 2}}, 100, static_cast<Stamp>(-1))),
+      CASE(ia + "coincidences groups are empty", Coincidences(t, {}, 100, Stamp::Last)),
+      CASE(empty_group, Coincidences(t, {{1, 2}, {}}, 100, Stamp::Last)),
+      CASE(empty_group, Coincidence(t, {}, 100, Stamp::Last)),
+      CASE("no exception", Coincidences(t, sixtyFourChannels(), 100, Stamp::Last)),
+      CASE(ia + "no more than 64 different channels can be used at once on a single "
+                "Coincidences measurement. Split the groups into multiple measurements",
+           Coincidences(t, too_many, 100, Stamp::Last)),
+      CASE(ia + "redundant channels are not permitted", DelayedChannel(t, {1, 2, 1}, 10)),
+      CASE(ia + "search_window must be at least 1 ps", ConstantFractionDiscriminator(t, {1}, 0)),
+      CASE(cfd + "42 has no inverted edge required for the CFD",
+           ConstantFractionDiscriminator(t, {1, 42}, 100)),
+      CASE(cfd + "-134217728 has no inverted edge required for the CFD",
+           ConstantFractionDiscriminator(t, {CHANNEL_UNUSED}, 100)),
+      CASE(divider, EventGenerator(t, 1, {0}, 0, 0, CHANNEL_UNUSED)),
+      CASE(divider, EventGenerator(t, 1, {0}, half + 1, 0, CHANNEL_UNUSED)),
+      CASE(offset, EventGenerator(t, 1, {0}, 3, 3, CHANNEL_UNUSED)),
+      CASE(offset, EventGenerator(t, 1, {0}, 1, 5, CHANNEL_UNUSED)),
+      CASE("no exception", EventGenerator(t, 1, {0}, half, 7, 2)),
+      CASE("runtime_error: Gate start and stop channel must not be the same.",
+           GatedChannel(t, 1, 2, 2)),
+      CASE(ia + "channels must not be empty", Scope(t, {}, 3, 100)),
+      CASE(ia + "trigger_channel must be used", Scope(t, {1}, CHANNEL_UNUSED, 100)),
+      CASE(ia + "window must be at least 1 ps", Scope(t, {1}, 3, 0)),
+      CASE(ia + "n_traces must be at least 1", Scope(t, {1}, 3, 10, 0)),
+      CASE(ia + "index is out of range",
+           Scope(t, {1}, 3, 10).getData(1, [](size_t, size_t) { return nullptr; })),
+      CASE(ia + "n_values must be at least 1", CountBetweenMarkers(t, 1, 2, 3, 0)),
+      CASE(ia + "begin_channel must be used", CountBetweenMarkers(t, 1, CHANNEL_UNUSED)),
   };
   for (const auto& c : cases) {
     EXPECT_EQ(thrown(c.make), c.message);

@@ -1,14 +1,104 @@
-#include "zeptick/fast_binning.h"
+// The building blocks the measurements share, each against a plain reference: the channel
+// index against std::map, the ring queue against std::deque, fast binning against division.
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdint>
+#include <deque>
 #include <limits>
+#include <map>
 #include <random>
 #include <vector>
 
+#include "measurements/channel_index.h"
+#include "measurements/ring_queue.h"
+#include "zeptick/fast_binning.h"
+#include "zeptick/tag.h"
+
 namespace zeptick {
 namespace {
+
+// Against std::map, on narrow sets (the array path) and on wide ones with the
+// extremes of int (the hashed path), growing from empty.
+TEST(ChannelIndexTest, AgreesWithAMapOnNarrowAndWideChannelSets) {
+  std::mt19937_64 rng(5);
+  for (int round = 0; round < 40; ++round) {
+    const bool wide = round % 2 == 1;
+    std::uniform_int_distribution<int> any(wide ? INT_MIN : -20, wide ? INT_MAX : 1100);
+    detail::ChannelIndex index;
+    std::map<int, int> expected;
+    const int count = std::uniform_int_distribution<int>(0, 70)(rng);
+    std::vector<int> keys;
+    for (int i = 0; i < count; ++i) keys.push_back(any(rng));
+    if (wide) keys.insert(keys.end(), {INT_MIN, INT_MAX, CHANNEL_UNUSED, -1, 0});
+    for (int key : keys) {
+      const int next = static_cast<int>(expected.size());
+      const auto [it, added] = expected.emplace(key, next);
+      ASSERT_EQ(index.insert(key, next), it->second);
+    }
+    for (const auto& [key, value] : expected) ASSERT_EQ(index.find(key), value) << key;
+    for (int i = 0; i < 1000; ++i) {
+      const int probe = any(rng);
+      const auto found = expected.find(probe);
+      ASSERT_EQ(index.find(probe), found == expected.end() ? -1 : found->second) << probe;
+    }
+  }
+  EXPECT_EQ(detail::ChannelIndex().find(0), -1);
+}
+
+struct Timed {
+  int64_t time;
+  int64_t id;
+  bool operator==(const Timed&) const = default;
+};
+
+// Random pushes, sorted inserts, pops, clears and releases against std::deque, with phases of
+// mostly pushing and mostly popping so that the ring wraps and grows.
+TEST(RingQueueTest, BehavesLikeADequeThroughWrapsAndGrowth) {
+  std::mt19937_64 rng(99);
+  detail::RingQueue<Timed> queue;
+  std::deque<Timed> reference;
+  int64_t next_value = 0;
+  for (int step = 0; step < 200000; ++step) {
+    const int phase = (step / 5000) % 3;  // 0 grows, 1 shrinks, 2 steady
+    const int roll = static_cast<int>(rng() % 1000);
+    const int push_per_mille = phase == 0 ? 700 : phase == 1 ? 300 : 500;
+    if (roll < 2) {
+      queue.clear();
+      reference.clear();
+    } else if (roll < 3) {
+      queue.release();
+      reference.clear();
+    } else if (roll < 10 && !reference.empty()) {
+      // Lands among the last few, behind those of equal time.
+      const Timed late{reference.back().time - static_cast<int64_t>(rng() % 4), next_value++};
+      queue.insertSorted(late);
+      auto at = reference.end();
+      while (at != reference.begin() && (at - 1)->time > late.time) --at;
+      reference.insert(at, late);
+    } else if (roll < push_per_mille || reference.empty()) {
+      const Timed value{next_value, next_value};
+      ++next_value;
+      queue.push_back(value);
+      reference.push_back(value);
+    } else {
+      ASSERT_EQ(queue.front(), reference.front());
+      queue.pop_front();
+      reference.pop_front();
+    }
+    ASSERT_EQ(queue.size(), reference.size());
+    ASSERT_EQ(queue.empty(), reference.empty());
+    if (step % 97 == 0) {
+      std::vector<Timed> seen;
+      queue.forEach([&seen](const Timed& value) { seen.push_back(value); });
+      ASSERT_EQ(seen, std::vector<Timed>(reference.begin(), reference.end()));
+      if (!reference.empty()) {
+        ASSERT_EQ(queue[reference.size() - 1], reference.back());
+      }
+    }
+  }
+}
 
 constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
 

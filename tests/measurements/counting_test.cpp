@@ -1,0 +1,539 @@
+// The counting measurements and the stream readers, each against a reference worked out on
+// the same stream, plus the few behaviours no stream reaches (restarts, clears, empty spans).
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <map>
+#include <optional>
+#include <random>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/measurement_streams.h"
+#include "support/recording_measurement.h"
+#include "zeptick/count_between_markers.h"
+#include "zeptick/counter.h"
+#include "zeptick/countrate.h"
+#include "zeptick/iterator.h"
+#include "zeptick/scope.h"
+
+namespace zeptick {
+namespace {
+
+using namespace testing;
+
+namespace countrate {
+using DirectCountrate = testing::Direct<Countrate>;
+
+std::vector<double> rates(Countrate& countrate) { return collect(countrate, &Countrate::getData); }
+std::vector<int64_t> totals(Countrate& countrate) {
+  return collect(countrate, &Countrate::getCountsTotal);
+}
+
+using CountrateTest = QuietTaggerTest;
+
+TEST_F(CountrateTest, EmptySpansGiveZeroRatesAndStartClearsTotals) {
+  DirectCountrate countrate(&tagger, std::vector<int>{1, 1, 2});
+  EXPECT_EQ(tagger.registrations(1), 1);                     // a repeated channel registers once
+  EXPECT_EQ(rates(countrate), std::vector<double>(3, 0.0));  // 0/0 must not leak out as NaN
+  // 0 means "unset": a tag at 0 cannot open the span, which then opens at the block end.
+  countrate.feed({timeTag(1, 0)}, 0, 1000);
+  EXPECT_EQ(rates(countrate), std::vector<double>(3, 0.0));
+  EXPECT_EQ(totals(countrate), (std::vector<int64_t>{1, 1, 0}));
+  // An error as the last tag leaves an empty span: zeros, not a stale or infinite rate.
+  countrate.feed({timeTag(2, 2100), marker(Tag::Type::Error, 2900)}, 3000);
+  EXPECT_EQ(rates(countrate), std::vector<double>(3, 0.0));
+  countrate.restart();
+  EXPECT_EQ(totals(countrate), std::vector<int64_t>(3, 0));
+  countrate.feed({timeTag(2, 3500)}, 4000);
+  countrate.clear();
+  EXPECT_EQ(totals(countrate), std::vector<int64_t>(3, 0));
+}
+
+struct Expected {
+  std::vector<int64_t> totals;
+  std::vector<double> rates;
+};
+
+// The counting rules, worked per channel value with maps rather than per entry.
+Expected reference(const std::vector<int>& entries, const std::vector<Block>& blocks) {
+  std::map<int, int64_t> total;
+  std::map<int, int64_t> since_error;
+  for (int channel : entries) total[channel] = since_error[channel] = 0;
+  int64_t first_time = 0;
+  for (const Block& block : blocks) {
+    if (first_time == 0) first_time = block.begin_time;
+    for (const Tag& tag : block.tags) {
+      if (tag.type == Tag::Type::Error) {
+        first_time = 0;
+        for (auto& entry : since_error) entry.second = 0;
+        continue;
+      }
+      if (tag.type != Tag::Type::TimeTag && tag.type != Tag::Type::MissedEvents) continue;
+      if (!total.contains(tag.channel)) continue;
+      const int64_t n = tag.type == Tag::Type::TimeTag ? 1 : tag.missed_events;
+      total[tag.channel] += n;
+      since_error[tag.channel] += n;
+      if (first_time == 0) first_time = tag.time;
+    }
+    if (first_time == 0) first_time = block.end_time;
+  }
+  const int64_t last_time = blocks.back().end_time;
+  Expected expected;
+  for (int channel : entries) {
+    expected.totals.push_back(total[channel]);
+    const double span = static_cast<double>(last_time - first_time);
+    expected.rates.push_back(last_time == first_time ? 0.0 : since_error[channel] * 1e12 / span);
+  }
+  return expected;
+}
+
+TEST_F(CountrateTest, MatchesReferenceOnRandomStreamsCutAnywhere) {
+  const std::vector<int> entries = {1, 2, 1, -2, 7, 4};  // 4 never occurs, 3, -1, 5 unlisted
+  for (uint64_t seed = 1; seed <= 16; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, -1, -2, 5, 7};
+    shape.tags = 300;
+    shape.mean_gap = 20000;
+    shape.error_percent = 1;
+    shape.overflow_percent = 2;
+    shape.missed_outside_percent = 2;
+    shape.begin_time = seed % 2 == 0 ? 0 : 1000000;  // a stream from 0 opens its span late
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    const auto blocks = testing::cutStream(stream, testing::randomCuts(rng, stream, 60));
+    DirectCountrate countrate(&tagger, entries);
+    for (const Block& block : blocks) countrate.feed(block.tags, block.begin_time, block.end_time);
+    const Expected expected = reference(entries, blocks);
+    EXPECT_EQ(totals(countrate), expected.totals);
+    const std::vector<double> got = rates(countrate);
+    ASSERT_EQ(got.size(), expected.rates.size());
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_DOUBLE_EQ(got[i], expected.rates[i]) << i;
+  }
+}
+
+}  // namespace countrate
+
+namespace counter {
+using Rows = std::vector<std::vector<int32_t>>;
+
+// Fed by hand on the test's thread (see Direct).
+class DirectCounter : public testing::Direct<Counter> {
+ public:
+  using Direct::Direct;
+  void feed(int64_t begin_time, int64_t end_time, std::vector<Tag> tags = {}) {
+    Direct::feed(std::move(tags), begin_time, end_time);
+  }
+  Rows rows() {
+    std::vector<size_t> sizes;
+    const std::vector<int32_t> flat = testing::collect(*this, &Counter::getData, &sizes);
+    Rows out;
+    for (size_t i = 0; i < flat.size(); i += sizes[1]) {
+      out.emplace_back(flat.begin() + i, flat.begin() + i + sizes[1]);
+    }
+    return out;
+  }
+};
+
+// The counter's rules kept as a plain list of every finished bin: no ring.
+class ReferenceCounter {
+ public:
+  ReferenceCounter(std::vector<int> channels, int64_t binwidth, int32_t n)
+      : channels(std::move(channels)), binwidth(binwidth), n(n), open(this->channels.size()) {}
+
+  void feed(const Block& block) {
+    if (!origin) origin = block.begin_time;
+    for (const Tag& tag : block.tags) {
+      if (tag.type != Tag::Type::TimeTag) {
+        origin.reset();
+        open.assign(channels.size(), 0);
+        continue;
+      }
+      for (size_t row = 0; row < channels.size(); ++row) {
+        if (channels[row] != tag.channel) continue;
+        if (!origin) origin = tag.time;
+        moveTo(tag.time);
+        ++open[row];
+      }
+    }
+    if (!origin) origin = block.end_time;
+    moveTo(block.end_time);
+  }
+
+  Rows rows() const {
+    Rows out(channels.size(), std::vector<int32_t>(static_cast<size_t>(n), 0));
+    const size_t shown = std::min(history.size(), static_cast<size_t>(n));
+    for (size_t k = 0; k < shown; ++k) {
+      const std::vector<int32_t>& bin = history[history.size() - shown + k];
+      for (size_t row = 0; row < channels.size(); ++row) {
+        out[row][static_cast<size_t>(n) - shown + k] = bin[row];
+      }
+    }
+    return out;
+  }
+
+ private:
+  void moveTo(int64_t time) {
+    if (time - *origin >= (n + 1) * binwidth) {
+      // Everything kept is older than the ring: forgotten, and a fresh grid
+      // 1 ps before a multiple of the bin width.
+      history.clear();
+      open.assign(channels.size(), 0);
+      origin = -1 + binwidth * ((time + 1) / binwidth);
+      return;
+    }
+    while (time >= *origin + binwidth) {
+      history.push_back(open);
+      open.assign(channels.size(), 0);
+      *origin += binwidth;
+    }
+  }
+
+  std::vector<int> channels;
+  int64_t binwidth;
+  int32_t n;
+  std::optional<int64_t> origin;
+  std::vector<int32_t> open;
+  std::vector<std::vector<int32_t>> history;
+};
+
+using CounterTest = QuietTaggerTest;
+
+TEST_F(CounterTest, RestartDropsTheOpenBinAndStartsANewGrid) {
+  DirectCounter counter(&tagger, std::vector<int>{1, 2, 1}, 100, 3);
+  EXPECT_EQ(testing::collect(counter, &Counter::getIndex), (std::vector<int64_t>{0, 100, 200}));
+  counter.feed(1000, 1400, {timeTag(1, 1000), timeTag(2, 1099), timeTag(1, 1100)});
+  EXPECT_EQ(counter.rows(), (Rows{{1, 0, 0}, {0, 0, 0}, {1, 0, 0}}));
+  // The open bin holding 1405 is dropped; the next grid begins at 1410, the finished bins stay.
+  counter.feed(1400, 1410, {timeTag(2, 1405)});
+  counter.restart();
+  counter.feed(1410, 1450, {timeTag(2, 1420)});
+  EXPECT_EQ(counter.rows(), (Rows{{1, 0, 0}, {0, 0, 0}, {1, 0, 0}}));
+  counter.feed(1450, 1530);
+  EXPECT_EQ(counter.rows(), (Rows{{0, 0, 0}, {0, 0, 1}, {0, 0, 0}}));
+}
+
+TEST_F(CounterTest, AGapOfAWholeRingClearsItAndRealignsTheGrid) {
+  // Ring of 3 columns of 100 ps, grid from 1000 with one count in the open bin.
+  DirectCounter shorter(&tagger, std::vector<int>{1}, 100, 2);
+  shorter.feed(1000, 1001, {timeTag(1, 1000)});
+  shorter.feed(1001, 1299);  // 299 ps after the grid's start: walks two bins
+  EXPECT_EQ(shorter.rows(), (Rows{{1, 0}}));
+
+  DirectCounter whole(&tagger, std::vector<int>{1}, 100, 2);
+  whole.feed(1000, 1001, {timeTag(1, 1000)});
+  whole.feed(1001, 1300);  // exactly the ring: all forgotten
+  EXPECT_EQ(whole.rows(), (Rows{{0, 0}}));
+  // The new grid starts at 1299 (one below a multiple of 100), not at 1300.
+  whole.feed(1300, 1399, {timeTag(1, 1398)});
+  EXPECT_EQ(whole.rows(), (Rows{{0, 1}}));
+}
+
+TEST_F(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
+  std::mt19937_64 rng(2024);
+  for (int trial = 0; trial < 24; ++trial) {
+    const int64_t binwidth = std::vector<int64_t>{1, 997, 5000, 40000}[trial % 4];
+    const int32_t n = std::vector<int32_t>{1, 2, 7}[trial % 3];
+    const std::vector<int> channels = {1, 2, 1};
+    DirectCounter counter(&tagger, channels, binwidth, n);
+    ReferenceCounter reference(channels, binwidth, n);
+    // Far from 0, so that no grid lands on -1, which the counter takes for "no bin".
+    std::vector<Block> blocks = testing::makeRandomBlocks(rng, 150, {1, 2, 3}, 1000000000);
+    for (const Block& block : blocks) {
+      counter.feed(block.begin_time, block.end_time, block.tags);
+      reference.feed(block);
+      ASSERT_EQ(counter.rows(), reference.rows())
+          << "trial " << trial << " block ending " << block.end_time;
+    }
+  }
+}
+
+}  // namespace counter
+
+namespace count_between_markers {
+using DirectCbm = testing::Direct<CountBetweenMarkers>;
+using CountBetweenMarkersTest = QuietTaggerTest;
+
+struct ReferenceBin {
+  int64_t begin = 0, end = 0, missed = 0;
+  int32_t count = 0;
+  bool overflow = false;
+};
+
+// Bins framed by the markers in stream order; clicks and missed events assigned by time to
+// [begin, end); flags from overflow and error tags met while a bin is open.
+std::vector<ReferenceBin> referenceBins(const std::vector<Tag>& tags, int click, int begin,
+                                        int end) {
+  std::vector<ReferenceBin> bins;
+  bool open = false, in_overflow = false;
+  ReferenceBin current;
+  auto close = [&](int64_t time) {
+    current.end = time;
+    bins.push_back(current);
+    open = false;
+  };
+  for (const Tag& tag : tags) {
+    if (tag.type == Tag::Type::OverflowBegin) in_overflow = true;
+    if (tag.type == Tag::Type::OverflowEnd) in_overflow = false;
+    if (open &&
+        (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::Error ||
+         (tag.type == Tag::Type::MissedEvents && (tag.channel == begin || tag.channel == end)))) {
+      current.overflow = true;
+    }
+    if (tag.type != Tag::Type::TimeTag) continue;
+    if (tag.channel == end && open) close(tag.time);
+    if (tag.channel == begin) {
+      if (open) close(tag.time);
+      current = ReferenceBin{tag.time, 0, 0, 0, in_overflow};
+      open = true;
+    }
+  }
+  for (ReferenceBin& bin : bins) {
+    for (const Tag& tag : tags) {
+      if (tag.channel != click || tag.time < bin.begin || tag.time >= bin.end) continue;
+      if (tag.type == Tag::Type::TimeTag) bin.count += 1;
+      if (tag.type == Tag::Type::MissedEvents) bin.missed += tag.missed_events;
+    }
+  }
+  return bins;
+}
+
+TEST_F(CountBetweenMarkersTest, EqualsBruteForceOnRandomStreamsCutEveryWay) {
+  std::mt19937_64 rng(11);
+  for (int round = 0; round < 40; ++round) {
+    StreamShape shape;
+    shape.channels = {1, 2, 3};
+    shape.tags = 1500;
+    shape.grid = 50;  // markers and clicks often share a time
+    const TagStream stream = makeRandomStream(rng, shape);
+    const bool wrap = round % 2 == 1;
+    const int end_channel = round % 4 < 2 ? CHANNEL_UNUSED : 3;
+    const int32_t n_values = 5 + static_cast<int32_t>(rng() % 40);
+
+    DirectCbm measurement(&tagger, 1, 2, end_channel, n_values, wrap);
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 30))) {
+      measurement.feed(block.tags, block.begin_time, block.end_time);
+    }
+    auto bins = referenceBins(stream.tags, 1, 2, end_channel);
+    const size_t n = static_cast<size_t>(n_values);
+    const size_t first = wrap && bins.size() > n ? bins.size() - n : 0;
+    bins.erase(bins.begin(), bins.begin() + static_cast<std::ptrdiff_t>(first));
+    bins.resize(std::min(bins.size(), n));
+
+    const auto counts = collect(measurement, &CountBetweenMarkers::getData);
+    const auto widths = collect(measurement, &CountBetweenMarkers::getBinWidths);
+    const auto begins = collect(measurement, &CountBetweenMarkers::getIndex);
+    const auto missed = collect(measurement, &CountBetweenMarkers::getMissedEvents);
+    const auto flags = collect(measurement, &CountBetweenMarkers::getOverflows);
+    ASSERT_EQ(counts.size(), n);
+    for (size_t i = 0; i < n; ++i) {
+      SCOPED_TRACE(::testing::Message() << "round " << round << " bin " << i);
+      const ReferenceBin expected = i < bins.size() ? bins[i] : ReferenceBin{};
+      EXPECT_EQ(counts[i], expected.count);
+      EXPECT_EQ(widths[i], expected.end - expected.begin);
+      EXPECT_EQ(begins[i], expected.begin);
+      EXPECT_EQ(missed[i], expected.missed);
+      EXPECT_EQ(flags[i], expected.overflow ? 1 : 0);
+    }
+    EXPECT_EQ(measurement.ready(), bins.size() == n);
+  }
+}
+
+TEST_F(CountBetweenMarkersTest, ClearForgetsTheBinsAndTheReadyState) {
+  DirectCbm measurement(&tagger, 1, 2, CHANNEL_UNUSED, 2);
+  measurement.feed({timeTag(2, 100), timeTag(1, 150), timeTag(2, 200), timeTag(1, 200),
+                    timeTag(2, 300), timeTag(2, 400), timeTag(1, 450)},
+                   0, 1000);
+  EXPECT_TRUE(measurement.ready());
+  EXPECT_EQ(collect(measurement, &CountBetweenMarkers::getData), (std::vector<int32_t>{1, 1}));
+  measurement.clear();
+  EXPECT_FALSE(measurement.ready());
+  EXPECT_EQ(collect(measurement, &CountBetweenMarkers::getData), (std::vector<int32_t>{0, 0}));
+}
+
+}  // namespace count_between_markers
+
+namespace scope {
+using DirectScope = testing::Direct<Scope>;
+using ScopeTest = QuietTaggerTest;
+
+using Row = std::array<int64_t, 3>;  // trace, time after the trigger, level
+
+// Traces in one pass over the whole stream, edges picked from the window of each trigger.
+void referenceScope(const TagStream& stream, const std::vector<int>& inputs, int trigger,
+                    int64_t window, size_t n_traces, std::vector<std::vector<Row>>& rows,
+                    std::vector<int64_t>& triggers) {
+  const std::vector<Tag>& tags = stream.tags;
+  rows.assign(inputs.size(), {});
+  std::vector<int64_t> level(inputs.size(), -1);  // after the last edge seen
+  auto levelOf = [&](const Tag& tag, size_t k) -> int64_t {
+    if (tag.type != Tag::Type::TimeTag) return -2;
+    return tag.channel == inputs[k] ? 1 : tag.channel == -inputs[k] ? 0 : -2;
+  };
+  auto track = [&](const Tag& tag) {
+    for (size_t k = 0; k < inputs.size(); ++k) {
+      if (tag.type != Tag::Type::TimeTag) level[k] = -1;
+      if (levelOf(tag, k) >= 0) level[k] = levelOf(tag, k);
+    }
+  };
+  size_t i = 0;
+  while (i < tags.size()) {
+    track(tags[i]);
+    const Tag& tag = tags[i];
+    if (triggers.size() == n_traces || tag.type != Tag::Type::TimeTag || tag.channel != trigger) {
+      ++i;
+      continue;
+    }
+    const int64_t t0 = tag.time;
+    std::vector<int64_t> start = level;  // equal-time edges before the trigger are in already
+    std::vector<std::vector<Row>> trace(inputs.size());
+    bool broken = false;
+    size_t end = i + 1;
+    for (; end < tags.size() && tags[end].time - t0 < window; ++end) {
+      if (tags[end].type != Tag::Type::TimeTag) {
+        broken = true;
+        break;
+      }
+      for (size_t k = 0; k < inputs.size(); ++k) {
+        const int64_t lv = levelOf(tags[end], k);
+        if (lv < 0) continue;
+        if (tags[end].time == t0) {
+          start[k] = lv;
+        } else {
+          trace[k].push_back({static_cast<int64_t>(triggers.size()), tags[end].time - t0, lv});
+        }
+      }
+    }
+    for (size_t m = i + 1; m < end; ++m) track(tags[m]);
+    i = end;
+    if (broken || (end == tags.size() && stream.end_time - t0 < window)) continue;
+    for (size_t k = 0; k < inputs.size(); ++k) {
+      rows[k].push_back({static_cast<int64_t>(triggers.size()), 0, start[k]});
+      rows[k].insert(rows[k].end(), trace[k].begin(), trace[k].end());
+    }
+    triggers.push_back(t0);
+  }
+}
+
+TEST_F(ScopeTest, EqualsBruteForceOnRandomStreamsCutEveryWay) {
+  std::mt19937_64 rng(3);
+  for (int round = 0; round < 30; ++round) {
+    StreamShape shape;
+    shape.channels = {1, -1, 2, -2, 3};
+    shape.tags = 1200;
+    shape.grid = 20;
+    TagStream stream = makeRandomStream(rng, shape);
+    const int64_t window =
+        shape.grid * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
+    const int32_t n_traces = 3 + static_cast<int32_t>(rng() % 30);
+    DirectScope scope(&tagger, std::vector<int>{1, 2}, 3, window, n_traces);
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25))) {
+      scope.feed(block.tags, block.begin_time, block.end_time);
+    }
+    std::vector<std::vector<Row>> expected;
+    std::vector<int64_t> triggers;
+    referenceScope(stream, {1, 2}, 3, window, static_cast<size_t>(n_traces), expected, triggers);
+    SCOPED_TRACE(::testing::Message() << "round " << round);
+    EXPECT_EQ(collect(scope, &Scope::getTriggerTimes), triggers);
+    for (size_t k = 0; k < 2; ++k) {
+      std::vector<int64_t> flat;
+      scope.getData(k, [&](size_t n_rows, size_t columns) {
+        flat.assign(n_rows * columns, -1);
+        return flat.data();
+      });
+      std::vector<Row> rows;
+      for (size_t r = 0; r + 2 < flat.size(); r += 3)
+        rows.push_back({flat[r], flat[r + 1], flat[r + 2]});
+      EXPECT_EQ(rows, expected[k]) << "input " << k;
+    }
+    EXPECT_EQ(scope.ready(), triggers.size() == static_cast<size_t>(n_traces));
+  }
+}
+
+}  // namespace scope
+
+namespace iterator {
+using DirectIterator = testing::Direct<Iterator>;
+using IteratorTest = QuietTaggerTest;
+
+TEST_F(IteratorTest, DeliversTheChannelsTagsInOrderAndMarksWhatItDropped) {
+  std::mt19937_64 rng(5);
+  // No overflows of its own, so every overflow mark read is one the iterator made.
+  const TagStream stream =
+      makeRandomStream(rng, StreamShape{.error_percent = 0, .overflow_percent = 0});
+  const auto blocks = cutStream(stream, randomCuts(rng, stream, 40));
+  // Room for about a third of the stream: the caller reads only after everything arrived.
+  DirectIterator iterator(&tagger, std::vector<int>{1, 3}, stream.tags.size() / 3);
+  for (const Block& block : blocks) iterator.feed(block.tags, block.begin_time, block.end_time);
+
+  std::vector<Tag> kept;
+  for (const Tag& tag : stream.tags) {
+    const bool channel_tag = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
+    if (!channel_tag || tag.channel == 1 || tag.channel == 3) kept.push_back(tag);
+  }
+  Iterator::Block block;
+  std::vector<Tag> read;
+  int64_t expected_begin = stream.begin_time;
+  while (iterator.next(block, 0)) {
+    EXPECT_EQ(block.begin_time, expected_begin);  // spans touch, even across merged empties
+    expected_begin = block.end_time;
+    read.insert(read.end(), block.tags.begin(), block.tags.end());
+  }
+  // What was read is the stream with whole blocks left out, each gap marked by one
+  // overflow pair, and every tag left out counted.
+  const uint64_t dropped = iterator.getDroppedTags();
+  ASSERT_GT(dropped, 0u);
+  std::vector<Tag> unmarked;
+  size_t gaps = 0;
+  for (size_t i = 0; i < read.size(); ++i) {
+    if (read[i].type == Tag::Type::OverflowBegin) {
+      ASSERT_EQ(read.at(i + 1).type, Tag::Type::OverflowEnd);
+      gaps += 1;
+      i += 1;
+    } else {
+      unmarked.push_back(read[i]);
+    }
+  }
+  EXPECT_GT(gaps, 0u);
+  EXPECT_EQ(unmarked.size() + dropped, kept.size());
+  size_t k = 0;
+  for (const Tag& tag : unmarked) {
+    while (k < kept.size() && !sameTags({kept[k]}, {tag})) ++k;
+    ASSERT_LT(k++, kept.size()) << "read a tag out of order: " << describe(tag);
+  }
+
+  // With room again, the next block begins with the marks of the gap.
+  iterator.feed({timeTag(1, stream.end_time + 10)}, stream.end_time, stream.end_time + 100);
+  ASSERT_TRUE(iterator.next(block, 0));
+  ASSERT_EQ(block.tags.size(), 3u);
+  EXPECT_EQ(block.tags[0].type, Tag::Type::OverflowBegin);
+  EXPECT_EQ(block.tags[1].type, Tag::Type::OverflowEnd);
+  EXPECT_EQ(block.tags[1].time, stream.end_time);
+  EXPECT_EQ(block.begin_time, block.tags[0].time);
+  EXPECT_EQ(block.tags[0].time, expected_begin);  // where the last block read ended
+}
+
+TEST_F(IteratorTest, ConsumerThreadReadsEveryTagWhileWorkersFill) {
+  TestZeptick live{"TEST-2", 2};
+  live.setIdleSpan(0);
+  std::mt19937_64 rng(9);
+  const TagStream stream = makeRandomStream(rng, StreamShape{.tags = 20000});
+  Iterator iterator(&live, {}, 1u << 20);
+  std::vector<Tag> read;
+  std::thread consumer([&] {
+    for (const Tag& tag : iterator) read.push_back(tag);
+  });
+  deliver(live, cutStream(stream, randomCuts(rng, stream, 200)));
+  iterator.stop();  // ends the range-for once drained
+  consumer.join();
+  EXPECT_EQ(iterator.getDroppedTags(), 0u);
+  EXPECT_EQ(read.size(), stream.tags.size());
+}
+
+}  // namespace iterator
+
+}  // namespace
+}  // namespace zeptick

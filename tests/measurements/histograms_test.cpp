@@ -1,0 +1,861 @@
+// The histogramming measurements, each against a brute-force reference fed the same stream
+// through the runner however it is cut, plus the few behaviours no stream reaches.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "support/measurement_streams.h"
+#include "zeptick/correlation.h"
+#include "zeptick/fast_binning.h"
+#include "zeptick/flim.h"
+#include "zeptick/histogram.h"
+#include "zeptick/histogram_2d.h"
+#include "zeptick/histogram_log_bins.h"
+#include "zeptick/start_stop.h"
+#include "zeptick/time_differences.h"
+#include "zeptick/time_differences_nd.h"
+
+namespace zeptick {
+namespace {
+
+using namespace testing;
+constexpr int kUnused = CHANNEL_UNUSED;
+
+namespace time_differences {
+struct Config {
+  int click, start, next, sync;
+  int64_t binwidth;
+  int n_bins, n_histograms;
+  uint64_t max_counts;
+};
+
+struct Expected {
+  std::vector<int32_t> data;
+  uint64_t counts = 0;
+};
+
+// The counting rules worked tag by tag, with every start since the last reset
+// kept and compared by its age instead of a queue that expires starts.
+Expected reference(const Config& c, const std::vector<Tag>& tags) {
+  const int start = c.start == kUnused ? c.click : c.start;
+  const bool has_next = c.next != kUnused;
+  const bool has_sync = c.sync != kUnused;
+  Expected out;
+  out.data.assign(static_cast<size_t>(c.n_bins * c.n_histograms), 0);
+  std::vector<std::pair<int64_t, int>> starts;  // time, histogram
+  int index = has_next ? -1 : 0;
+  bool waiting = has_sync;
+  for (const Tag& tag : tags) {
+    if (tag.type != Tag::Type::TimeTag) {
+      starts.clear();
+      index = has_next ? -1 : 0;
+      waiting = has_sync;
+      continue;
+    }
+    auto open = [&] { return c.max_counts == 0 || out.counts < c.max_counts; };
+    if (has_sync && tag.channel == c.sync && open()) {
+      if (!waiting) ++out.counts;
+      waiting = false;
+      index = has_next ? -1 : 0;
+    }
+    if (has_next && tag.channel == c.next && !waiting && open()) {
+      if (index + 1 < c.n_histograms) {
+        ++index;
+      } else {
+        ++out.counts;
+        index = has_sync ? c.n_histograms : 0;
+        waiting = has_sync;
+      }
+    }
+    if (tag.channel == start && !waiting && open() && index >= 0 && index < c.n_histograms) {
+      starts.emplace_back(tag.time, index);
+    }
+    if (tag.channel == c.click) {
+      for (const auto& [time, histogram] : starts) {
+        const int64_t age = tag.time - time;
+        if (age < c.binwidth * c.n_bins) ++out.data[histogram * c.n_bins + age / c.binwidth];
+      }
+    }
+  }
+  return out;
+}
+
+TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+  TestZeptick tagger("TEST-1", 4);
+  const Config configs[] = {
+      {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
+      {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
+      {1, kUnused, 3, kUnused, 1000, 7, 4, 60},  // reciprocal, rollover, limit
+      {2, 1, kUnused, 4, 3000000019, 2, 1, 0},   // 64-bit reciprocal, sync only
+      {1, 2, 3, 4, 10000000019, 4, 2, 200},      // true division, limit waits for sync
+      {1, kUnused, 3, kUnused, 10, 30, 1, 0},    // one histogram: every next tag rolls over
+      {3, 3, 3, 3, 5, 20, 3, 0},                 // one channel in every role
+  };
+  int modes_seen[7] = {};
+  for (const Config& c : configs) {
+    ++modes_seen[FastBinning(c.binwidth, c.binwidth * c.n_bins).getMode()];
+    for (uint64_t seed = 1; seed <= 2; ++seed) {
+      SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
+      std::mt19937_64 rng(seed);
+      testing::StreamShape shape;
+      shape.tags = 3000;
+      shape.mean_gap = c.binwidth * c.n_bins / 6 + 1;
+      shape.error_percent = shape.overflow_percent = 1;
+      // Odd seeds put every time on a grid of bin widths: ages then hit bin
+      // edges and the range itself.
+      shape.grid = seed % 2 == 1 ? c.binwidth : 1;
+      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      TimeDifferences measurement(&tagger, c.click, c.start, c.next, c.sync, c.binwidth, c.n_bins,
+                                  c.n_histograms);
+      measurement.setMaxCounts(c.max_counts);
+      // The thin variants run beside it where their fixed arguments fit.
+      std::unique_ptr<Histogram> histogram;
+      std::unique_ptr<Flim> flim;
+      if (c.next == kUnused && c.sync == kUnused && c.n_histograms == 1) {
+        histogram = std::make_unique<Histogram>(&tagger, c.click, c.start, c.binwidth, c.n_bins);
+      }
+      if (c.sync == kUnused && c.max_counts == 0) {
+        flim = std::make_unique<Flim>(&tagger, c.click, c.start, c.next, c.binwidth, c.n_bins,
+                                      c.n_histograms);
+      }
+      const auto delivered = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
+      const Expected expected = reference(c, testing::concatenate(delivered));
+      ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 10);
+      EXPECT_EQ(collect(measurement, &TimeDifferences::getData), expected.data);
+      EXPECT_EQ(measurement.getCounts(), expected.counts);
+      if (histogram) {
+        EXPECT_EQ(collect(*histogram, &Histogram::getData), expected.data);
+      }
+      if (flim) {
+        EXPECT_EQ(collect(*flim, &TimeDifferences::getData), expected.data);
+      }
+    }
+  }
+  for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
+}
+
+TEST(TimeDifferencesTest, SequenceWaitsForSyncAndTheLimitWaitsForPendingStarts) {
+  TestZeptick tagger("TEST-1", 2);
+  // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
+  testing::Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
+  limited.setMaxCounts(1);
+  limited.feed({timeTag(2, 0), timeTag(4, 10), timeTag(2, 20), timeTag(3, 30), timeTag(2, 40),
+                timeTag(1, 45), timeTag(3, 50), timeTag(2, 55), timeTag(1, 60), timeTag(3, 70),
+                timeTag(2, 75), timeTag(1, 80)},
+               0, 85);
+  EXPECT_EQ(limited.getCounts(), 1u);
+  // Later sync and next tags find the gate shut; the starts at 40 and 55 may count until 155.
+  limited.feed({timeTag(4, 90), timeTag(3, 95), timeTag(4, 96)}, 154);
+  EXPECT_FALSE(limited.ready());
+  limited.feed({}, 155);
+  EXPECT_TRUE(limited.ready());
+  EXPECT_EQ(collect(limited, &TimeDifferences::getData),
+            (std::vector<int32_t>{1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(limited.getCounts(), 1u);
+  // clear forgets counts and data but keeps the limit.
+  limited.clear();
+  EXPECT_EQ(collect(limited, &TimeDifferences::getData), std::vector<int32_t>(20, 0));
+  limited.feed({timeTag(4, 300), timeTag(3, 301), timeTag(3, 302), timeTag(4, 303), timeTag(3, 304),
+                timeTag(3, 305)},
+               310);
+  EXPECT_EQ(limited.getCounts(), 1u);
+}
+
+TEST(TimeDifferencesTest, RegistersEveryRoleAndIndexesTheBins) {
+  TestZeptick tagger("TEST-1", 2);
+  {
+    // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
+    TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
+    for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
+    EXPECT_EQ(collect(m, &TimeDifferences::getIndex), (std::vector<int64_t>{0, 7, 14, 21}));
+  }
+  for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
+}
+
+}  // namespace time_differences
+
+namespace correlation {
+struct Config {
+  int channel_1, channel_2;
+  int64_t binwidth;
+  int n_bins;
+};
+
+struct Expected {
+  std::vector<int32_t> data;
+  uint64_t counts[2] = {0, 0};
+  int64_t overflow_time = 0;
+};
+
+// Every pair of tags on the two channels that no error separates and that lie
+// at most half the range apart, found by looking back from each tag. A tag on
+// both channels pairs with itself once, at offset 0.
+Expected reference(const Config& c, const std::vector<Tag>& tags) {
+  const int second = c.channel_2 == kUnused ? c.channel_1 : c.channel_2;
+  const int64_t half_range = c.binwidth * c.n_bins / 2;
+  Expected out;
+  out.data.assign(static_cast<size_t>(c.n_bins), 0);
+  auto count = [&](int64_t offset) {
+    const int64_t bin = (offset + half_range) / c.binwidth;
+    if (bin < c.n_bins) ++out.data[static_cast<size_t>(bin)];
+  };
+  int64_t overflow_begin = 0;
+  for (size_t j = 0; j < tags.size(); ++j) {
+    const Tag& later = tags[j];
+    if (later.type == Tag::Type::OverflowBegin) overflow_begin = later.time;
+    if (later.type == Tag::Type::OverflowEnd) out.overflow_time += later.time - overflow_begin;
+    if (later.type != Tag::Type::TimeTag) continue;
+    if (later.channel == c.channel_1) ++out.counts[0];
+    if (later.channel == second) ++out.counts[1];
+    if (later.channel == second && later.channel == c.channel_1) count(0);
+    for (size_t i = j; i-- > 0;) {
+      const Tag& earlier = tags[i];
+      if (earlier.type == Tag::Type::Error || later.time - earlier.time > half_range) break;
+      if (earlier.type != Tag::Type::TimeTag) continue;
+      if (later.channel == c.channel_1 && earlier.channel == second) {
+        count(later.time - earlier.time);
+      }
+      if (later.channel == second && earlier.channel == c.channel_1) {
+        count(earlier.time - later.time);
+      }
+    }
+  }
+  return out;
+}
+
+std::vector<int32_t> dataOf(Correlation& correlation) {
+  return collect(correlation, &Correlation::getData);
+}
+std::vector<double> normalizedOf(Correlation& correlation) {
+  return collect(correlation, &Correlation::getDataNormalized);
+}
+
+class CorrelationTest : public ::testing::Test {
+ protected:
+  TestZeptick tagger{"TEST-1", 4};
+};
+
+TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+  const Config configs[] = {
+      {1, 2, 1, 64},           // identity binning, even range
+      {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
+      {1, kUnused, 16, 40},    // shift, autocorrelation
+      {2, 2, 5, 21},           // the same channel named twice
+      {1, 2, 7, 1},            // a range below one bin: everything in bin 0
+      {2, 1, 3000000019, 2},   // 64-bit reciprocal
+      {1, 2, 10000000019, 4},  // true division
+  };
+  int modes_seen[7] = {};
+  for (const Config& c : configs) {
+    const int64_t half_range = c.binwidth * c.n_bins / 2;
+    ++modes_seen[FastBinning(c.binwidth, 2 * half_range).getMode()];
+    for (uint64_t seed = 1; seed <= 2; ++seed) {
+      SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
+      std::mt19937_64 rng(seed);
+      testing::StreamShape shape;
+      shape.channels = {1, 2, 3};
+      shape.tags = 3000;
+      shape.mean_gap = half_range / 3 + 1;
+      shape.error_percent = shape.overflow_percent = 1;
+      shape.grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1;
+      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      Correlation correlation(&tagger, c.channel_1, c.channel_2, c.binwidth, c.n_bins);
+      const auto delivered = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
+      correlation.stop();
+      const Expected expected = reference(c, testing::concatenate(delivered));
+      ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 50);
+      const std::vector<int32_t> data = dataOf(correlation);
+      ASSERT_EQ(data, expected.data);
+
+      // It saw idle blocks around the stream as well; their time counts, the
+      // overflows' does not.
+      const double captured =
+          static_cast<double>(correlation.getCaptureDuration() - expected.overflow_time);
+      const double pairs_expected = static_cast<double>(c.binwidth) *
+                                    static_cast<double>(expected.counts[0]) *
+                                    static_cast<double>(expected.counts[1]) / captured;
+      const std::vector<double> normalized = normalizedOf(correlation);
+      for (size_t i = 0; i < data.size(); ++i) {
+        EXPECT_NEAR(normalized[i] * pairs_expected, data[i], 1e-9 * (data[i] + 1)) << i;
+      }
+    }
+  }
+  for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
+}
+
+TEST_F(CorrelationTest, IndexCentresTheRangeAndRegistersAnAutocorrelationOnce) {
+  // 3 bins of 5 ps: half range 7, the range 15 is odd.
+  Correlation odd(&tagger, 1, 2, 5, 3);
+  EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
+  Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
+  EXPECT_EQ(tagger.registrations(3), 1);
+}
+
+TEST_F(CorrelationTest, NormalisationIsNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
+  testing::Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
+  correlation.clear();  // forgets the capture time of idle blocks it saw
+  // Before any tag every normalised bin is 0 x (0 / 0).
+  for (double value : normalizedOf(correlation)) EXPECT_TRUE(std::isnan(value));
+  correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
+  // An end with no begin (started inside an overflow) drops the capture time before it, but
+  // no counts.
+  correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
+  EXPECT_EQ(dataOf(correlation), (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+  EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], 100.0 / (10.0 * 1 * 2));
+}
+
+}  // namespace correlation
+
+namespace start_stop {
+using Rows = std::vector<std::pair<int64_t, int64_t>>;
+
+// For each click, look back for what came last among starts, clicks and
+// non-time tags: only a start (other than one at time 0) makes a pair. A tag on
+// both channels is a start for the clicks after it, not for itself.
+Rows reference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
+  if (start == kUnused) start = click;
+  std::map<int64_t, int64_t> counts;
+  for (size_t j = 0; j < tags.size(); ++j) {
+    if (tags[j].type != Tag::Type::TimeTag || tags[j].channel != click) continue;
+    for (size_t i = j; i-- > 0;) {
+      const Tag& earlier = tags[i];
+      if (earlier.type != Tag::Type::TimeTag) break;
+      if (earlier.channel == start) {
+        if (earlier.time != 0) ++counts[(tags[j].time - earlier.time) / binwidth];
+        break;
+      }
+      if (earlier.channel == click) break;
+    }
+  }
+  Rows rows;
+  for (const auto& [bin, count] : counts) rows.emplace_back(bin * binwidth, count);
+  return rows;
+}
+
+Rows rowsOf(StartStop& measurement, std::vector<size_t>* sizes = nullptr) {
+  const std::vector<int64_t> flat = testing::collect(measurement, &StartStop::getData, sizes);
+  Rows rows;
+  for (size_t i = 0; i + 1 < flat.size(); i += 2) rows.emplace_back(flat[i], flat[i + 1]);
+  return rows;
+}
+
+class StartStopTest : public ::testing::Test {
+ protected:
+  TestZeptick tagger{"TEST-1", 4};
+};
+
+TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+  struct Config {
+    int click, start;
+    int64_t binwidth;
+  };
+  const Config configs[] = {
+      {1, 2, 1},           // identity
+      {2, 1, 64},          // shift
+      {1, kUnused, 1000},  // spacing of one channel; 64-bit division over the whole range
+      {1, 2, 274177},      // a divisor of 2^64 + 1: the 64-bit reciprocal is exact everywhere
+      {1, 2, -5},          // a negative width: every pair in one bin
+  };
+  int modes_seen[7] = {};
+  for (const Config& c : configs) {
+    ++modes_seen[FastBinning(static_cast<uint64_t>(c.binwidth), std::numeric_limits<int64_t>::max())
+                     .getMode()];
+    for (uint64_t seed = 1; seed <= 2; ++seed) {
+      SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
+      std::mt19937_64 rng(seed);
+      testing::StreamShape shape;
+      shape.channels = {1, 2, 3};
+      shape.tags = 3000;
+      shape.mean_gap = 5 * std::max<int64_t>(c.binwidth, 1);
+      shape.error_percent = shape.overflow_percent = 1;
+      shape.grid = seed % 2 == 1 ? std::max<int64_t>(c.binwidth, 1) : 1;
+      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      StartStop measurement(&tagger, c.click, c.start, c.binwidth);
+      const std::vector<Tag> delivered = testing::concatenate(testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40))));
+      const Rows expected =
+          c.binwidth > 0 ? reference(c.click, c.start, c.binwidth, delivered) : Rows{};
+      const Rows got = rowsOf(measurement);
+      if (c.binwidth > 0) {
+        ASSERT_GT(expected.size(), 3u);
+        EXPECT_EQ(got, expected);
+      } else {
+        // Mode 0: everything at bin 0, as many as the reference pairs up with width 1.
+        int64_t pairs = 0;
+        for (const auto& row : reference(c.click, c.start, 1, delivered)) pairs += row.second;
+        EXPECT_EQ(got, (Rows{{0, pairs}}));
+      }
+    }
+  }
+  for (int mode : {0, 1, 2, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
+}
+
+TEST_F(StartStopTest, AStartAtZeroOrBeforeARestartOrClearNeverOpens) {
+  testing::Direct<StartStop> m(&tagger, 1, 2, 10);
+  std::vector<size_t> asked;
+  EXPECT_TRUE(rowsOf(m, &asked).empty());
+  EXPECT_EQ(asked, (std::vector<size_t>{0, 2}));
+  m.feed({timeTag(2, 0), timeTag(1, 5), timeTag(2, 2000)}, 0, 2010);
+  m.restart();
+  m.feed({timeTag(1, 2020), timeTag(2, 2030), timeTag(1, 2060)}, 2070);
+  EXPECT_EQ(rowsOf(m), (Rows{{30, 1}}));
+  m.feed({timeTag(2, 3000)}, 3010);
+  m.clear();
+  m.feed({timeTag(1, 3020)}, 3030);
+  EXPECT_TRUE(rowsOf(m).empty());
+  // A start channel left unused measures the spacing of the clicks alone.
+  StartStop spacing(&tagger, 3, kUnused, 1);
+  EXPECT_EQ(tagger.registrations(3), 1);
+}
+
+}  // namespace start_stop
+
+namespace histogram_2d {
+using DirectHistogram2D = testing::Direct<Histogram2D>;
+
+std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
+  return testing::collect(h, &Histogram2D::getData, sizes);
+}
+
+using Histogram2DTest = QuietTaggerTest;
+
+// Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
+TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
+  DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
+  std::vector<size_t> sizes;
+  EXPECT_EQ(testing::collect(h, &Histogram2D::getIndex, &sizes),
+            (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
+  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
+  h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
+         720);
+  EXPECT_EQ(grid(h, &sizes), (std::vector<int32_t>{0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2}));
+  h.clear();  // the event opened at 700 would complete at 721
+  h.feed({timeTag(2, 721)}, 730);
+  EXPECT_EQ(grid(h), std::vector<int32_t>(6, 0));
+
+  // Unchecked widths and sizes count nothing rather than divide by zero.
+  DirectHistogram2D no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
+  no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_EQ(grid(no_width), (std::vector<int32_t>{0, 0, 0, 0}));
+  DirectHistogram2D no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
+  no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_TRUE(grid(no_rows).empty());
+}
+
+// Every start, scanned forward on its own: its event completes at the first
+// tag by which both stops have been seen, and is lost if another start or a
+// tag other than a time tag comes first.
+std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int stop_1, int stop_2,
+                                int64_t width_1, int64_t width_2, int rows, int columns) {
+  std::vector<Tag> line;
+  for (const Block& block : blocks) line.insert(line.end(), block.tags.begin(), block.tags.end());
+  std::vector<int32_t> cells(static_cast<size_t>(rows * columns), 0);
+  for (size_t s = 0; s < line.size(); ++s) {
+    if (line[s].type != Tag::Type::TimeTag || line[s].channel != start) continue;
+    int64_t seen_1 = -1;
+    int64_t seen_2 = -1;
+    for (size_t k = s; k < line.size(); ++k) {
+      const Tag& tag = line[k];
+      if (k > s && (tag.type != Tag::Type::TimeTag || tag.channel == start)) break;
+      if (tag.channel == stop_1) seen_1 = tag.time;
+      if (tag.channel == stop_2) seen_2 = tag.time;
+      if (seen_1 >= 0 && seen_2 >= 0) {
+        const int64_t row = (seen_1 - line[s].time) / width_1;
+        const int64_t column = (seen_2 - line[s].time) / width_2;
+        if (row < rows && column < columns) ++cells[static_cast<size_t>(row * columns + column)];
+        break;
+      }
+    }
+  }
+  return cells;
+}
+
+TEST(Histogram2DStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
+  TestZeptick tagger("TEST-1", 3);
+  tagger.setIdleSpan(0);
+  struct Setup {
+    int start, stop_1, stop_2;
+    int64_t width_1, width_2;
+    int rows, columns;
+  };
+  const std::vector<Setup> setups = {
+      {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
+      {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
+      {1, 1, 2, 3, 50, 4, 6},     // start is stop 1: first axis always 0, small grid
+      {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
+      {2, 2, 2, 10, 10, 2, 2},    // one channel: every tag is its own event
+  };
+  for (uint64_t seed = 1; seed <= 10; ++seed) {
+    const Setup& s = setups[seed % setups.size()];
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, -1, 4};
+    shape.mean_gap = 20;
+    shape.tags = 4000;
+    shape.error_percent = shape.overflow_percent = 0.5;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    for (size_t most_cuts : {0, 30, 900}) {
+      auto h = std::make_unique<Histogram2D>(&tagger, s.start, s.stop_1, s.stop_2, s.width_1,
+                                             s.width_2, s.rows, s.columns);
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
+      const std::vector<int32_t> expected =
+          bruteForce(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
+      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 20);
+      EXPECT_EQ(grid(*h), expected) << most_cuts << " cuts";
+    }
+  }
+}
+
+}  // namespace histogram_2d
+
+namespace time_differences_nd {
+std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
+  return testing::collect(h, &TimeDifferencesND::getData, sizes);
+}
+
+using TimeDifferencesNDTest = QuietTaggerTest;
+
+TEST_F(TimeDifferencesNDTest, ClearKeepsTheSequencesAndNoDimensionCountsNothing) {
+  // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
+  testing::Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
+  h.feed({timeTag(3, 100), timeTag(3, 101), timeTag(4, 102), timeTag(2, 110)}, 0, 120);
+  h.clear();
+  h.feed({timeTag(2, 121), timeTag(1, 125)}, 130);
+  std::vector<int32_t> expected(24, 0);
+  expected[4] = 1;  // histogram 1, bin 0
+  std::vector<size_t> sizes;
+  EXPECT_EQ(histograms(h, &sizes), expected);
+  EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
+
+  testing::Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
+                                          std::vector<int>{}, 10, 3);
+  flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
+  EXPECT_EQ(histograms(flat, &sizes), std::vector<int32_t>(3, 0));
+  EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
+}
+
+struct NDSetup {
+  int click;
+  int start;
+  std::vector<int> next;
+  std::vector<int> sync;
+  std::vector<int> n_histograms;
+  int64_t binwidth;
+  uint64_t n_bins;
+};
+
+// The stated rules in another form: a dimension's index is the number of its
+// next tags since its last sync or the last tag other than a time tag, minus
+// one; it wraps without a sync channel and is void past its end with one. Each
+// click then meets every valid start within range, with no queue.
+std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& blocks) {
+  const size_t dims = s.next.size();
+  int64_t histograms = 1;
+  for (int n : s.n_histograms) histograms *= n;
+  std::vector<int32_t> data(static_cast<size_t>(histograms) * s.n_bins, 0);
+  const int64_t range = static_cast<int64_t>(s.n_bins) * s.binwidth;
+  std::vector<int64_t> steps(dims, 0);
+  std::vector<std::pair<int64_t, int64_t>> starts;  // time, histogram
+  for (const Block& block : blocks) {
+    for (const Tag& tag : block.tags) {
+      if (tag.type != Tag::Type::TimeTag) {
+        steps.assign(dims, 0);
+        continue;
+      }
+      for (size_t j = 0; j < s.sync.size(); ++j) {
+        if (tag.channel == s.sync[j]) steps[j] = 0;
+      }
+      for (size_t j = 0; j < dims; ++j) {
+        if (tag.channel == s.next[j]) ++steps[j];
+      }
+      if (tag.channel == s.start && dims > 0) {
+        bool valid = true;
+        int64_t histogram = 0;
+        for (size_t j = dims; j-- > 0;) {
+          const bool wraps = s.sync.empty() || s.sync[j] == CHANNEL_UNUSED;
+          valid = valid && steps[j] >= 1 && (wraps || steps[j] <= s.n_histograms[j]);
+          histogram = histogram * s.n_histograms[j] + (steps[j] - 1) % s.n_histograms[j];
+        }
+        if (valid) starts.emplace_back(tag.time, histogram);
+      }
+      if (tag.channel == s.click) {
+        for (const auto& [time, histogram] : starts) {
+          const int64_t d = tag.time - time;
+          if (d >= 0 && d < range) ++data[histogram * s.n_bins + d / s.binwidth];
+        }
+      }
+    }
+  }
+  return data;
+}
+
+TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
+  TestZeptick tagger("TEST-1", 3);
+  tagger.setIdleSpan(0);
+  const std::vector<NDSetup> setups = {
+      {1, 2, {3}, {}, {3}, 7, 20},                                   // one wrapping dimension
+      {1, 2, {3, 4}, {5, -2}, {2, 3}, 8, 16},                        // both synced
+      {1, 2, {3, 4, 3}, {5, CHANNEL_UNUSED, -2}, {2, 4, 3}, 1, 90},  // mixed, a shared next channel
+      {2, 2, {3, 5}, {}, {4, 2}, 13, 11},                            // start is click
+      {1, 2, {1}, {3}, {5}, 1000, 1000000},                          // the click steps; long range
+  };
+  for (uint64_t seed = 1; seed <= 10; ++seed) {
+    const NDSetup& s = setups[seed % setups.size()];
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2};
+    shape.mean_gap = 15;
+    shape.tags = 3000;
+    shape.error_percent = shape.overflow_percent = 0.5;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    for (size_t most_cuts : {0, 25, 600}) {
+      auto h = std::make_unique<TimeDifferencesND>(&tagger, s.click, s.start, s.next, s.sync,
+                                                   s.n_histograms, s.binwidth, s.n_bins);
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
+      const std::vector<int32_t> expected = bruteForce(s, seen);
+      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 100);
+      EXPECT_EQ(histograms(*h), expected) << most_cuts << " cuts";
+    }
+  }
+}
+
+}  // namespace time_differences_nd
+
+namespace log_bins {
+using DirectLogBins = testing::Direct<HistogramLogBins>;
+
+std::vector<uint64_t> counts(HistogramLogBins& h) {
+  return testing::collect(h, &HistogramLogBins::getData);
+}
+std::vector<int64_t> edges(HistogramLogBins& h) {
+  return testing::collect(h, &HistogramLogBins::getBinEdges);
+}
+std::vector<double> g2(HistogramLogBins& h) {
+  return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
+}
+
+using HistogramLogBinsTest = QuietTaggerTest;
+
+TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
+  DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
+  EXPECT_EQ(edges(decades), (std::vector<int64_t>{1, 10, 100, 1000}));
+  EXPECT_EQ(counts(decades).size(), 3u);
+
+  // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
+  DirectLogBins halves(&tagger, 1, 2, -12.5, -10, 5);
+  EXPECT_EQ(edges(halves), (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
+
+  // Unchecked arguments stay harmless: no bins, one edge.
+  DirectLogBins none(&tagger, 1, 2, -12, -9, 0);
+  EXPECT_EQ(edges(none), std::vector<int64_t>{1});
+  EXPECT_TRUE(counts(none).empty());
+}
+
+TEST_F(HistogramLogBinsTest, ClearForgetsCountsAndStartsAndSettlesAgain) {
+  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);  // edges 1, 10, 100, 1000
+  // The click at 600 falls within the first range after the reset at 1: settling, ignored.
+  h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
+  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 0}));
+  h.clear();
+  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 0}));
+  EXPECT_TRUE(std::isnan(g2(h)[0]));  // no click or start yet: 0 / 0
+  h.feed({timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
+          timeTag(1, 21600)},
+         30000);
+  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 2}));
+  EXPECT_EQ(g2(h)[2], 2 * ((30000.0 - 21000) / (2 * 1)) / 900);
+}
+
+// A dense burst of starts fills the ring many times over; the counts of a
+// click then follow from integer ranges: start k at base + k is at
+// difference T - base - k.
+TEST_F(HistogramLogBinsTest, DenseBurstGrowsRingAndCountsEveryPair) {
+  DirectLogBins h(&tagger, 1, 2, -12, -6, 12);  // 1 ps .. 1 us
+  const std::vector<int64_t> e = edges(h);
+  const int64_t range = e.back();
+  const int64_t base = 10 * range;
+  const int64_t n_starts = 100000;
+  std::vector<Tag> tags{timeTag(2, range + 2)};  // ends settling
+  // Starts that a click at base - 1 leaves behind: the ring then grows with
+  // its oldest live start away from slot 0, and the click at base + 10 reads
+  // starts that moved to the new half of the ring.
+  for (int64_t k = 0; k < 5; ++k) tags.push_back(timeTag(2, range + 10 + k));
+  tags.push_back(timeTag(1, base - 1));
+  for (int64_t k = 0; k < n_starts; ++k) tags.push_back(timeTag(2, base + k / 3));
+  // Clicks amid the burst, on the last start's time, and after the burst.
+  const std::vector<int64_t> clicks = {base + 10, base + 5000, base + n_starts / 3, base + 400000};
+  for (int64_t t : clicks) tags.push_back(timeTag(1, t));
+  std::stable_sort(tags.begin(), tags.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  h.feed(tags, 1, base + 2 * range);
+
+  std::vector<uint64_t> expected(12, 0);
+  for (int64_t t : clicks) {
+    for (size_t i = 0; i + 1 < e.size(); ++i) {
+      // Differences d in [e[i], e[i+1]) with d = t - base - k / 3, k < n_starts.
+      for (int64_t d = e[i]; d < e[i + 1]; ++d) {
+        const int64_t slot = t - base - d;
+        if (slot >= 0 && slot <= (n_starts - 1) / 3)
+          expected[i] += slot == (n_starts - 1) / 3 ? 1 : 3;
+      }
+    }
+  }
+  EXPECT_EQ(counts(h), expected);
+}
+
+// The stated rules, with each click compared against every start kept since
+// the last reset: no ring, no read indices.
+struct LogReference {
+  std::vector<uint64_t> counts;
+  double clicks = 0;
+  double starts = 0;
+  double capture = 0;
+};
+
+LogReference bruteForce(const std::vector<int64_t>& e, int click, int start,
+                        const std::vector<Block>& blocks) {
+  LogReference ref;
+  ref.counts.assign(e.size() - 1, 0);
+  const int64_t range = e.back();
+  int64_t reset_time = 0;
+  bool settling = true;
+  bool in_overflow = false;
+  std::vector<int64_t> kept;
+  auto reset = [&](int64_t time) {
+    kept.clear();
+    settling = true;
+    reset_time = time;
+  };
+  for (const Block& block : blocks) {
+    int64_t counting_since = block.begin_time;
+    if (reset_time == 0) reset_time = block.begin_time;
+    for (const Tag& tag : block.tags) {
+      if (settling && tag.time - reset_time > range) {
+        settling = false;
+        counting_since = reset_time + range;
+      }
+      if (tag.type == Tag::Type::TimeTag) {
+        if (tag.channel == start) {
+          ref.starts += settling ? 0 : 1;
+          kept.push_back(tag.time);
+        }
+        if (tag.channel == click && !settling) {
+          ref.clicks += 1;
+          for (int64_t s : kept) {
+            for (size_t i = 0; i + 1 < e.size(); ++i) {
+              if (tag.time - s >= e[i] && tag.time - s < e[i + 1]) ++ref.counts[i];
+            }
+          }
+        }
+      } else if (tag.type == Tag::Type::Error) {
+        reset(tag.time);
+      } else if (tag.type == Tag::Type::OverflowBegin) {
+        if (!settling) ref.capture += static_cast<double>(tag.time - counting_since);
+        reset(tag.time);
+        in_overflow = true;
+      } else if (tag.type == Tag::Type::OverflowEnd) {
+        reset(tag.time);
+        in_overflow = false;
+        counting_since = tag.time;
+      }
+    }
+    if (!settling && !in_overflow) {
+      ref.capture += static_cast<double>(block.end_time - counting_since);
+    }
+  }
+  return ref;
+}
+
+struct LogSetup {
+  int click;
+  int start;
+  double exp_start;
+  double exp_stop;
+  int n_bins;
+  int64_t max_gap;
+  int special_permille;  // chance per tag of an error, and of an overflow
+  std::vector<int> channels;
+};
+
+TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
+  TestZeptick tagger("TEST-1", 3);
+  tagger.setIdleSpan(0);
+  const std::vector<LogSetup> setups = {
+      // A range far longer than a gap: many live starts per click.
+      {1, 2, -12, -8, 16, 300, 2, {1, 1, 2, -1, 3}},
+      // One channel: the first edge is 0, so a tag meets itself.
+      {2, 2, -13, -9, 7, 500, 3, {1, 2, 2, 3}},
+      // A short range and near-equal times.
+      {1, -1, -11, -10.5, 3, 40, 5, {1, -1, -1, 2}},
+      // A dense start channel and rare clicks: the ring fills between clicks.
+      {-1, 1, -12, -8.5, 40, 20, 1, {1, 1, 1, 1, 1, 1, 1, 1, 1, 2, -1}},
+      {-1, 1, -12, -10, 8, 20, 2, std::vector<int>(40, 1)},
+  };
+  for (uint64_t seed = 1; seed <= 10; ++seed) {
+    const LogSetup& s = setups[seed % setups.size()];
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = s.channels;
+    if (s.click != s.start) shape.channels.push_back(s.click);
+    shape.mean_gap = s.max_gap / 2;
+    shape.tags = 5000;
+    shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
+    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+
+    std::vector<std::vector<uint64_t>> results;
+    for (size_t most_cuts : {3, 40, 700}) {
+      auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
+                                                  s.exp_stop, s.n_bins);
+      const std::vector<Block> seen = testing::deliver(
+          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
+      const LogReference ref = bruteForce(edges(*h), s.click, s.start, seen);
+      ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
+      ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
+      const std::vector<int64_t> e = edges(*h);
+      const std::vector<double> got = g2(*h);
+      const std::vector<double> per_ps =
+          collect(*h, &HistogramLogBins::getDataNormalizedCountsPerPs);
+      for (size_t i = 0; i < got.size(); ++i) {
+        const double width = static_cast<double>(e[i + 1] - e[i]);
+        if (width != 0) {
+          EXPECT_DOUBLE_EQ(per_ps[i], ref.counts[i] / width) << i;
+        }
+        const double expected = ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width;
+        if (width == 0) {
+          EXPECT_TRUE(std::isnan(got[i]) || std::isinf(got[i]));
+        } else {
+          EXPECT_DOUBLE_EQ(got[i], expected) << i;
+        }
+      }
+      results.push_back(counts(*h));
+    }
+    // A different cut moves only the stream offset, so the counts are the same.
+    // (Capture time is not: an error drops the open time of its block only.)
+    EXPECT_EQ(results[0], results[1]);
+    EXPECT_EQ(results[0], results[2]);
+  }
+}
+
+}  // namespace log_bins
+
+}  // namespace
+}  // namespace zeptick

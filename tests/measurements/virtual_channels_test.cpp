@@ -1,0 +1,1080 @@
+// The virtual channels, each run through the virtual channel harness (or fed block by block)
+// and compared with its rules worked out on the whole stream, plus the behaviours no stream
+// reaches: delay and window changes, restarts and clears.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/virtual_channel_harness.h"
+#include "zeptick/average_channel.h"
+#include "zeptick/coincidence.h"
+#include "zeptick/coincidences.h"
+#include "zeptick/combiner.h"
+#include "zeptick/constant_fraction_discriminator.h"
+#include "zeptick/delayed_channel.h"
+#include "zeptick/event_generator.h"
+#include "zeptick/frequency_multiplier.h"
+#include "zeptick/gated_channel.h"
+
+namespace zeptick {
+namespace {
+
+using namespace testing;
+
+namespace harness {
+enum class Fault { None, CopyAtFront, DropFirst, CarryLastOver, MarkBlockBegin };
+
+// Copies time tags of one channel onto a virtual channel, right behind each
+// source; the faults break that in the ways a real channel could go wrong.
+class CopyChannel : public IteratorBase {
+ public:
+  CopyChannel(ZeptickBase* tagger, int input, Fault fault)
+      : IteratorBase(tagger), input(input), fault(fault) {
+    virtual_channel = getNewVirtualChannel();
+    registerChannel(input);
+    finishInitialization();
+  }
+  ~CopyChannel() override { stop(); }
+
+ protected:
+  bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t) override {
+    output.clear();
+    if (fault == Fault::MarkBlockBegin) {
+      output.push_back(Tag{Tag::Type::TimeTag, 0, 0, virtual_channel, begin_time});
+    }
+    if (fault == Fault::CarryLastOver && carried) output.push_back(*carried);
+    carried.reset();
+    for (size_t i = 0; i < tags.size(); ++i) {
+      const Tag& tag = tags[i];
+      if (fault == Fault::DropFirst && i == 0) continue;
+      output.push_back(tag);
+      if (tag.type != Tag::Type::TimeTag || tag.channel != input) continue;
+      Tag copy = tag;
+      copy.channel = virtual_channel;
+      if (fault == Fault::CopyAtFront) {
+        output.insert(output.begin(), copy);
+      } else {
+        output.push_back(copy);
+      }
+    }
+    if (fault == Fault::CarryLastOver && !output.empty()) {
+      carried = output.back();
+      output.pop_back();
+    }
+    tags.swap(output);
+    return true;
+  }
+
+ private:
+  int input;
+  int virtual_channel;
+  Fault fault;
+  std::vector<Tag> output;
+  std::optional<Tag> carried;
+};
+
+// Every failure message the harness reports while running `check`.
+std::vector<std::string> failuresOf(const std::function<void()>& check) {
+  ::testing::TestPartResultArray results;
+  {
+    ::testing::ScopedFakeTestPartResultReporter reporter(
+        ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &results);
+    check();
+  }
+  std::vector<std::string> messages;
+  for (int i = 0; i < results.size(); ++i)
+    messages.push_back(results.GetTestPartResult(i).message());
+  return messages;
+}
+
+bool anyContains(const std::vector<std::string>& messages, const std::string& text) {
+  for (const std::string& message : messages) {
+    if (message.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST(VirtualChannelHarnessTest, PassesACorrectChannelAndCatchesEachBrokenInvariant) {
+  std::mt19937_64 rng(11);
+  testing::StreamShape shape;
+  shape.tags = 300;
+  shape.error_percent = shape.overflow_percent = 2;
+  const TagStream stream = testing::makeRandomStream(rng, shape);
+  auto failures = [&](Fault fault) {
+    return failuresOf([&] {
+      checkVirtualChannel(stream, [fault](TestZeptick* tagger) {
+        return std::make_unique<CopyChannel>(tagger, 2, fault);
+      });
+    });
+  };
+  EXPECT_TRUE(failures(Fault::None).empty());
+#ifdef NDEBUG
+  EXPECT_TRUE(anyContains(failures(Fault::CopyAtFront), " after "));
+  EXPECT_TRUE(anyContains(failures(Fault::CarryLastOver), ") holds "));
+#else
+  // With assertions on, the runner itself stops a block that leaves a channel out of order
+  // or outside its span, before the harness could see it.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(failures(Fault::CopyAtFront), "tagsInsideTheirSpan");
+  EXPECT_DEATH(failures(Fault::CarryLastOver), "tagsInsideTheirSpan");
+#endif
+  EXPECT_TRUE(anyContains(failures(Fault::DropFirst), "passed through the channel differs"));
+  const auto cut_dependent = failures(Fault::MarkBlockBegin);
+  EXPECT_TRUE(anyContains(cut_dependent, "depends on where the blocks were cut"));
+  EXPECT_FALSE(anyContains(cut_dependent, "passed through the channel differs"));
+}
+
+}  // namespace harness
+
+namespace combiner {
+std::vector<int64_t> counts(Combiner& combiner) {
+  return testing::collect(combiner, &Combiner::getData);
+}
+
+// The whole output from the rules: each tag, then one copy per listing of its
+// channel, whatever its type.
+std::vector<Tag> reference(const std::vector<Tag>& in, const std::vector<int>& listed) {
+  std::vector<Tag> out;
+  for (const Tag& tag : in) {
+    out.push_back(tag);
+    Tag copy = tag;
+    copy.channel = kFirstVirtualChannel;
+    out.insert(out.end(), std::count(listed.begin(), listed.end(), tag.channel), copy);
+  }
+  return out;
+}
+
+TagStream randomStream(uint64_t seed) {
+  std::mt19937_64 rng(seed);
+  testing::StreamShape shape;
+  shape.channels = {1, 2, 3, -1, 4};
+  shape.tags = 2000;
+  shape.overflow_percent = 1;
+  shape.missed_outside_percent = 1;
+  return testing::makeRandomStream(rng, shape);
+}
+
+TEST(CombinerStreamTest, CopiesEveryListedTagOncePerListingOnRandomStreams) {
+  for (uint64_t seed = 1; seed <= 3; ++seed) {
+    SCOPED_TRACE(seed);
+    const TagStream stream = randomStream(seed);
+    for (const std::vector<int>& listed :
+         {std::vector<int>{1, 2}, std::vector<int>{-1, 4, -1, 7}, std::vector<int>{}}) {
+      const auto out = checkVirtualChannel(stream, [&listed](TestZeptick* tagger) {
+        return std::make_unique<Combiner>(tagger, listed);
+      });
+      EXPECT_TRUE(sameTags(out.output, reference(stream.tags, listed)));
+    }
+  }
+}
+
+TEST(CombinerTest, CountsPerEntryUntilClearedAndAcrossRestarts) {
+  TestZeptick tagger("TEST-1", 2);
+  tagger.setIdleSpan(0);
+  const std::vector<int> listed = {2, -1, 2, 9};
+  testing::Direct<Combiner> combiner(&tagger, listed);
+  const TagStream stream = randomStream(4);
+  // Missed-events tags bear a channel and count like time tags.
+  std::vector<int64_t> expected(listed.size(), 0);
+  for (const Tag& tag : stream.tags) {
+    for (size_t i = 0; i < listed.size(); ++i) expected[i] += tag.channel == listed[i];
+  }
+  ASSERT_GT(expected[0], 100);
+  const auto blocks = cutStream(stream, {stream.begin_time + 100000, stream.begin_time + 900000});
+  for (const auto& block : blocks) {
+    combiner.feed(block.tags, block.begin_time, block.end_time);
+    combiner.restart();  // counts survive stop and start
+  }
+  EXPECT_EQ(counts(combiner), expected);
+  EXPECT_EQ(tagger.registrations(2), 1);
+  combiner.clear();
+  EXPECT_EQ(counts(combiner), std::vector<int64_t>(4, 0));
+}
+
+}  // namespace combiner
+
+namespace coincidences {
+using Groups = std::vector<std::vector<int>>;
+using Stamp = CoincidenceTimestamp;
+
+// The whole output stream worked out from the rules with plain scans: a group
+// fires on a time tag of one of its channels when the latest tag of each of
+// its channels, not behind an error or overflow tag, is less than `window`
+// old. The delayed stamps shift everything by `window` and order by time,
+// keeping stream order among equal times with new tags right after their
+// source.
+std::vector<Tag> reference(const TagStream& stream, const Groups& groups, int64_t window,
+                           Stamp stamp, int64_t run_end) {
+  const std::vector<Tag>& in = stream.tags;
+  std::vector<Tag> out;
+  for (size_t i = 0; i < in.size(); ++i) {
+    Tag passed = in[i];
+    if (stamp != Stamp::Last) passed.time += window;
+    out.push_back(passed);
+    if (in[i].type != Tag::Type::TimeTag) continue;
+    const int64_t now = in[i].time;
+    for (size_t g = 0; g < groups.size(); ++g) {
+      const std::vector<int>& group = groups[g];
+      if (std::find(group.begin(), group.end(), in[i].channel) == group.end()) continue;
+      std::vector<int64_t> latest;
+      for (int channel : group) {
+        for (size_t j = i + 1; j-- > 0;) {
+          if (in[j].type != Tag::Type::TimeTag) break;
+          if (in[j].channel == channel) {
+            if (now - in[j].time < window) latest.push_back(in[j].time);
+            break;
+          }
+        }
+      }
+      if (latest.size() != group.size()) continue;
+      int64_t stamp_time = now;
+      if (stamp == Stamp::Average) {
+        int64_t sum = 0;
+        for (int64_t t : latest) sum += t;
+        const auto n = static_cast<int64_t>(latest.size());
+        stamp_time = now + (sum - now * n) / n;
+      } else if (stamp == Stamp::First) {
+        stamp_time = *std::min_element(latest.begin(), latest.end());
+      } else if (stamp == Stamp::ListedFirst) {
+        stamp_time = latest.front();
+      }
+      const int64_t lag = stamp == Stamp::Last ? 0 : window;
+      out.push_back(Tag{Tag::Type::TimeTag, 0, 0, kFirstVirtualChannel + static_cast<int>(g),
+                        stamp_time + lag});
+    }
+  }
+  std::stable_sort(out.begin(), out.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  std::erase_if(out, [run_end](const Tag& tag) { return tag.time >= run_end; });
+  return out;
+}
+
+// Runs the stream through the harness and compares the whole output with the reference.
+void expectMatchesReference(const TagStream& stream, const Groups& groups, int64_t window,
+                            Stamp stamp, int64_t tail, size_t at_least) {
+  SCOPED_TRACE("stamp " + std::to_string(static_cast<int>(stamp)));
+  std::function<int64_t(const Tag&)> lag;
+  if (stamp != Stamp::Last) lag = [window](const Tag&) { return window; };
+  const auto out = checkVirtualChannel(
+      stream,
+      [&](TestZeptick* tagger) {
+        return std::make_unique<Coincidences>(tagger, groups, window, stamp);
+      },
+      VirtualChannelRules{.shift = lag, .cut_invariant = true, .tail = tail});
+  EXPECT_TRUE(sameTags(out.output, reference(stream, groups, window, stamp, out.end_time)));
+  EXPECT_GE(out.inserted.size(), at_least);
+}
+
+using CoincidencesTest = QuietTaggerTest;
+
+TEST_F(CoincidencesTest, RegistersEachChannelOnceAndHandsOutOneChannelPerGroup) {
+  {
+    Coincidences coincidences(&tagger, {{1, 2}, {2, 3, 3}, {1, 2}}, 100, Stamp::Average);
+    for (int channel : {1, 2, 3}) EXPECT_EQ(tagger.registrations(channel), 1);
+    EXPECT_EQ(coincidences.getChannels(), (std::vector<int>{1000, 1001, 1002}));
+  }
+  EXPECT_EQ(tagger.registrations(2), 0);
+}
+
+TEST_F(CoincidencesTest, TagAtEndMinusWindowWaitsAndWindowChangesApplyFromTheNextBlock) {
+  testing::Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
+  const int vc = direct.getChannels()[0];
+  EXPECT_TRUE(sameTags(direct.feed({timeTag(1, 899), timeTag(1, 900)}, 0, 1000),
+                       {timeTag(1, 999), timeTag(vc, 999)}));
+  // Stop, clear and restart keep what is queued.
+  direct.clear();
+  direct.restart();
+  EXPECT_TRUE(sameTags(direct.feed({}, 1000, 1001), {timeTag(1, 1000), timeTag(vc, 1000)}));
+
+  testing::Direct<Coincidences> pair(&tagger, Groups{{1, 2}}, 100, Stamp::Last);
+  const int pair_vc = pair.getChannels()[0];
+  EXPECT_EQ(pair.feed({timeTag(1, 1000), timeTag(2, 1150)}, 0, 2000).size(), 2u);
+  pair.setCoincidenceWindow(200);
+  EXPECT_TRUE(sameTags(pair.feed({timeTag(1, 2000), timeTag(2, 2150)}, 2000, 3000),
+                       {timeTag(1, 2000), timeTag(2, 2150), timeTag(pair_vc, 2150)}));
+
+  // A shrinking window lets later tags overtake queued ones, but never out of time order.
+  testing::Direct<Coincidences> delayed(&tagger, Groups{{3}}, 1000, Stamp::Average);
+  const int single = delayed.getChannels()[0];
+  EXPECT_TRUE(delayed.feed({timeTag(3, 500)}, 0, 1000).empty());
+  delayed.setCoincidenceWindow(100);
+  EXPECT_TRUE(
+      sameTags(delayed.feed({timeTag(3, 1200)}, 1000, 2000),
+               {timeTag(3, 1300), timeTag(single, 1300), timeTag(3, 1500), timeTag(single, 1500)}));
+}
+
+TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
+  // Overlapping groups, a repeated channel, a single-channel group, over 8 inputs.
+  const Groups groups = {{1, 2}, {1, 2, 3}, {3, 4, 4, 5}, {6}, {7, 8, 1}, {2, 7}};
+  for (uint64_t seed = 1; seed <= 3; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, 4, 5, 6, 7, 8, -1, -3};
+    shape.tags = 1500;
+    shape.mean_gap = 400;
+    shape.grid = seed == 1 ? 100 : 1;  // differences of exactly one window: strictly outside
+    const TagStream stream = testing::makeRandomStream(rng, shape);
+    const int64_t window = 1500;
+    for (Stamp stamp : {Stamp::Last, Stamp::Average, Stamp::First, Stamp::ListedFirst}) {
+      // Half the runs let the held-back end of the stream out.
+      expectMatchesReference(stream, groups, window, stamp, seed % 2 == 0 ? window : 0, 300);
+    }
+  }
+}
+
+}  // namespace coincidences
+
+namespace delayed {
+// The whole output worked out from the rules, tag by tag, with lookups over
+// the input instead of a queue. `virtual_of` maps each input channel to its copy.
+std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>& virtual_of,
+                           int64_t delay, int64_t run_end) {
+  // Overflow state after the first k input tags, and errors among them.
+  std::vector<bool> overflow_after(in.size() + 1, false);
+  std::vector<int> errors_before(in.size() + 1, 0);
+  for (size_t k = 0; k < in.size(); ++k) {
+    overflow_after[k + 1] = in[k].type == Tag::Type::OverflowBegin ? true
+                            : in[k].type == Tag::Type::OverflowEnd ? false
+                                                                   : overflow_after[k];
+    errors_before[k + 1] = errors_before[k] + (in[k].type == Tag::Type::Error);
+  }
+  auto tags_up_to = [&](int64_t time) {  // number of input tags with time <= `time`
+    return static_cast<size_t>(
+        std::upper_bound(in.begin(), in.end(), time,
+                         [](int64_t t, const Tag& tag) { return t < tag.time; }) -
+        in.begin());
+  };
+
+  // (tag, rank among equal times): passing tags before copies with a delay of
+  // 0 or more, copies before the lagging stream with a negative one.
+  std::vector<std::pair<Tag, int>> out;
+  for (size_t i = 0; i < in.size(); ++i) {
+    Tag passing = in[i];
+    if (delay < 0) passing.time -= delay;
+    out.push_back({passing, delay < 0 ? 1 : 0});
+    if (in[i].type != Tag::Type::TimeTag || !virtual_of.contains(in[i].channel)) continue;
+    Tag copy = timeTag(virtual_of.at(in[i].channel), in[i].time);
+    bool overflow = false;
+    if (delay >= 0) {
+      copy.time += delay;
+      const size_t out_at = tags_up_to(copy.time);  // it leaves before the first later tag
+      if (errors_before[out_at] - errors_before[i + 1] > 0) continue;
+      overflow = overflow_after[out_at];
+    } else {
+      overflow = overflow_after[tags_up_to(in[i].time + delay - 1)];
+    }
+    if (overflow) copy = missedTag(copy.channel, copy.time, 1);
+    out.push_back({copy, delay < 0 ? 0 : 1});
+  }
+  std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) {
+    return a.first.time != b.first.time ? a.first.time < b.first.time : a.second < b.second;
+  });
+  std::vector<Tag> tags;
+  for (const auto& entry : out) {
+    if (entry.first.time < run_end) tags.push_back(entry.first);
+  }
+  return tags;
+}
+
+using DelayedChannelTest = QuietTaggerTest;
+
+TEST_F(DelayedChannelTest, OneVirtualChannelPerInputInOrder) {
+  {
+    DelayedChannel several(&tagger, std::vector<int>{3, -3, 5}, -20);
+    EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
+    EXPECT_EQ(tagger.registrations(-3), 1);
+    EXPECT_EQ(DelayedChannel(&tagger, std::vector<int>{}, 10).getChannel(), CHANNEL_UNUSED);
+  }
+  EXPECT_EQ(tagger.registrations(-3), 0);
+}
+
+TEST_F(DelayedChannelTest, DelayChangesFollowTheSignRules) {
+  Direct<DelayedChannel> zero(&tagger, 1, 0);
+  EXPECT_EQ(invalidArgument([&] { zero.setDelay(-1); }),
+            "changing from a positive delay to a negative delay while running is not supported");
+  // A negative channel may change its lag and go positive, but only the present
+  // sign counts: once positive it cannot go back.
+  Direct<DelayedChannel> negative(&tagger, 1, -5);
+  EXPECT_EQ(invalidArgument([&] { negative.setDelay(-7); }), "no exception");
+  const int vc = negative.getChannel();
+  EXPECT_TRUE(
+      sameTags(negative.feed({timeTag(1, 100)}, 100, 110), {timeTag(vc, 100), timeTag(1, 107)}));
+  EXPECT_EQ(invalidArgument([&] { negative.setDelay(5); }), "no exception");
+  EXPECT_EQ(invalidArgument([&] { negative.setDelay(-1); }),
+            "changing from a positive delay to a negative delay while running is not supported");
+
+  // A shorter lag lets later tags overtake queued ones, but never out of time order.
+  Direct<DelayedChannel> shrinking(&tagger, 1, -10);
+  EXPECT_TRUE(sameTags(shrinking.feed({timeTag(1, 100)}, 100, 101), {timeTag(vc + 1, 100)}));
+  shrinking.setDelay(-5);
+  EXPECT_TRUE(
+      sameTags(shrinking.feed({timeTag(2, 102)}, 101, 200), {timeTag(2, 107), timeTag(1, 110)}));
+}
+
+TEST_F(DelayedChannelTest, LoweringTheDelayDropsQueuedCopiesRaisingKeepsThem) {
+  Direct<DelayedChannel> channel(&tagger, 1, 5);
+  const int vc = channel.getChannel();
+  EXPECT_TRUE(sameTags(channel.feed({timeTag(1, 100)}, 100, 101), {timeTag(1, 100)}));
+  channel.setDelay(10);  // the queued copy at 105 stays
+  EXPECT_TRUE(sameTags(channel.feed({timeTag(1, 101)}, 101, 200),
+                       {timeTag(1, 101), timeTag(vc, 105), timeTag(vc, 111)}));
+  EXPECT_TRUE(sameTags(channel.feed({timeTag(1, 200)}, 200, 201), {timeTag(1, 200)}));
+  channel.setDelay(5);  // the copy at 210 is lost
+  EXPECT_TRUE(
+      sameTags(channel.feed({timeTag(1, 201)}, 201, 300), {timeTag(1, 201), timeTag(vc, 206)}));
+  // A start forgets what is queued; a clear does not.
+  channel.feed({timeTag(1, 300)}, 300, 301);
+  channel.clear();
+  EXPECT_TRUE(sameTags(channel.feed({}, 301, 400), {timeTag(vc, 305)}));
+  channel.feed({timeTag(1, 400)}, 400, 401);
+  channel.restart();
+  EXPECT_TRUE(channel.feed({}, 401, 500).empty());
+}
+
+TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
+  struct Case {
+    std::vector<int> inputs;
+    int64_t delay;
+    int64_t tail;
+  };
+  // Up to three inputs take the scan, more the hash map; both signs of delay.
+  const Case cases[] = {{{1}, 0, 0},
+                        {{2, -1}, 2500, 0},
+                        {{1, 2, 3}, 700, 800},
+                        {{1, 2, 3, 4, 5}, 3000, 3000},
+                        {{1}, -1, 0},
+                        {{3, 1}, -2500, 2500},
+                        {{4, 1, 2, 3, 5, 6}, -900, 0}};
+  std::mt19937_64 rng(1);
+  testing::StreamShape shape;
+  shape.channels = {1, 2, 3, 4, 5, 6, -1, 7};
+  shape.tags = 1500;
+  shape.error_percent = shape.overflow_percent = 0.5;
+  const TagStream stream = testing::makeRandomStream(rng, shape);
+  for (const Case& c : cases) {
+    SCOPED_TRACE("delay " + std::to_string(c.delay) + " inputs " + std::to_string(c.inputs.size()));
+    VirtualChannelRules rules;
+    if (c.delay < 0) rules.shift = [&c](const Tag&) { return -c.delay; };
+    rules.tail = c.tail;
+    const auto out = checkVirtualChannel(
+        stream,
+        [&c](TestZeptick* tagger) {
+          return std::make_unique<DelayedChannel>(tagger, c.inputs, c.delay);
+        },
+        rules);
+    std::map<int, int> virtual_of;
+    for (size_t i = 0; i < c.inputs.size(); ++i) {
+      virtual_of[c.inputs[i]] = kFirstVirtualChannel + static_cast<int>(i);
+    }
+    EXPECT_TRUE(sameTags(out.output, reference(stream.tags, virtual_of, c.delay, out.end_time)));
+    EXPECT_GT(out.inserted.size(), 100u);
+  }
+}
+
+}  // namespace delayed
+
+namespace gated {
+// Copies expected from the rules, asked per tag by looking back: an input tag
+// is copied unless it is a stop tag, when it is itself a start tag or when the
+// nearest earlier start tag is not followed by a stop or a non-time tag.
+std::vector<Tag> reference(const std::vector<Tag>& in, int input, int start, int stop) {
+  std::vector<Tag> copies;
+  for (size_t i = 0; i < in.size(); ++i) {
+    const Tag& tag = in[i];
+    if (tag.type != Tag::Type::TimeTag || tag.channel != input || tag.channel == stop) continue;
+    bool open = tag.channel == start;
+    for (size_t j = i; !open && j-- > 0;) {
+      if (in[j].type != Tag::Type::TimeTag || in[j].channel == stop) break;
+      open = in[j].channel == start;
+    }
+    if (open) copies.push_back(timeTag(kFirstVirtualChannel, tag.time));
+  }
+  return copies;
+}
+
+std::vector<Tag> gate(const TagStream& stream, int input, int start, int stop) {
+  return checkVirtualChannel(stream,
+                             [=](TestZeptick* tagger) {
+                               return std::make_unique<GatedChannel>(tagger, input, start, stop);
+                             })
+      .inserted;
+}
+
+TEST(GatedChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
+  TestZeptick tagger("TEST-1", 2);
+  tagger.setIdleSpan(0);
+  testing::Direct<GatedChannel> gated(&tagger, 1, 2, 3);
+  const int vc = gated.getChannel();
+  gated.feed({timeTag(2, 10)}, 0, 100);
+  gated.clear();
+  gated.restart();
+  EXPECT_TRUE(
+      sameTags(gated.feed({timeTag(1, 150)}, 100, 200), {timeTag(1, 150), timeTag(vc, 150)}));
+}
+
+TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
+  for (uint64_t seed = 1; seed <= 3; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, 4, 1, 1};
+    shape.tags = 2000;
+    shape.error_percent = 0.5;
+    shape.overflow_percent = 0.5;
+    const TagStream stream = testing::makeRandomStream(rng, shape);
+    for (const auto& [input, start, stop] :
+         {std::tuple{1, 2, 3}, std::tuple{2, 2, 3}, std::tuple{1, 3, 1}, std::tuple{1, 5, 2}}) {
+      SCOPED_TRACE(std::to_string(input) + " " + std::to_string(start) + " " +
+                   std::to_string(stop));
+      const std::vector<Tag> expected = reference(stream.tags, input, start, stop);
+      EXPECT_TRUE(sameTags(gate(stream, input, start, stop), expected));
+      if (start != 5 && input != stop) {
+        EXPECT_GT(expected.size(), 50u);
+      }
+    }
+  }
+}
+
+}  // namespace gated
+
+namespace frequency_multiplier {
+// The output of one block from the rules, with the whole period's schedule
+// worked out at once: each input tag after the first copies itself and
+// schedules t + period * k / m for k = 1 .. m - 1, replacing the previous
+// schedule; scheduled tags go out before the first later time tag or at the
+// block's end; tags that are not time tags cancel everything.
+std::vector<Tag> reference(const TagStream& stream, int input, int multiplier) {
+  const int vc = kFirstVirtualChannel;
+  std::vector<Tag> out;
+  std::deque<int64_t> schedule;
+  int64_t last = 0;
+  auto emitBefore = [&](int64_t time) {
+    for (; !schedule.empty() && schedule.front() < time; schedule.pop_front()) {
+      out.push_back(timeTag(vc, schedule.front()));
+    }
+  };
+  for (const Tag& tag : stream.tags) {
+    if (tag.type != Tag::Type::TimeTag) {
+      out.push_back(tag);
+      schedule.clear();
+      last = 0;
+      continue;
+    }
+    emitBefore(tag.time);
+    out.push_back(tag);
+    if (tag.channel != input) continue;
+    const int64_t previous = last;
+    last = tag.time;
+    if (previous <= 0) continue;
+    out.push_back(timeTag(vc, tag.time));
+    schedule.clear();
+    for (int k = 1; k < multiplier; ++k) {
+      schedule.push_back(tag.time + (tag.time - previous) * k / multiplier);
+    }
+  }
+  emitBefore(stream.end_time);
+  return out;
+}
+
+std::unique_ptr<IteratorBase> multiplier(TestZeptick* tagger, int input, int factor) {
+  return std::make_unique<FrequencyMultiplier>(tagger, input, factor);
+}
+
+TEST(FrequencyMultiplierTest, TimeZeroNonTimeTagsAndRestarts) {
+  TestZeptick tagger("TEST-1", 2);
+  tagger.setIdleSpan(0);
+  // Multipliers below 2 only copy.
+  for (int factor : {1, 0, -5})
+    EXPECT_EQ(Direct<FrequencyMultiplier>(&tagger, 1, factor).getMultiplier(), 1);
+  Direct<FrequencyMultiplier> fm(&tagger, 1, 2);
+  const int vc = fm.getChannel();
+  // A tag at 0 is no tag, so 1000 gives no copy yet.
+  EXPECT_TRUE(sameTags(fm.feed({timeTag(1, 0), timeTag(1, 1000), timeTag(1, 2000)}, 0, 2200),
+                       {timeTag(1, 0), timeTag(1, 1000), timeTag(1, 2000), timeTag(vc, 2000)}));
+  // The extrapolation at 2500 crosses the block end, a clear and a restart.
+  fm.clear();
+  fm.restart();
+  EXPECT_TRUE(sameTags(fm.feed({}, 2200, 3000), {timeTag(vc, 2500)}));
+  // A non-time tag drops the pending extrapolation (3500, before it, but with
+  // no time tag in between), and a full period must be seen again.
+  fm.feed({timeTag(1, 3000)}, 3000, 3200);
+  EXPECT_TRUE(sameTags(
+      fm.feed(
+          {marker(Tag::Type::Error, 3600), timeTag(1, 3700), timeTag(1, 4000), timeTag(1, 4100)},
+          3200, 4200),
+      {marker(Tag::Type::Error, 3600), timeTag(1, 3700), timeTag(1, 4000), timeTag(vc, 4000),
+       timeTag(1, 4100), timeTag(vc, 4100), timeTag(vc, 4150)}));
+}
+
+TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
+  for (uint64_t seed = 1; seed <= 3; ++seed) {
+    std::mt19937_64 rng(seed);
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3};
+    shape.tags = 1500;
+    shape.mean_gap = 700;
+    const TagStream with_overflows = testing::makeRandomStream(rng, shape);
+    const TagStream time_tags_only = testing::makeTimeTagStream(rng, {1, 2, 3}, 1500, 700);
+    for (int factor : {1, 2, 3, 7}) {
+      SCOPED_TRACE("seed " + std::to_string(seed) + " multiplier " + std::to_string(factor));
+      auto make = [factor](TestZeptick* tagger) { return multiplier(tagger, 1, factor); };
+      // Time tags alone give the same output however the blocks are cut.
+      auto out = checkVirtualChannel(time_tags_only, make);
+      EXPECT_TRUE(sameTags(out.output, reference(time_tags_only, 1, factor)));
+      EXPECT_GE(out.inserted.size(), 400u * static_cast<size_t>(factor) / 2);
+      // A non-time tag drops an extrapolation that a block end before it would
+      // have let out, so here only the one-block run is compared.
+      VirtualChannelRules rules;
+      rules.cut_invariant = false;
+      out = checkVirtualChannel(with_overflows, make, rules);
+      EXPECT_TRUE(sameTags(out.output, reference(with_overflows, 1, factor)));
+    }
+  }
+}
+
+}  // namespace frequency_multiplier
+
+namespace event_generator {
+struct GeneratorSetup {
+  int trigger = 1;
+  std::vector<int64_t> pattern;
+  uint64_t divider = 1;
+  uint64_t offset = 0;
+  int stop = CHANNEL_UNUSED;
+};
+
+// The generator's rules worked out on the whole stream. With a negative entry
+// the stream is shifted by `lag` and every entry with it. A generated tag is
+// cancelled by a later stop tag at or before its time, by an error at or
+// before it that had not yet left the (lagging) stream when its trigger came,
+// and becomes a missed-events tag if it falls inside an overflow. It leaves
+// right behind the stream tags of its own time.
+std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& setup,
+                           int virtual_channel, int64_t run_end) {
+  int64_t lag = 0;
+  for (int64_t p : setup.pattern) lag = std::max(lag, -p);
+  const bool lagging = lag > 0;
+  std::vector<Tag> generated;
+  uint64_t count = 0;
+  for (size_t i = 0; i < input.size(); ++i) {
+    const Tag& trigger = input[i];
+    if (trigger.type != Tag::Type::TimeTag || trigger.channel != setup.trigger) continue;
+    const uint64_t position = count;
+    count = count + 1 == setup.divider ? 0 : count + 1;
+    if (position != setup.offset) continue;
+    for (int64_t p : setup.pattern) {
+      const int64_t g = trigger.time + p + lag;
+      bool cancelled = false;
+      for (size_t j = 0; j < input.size(); ++j) {
+        const Tag& s = input[j];
+        if (j > i && setup.stop != CHANNEL_UNUSED && s.channel == setup.stop && s.time <= g) {
+          cancelled = true;
+        }
+        if (s.type != Tag::Type::Error) continue;
+        if (!lagging && j > i && s.time <= g) cancelled = true;
+        if (lagging && trigger.time <= s.time + lag && s.time + lag <= g) cancelled = true;
+      }
+      if (cancelled || g >= run_end) continue;
+      bool overflow = false;
+      for (const Tag& s : input) {
+        if (s.time + lag > g) break;
+        if (s.type == Tag::Type::OverflowBegin) overflow = true;
+        if (s.type == Tag::Type::OverflowEnd) overflow = false;
+      }
+      generated.push_back(overflow ? missedTag(virtual_channel, g, 1)
+                                   : timeTag(virtual_channel, g));
+    }
+  }
+  std::stable_sort(generated.begin(), generated.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  std::vector<Tag> out;
+  size_t next = 0;
+  for (Tag tag : input) {
+    tag.time += lag;
+    while (next < generated.size() && generated[next].time < tag.time) {
+      out.push_back(generated[next++]);
+    }
+    if (tag.time < run_end) out.push_back(tag);
+  }
+  out.insert(out.end(), generated.begin() + static_cast<ptrdiff_t>(next), generated.end());
+  return out;
+}
+
+using EventGeneratorTest = QuietTaggerTest;
+
+TEST_F(EventGeneratorTest, EmptyPatternPassesTheStreamUnchangedAndStopIsNotRegistered) {
+  Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{}, 1, 0, 2);
+  const std::vector<Tag> in = {timeTag(1, 10), marker(Tag::Type::Error, 20)};
+  EXPECT_TRUE(sameTags(generator.feed(in, 0, 100), in));
+  EXPECT_EQ(tagger.registrations(1), 1);
+  EXPECT_EQ(tagger.registrations(2), 0);
+}
+
+TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
+  std::mt19937_64 rng(11);
+  const std::vector<GeneratorSetup> setups = {
+      {1, {0, 0, 700, 2500}, 1, 0, CHANNEL_UNUSED},
+      {1, {300, 1200}, 3, 2, 3},
+      {2, {-1500, -1500, 0, 400}, 2, 0, 3},
+      {1, {-800, -200}, 1, 0, 1},
+  };
+  for (size_t k = 0; k < setups.size(); ++k) {
+    const GeneratorSetup& setup = setups[k];
+    SCOPED_TRACE("setup " + std::to_string(k));
+    testing::StreamShape shape;
+    shape.tags = 1500;
+    shape.mean_gap = 600;
+    shape.error_percent = 0.5;
+    shape.overflow_percent = 1;
+    shape.missed_outside_percent = 0.5;
+    const TagStream stream = testing::makeRandomStream(rng, shape);
+    int64_t lag = 0;
+    for (int64_t p : setup.pattern) lag = std::max(lag, -p);
+    testing::VirtualChannelRules rules;
+    rules.shift = [lag](const Tag&) { return lag; };
+    rules.tail = 3000;
+    rules.seed = k + 1;
+    int virtual_channel = 0;
+    const auto out = testing::checkVirtualChannel(
+        stream,
+        [&](TestZeptick* tagger) {
+          auto generator = std::make_unique<EventGenerator>(
+              tagger, setup.trigger, setup.pattern, setup.divider, setup.offset, setup.stop);
+          virtual_channel = generator->getChannel();
+          return generator;
+        },
+        rules);
+    const std::vector<Tag> expected = reference(stream.tags, setup, virtual_channel, out.end_time);
+    EXPECT_TRUE(sameTags(out.output, expected));
+    EXPECT_GT(out.inserted.size(), 50u);
+  }
+}
+
+}  // namespace event_generator
+
+namespace cfd {
+using CFD = ConstantFractionDiscriminator;
+
+// The discriminator's rules worked out on the whole stream at once. A pulse is
+// a tag on a listed channel followed by one on its inverted channel with no
+// pulse end between; its midpoint counts if narrower than the window. Every
+// time tag reappears half a window later. A tag that is not a time tag throws
+// away every pulse begun and every delayed tag that had not yet left; a
+// delayed tag has left once some later time tag or block end (in `block_ends`)
+// was beyond it.
+std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int64_t>& block_ends,
+                           const std::map<int, int>& closing_to_leading,
+                           const std::map<int, int>& virtual_of_closing, int64_t window) {
+  const int64_t half = window / 2;
+  std::vector<Tag> out;
+  std::vector<Tag> held;        // delayed or midpoint tags since the last drop
+  std::map<int, int64_t> open;  // leading channel -> time of its open pulse
+  int64_t passed_limit = INT64_MIN;
+  size_t next_end = 0;
+  auto release = [&](bool all_below_limit) {
+    for (const Tag& tag : held) {
+      if (all_below_limit && tag.time < passed_limit) out.push_back(tag);
+    }
+    held.clear();
+  };
+  auto isLeading = [&](int channel) {
+    for (const auto& [closing, leading] : closing_to_leading) {
+      if (leading == channel) return true;
+    }
+    return false;
+  };
+  for (const Tag& tag : input) {
+    while (next_end < block_ends.size() && block_ends[next_end] <= tag.time) {
+      passed_limit = std::max(passed_limit, block_ends[next_end++]);
+    }
+    if (tag.type != Tag::Type::TimeTag) {
+      release(true);
+      open.clear();
+      passed_limit = INT64_MIN;
+      out.push_back(tag);
+      continue;
+    }
+    passed_limit = std::max(passed_limit, tag.time);
+    if (isLeading(tag.channel)) open[tag.channel] = tag.time;
+    auto closes = closing_to_leading.find(tag.channel);
+    if (closes != closing_to_leading.end()) {
+      auto pulse = open.find(closes->second);
+      if (pulse != open.end()) {
+        const int64_t width = tag.time - pulse->second;
+        open.erase(pulse);
+        if (width < window) {
+          held.push_back(timeTag(virtual_of_closing.at(tag.channel), tag.time + half - width / 2));
+        }
+      }
+    }
+    Tag shifted = tag;
+    shifted.time += half;
+    held.push_back(shifted);
+  }
+  for (; next_end < block_ends.size(); ++next_end) {
+    passed_limit = std::max(passed_limit, block_ends[next_end]);
+  }
+  release(true);
+  return sortedWithinEqualTimes(out);
+}
+
+using CfdTest = QuietTaggerTest;
+
+TEST_F(CfdTest, NumbersOneVirtualChannelPerPair) {
+  CFD cfd(&tagger, {2, 3, 2}, 100);
+  EXPECT_EQ(cfd.getChannels(), (std::vector<int>{1000, 1001, 1000}));
+  for (int channel : {2, -2, 3, -3}) EXPECT_EQ(tagger.registrations(channel), 1) << channel;
+}
+
+std::map<int, int> closingToLeading(const std::vector<int>& channels) {
+  std::map<int, int> pairs;
+  for (int channel : channels) pairs.try_emplace(-channel, channel);
+  return pairs;
+}
+
+std::map<int, int> virtualsOf(CFD& cfd, const std::vector<int>& channels) {
+  std::map<int, int> virtuals;
+  const std::vector<int> numbers = cfd.getChannels();
+  for (size_t i = 0; i < channels.size(); ++i) virtuals[-channels[i]] = numbers[i];
+  return virtuals;
+}
+
+TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
+  std::mt19937_64 rng(99);
+  for (int trial = 0; trial < 30; ++trial) {
+    // Both edges of one input listed: each closes the pulse the other opened.
+    const std::vector<int> channels =
+        trial % 3 == 2 ? std::vector<int>{1, -1} : std::vector<int>{1, 2, 1};
+    StreamShape shape;
+    shape.channels = {1, -1, 2, -2, 3};
+    shape.tags = 400;
+    shape.mean_gap = 300;
+    shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 1;
+    const TagStream stream = makeRandomStream(rng, shape);
+    const int64_t window = std::vector<int64_t>{1, 2, 301, 900, 5000}[trial % 5];
+    const std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, 40));
+
+    Direct<CFD> cfd(&tagger, channels, window);
+    std::vector<Tag> actual;
+    std::vector<int64_t> ends;
+    for (const Block& block : blocks) {
+      std::vector<Tag> out = cfd.feed(block.tags, block.begin_time, block.end_time);
+      for (const Tag& tag : out) {
+        EXPECT_GE(tag.time, block.begin_time);
+        EXPECT_LT(tag.time, block.end_time);
+      }
+      actual.insert(actual.end(), out.begin(), out.end());
+      ends.push_back(block.end_time);
+    }
+    ASSERT_TRUE(std::is_sorted(actual.begin(), actual.end(),
+                               [](const Tag& a, const Tag& b) { return a.time < b.time; }))
+        << "trial " << trial;
+    const std::vector<Tag> expected =
+        reference(stream.tags, ends, closingToLeading(channels), virtualsOf(cfd, channels), window);
+    ASSERT_TRUE(sameTags(sortedWithinEqualTimes(actual), expected))
+        << "trial " << trial << ", window " << window;
+  }
+}
+
+}  // namespace cfd
+
+namespace average {
+using ::testing::_;
+using ::testing::NiceMock;
+using ::testing::Return;
+
+std::vector<int> channelList(size_t count) {
+  std::vector<int> list;
+  for (size_t i = 0; i < count; ++i) list.push_back(static_cast<int>(i / 2 + 1) * (i % 2 ? -1 : 1));
+  return list;
+}
+
+// A hardware tagger whose stream, fences and channel registry are those of
+// the test tagger, with mocked hardware operations and as many channels as
+// the test asks for (the test tagger has too few for this channel).
+class MockZeptick : public TestTaggerCore, public Zeptick {
+ public:
+  explicit MockZeptick(size_t channels = 36) {
+    ON_CALL(*this, getChannelList(_)).WillByDefault(Return(channelList(channels)));
+  }
+
+  MOCK_METHOD(void, reset, (), (override));
+  MOCK_METHOD(void, setTestSignalDivider, (int), (override));
+  MOCK_METHOD(int, getTestSignalDivider, (), (override));
+  MOCK_METHOD(void, setTriggerLevel, (int, double), (override));
+  MOCK_METHOD(double, getTriggerLevel, (int), (override));
+  MOCK_METHOD(int64_t, getHardwareDelayCompensation, (int), (override));
+  MOCK_METHOD(void, setInputMux, (int, int), (override));
+  MOCK_METHOD(int, getInputMux, (int), (override));
+  MOCK_METHOD(void, setConditionalFilter, (std::vector<int>, std::vector<int>, bool), (override));
+  MOCK_METHOD(void, clearConditionalFilter, (), (override));
+  MOCK_METHOD(std::vector<int>, getConditionalFilterTrigger, (), (override));
+  MOCK_METHOD(std::vector<int>, getConditionalFilterFiltered, (), (override));
+  MOCK_METHOD(void, setNormalization, (bool), (override));
+  MOCK_METHOD(bool, getNormalization, (), (override));
+  MOCK_METHOD(void, setHardwareBufferSize, (int), (override));
+  MOCK_METHOD(int, getHardwareBufferSize, (), (override));
+  MOCK_METHOD(void, setStreamBlockSize, (int, int), (override));
+  MOCK_METHOD(int, getStreamBlockSizeEvents, (), (override));
+  MOCK_METHOD(int, getStreamBlockSizeLatency, (), (override));
+  MOCK_METHOD(void, setEventDivider, (int, uint32_t), (override));
+  MOCK_METHOD(uint32_t, getEventDivider, (int), (override));
+  MOCK_METHOD(void, autoCalibration, (std::function<double*(size_t)>), (override));
+  MOCK_METHOD(std::string, getSerial, (), (override));
+  MOCK_METHOD(std::string, getModel, (), (override));
+  MOCK_METHOD(int, getChannelNumberScheme, (), (override));
+  MOCK_METHOD(std::vector<double>, getDACRange, (), (override));
+  MOCK_METHOD(void, getDistributionCount, (std::function<int64_t*(size_t, size_t)>), (override));
+  MOCK_METHOD(void, getDistributionPSecs, (std::function<int64_t*(size_t, size_t)>), (override));
+  MOCK_METHOD(std::vector<int>, getChannelList, (int), (override));
+  MOCK_METHOD(int64_t, getPsPerClock, (), (override));
+  MOCK_METHOD(std::string, getPcbVersion, (), (override));
+  MOCK_METHOD(std::string, getFirmwareVersion, (), (override));
+  MOCK_METHOD(std::string, getSensorData, (), (override));
+  MOCK_METHOD(void, setLED, (uint32_t), (override));
+  MOCK_METHOD(uint32_t, factoryAccess, (uint32_t, uint32_t, uint32_t, uint32_t), (override));
+};
+
+// Its workers start once the whole mock is built and stop before any of it
+// is torn down: they call into the mock.
+class RunningMock final : public NiceMock<MockZeptick> {
+ public:
+  explicit RunningMock(size_t channels = 36) : NiceMock<MockZeptick>(channels) { startWorkers(2); }
+  ~RunningMock() override { stopWorkers(); }
+};
+
+// The channel's rules on the whole stream: a time tag on an input takes that
+// input's latest time; if every input's latest time lies within the window
+// before it, a mean tag goes out at its time less the rounded-down mean
+// difference. Anything but a time tag forgets all latest times. Every tag
+// leaves with its own time, means behind stream tags of the same time, and
+// only what lies more than a window before the end leaves at all.
+std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>& channels,
+                           int64_t window, int virtual_channel, int64_t run_end) {
+  std::vector<Tag> means;
+  std::vector<std::optional<int64_t>> latest(channels.size());
+  for (const Tag& tag : input) {
+    if (tag.type != Tag::Type::TimeTag) {
+      std::fill(latest.begin(), latest.end(), std::nullopt);
+      continue;
+    }
+    for (size_t i = 0; i < channels.size(); ++i) {
+      if (channels[i] != tag.channel) continue;
+      latest[i] = tag.time;
+      int64_t sum = 0;
+      bool complete = true;
+      for (const auto& last : latest) {
+        complete = complete && last && tag.time - *last < window;
+        if (complete) sum += tag.time - *last;
+      }
+      if (complete) {
+        means.push_back(timeTag(virtual_channel, tag.time - sum / int64_t(channels.size())));
+      }
+    }
+  }
+  std::vector<Tag> out;
+  std::stable_sort(means.begin(), means.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  size_t next = 0;
+  for (const Tag& tag : input) {
+    while (next < means.size() && means[next].time < tag.time) out.push_back(means[next++]);
+    out.push_back(tag);
+  }
+  out.insert(out.end(), means.begin() + static_cast<ptrdiff_t>(next), means.end());
+  std::erase_if(out, [&](const Tag& tag) { return tag.time + window >= run_end; });
+  return out;
+}
+
+class AverageChannelTest : public ::testing::Test {
+ protected:
+  AverageChannelTest() { tagger.setIdleSpan(0); }
+  RunningMock tagger;
+};
+
+TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
+  RunningMock small(35);
+  try {
+    AverageChannel average(&small, 1, {1, 2});
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "The AverageChannel measurement class is only supported on Zeptick Ultra 18 "
+                 "devices.");
+  }
+  EXPECT_EQ(small.registrations(1), 0);
+
+  // Smaller in magnitude than the reference: 2; larger: 1; equal (the
+  // reference itself or its other edge): nothing.
+  ::testing::InSequence in_order;
+  EXPECT_CALL(tagger, setInputMux(2, 2));
+  EXPECT_CALL(tagger, setInputMux(-4, 1));
+  EXPECT_CALL(tagger, setInputMux(7, 1));
+  EXPECT_CALL(tagger, setInputMux(-1, 2));
+  AverageChannel average(&tagger, 3, {3, 2, -4, -3, 7, -1});
+  EXPECT_EQ(average.getChannel(), testing::kFirstVirtualChannel);
+  for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
+}
+
+TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
+  std::mt19937_64 rng(31);
+  const std::vector<std::vector<int>> inputs = {{1, 2, 3}, {2, -2, 2}, {4, 1, 3, 2, -1}};
+  for (size_t k = 0; k < inputs.size(); ++k) {
+    const std::vector<int>& channels = inputs[k];
+    SCOPED_TRACE("setup " + std::to_string(k));
+    int64_t window = 4000;
+    for (int channel : channels) {
+      window = std::max<int64_t>(window, std::abs(channel - 1) * 1000 + 4000);
+    }
+    testing::StreamShape shape;
+    shape.channels = {1, 2, 3, 4, -1, -2, 5};
+    shape.tags = 1500;
+    shape.mean_gap = 900;
+    shape.grid = k == 1 ? 1 : 100;  // differences of exactly one window: strictly outside
+    shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 0.5;
+    const TagStream stream = testing::makeRandomStream(rng, shape);
+    const int64_t run_end = stream.end_time + window + 1;
+    const std::vector<Tag> expected =
+        reference(stream.tags, channels, window, testing::kFirstVirtualChannel, run_end);
+    EXPECT_GT(std::count_if(expected.begin(), expected.end(),
+                            [](const Tag& tag) { return tag.channel == 1000; }),
+              30);
+
+    for (size_t most_cuts : {0, 5, 300, 3000}) {
+      SCOPED_TRACE(::testing::Message() << most_cuts << " cuts");
+      std::vector<Block> blocks =
+          testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts));
+      blocks.push_back(Block{{}, stream.end_time, run_end});
+      Direct<AverageChannel> average(&tagger, 1, channels);
+      std::vector<Tag> out;
+      for (const Block& block : blocks) {
+        std::vector<Tag> left = average.feed(block.tags, block.begin_time, block.end_time);
+        for (Tag& tag : left) {
+          EXPECT_LT(tag.time + window, block.end_time) << "left before its window had passed";
+          if (tag.channel == average.getChannel()) tag.channel = testing::kFirstVirtualChannel;
+          out.push_back(tag);
+        }
+      }
+      EXPECT_TRUE(sameTags(out, expected));
+    }
+  }
+}
+
+}  // namespace average
+
+}  // namespace
+}  // namespace zeptick
