@@ -22,23 +22,16 @@ class ScopedEnvironment {
  public:
   ScopedEnvironment(const char* name, std::optional<std::string> value) : name(name) {
     if (const char* old = std::getenv(name)) previous = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
+    set(value);
   }
-  ~ScopedEnvironment() {
-    if (previous) {
-      setenv(name, previous->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
-  }
+  ~ScopedEnvironment() { set(previous); }
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
  private:
+  void set(const std::optional<std::string>& value) {
+    value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+  }
   const char* name;
   std::optional<std::string> previous;
 };

@@ -3,13 +3,12 @@
 
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "device/file_searcher.h"
 #include "device_fixture.h"
+#include "support/log_capture.h"
 #include "zeptick/logging.h"
 
 namespace zeptick::testing {
@@ -17,16 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using device::searchFirmware;
-
-// Messages with their levels, which the search must get right too.
-std::mutex messages_mutex;
-std::vector<std::pair<int, std::string>> messages;
-void collect(LogLevel level, std::string message) {
-  std::lock_guard<std::mutex> guard(messages_mutex);
-  // Drop the "file:line: " prefix.
-  const size_t cut = message.find(": ");
-  messages.emplace_back(level, cut == std::string::npos ? message : message.substr(cut + 2));
-}
 
 // Runs each test in an empty working directory of its own, with no firmware
 // settings in the environment and no custom file.
@@ -39,17 +28,15 @@ class FirmwareSearch : public ::testing::Test {
     fs::create_directories(directory);
     fs::current_path(directory);
     setCustomBitFileName("");
-    messages.clear();
-    setLogger(&collect);
   }
   void TearDown() override {
-    setLogger(nullptr);
     setCustomBitFileName("");
     fs::current_path(previous_directory);
     fs::remove_all(directory);
   }
   void createLocal(const std::string& name) { std::ofstream(directory / name) << "bits"; }
 
+  LogCapture log;
   fs::path previous_directory;
   fs::path directory;
   ScopedEnvironment base{"ZEPTICK_BASE_DIRECTORY", std::nullopt};
@@ -61,20 +48,19 @@ TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation
   createLocal("ZeptickUltraController.bit");
   setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
   setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "fw", 1);
-  using Message = std::pair<int, std::string>;
-
   // A custom file wins even when it does not exist.
   setCustomBitFileName("/nowhere/custom.bit");
   EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "/nowhere/custom.bit");
-  EXPECT_EQ(messages, (std::vector<Message>{{30, "Loading custom bitfile '/nowhere/custom.bit'"}}));
+  EXPECT_EQ(log.messages().size(), 1u);
+  EXPECT_TRUE(log.contains(LOGGER_WARNING, ": Loading custom bitfile '/nowhere/custom.bit'"));
   setCustomBitFileName("");
-  messages.clear();
-
+  log.reset();
   EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "./ZeptickUltraController.bit");
-  EXPECT_EQ(messages, (std::vector<Message>{{30,
-                                             "INFO: Loading bitfile from current directory: "
-                                             "ZeptickUltraController.bit"}}));
-  messages.clear();
+  EXPECT_EQ(log.messages().size(), 1u);
+  EXPECT_TRUE(
+      log.contains(LOGGER_WARNING,
+                   ": INFO: Loading bitfile from current directory: ZeptickUltraController.bit"));
+  log.reset();
   // Only a file of that very name counts.
   EXPECT_EQ(searchFirmware("Other.bit"), "/opt/zeptick/fw/Other.bit");
   // A missing subdirectory reads as empty, and the search still gives a path.
@@ -93,7 +79,7 @@ TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation
     EXPECT_EQ(beside, device::firmwareDirectoryBesideLibrary() + "/ZeptickController.bit");
     EXPECT_TRUE(fs::is_regular_file(beside)) << beside;
   }
-  EXPECT_TRUE(messages.empty());
+  EXPECT_TRUE(log.messages().empty());
 }
 
 }  // namespace

@@ -72,79 +72,60 @@ TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
   EXPECT_TRUE(log.contains("PipeBackend: Pipe transfer failed, second run, len=1024"));
 }
 
-TEST_F(PipeBackendTest, WiresReachTheBoardOnlyAtUpdate) {
-  auto board = attach(boardEntry("WIRES", 36, 5));
-  PipeBackend backend;
-  ASSERT_TRUE(backend.openDevice("WIRES"));
-  ASSERT_TRUE(backend.setWire(0x08, 0xA5));
-  EXPECT_EQ(backend.getWireIn(0x08), 0xA5u);
-  EXPECT_NE(board->wireIn(0x08), 0xA5u);
-  ASSERT_TRUE(backend.updateWires());
-  EXPECT_EQ(board->wireIn(0x08), 0xA5u);
-
-  const unsigned char table[16] = {1, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0};
-  EXPECT_TRUE(backend.trigger(0x41, 0));
-  EXPECT_TRUE(backend.writePipe(0x80, table, sizeof(table)));
-}
-
-TEST_F(PipeBackendTest, LedAndTestSignalWordsFollowTheModel) {
+// Wires reach the board only at the update. The Zeptick 20 keeps LED bits 0-2,
+// moves bits 16-18 down to 8-10 and drops the rest, and takes the test signal
+// divider as it is; the Ultra takes the LEDs whole and the divider doubled.
+TEST_F(PipeBackendTest, WiresReachTheBoardAtUpdateInTheModelsLayout) {
   auto boards = attachAll({boardEntry("LED20", 4, 2), boardEntry("LEDU", 36, 5)});
-  PipeBackend z20;
-  PipeBackend ultra;
+  PipeBackend z20, ultra;
   ASSERT_TRUE(z20.openDevice("LED20"));
   ASSERT_TRUE(ultra.openDevice("LEDU"));
-
-  // Bits 0-2 stay, bits 16-18 move down to 8-10, everything else is dropped.
-  ASSERT_TRUE(z20.setLed(0xFFFFFFFF));
-  ASSERT_TRUE(z20.setTestSignalDivider(63));
-  ASSERT_TRUE(z20.updateWires());
-  EXPECT_EQ(boards[0]->wireIn(0x0C), 0x707u);
-  EXPECT_EQ(boards[0]->wireIn(0x09), 63u);
-  EXPECT_EQ(boards[0]->wireIn(0x0B), 31u);
-  ASSERT_TRUE(z20.setLed(0x50005));
-  ASSERT_TRUE(z20.updateWires());
-  EXPECT_EQ(boards[0]->wireIn(0x0C), 0x505u);
-
-  ASSERT_TRUE(ultra.setLed(0x12345678));
-  ASSERT_TRUE(ultra.setTestSignalDivider(63));
-  ASSERT_TRUE(ultra.updateWires());
-  EXPECT_EQ(boards[1]->wireIn(0x0C), 0x12345678u);
-  EXPECT_EQ(boards[1]->wireIn(0x09), 126u);
-  EXPECT_EQ(boards[1]->wireIn(0x0B), 63u);
+  ASSERT_TRUE(ultra.setWire(0x08, 0xA5));
+  EXPECT_EQ(ultra.getWireIn(0x08), 0xA5u);
+  EXPECT_NE(boards[1]->wireIn(0x08), 0xA5u);
+  struct Case {
+    PipeBackend* backend;
+    int board;
+    uint32_t led, expected_led, expected_period, expected_half;
+  };
+  for (const Case& c : {Case{&z20, 0, 0xFFFFFFFF, 0x707, 63, 31},
+                        {&z20, 0, 0x50005, 0x505, 63, 31},
+                        {&ultra, 1, 0x12345678, 0x12345678, 126, 63}}) {
+    ASSERT_TRUE(c.backend->setLed(c.led));
+    ASSERT_TRUE(c.backend->setTestSignalDivider(63));
+    ASSERT_TRUE(c.backend->updateWires());
+    EXPECT_EQ(boards[c.board]->wireIn(0x0C), c.expected_led);
+    EXPECT_EQ(boards[c.board]->wireIn(0x09), c.expected_period);
+    EXPECT_EQ(boards[c.board]->wireIn(0x0B), c.expected_half);
+  }
+  EXPECT_EQ(boards[1]->wireIn(0x08), 0xA5u);
 }
 
 TEST_F(PipeBackendTest, DacWritesReachTheRightConverter) {
   auto boards = attachAll({boardEntry("DAC20", 4, 2), boardEntry("DACU", 36, 5)});
-  PipeBackend z20;
-  PipeBackend ultra;
+  PipeBackend z20, ultra;
   ASSERT_TRUE(z20.openDevice("DAC20"));
   ASSERT_TRUE(ultra.openDevice("DACU"));
   boards[0]->clearTraffic();
   boards[1]->clearTraffic();
-
   // Zeptick 20: value 0xABCD on channel 5, command 3 -> 0xABCD0 and 0x3000 | 0x500 | 0xA.
   ASSERT_TRUE(z20.setDac(5, 0xABCD));
   ASSERT_EQ(boards[0]->dacWrites().size(), 1u);
   EXPECT_EQ(boards[0]->dacWrites()[0].wire3, 0xABCD0u);
   EXPECT_EQ(boards[0]->dacWrites()[0].wire4, 0x350Au);
-
   // Ultra: inputs 0-15 on the first converter, the rest on the second.
-  ASSERT_TRUE(ultra.setDac(5, 0x1234));
-  ASSERT_TRUE(ultra.setDac(15, 0xFFFF));
-  ASSERT_TRUE(ultra.setDac(17, 0x8000));
-  const auto words = boards[1]->serialWords();
-  ASSERT_EQ(words.size(), 3u);
-  EXPECT_EQ(words[0].select, 1u);
-  EXPECT_EQ(words[0].word, 0x351234u);
-  EXPECT_EQ(words[1].select, 1u);
-  EXPECT_EQ(words[1].word, 0x3FFFFFu);
-  EXPECT_EQ(words[2].select, 2u);
-  EXPECT_EQ(words[2].word, 0x318000u);
-  // The select bits are taken back after each transfer.
-  EXPECT_EQ(boards[1]->wireIn(0x04), 0x30000u);
+  std::vector<std::pair<uint32_t, uint32_t>> words;
+  for (auto [channel, value] : {std::pair{5, 0x1234}, {15, 0xFFFF}, {17, 0x8000}}) {
+    ASSERT_TRUE(ultra.setDac(channel, static_cast<uint16_t>(value)));
+  }
+  for (const auto& word : boards[1]->serialWords()) words.emplace_back(word.select, word.word);
+  EXPECT_EQ(words, (std::vector<std::pair<uint32_t, uint32_t>>{
+                       {1, 0x351234}, {1, 0x3FFFFF}, {2, 0x318000}}));
+  EXPECT_EQ(boards[1]->wireIn(0x04), 0x30000u);  // the select bits are taken back
 }
 
 // The board reports busy for this many status polls, then done; -1 for never.
+// Revision 3 is the first whose I2C core the start-up enables.
 TEST_F(PipeBackendTest, BusesThatStayBusyTooLongFail) {
   struct Case {
     const char* setting;
@@ -158,18 +139,15 @@ TEST_F(PipeBackendTest, BusesThatStayBusyTooLongFail) {
                         {"i2c_busy_polls", 1001, true},
                         {"i2c_busy_polls", 1002, false}}) {
     SCOPED_TRACE(std::string(c.setting) + " " + std::to_string(c.busy_polls));
-    // Revision 3 is the first whose I2C core the start-up enables.
     nlohmann::json entry = boardEntry("BUS", 36, 3);
     entry[c.setting] = c.busy_polls;
     auto board = attach(entry);
     PipeBackend backend;
     ASSERT_TRUE(backend.openDevice("BUS"));
-    if (c.setting[0] == 's') {
-      EXPECT_EQ(backend.writeBusWord(4, 0x123456), c.succeeds);
-      EXPECT_EQ(board->wireIn(0x04), 0x30000u);  // the select bits are taken back
-    } else {
-      EXPECT_EQ(backend.i2cWrite(0x30, 0x90), c.succeeds);
-    }
+    const bool serial = c.setting[0] == 's';
+    EXPECT_EQ(serial ? backend.writeBusWord(4, 0x123456) : backend.i2cWrite(0x30, 0x90),
+              c.succeeds);
+    EXPECT_EQ(board->wireIn(0x04), 0x30000u);  // the select bits are taken back
   }
 }
 

@@ -94,17 +94,15 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
   EXPECT_EQ(emulator::findBoard("DL-20"), nullptr);
 
   // Both models start up through the loaded table; the wires show it reached the boards.
-  PipeBackend z20(1024, 1000, api);
+  PipeBackend z20(1024, 1000, api), ultra(1024, 1000, api), old(1024, 1000, api);
   ASSERT_TRUE(z20.openDevice("DL-20"));
   EXPECT_EQ(z20.modelName(), "ZT-20");
   EXPECT_EQ(z20.getWireIn(0x04), 0x800u);
-  PipeBackend ultra(1024, 1000, api);
   ASSERT_TRUE(ultra.openDevice("DL-ULTRA"));
   EXPECT_EQ(ultra.revision(), 5u);
   EXPECT_EQ(ultra.getWireIn(0x04), 0x30000u);
   EXPECT_NEAR(ultra.readVoltage(9), 12.0, 0.015);
   EXPECT_NE(ultra.getSensorReport().find("\n11611 incurr\t"), std::string::npos);
-  PipeBackend old(1024, 1000, api);
   ASSERT_TRUE(old.openDevice("DL-OLD"));
   EXPECT_EQ(old.getSensorReport().find("6615"), std::string::npos);
 
