@@ -9,8 +9,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "emulator/stream/stream_model.h"
 
 namespace zeptick::emulator::testing {
@@ -32,43 +30,36 @@ class ReferenceDecoder {
   std::vector<Decoded> decode(const std::vector<uint32_t>& words) {
     std::vector<Decoded> out;
     for (uint32_t w : words) {
-      const int64_t tick = w & 0xFFFF;
       const int bin = static_cast<int>((w >> 16) & 0xFF);
       const int code = static_cast<int>((w >> 24) & 0x3F);
       const int kind = static_cast<int>(w >> 30);
       Decoded d{Decoded::Kind::Filler};
       d.position = position_++;
-      if (kind == 0) {
-      } else if (code == 62) {
+      if (kind != 0 && code == 62) {
         d.kind = Decoded::Kind::Rollover;
         d.periods = kind == 1 ? 1 : kind == 2 ? bin : bin * 256;
         if (kind == 1) d.fence = bin;
         base_ += d.periods * 65536;
         d.clock = base_;
-      } else if (code == 63) {
+      } else if (kind != 0 && code == 63) {
         if (kind == 1) base_ += 65536;
         d.kind = kind == 1   ? Decoded::Kind::Error
                  : kind == 2 ? Decoded::Kind::OverflowBegin
                              : Decoded::Kind::OverflowEnd;
-        d.clock = base_ + tick;
-      } else if (code < 58) {
+        d.clock = base_ + (w & 0xFFFF);
+      } else if (kind != 0 && code < 58) {
+        d.kind = kind == 1 ? Decoded::Kind::Event : Decoded::Kind::Missed;
         d.index = code;
-        d.clock = base_ + tick;
+        d.clock = base_ + (w & 0xFFFF);
         d.bin = bin;
-        if (kind == 1) {
-          d.kind = Decoded::Kind::Event;
-        } else {
-          d.kind = Decoded::Kind::Missed;
-          d.missed = kind == 2 ? static_cast<uint32_t>(bin) : static_cast<uint32_t>(bin) * 256;
-        }
-      } else {
+        if (kind != 1) d.missed = static_cast<uint32_t>(kind == 2 ? bin : bin * 256);
+      } else if (kind != 0) {
         throw std::runtime_error("a board without a Synchronizer sent a sync word");
       }
       out.push_back(d);
     }
     return out;
   }
-
   int64_t base() const { return base_; }
 
  private:
@@ -93,7 +84,7 @@ inline std::vector<Decoded> readFor(StreamModel& model, ReferenceDecoder& decode
     std::vector<Decoded> part = decoder.decode(readWords(model, 4096));
     all.insert(all.end(), part.begin(), part.end());
   }
-  while (!all.empty() && all.back().clock >= end) all.pop_back();
+  std::erase_if(all, [end](const Decoded& d) { return d.clock >= end; });
   return all;
 }
 
@@ -106,32 +97,38 @@ inline std::vector<Decoded> only(const std::vector<Decoded>& all, Decoded::Kind 
   return out;
 }
 
-/// The event's time in ps: its cycle plus the middle of its fine bin.
-inline double timePs(const Decoded& event, const std::vector<int64_t>& upper, int64_t ps) {
-  const int64_t lower = event.bin == 0 ? 0 : upper[static_cast<size_t>(event.bin) - 1];
-  return static_cast<double>(event.clock * ps) +
-         0.5 * static_cast<double>(lower + upper[static_cast<size_t>(event.bin)]);
+/// The times in ps of the events of `index`: cycle plus the middle of the fine bin.
+inline std::vector<double> eventTimes(const StreamModel& model, const std::vector<Decoded>& all,
+                                      int index, int64_t ps) {
+  const std::vector<int64_t> upper = model.binUpperEdges(index);
+  std::vector<double> times;
+  for (const Decoded& d : only(all, Decoded::Kind::Event, index)) {
+    const int64_t lower = d.bin == 0 ? 0 : upper[static_cast<size_t>(d.bin) - 1];
+    times.push_back(static_cast<double>(d.clock * ps) +
+                    0.5 * static_cast<double>(lower + upper[static_cast<size_t>(d.bin)]));
+  }
+  return times;
 }
 
-inline StreamParameters board(int model, int inputs, int64_t ps_per_clock, int bin_count,
-                              bool paced, uint64_t seed) {
+inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
   StreamParameters p;
-  p.model = model;
-  p.inputs = inputs;
-  p.ps_per_clock = ps_per_clock;
-  p.bin_count = bin_count;
+  p.model = 36;
+  p.inputs = 18;
+  p.ps_per_clock = 2500;
+  p.bin_count = 256;
   p.seed = seed;
   p.paced = paced;
   p.usb_words_per_second = 1e8;
   return p;
 }
 
-inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
-  return board(36, 18, 2500, 256, paced, seed);
-}
-
 inline StreamParameters model20(bool paced = false, uint64_t seed = 7) {
-  return board(4, 8, 6000, 180, paced, seed);
+  StreamParameters p = ultra(paced, seed);
+  p.model = 4;
+  p.inputs = 8;
+  p.ps_per_clock = 6000;
+  p.bin_count = 180;
+  return p;
 }
 
 /// Every listed hardware index enabled, all trigger levels at `level`, no
