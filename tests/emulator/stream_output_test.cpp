@@ -36,7 +36,7 @@ std::vector<uint64_t> channelKeys(unsigned index, size_t count, int64_t begin, i
 // stream, a dominant one, equal ones, many), in two windows, with and without
 // a buffer that never fills: the words must be every event exactly once, in
 // the order of a plain sort of all keys by time and then channel.
-TEST(StreamMergeTest, WordsFollowASortOfAllChannelsEvents) {
+TEST(StreamOutputTest, WordsFollowASortOfAllChannelsEvents) {
   // clang-format off
   const std::vector<std::vector<size_t>> mixes = {{1}, {900}, {500, 3}, {300, 300}, {200, 200, 200},
       {3, 400, 10, 10, 10}, {100, 100, 100, 100}, {5, 50, 500, 3000, 50, 7, 300},
@@ -72,6 +72,40 @@ TEST(StreamMergeTest, WordsFollowASortOfAllChannelsEvents) {
       EXPECT_EQ(words, expected);
     }
   }
+}
+
+// Far into the stream (past 2^39 cycles, short of the rebase at 2^40) an
+// overflow must end on its own cycle, not at the end of the window: the words
+// of an overloaded window are the same wherever the window lies.
+TEST(StreamOutputTest, OverflowsEndOnTheirCycleAtAnyStreamPosition) {
+  auto window = [](int64_t start) {
+    StreamOutput out(2500, false, 1e8);
+    out.setBuffer(16);
+    out.skipQuietTo(start);
+    out.advanceTo(start);
+    std::vector<unsigned char> sink(4 * out.available());
+    out.take(sink.data(), out.available());
+    const int64_t begin = start + StreamOutput::kPeriodClocks;
+    constexpr int64_t kWindow = 60000;
+    KeyBuffer keys;
+    uint64_t* key = keys.prepare(kWindow / 2);
+    for (int64_t c = 0; c < kWindow; c += 2) {
+      const auto tick = static_cast<unsigned>((begin + c) & 0xFFFF);
+      *key++ = eventKey(tick, 100, nativeWord(1, 0, 0, tick));
+    }
+    keys.resize(kWindow / 2);
+    const KeyBuffer* streams[] = {&keys};
+    out.advanceTo(begin);
+    out.merge(streams, 1);
+    out.advanceTo(begin + kWindow - 1);
+    std::vector<uint32_t> words(out.available());
+    out.take(reinterpret_cast<unsigned char*>(words.data()), words.size());
+    return words;
+  };
+  const auto early = window(3 * StreamOutput::kPeriodClocks);
+  EXPECT_GE(std::count_if(early.begin(), early.end(), [](uint32_t w) { return w >> 24 == 0xFF; }),
+            10);
+  EXPECT_EQ(window((int64_t{1} << 39) + StreamOutput::kPeriodClocks), early);
 }
 
 }  // namespace
