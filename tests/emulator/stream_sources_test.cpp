@@ -21,27 +21,24 @@ using testing::Decoded;
 using testing::eventTimes;
 using testing::ReferenceDecoder;
 
-double mean(const std::vector<double>& values) {
-  double sum = 0;
+// The mean and the RMS deviation from it.
+std::pair<double, double> spread(const std::vector<double>& values) {
+  double sum = 0, squares = 0;
   for (double v : values) sum += v;
-  return sum / static_cast<double>(values.size());
+  const double mean = sum / static_cast<double>(values.size());
+  for (double v : values) squares += (v - mean) * (v - mean);
+  return {mean, std::sqrt(squares / static_cast<double>(values.size()))};
 }
 
-double rms(const std::vector<double>& values) {
-  const double m = mean(values);
-  double sum = 0;
-  for (double v : values) sum += (v - m) * (v - m);
-  return std::sqrt(sum / static_cast<double>(values.size()));
-}
-
-TEST(StreamSourcesTest, RatesJitterAndPairDelaysMatchTheDescription) {
+TEST(StreamSourcesTest, RatesJitterDelaysAndBurstsMatchTheDescription) {
   const auto p = testing::ultra();
   StreamModel model(p, json::parse(R"([
     {"type": "poisson", "input": 1, "rate_hz": 200000},
     {"type": "periodic", "input": 2, "period_ps": 100000, "jitter_ps": 50, "phase_ps": 700},
-    {"type": "pairs", "inputs": [3, 4], "delays_ps": [0, 1500], "jitter_ps": 30, "rate_hz": 5e5}
+    {"type": "pairs", "inputs": [3, 4], "delays_ps": [0, 1500], "jitter_ps": 30, "rate_hz": 5e5},
+    {"type": "bursts", "input": 5, "rate_hz": 20000, "events": 5, "spacing_ps": 20000}
   ])"));
-  model.configure(testing::enable(p, {0, 1, 2, 3}));
+  model.configure(testing::enable(p, {0, 1, 2, 3, 4}));
   ReferenceDecoder decoder;
   const int64_t clocks = 40'000'000;  // 0.1 s
   const auto all = testing::readFor(model, decoder, clocks);
@@ -64,8 +61,9 @@ TEST(StreamSourcesTest, RatesJitterAndPairDelaysMatchTheDescription) {
   for (size_t k = 0; k < periodic.size(); ++k) {
     deviation.push_back(periodic[k] - 100000.0 * static_cast<double>(k));
   }
-  EXPECT_NEAR(mean(deviation), 700.0 + static_cast<double>(model.inputLatency(1)), 8.0);
-  EXPECT_NEAR(rms(deviation), 50.0, 2.0);
+  const auto [mean, rms] = spread(deviation);
+  EXPECT_NEAR(mean, 700.0 + static_cast<double>(model.inputLatency(1)), 8.0);
+  EXPECT_NEAR(rms, 50.0, 2.0);
 
   // Pairs: each first member's partner is the next event of the second input
   // within ten jitters of the delay (overlapping pairs may swap partners).
@@ -80,8 +78,25 @@ TEST(StreamSourcesTest, RatesJitterAndPairDelaysMatchTheDescription) {
     if (j < second.size() && second[j] < t + delay + 300) delays.push_back(second[j] - t);
   }
   EXPECT_GT(delays.size(), first.size() * 99 / 100);
-  EXPECT_NEAR(mean(delays), delay, 2.0);
-  EXPECT_NEAR(rms(delays), 30.0, 2.0);
+  EXPECT_NEAR(spread(delays).first, delay, 2.0);
+  EXPECT_NEAR(spread(delays).second, 30.0, 2.0);
+
+  // Bursts, 50 us apart on average, keep the spacing inside; now and then two
+  // overlap and make one larger group.
+  const auto bursts = eventTimes(model, all, 4, 2500);
+  ASSERT_GT(bursts.size(), 5000u);
+  size_t start = 0, groups = 0, regular = 0;
+  for (size_t k = 1; k < bursts.size(); ++k) {
+    if (bursts[k] - bursts[k - 1] < 100'000) continue;
+    ++groups;
+    ASSERT_GE(k - start, 5u) << "burst at " << bursts[start];
+    for (size_t i = start + 1; i < k && k - start == 5; ++i) {
+      ASSERT_NEAR(bursts[i] - bursts[i - 1], 20000, 15);
+    }
+    regular += k - start == 5;
+    start = k;
+  }
+  EXPECT_GE(regular, groups * 95 / 100);
 }
 
 TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
@@ -132,29 +147,6 @@ TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
     const auto trail = std::lower_bound(up2.begin(), up2.end(), lead + 7000 - 15);
     ASSERT_TRUE(trail != up2.end() && *trail <= lead + 7000 + 15) << lead;
   }
-}
-
-TEST(StreamSourcesTest, BurstsComeAsGroupsWithTheirSpacing) {
-  const auto p = testing::ultra();
-  StreamModel model(p, json::parse(R"([{"type": "bursts", "input": 3, "rate_hz": 20000,
-      "events": 5, "spacing_ps": 20000}])"));
-  model.configure(testing::enable(p, {2}));
-  ReferenceDecoder decoder;
-  const auto times = eventTimes(model, testing::readFor(model, decoder, 8'000'000), 2, 2500);
-  ASSERT_GT(times.size(), 1000u);
-  // Now and then two bursts overlap and make one larger group.
-  size_t start = 0, groups = 0, regular = 0;
-  for (size_t k = 1; k < times.size(); ++k) {
-    if (times[k] - times[k - 1] < 100'000) continue;
-    ++groups;
-    ASSERT_GE(k - start, 5u) << "burst at " << times[start];
-    if (k - start == 5) {
-      ++regular;
-      for (size_t i = start + 1; i < k; ++i) ASSERT_NEAR(times[i] - times[i - 1], 20000, 15);
-    }
-    start = k;
-  }
-  EXPECT_GE(regular, groups * 95 / 100);
 }
 
 TEST(StreamSourcesTest, BadDescriptionsAreRefusedWithClearMessages) {
