@@ -1,189 +1,163 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <functional>
 #include <limits>
-#include <stdexcept>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "support/log_capture.h"
 #include "zeptick_impl_fixture.h"
 
 namespace zeptick::testing {
 namespace {
 
-class ConfigurationSettings : public EmulatedTagger {};
+using Configuration = EmulatedTagger;
 
 // The code the board's DAC of `input` received last, from the serial-bus words.
 int lastDacCode(emulator::BoardControl& board, int input) {
   int code = -1;
   for (const emulator::SerialWord& word : board.serialWords()) {
-    if ((word.word >> 20) != 3) continue;
     const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-    if (dac == input) code = static_cast<int>(word.word & 0xFFFF);
+    if ((word.word >> 20) == 3 && dac == input) code = static_cast<int>(word.word & 0xFFFF);
   }
   return code;
 }
 
-TEST_F(ConfigurationSettings, TriggerLevelsClampRoundAndReachTheDac) {
+// Each row is one call, in order on one tagger: what it returns (for a setter,
+// the getter read right after it), and the exception it throws or the one
+// warning it logs ("": neither).
+TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   ZeptickImpl& zt = open(ultraBoard("CFG1"));
-  zt.setTriggerLevel(3, -10.0);
-  zt.setTriggerLevel(4, 10.0);
-  // 1 V: (1 + 2.5) * 65535 / 5 = 45874.5, rounded half away from zero.
-  zt.setTriggerLevel(-5, 1.0);
-  zt.sync();
-  EXPECT_EQ(lastDacCode(*board, 2), 0);
-  EXPECT_EQ(lastDacCode(*board, 3), 65535);
-  EXPECT_EQ(lastDacCode(*board, 4), 45875) << "a falling channel sets its input's level";
-  EXPECT_DOUBLE_EQ(zt.getTriggerLevel(3), -2.5);
-  EXPECT_DOUBLE_EQ(zt.getTriggerLevel(-4), 2.5);
-  EXPECT_NEAR(zt.getTriggerLevel(5), 1.0, 5.0 / 65535);
-}
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  constexpr int kUnknown = 40;
+  using Z = ZeptickImpl&;
+  struct Row {
+    std::function<double(Z)> run;
+    double value;
+    std::string message = "";
+  };
+  const std::string events_message = "max_events must be between 256 and 32*10^6 events";
+  const std::string latency_message = "max_latency must be between 1 millisecond and 10 seconds";
+  const std::vector<Row> rows = {
+      {[](Z z) { return z.setTriggerLevel(3, -10.0), z.getTriggerLevel(3); }, -2.5},
+      {[](Z z) { return z.setTriggerLevel(4, 10.0), z.getTriggerLevel(-4); }, 2.5},
+      // 1 V: (1 + 2.5) * 65535 / 5 = 45874.5, rounded half away from zero: 45875.
+      {[](Z z) { return z.setTriggerLevel(-5, 1.0), z.getTriggerLevel(5); },
+       45875 * 5.0 / 65535 - 2.5},
+      {[](Z z) { return z.getDeadtime(1); }, 2500},
+      {[](Z z) { return z.setDeadtime(1, 0); }, 2500},
+      {[](Z z) { return z.setDeadtime(1, 3749); }, 2500},
+      {[](Z z) { return z.setDeadtime(1, 3750); }, 5000},
+      {[](Z z) { return z.setDeadtime(-1, int64_t{1} << 40); }, 65535 * 2500},
+      {[](Z z) { return z.getDeadtime(1); }, 5000},
+      {[](Z z) { return z.setDeadtime(3, kMax); }, 65535 * 2500},
+      {[](Z z) { return z.setDeadtime(3, kMin); }, 2500},
+      {[](Z z) { return z.setInputDelay(3, kMax), z.getInputDelay(3); }, 1e17},
+      {[](Z z) { return z.setInputDelay(4, kMin), z.getInputDelay(4); }, -1e17},
+      {[](Z z) { return z.setEventDivider(2, 70000), z.getEventDivider(2); }, 65535},
+      {[](Z z) { return z.getEventDivider(-2); }, 0},
+      {[](Z z) { return z.setInputMux(6, 2), z.getInputMux(-6); }, 2},
+      {[](Z z) { return z.getTestSignal(6); }, 0},
+      {[](Z z) {
+         return z.setTestSignal(std::vector<int>{-6, 7}, true), z.getInputMux(6);
+       },
+       3},
+      {[](Z z) { return z.getTestSignal(-7); }, 1},
+      {[](Z z) { return z.setTestSignal(7, false), z.getInputMux(7); }, 0},
+      {[](Z z) { return z.setHardwareBufferSize(1), z.getHardwareBufferSize(); }, 32768},
+      {[](Z z) { return z.setHardwareBufferSize(1 << 30), z.getHardwareBufferSize(); }, 536870912},
+      {[](Z z) { return z.setStreamBlockSize(33554433, 20), 0; }, 0, events_message},
+      {[](Z z) { return z.setStreamBlockSize(255, 20), 0; }, 0, events_message},
+      {[](Z z) { return z.setStreamBlockSize(1000, 0), 0; }, 0, latency_message},
+      {[](Z z) { return z.setStreamBlockSize(1000, 10001), 0; }, 0, latency_message},
+      // The limit is 32 * 2^20, above the message's figure.
+      {[](Z z) { return z.setStreamBlockSize(33554432, 20), z.getStreamBlockSizeEvents(); },
+       33554432},
+      {[](Z z) { return z.setStreamBlockSize(1000, 10000), z.getStreamBlockSizeLatency(); }, 10000},
+      {[](Z z) { return z.setTriggerLevel(kUnknown, 1.0), 0; }, 0,
+       "Tried to configure the trigger level for an unknown channel"},
+      {[](Z z) { return z.getTriggerLevel(kUnknown); }, 0,
+       "Tried to fetch the trigger level for an unknown channel"},
+      {[](Z z) { return z.setInputMux(kUnknown, 1), 0; }, 0,
+       "Tried to set the input multiplexer of an unknown channel"},
+      {[](Z z) { return z.getInputMux(kUnknown); }, 0,
+       "Tried to get the input multiplexer of an unknown channel"},
+      {[](Z z) { return z.setTestSignal(kUnknown, true), 0; }, 0,
+       "Tried to set the test signal of an unknown channel"},
+      {[](Z z) { return z.getTestSignal(kUnknown); }, 0,
+       "Tried to query the test signal of an unknown channel"},
+      {[](Z z) { return z.setEventDivider(kUnknown, 2), 0; }, 0,
+       "Tried to configure the event divider for an unknown channel"},
+      {[](Z z) { return z.getEventDivider(kUnknown); }, 0,
+       "Tried to query the event divider for an unknown channel"},
+      {[](Z z) { return z.setInputDelay(kUnknown, 5), 0; }, 0,
+       "Tried to set the input delay of an unknown channel"},
+      {[](Z z) { return z.getInputDelay(kUnknown); }, 0,
+       "Tried to get the input delay of an unknown channel"},
+      {[](Z z) { return z.setDeadtime(kUnknown, 5000); }, 0,
+       "Tried to configure the deadtime for an unknown channel"},
+      {[](Z z) { return z.getDeadtime(kUnknown); }, 0,
+       "Tried to query the deadtime for an unknown channel"},
+      {[](Z z) { return z.getHardwareDelayCompensation(kUnknown); }, 0,
+       "Tried to get the hardware delay compensation of an unknown channel"},
+      {[](Z z) { return z.registerChannel(0), 0; }, 0, "Tried to register an unknown channel"},
+      {[](Z z) { return z.unregisterChannel(-40), 0; }, 0,
+       "Tried to unregister an unknown channel"},
+      {[](Z z) {
+         const int channel = z.getNewVirtualChannel();
+         return z.registerChannel(channel), z.unregisterChannel(channel), 0;
+       },
+       0},
+  };
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const Row& row = rows[i];
+    SCOPED_TRACE("row " + std::to_string(i));
+    LogCapture log;
+    double got = NAN;
+    const std::string error = invalidArgument([&] { got = row.run(zt); });
+    if (error != "no exception") {
+      EXPECT_EQ(error, row.message);
+      continue;
+    }
+    EXPECT_NEAR(got, row.value, 1e-6);
+    const std::vector<std::string> messages = log.messages();
+    EXPECT_EQ(messages.size(), row.message.empty() ? 0u : 1u);
+    EXPECT_TRUE(row.message.empty() || log.contains(row.message)) << row.message;
+  }
 
-TEST_F(ConfigurationSettings, DeadtimeRoundsToClocksAndDividerClamps) {
-  ZeptickImpl& zt = open(ultraBoard("CFG2"));
-  EXPECT_EQ(zt.getDeadtime(1), 2500) << "one clock by default";
-  EXPECT_EQ(zt.setDeadtime(1, 0), 2500) << "never below one clock";
-  EXPECT_EQ(zt.setDeadtime(1, 3749), 2500);
-  EXPECT_EQ(zt.setDeadtime(1, 3750), 5000);
-  EXPECT_EQ(zt.setDeadtime(-1, int64_t{1} << 40), 65535 * 2500);
-  EXPECT_EQ(zt.getDeadtime(-1), 65535 * 2500);
-  EXPECT_EQ(zt.getDeadtime(1), 5000) << "each edge has its own dead time";
-  // Extreme requests clamp instead of overflowing while rounding.
-  EXPECT_EQ(zt.setDeadtime(3, std::numeric_limits<int64_t>::max()), 65535 * 2500);
-  EXPECT_EQ(zt.setDeadtime(3, std::numeric_limits<int64_t>::min()), 2500);
-  zt.setInputDelay(3, std::numeric_limits<int64_t>::max());
-  zt.setInputDelay(4, std::numeric_limits<int64_t>::min());
-  EXPECT_EQ(zt.getInputDelay(3), 100'000'000'000'000'000);
-  EXPECT_EQ(zt.getInputDelay(4), -100'000'000'000'000'000);
-  EXPECT_TRUE(zt.sync()) << "the stream goes on with the clamped delays";
-
-  zt.setEventDivider(2, 70000);
-  EXPECT_EQ(zt.getEventDivider(2), 65535u);
-  zt.setEventDivider(2, 7);
-  EXPECT_EQ(zt.getEventDivider(2), 7u);
-  EXPECT_EQ(zt.getEventDivider(-2), 0u);
-}
-
-TEST_F(ConfigurationSettings, InputMuxAndTestSignalShareTheRisingChannel) {
-  ZeptickImpl& zt = open(ultraBoard("CFG3"));
-  zt.setInputMux(6, 2);
-  EXPECT_EQ(zt.getInputMux(-6), 2);
-  EXPECT_FALSE(zt.getTestSignal(6)) << "only multiplexer 3 is the test signal";
-  zt.setTestSignal(std::vector<int>{-6, 7}, true);
-  EXPECT_EQ(zt.getInputMux(6), 3);
-  EXPECT_TRUE(zt.getTestSignal(6));
-  EXPECT_TRUE(zt.getTestSignal(-7));
-  zt.setTestSignal(7, false);
-  EXPECT_EQ(zt.getInputMux(7), 0);
-}
-
-TEST_F(ConfigurationSettings, BufferSizeBlockSizeAndLedsValidate) {
-  ZeptickImpl& zt = open(ultraBoard("CFG4"));
-  zt.setHardwareBufferSize(1);
-  EXPECT_EQ(zt.getHardwareBufferSize(), 32768);
-  zt.setHardwareBufferSize(1 << 30);
-  EXPECT_EQ(zt.getHardwareBufferSize(), 536870912);
   zt.setHardwareBufferSize(100000);
   zt.setLED(0x70005);
   zt.setTestSignalDivider(100);
   zt.sync();
+  EXPECT_EQ(lastDacCode(*board, 2), 0);
+  EXPECT_EQ(lastDacCode(*board, 3), 65535);
+  EXPECT_EQ(lastDacCode(*board, 4), 45875) << "a falling channel sets its input's level";
   EXPECT_EQ(board->wireIn(0x12), 100000u);
   EXPECT_EQ(board->wireIn(0x13), 50000u);
   EXPECT_EQ(board->wireIn(0x0C), 0x70005u);
   EXPECT_EQ(board->wireIn(0x09), 200u);
   EXPECT_EQ(board->wireIn(0x0B), 100u);
-
-  auto message = [&zt](int events, int latency) {
-    try {
-      zt.setStreamBlockSize(events, latency);
-    } catch (const std::invalid_argument& error) {
-      return std::string(error.what());
-    }
-    return std::string();
-  };
-  const std::string events_message = "max_events must be between 256 and 32*10^6 events";
-  const std::string latency_message = "max_latency must be between 1 millisecond and 10 seconds";
-  EXPECT_EQ(message(33554433, 20), events_message);
-  EXPECT_EQ(message(255, 20), events_message);
-  EXPECT_EQ(message(1000, 0), latency_message);
-  EXPECT_EQ(message(1000, 10001), latency_message);
-  EXPECT_EQ(message(33554432, 20), "") << "the limit is 32 * 2^20, above the message's figure";
-  EXPECT_EQ(message(1000, 10000), "");
-  EXPECT_EQ(zt.getStreamBlockSizeEvents(), 1000);
-  EXPECT_EQ(zt.getStreamBlockSizeLatency(), 10000);
 }
 
-TEST_F(ConfigurationSettings, UnknownChannelsAreLoggedAndGiveZero) {
-  ZeptickImpl& zt = open(ultraBoard("CFG5"));
-  LogCapture log;
-  const int unknown = 40;
-  zt.setTriggerLevel(unknown, 1.0);
-  EXPECT_EQ(zt.getTriggerLevel(unknown), 0.0);
-  zt.setInputMux(unknown, 1);
-  EXPECT_EQ(zt.getInputMux(unknown), 0);
-  zt.setTestSignal(unknown, true);
-  EXPECT_FALSE(zt.getTestSignal(unknown));
-  zt.setEventDivider(unknown, 2);
-  EXPECT_EQ(zt.getEventDivider(unknown), 0u);
-  zt.setInputDelay(unknown, 5);
-  EXPECT_EQ(zt.getInputDelay(unknown), 0);
-  EXPECT_EQ(zt.setDeadtime(unknown, 5000), 0);
-  EXPECT_EQ(zt.getDeadtime(unknown), 0);
-  EXPECT_EQ(zt.getHardwareDelayCompensation(unknown), 0);
-  zt.registerChannel(0);
-  zt.unregisterChannel(-40);
-  const int virtual_channel = zt.getNewVirtualChannel();
-  zt.registerChannel(virtual_channel);  // accepted in silence
-  zt.unregisterChannel(virtual_channel);
-
-  const std::vector<std::string> expected = {
-      "Tried to configure the trigger level for an unknown channel",
-      "Tried to fetch the trigger level for an unknown channel",
-      "Tried to set the input multiplexer of an unknown channel",
-      "Tried to get the input multiplexer of an unknown channel",
-      "Tried to set the test signal of an unknown channel",
-      "Tried to query the test signal of an unknown channel",
-      "Tried to configure the event divider for an unknown channel",
-      "Tried to query the event divider for an unknown channel",
-      "Tried to set the input delay of an unknown channel",
-      "Tried to get the input delay of an unknown channel",
-      "Tried to configure the deadtime for an unknown channel",
-      "Tried to query the deadtime for an unknown channel",
-      "Tried to get the hardware delay compensation of an unknown channel",
-      "Tried to register an unknown channel",
-      "Tried to unregister an unknown channel",
-  };
-  const std::vector<std::string> messages = log.messages();
-  ASSERT_EQ(messages.size(), expected.size());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_NE(messages[i].find(expected[i]), std::string::npos) << messages[i];
-  }
-}
-
-TEST_F(ConfigurationSettings, ConditionalFilterChecksBeforeItChanges) {
+TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   ZeptickImpl& zt = open(ultraBoard("CFG6"));
   zt.setConditionalFilter({1}, {2, 3});
-  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{1}));
-  EXPECT_EQ(zt.getConditionalFilterFiltered(), (std::vector<int>{2, 3}));
-
   auto message = [&zt](std::vector<int> trigger, std::vector<int> filtered) {
-    try {
-      zt.setConditionalFilter(trigger, filtered, false);
-    } catch (const std::invalid_argument& error) {
-      return std::string(error.what());
-    }
-    return std::string();
+    return invalidArgument([&] { zt.setConditionalFilter(trigger, filtered, false); });
   };
   EXPECT_EQ(message({1}, {77}),
             "Tried to configure the conditional filter for the unknown channel 77");
   EXPECT_EQ(message({1}, {}),
             "The conditional filter on device CFG6 requires at least one trigger and at least one "
             "filtered channel.");
+  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{1}));
   EXPECT_EQ(zt.getConditionalFilterFiltered(), (std::vector<int>{2, 3}))
       << "failed calls change nothing";
   EXPECT_NE(zt.getHardwareDelayCompensation(1), 0) << "compensation still on";
 
-  EXPECT_EQ(message({CHANNEL_UNUSED, 4}, {-4}), "");
+  EXPECT_EQ(message({CHANNEL_UNUSED, 4}, {-4}), "no exception");
   EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{4}));
   EXPECT_EQ(zt.getHardwareDelayCompensation(1), 0) << "compensation switched off";
   zt.clearConditionalFilter();
@@ -192,16 +166,99 @@ TEST_F(ConfigurationSettings, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_NE(zt.getHardwareDelayCompensation(1), 0);
 }
 
-// Registration is counted: the device sends a channel while anyone uses it.
-TEST_F(ConfigurationSettings, RegistrationsAreCounted) {
-  ZeptickImpl& zt = open(ultraBoard("CFG7"));
-  zt.registerChannel(1);
-  zt.registerChannel(1);
-  zt.unregisterChannel(1);
-  const std::string report = zt.getConfiguration();
-  EXPECT_NE(report.find("\"registered channels\": [1],"), std::string::npos);
-  zt.unregisterChannel(1);
-  EXPECT_NE(zt.getConfiguration().find("\"registered channels\": [],"), std::string::npos);
+// The report's layout is fixed (indentation, key order, commas, the time
+// format), and it shows every setting and counted registration.
+TEST_F(Configuration, ReportKeepsItsLayoutAndShowsTheSettings) {
+  ZeptickImpl& zt = open(ultraBoard("REP1"));
+  std::vector<std::string> text;
+  std::istringstream stream(zt.getConfiguration());
+  for (std::string line; std::getline(stream, line);) text.push_back(line);
+  const std::vector<std::string> head = {
+      "{",
+      "  \"current time\": \"9999-99-99 99:99:99 +9999\",",
+      "  \"software version\": \"2.7.0\",",
+      "  \"registered channels\": [],",
+      "  \"serial\": \"REP1\",",
+      "  \"firmware version\": \"",
+      "  \"hardware buffer size\": 67108864,",
+      "  \"normalization\": true,",
+      "  \"test signal divider\": 63,",
+      "  \"channel number scheme\": 2,",
+      "  \"led bitmask\": 0,",
+      "  \"stream block size events\": 131072,",
+      "  \"stream block size latency\": 20,",
+      "  \"devices\": [",
+      "    {",
+      "      \"serial\": \"REP1\",",
+      "      \"model\": \"Zeptick Ultra\",",
+      "      \"resolution\": 9,",
+      "      \"PCB version\": \"1.4b\"",
+      "    }",
+      "  ],",
+      "  \"inputs\": [",
+      "    {",
+      "      \"channel\": [1, -1],",
+      "      \"trigger level\": 0.5,",
+      "      \"input delay\": [0, 0],",
+      "      \"hardware delay compensation\": [1574, 1574],",
+      "      \"deadtime\": [2500, 2500],",
+      "      \"event divider\": [0, 0],",
+      "      \"conditional filter filtered\": [false, false],",
+      "      \"conditional filter triggers\": [false, false],",
+      "      \"input mux\": 0",
+      "    },",
+  };
+  // 18 inputs of 11 lines, the last without its comma, and the closing lines.
+  ASSERT_EQ(text.size(), 22u + 18u * 11u + 2u);
+  for (size_t i = 0; i < head.size(); ++i) {
+    std::string line = text[i];
+    if (i == 1) {  // the time: any digits and sign
+      for (char& c : line) c = c >= '0' && c <= '9' ? '9' : c == '-' && &c > &line[30] ? '+' : c;
+    }
+    EXPECT_EQ(line.rfind(head[i], 0), 0u) << "line " << i << ": " << text[i];
+  }
+  EXPECT_EQ(text[text.size() - 3], "    }");
+  EXPECT_EQ(text[text.size() - 2], "  ]");
+  EXPECT_EQ(text[text.size() - 1], "}");
+
+  zt.setInputDelay(2, 1234);
+  zt.setInputDelay(-2, -55);
+  zt.setDeadtime(-3, 10000);
+  zt.setEventDivider(-4, 3);
+  zt.setTriggerLevel(5, 0.25);
+  zt.setInputMux(6, 2);
+  zt.setConditionalFilter({1}, {-7, 8});
+  zt.setLED(0x10001);
+  zt.setStreamBlockSize(4096, 7);
+  zt.setNormalization(false);
+  zt.registerChannel(-9);
+  zt.registerChannel(3);
+  zt.registerChannel(3);
+  zt.registerChannel(4);
+  zt.unregisterChannel(3);
+  zt.unregisterChannel(4);
+  const json report = json::parse(zt.getConfiguration());
+  const std::vector<std::pair<std::string, json>> shown = {
+      {"/registered channels", {-9, 3}},  // counted: 3 is still registered once
+      {"/firmware version", zt.getFirmwareVersion()},
+      {"/normalization", false},
+      {"/led bitmask", 0x10001},
+      {"/stream block size events", 4096},
+      {"/stream block size latency", 7},
+      {"/inputs/1/input delay", {1234, -55}},
+      {"/inputs/2/deadtime", {2500, 10000}},
+      {"/inputs/3/event divider", {0, 3}},
+      {"/inputs/5/input mux", 2},
+      {"/inputs/6/conditional filter filtered", {false, true}},
+      {"/inputs/7/conditional filter filtered", {true, false}},
+      {"/inputs/0/conditional filter triggers", {true, false}},
+      {"/inputs/0/hardware delay compensation", {1574, 1574}},
+      {"/inputs/17/hardware delay compensation", {2947, 2947}},
+  };
+  for (const auto& [pointer, value] : shown) {
+    EXPECT_EQ(report.at(json::json_pointer(pointer)), value) << pointer;
+  }
+  EXPECT_NEAR(report["inputs"][4]["trigger level"].get<double>(), 0.25, 1e-4);
 }
 
 }  // namespace

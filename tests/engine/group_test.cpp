@@ -3,34 +3,28 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <functional>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/log_capture.h"
 #include "zeptick_impl_fixture.h"
 
 namespace zeptick::testing {
 namespace {
 
-using nlohmann::json;
-
 constexpr int64_t kPeriod = 1000000;  // 1 us clocks on input 1 of every member
 constexpr int64_t kStep = 100000;     // member k's clock runs k x 100 ns behind the first's
 
-class Group : public CollectingTagger {
+class Group : public EmulatedTagger {
  protected:
   // Members named G0, G1, ... each with a periodic source on input 1, phase k * kStep.
   void attachGroup(int members, json wiring) {
     json devices = json::array();
     for (int k = 0; k < members; ++k) {
-      json entry = ultraBoard("G" + std::to_string(k), json::array({{{"type", "periodic"},
-                                                                     {"input", 1},
-                                                                     {"period_ps", kPeriod},
-                                                                     {"phase_ps", k * kStep}}}));
+      json source = periodic(1, kPeriod);
+      source["phase_ps"] = k * kStep;
+      json entry = ultraBoard("G" + std::to_string(k), json::array({source}));
       entry["inputs"] = 2;
       devices.push_back(entry);
     }
@@ -40,14 +34,6 @@ class Group : public CollectingTagger {
     tagger = std::make_unique<ZeptickImpl>(serials);
     return *tagger;
   }
-  std::string openFails(const std::string& serials) {
-    try {
-      openGroup(serials);
-    } catch (const std::runtime_error& e) {
-      return e.what();
-    }
-    return "";
-  }
   // Every member's clock tags, once each, in time order, each member k behind the first by
   // k x kStep, whatever the member's place in the chain: each tag within a sixth of a clock
   // cycle of its channel's mean (the fine bins are still being learned), the members' means
@@ -55,10 +41,9 @@ class Group : public CollectingTagger {
   void expectOneTimeAxis(const std::map<int, int>& phase_step_of_channel) {
     std::vector<int> channels;
     for (const auto& [channel, step] : phase_step_of_channel) channels.push_back(channel);
-    auto collector = collect(channels, 2 * 1000 * kPeriod);
     std::map<int, std::vector<int64_t>> offsets;
     int64_t origin = -1;
-    for (const Tag& tag : collector->tags()) {
+    for (const Tag& tag : record(channels, 2 * 1000 * kPeriod)) {
       ASSERT_EQ(tag.type, Tag::Type::TimeTag);
       const int64_t phase = tag.time - phase_step_of_channel.at(tag.channel) * kStep;
       if (origin < 0) origin = phase - phase % kPeriod;
@@ -120,10 +105,7 @@ TEST_F(Group, AnExplicitListKeepsItsOrder) {
 // A member that sends nothing still lets the group advance through its rollovers.
 TEST_F(Group, AQuietMemberDoesNotHoldTheGroupBack) {
   emulator::attachBoards(
-      {{"devices",
-        {ultraBoard("G0",
-                    json::array({{{"type", "periodic"}, {"input", 1}, {"period_ps", kPeriod}}})),
-         ultraBoard("G1")}},
+      {{"devices", {ultraBoard("G0", json::array({periodic(1, kPeriod)})), ultraBoard("G1")}},
        {"synchronizer", json::object()}});
   openGroup("G0");
   expectOneTimeAxis({{101, 0}});
@@ -189,7 +171,13 @@ TEST_F(Group, WiringFaultsAreNamed) {
     attachGroup(c.members, c.wiring);
     c.before();
     LogCapture log;
-    EXPECT_EQ(openFails("G0"), c.error);
+    std::string error;
+    try {
+      openGroup("G0");
+    } catch (const std::runtime_error& e) {
+      error = e.what();
+    }
+    EXPECT_EQ(error, c.error);
     if (!c.message.empty()) {
       EXPECT_TRUE(log.contains(c.message));
     } else {
@@ -233,10 +221,8 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
     zt.setInputDelay(201, 0);  // settings keep changing meanwhile
     for (const std::string& message : {fault.message, fault.also}) {
       EXPECT_TRUE(waitUntil([&] {
-        for (const std::string& line : log.messages()) {
-          if (line.find(message) != std::string::npos) return true;
-        }
-        return false;
+        const auto lines = log.messages();
+        return std::ranges::any_of(lines, [&](auto& l) { return l.find(message) != l.npos; });
       })) << message;
     }
     expectOneTimeAxis({{101, 0}, {201, 1}});

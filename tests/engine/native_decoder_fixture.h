@@ -1,12 +1,10 @@
 #pragma once
 
-// Shared by the decoder and delay-stage tests: building device words and
-// running them through a NativeDecoder block by block.
+// Building device words and running them through a NativeDecoder block by block.
 
 #include <cstdint>
 #include <vector>
 
-#include "core/zeptick_runner.h"
 #include "engine/native_decoder.h"
 
 namespace zeptick::engine_testing {
