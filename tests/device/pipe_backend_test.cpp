@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/pipe_backend.h"
@@ -157,6 +160,165 @@ TEST(FirmwareTimestamp, DecodesEveryField) {
   // Every field at its largest valid value: no field may bleed into its neighbour.
   EXPECT_EQ(device::formatFirmwareTimestamp(0xFE7F7EFB), "2063-12-31 23:59:59");
   EXPECT_EQ(device::formatFirmwareTimestamp(0), "2000-00-00 00:00:00");
+}
+
+using Row = std::pair<std::string, std::string>;
+using Rows = std::vector<Row>;
+
+// Splits a report into its "label\tvalue" lines; every line must have exactly one tab.
+Rows parseReport(const std::string& report) {
+  Rows rows;
+  EXPECT_TRUE(!report.empty() && report.back() == '\n');
+  std::istringstream lines(report);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const size_t tab = line.find('\t');
+    EXPECT_NE(tab, std::string::npos) << line;
+    EXPECT_EQ(line.find('\t', tab + 1), std::string::npos) << line;
+    if (tab != std::string::npos) rows.emplace_back(line.substr(0, tab), line.substr(tab + 1));
+  }
+  return rows;
+}
+
+double number(const std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  EXPECT_TRUE(end != text.c_str() && *end == '\0') << "not a number: " << text;
+  return value;
+}
+
+// The platform's own sensor list of a board, asked for through a handle of our own.
+Rows platformSensors(const std::string& serial) {
+  const device::FrontPanelApi& api = emulator::emulatorFrontPanelApi();
+  Rows rows;
+  okFrontPanel_HANDLE handle = api.okFrontPanel_Construct();
+  EXPECT_EQ(api.okFrontPanel_OpenBySerial(handle, serial.c_str()), ok_NoError);
+  okDeviceSensors_HANDLE sensors = api.okDeviceSensors_Construct();
+  EXPECT_EQ(api.okFrontPanel_GetDeviceSensors(handle, sensors), ok_NoError);
+  for (int i = 0; i < api.okDeviceSensors_GetSensorCount(sensors); ++i) {
+    const okTDeviceSensor sensor = api.okDeviceSensors_GetSensor(sensors, i);
+    rows.emplace_back(sensor.name, std::to_string(sensor.value));
+  }
+  api.okDeviceSensors_Destruct(sensors);
+  api.okFrontPanel_Close(handle);
+  api.okFrontPanel_Destruct(handle);
+  return rows;
+}
+
+// Supply values the converter sees, one per channel 0-11, all inside their limits.
+const double kRails[12] = {-5.1, -4.9, 2.45, 3.1, 5.05, -5.5, 5.7, 4.95, 2.6, 12.3, 0.8, 1.2};
+
+class Sensors : public EmulatedBoards {};
+
+TEST_F(Sensors, VoltagesRoundTripThroughTheConverterAndFailuresRead42) {
+  nlohmann::json entry = boardEntry("RAILS", 36, 5);
+  entry["unstable_voltage_channels"] = {3};
+  auto board = attach(entry);
+  PipeBackend backend;
+  ASSERT_TRUE(backend.openDevice("RAILS"));
+  for (int channel = 0; channel < 12; ++channel) {
+    SCOPED_TRACE("channel " + std::to_string(channel));
+    board->setVoltage(channel, kRails[channel]);
+    bool stable = false;
+    // One code of the 10-bit converter is at most 13 mV after the largest scale.
+    EXPECT_NEAR(backend.readVoltage(channel, &stable), kRails[channel], 0.015);
+    EXPECT_EQ(stable, channel != 3);
+  }
+  // Unknown channels fail after selecting, before any reading.
+  for (int channel : {12, 15, -1}) {
+    board->clearTraffic();
+    bool stable = false;
+    EXPECT_EQ(backend.readVoltage(channel, &stable), 42.0f);
+    EXPECT_TRUE(stable);
+    const auto bytes = board->i2cBytes();
+    ASSERT_EQ(bytes.size(), 2u);
+    EXPECT_EQ(bytes[0].byte, 0x6A);
+    EXPECT_EQ(bytes[1].byte, (channel & 15) * 2 + 97);
+  }
+  // A converter that takes its channel but never answers a reading (revision 3:
+  // no supply check at start-up), and a fan controller that never answers a read:
+  // the failure value, and the report goes on.
+  nlohmann::json mute = boardEntry("NOACK", 36, 3), deaf = boardEntry("NOREAD", 36, 5);
+  mute["absent_i2c_addresses"] = {0x6B};
+  deaf["absent_i2c_addresses"] = {0x31};
+  attachAll({mute, deaf});
+  ASSERT_TRUE(backend.openDevice("NOACK"));
+  EXPECT_EQ(backend.readVoltage(7), 42.0f);
+  ASSERT_TRUE(backend.openDevice("NOREAD"));
+  int failed_fan_rows = 0;
+  bool voltage_rows = false;
+  for (const auto& [label, value] : parseReport(backend.getSensorReport())) {
+    if (label.rfind("6615 ", 0) == 0) {
+      EXPECT_EQ(number(value), 42.0) << label;
+      ++failed_fan_rows;
+    }
+    if (label == "11611 12V") voltage_rows = number(value) != 42.0;
+  }
+  EXPECT_EQ(failed_fan_rows, 7);
+  EXPECT_TRUE(voltage_rows);
+}
+
+TEST_F(Sensors, ReportHasTheRowsOfModelAndRevision) {
+  const std::vector<std::string> fan_labels = {
+      "6615 Temp #1",    "6615 Temp #2",    "6615 DutyCyc #1", "6615 DutyCyc #2",
+      "6615 FanTach #1", "6615 FanTach #2", "6615 Fan status"};
+  const std::vector<std::pair<std::string, int>> voltage_rows = {
+      {"11611 -5VD", 0},   {"11611 -5VA", 1},  {"11611 -5.52V", 5}, {"11611 +5VD", 7},
+      {"11611 +5VA", 4},   {"11611 +5.6V", 6}, {"11611 +2.5VD", 2}, {"11611 +2.5VA", 8},
+      {"11611 +2.99V", 3}, {"11611 12V", 9},   {"11611 incurr", 10}};
+
+  for (auto [model, revision] :
+       {std::pair{4, 0}, {4, 2}, {36, 0}, {36, 2}, {36, 3}, {36, 4}, {36, 5}}) {
+    SCOPED_TRACE("model " + std::to_string(model) + " revision " + std::to_string(revision));
+    nlohmann::json entry = boardEntry("HEALTH", model, revision);
+    entry.update({{"temperatures", {41.375, 38.5}},
+                  {"fan_duty", {120, 239}},
+                  {"fan_tachometer", {87, 90}},
+                  {"fan_status", 3},
+                  {"voltages", std::vector<double>(std::begin(kRails), std::end(kRails))}});
+    attach(entry);
+    const Rows sensors = platformSensors("HEALTH");
+    PipeBackend backend;
+    ASSERT_TRUE(backend.openDevice("HEALTH"));
+    const Rows rows = parseReport(backend.getSensorReport());
+
+    size_t at = 0;
+    auto next = [&] { return at < rows.size() ? rows[at++] : Row{"<end>", ""}; };
+    EXPECT_EQ(next(), (Row{"Serial", "HEALTH"}));
+    ASSERT_FALSE(sensors.empty());
+    for (const auto& [name, value] : sensors) {
+      const auto [label, text] = next();
+      EXPECT_EQ(label, name);
+      EXPECT_NEAR(number(text), std::stod(value), 1e-6);
+    }
+    const bool ultra = model == 36;
+    if (ultra && revision > 2) {
+      std::vector<double> values;
+      for (const std::string& expected : fan_labels) {
+        const auto [label, text] = next();
+        EXPECT_EQ(label, expected);
+        values.push_back(number(text));
+      }
+      // Degrees with eighths, duty in whole percent of 240 steps (truncated), raw registers.
+      EXPECT_EQ(values, (std::vector<double>{41.375, 38.5, 50, 99, 87, 90, 3}));
+    }
+    if (ultra && revision > 3) {
+      for (const auto& [expected, channel] : voltage_rows) {
+        const auto [label, text] = next();
+        EXPECT_EQ(label, expected);
+        EXPECT_NEAR(number(text), kRails[channel], 0.015) << label;
+      }
+    }
+    const auto [clock_label, clock] = next();
+    EXPECT_EQ(clock_label, "CLK IN freq");
+    EXPECT_NEAR(number(clock), 10e6, 1.0);
+    if (ultra) {
+      // Alone, without a Synchronizer: flags and data read zero, no offset rows.
+      EXPECT_EQ(next(), (Row{"Synchronizer flags", "0 0 0"}));
+      EXPECT_EQ(next(), (Row{"Synchronizer data", "0x00000000"}));
+    }
+    EXPECT_EQ(next().first, "<end>");
+  }
 }
 
 }  // namespace
