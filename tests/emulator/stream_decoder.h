@@ -112,22 +112,14 @@ inline std::vector<double> eventTimes(const StreamModel& model, const std::vecto
 
 inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
   StreamParameters p;
-  p.model = 36;
-  p.inputs = 18;
-  p.ps_per_clock = 2500;
-  p.bin_count = 256;
-  p.seed = seed;
-  p.paced = paced;
-  p.usb_words_per_second = 1e8;
+  p.model = 36, p.inputs = 18, p.ps_per_clock = 2500, p.bin_count = 256;
+  p.seed = seed, p.paced = paced, p.usb_words_per_second = 1e8;
   return p;
 }
 
 inline StreamParameters model20(bool paced = false, uint64_t seed = 7) {
   StreamParameters p = ultra(paced, seed);
-  p.model = 4;
-  p.inputs = 8;
-  p.ps_per_clock = 6000;
-  p.bin_count = 180;
+  p.model = 4, p.inputs = 8, p.ps_per_clock = 6000, p.bin_count = 180;
   return p;
 }
 

@@ -292,9 +292,9 @@ TEST(StreamFramingTest, BusyOrFreeRunningStreamsCarryNoFillersAndQuietOnesNeverS
 // fence shows in the words of that read.
 TEST(StreamFramingTest, PacedRolloversKeepTimeAndConfigureGetsThroughMeanwhile) {
   const auto p = testing::ultra(true);
+  const auto start = std::chrono::steady_clock::now();
   StreamModel paced(p, json::array());
   std::vector<uint32_t> words;
-  const auto start = std::chrono::steady_clock::now();
   std::thread waiting([&] { words = testing::readWords(paced, 300); });  // about 50 ms
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
   FirmwareSetup setup = testing::enable(p, {});
@@ -309,7 +309,6 @@ TEST(StreamFramingTest, PacedRolloversKeepTimeAndConfigureGetsThroughMeanwhile) 
     EXPECT_EQ(rollovers[k].clock, static_cast<int64_t>(k + 1) * kPeriod);
     EXPECT_TRUE(rollovers[k].fence == 0 || rollovers[k].fence == 9);
   }
-  EXPECT_EQ(rollovers[0].fence, 0);
   EXPECT_EQ(rollovers.back().fence, 9);
 }
 
