@@ -169,6 +169,14 @@ bool ZeptickFileReader::readBlock() {
   return read(nullptr, remaining, &remaining);
 }
 
+std::vector<int32_t> ZeptickFileReader::getRecordedChannels() const {
+  std::vector<int32_t> recorded;
+  for (int32_t channel : channels) {
+    if (channel != CHANNEL_UNUSED) recorded.push_back(channel);
+  }
+  return recorded;
+}
+
 bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
   ZeptickFile::ChannelMap head{};
   if (!read(&head, sizeof(head), &remaining)) {

@@ -49,6 +49,8 @@ class ZeptickFileReader {
   /// The other edge of `channel` as the channel maps read so far give it; CHANNEL_UNUSED if
   /// the file does not name `channel`.
   int32_t getInvertedChannel(int32_t channel) const;
+  /// The channels the channel maps read so far record, in the order of their indices.
+  std::vector<int32_t> getRecordedChannels() const;
   /// The recording's identifier from the file header; zero before one was read.
   void getFileId(ZeptickFile::FileId& file_id) const { file_id = this->file_id; }
 

@@ -2,6 +2,7 @@
 """Runs the built zeptick binary: per-channel counts of inspect against the
 generator's own tally, and exit status plus message on bad usage."""
 import json
+import pathlib
 import re
 import subprocess
 import sys
@@ -34,7 +35,7 @@ class Cli(unittest.TestCase):
             # filter of the full export (times count from the first tag).
             full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
             self.assertEqual(run("zeptick", "export", path, "--to", full).returncode, 0)
-            rows = [tuple(map(int, r.split(","))) for r in open(full).read().split()[1:]]
+            rows = [tuple(map(int, r.split(","))) for r in pathlib.Path(full).read_text().split()[1:]]
             per_channel = {}
             for kind, channel, _, _ in rows:
                 if kind == 0:
@@ -45,7 +46,7 @@ class Cli(unittest.TestCase):
             self.assertEqual(out.returncode, 0, out.stderr)
             t0 = rows[0][2]
             want = [r for r in rows if r[1] in (1, 3) and t0 + 5e9 <= r[2] < t0 + 7.5e9]
-            got = [tuple(map(int, r.split(","))) for r in open(part).read().split()[1:]]
+            got = [tuple(map(int, r.split(","))) for r in pathlib.Path(part).read_text().split()[1:]]
             self.assertEqual(got, want)
             self.assertTrue(want)
 
@@ -63,6 +64,62 @@ class Cli(unittest.TestCase):
             self.assertLess(abs(centroid - 3700), 10)
             self.assertGreater(sum(c for _, c in near), 0.5 * sum(c for _, c in bins))
 
+    def test_record_verify_and_replay_agree(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/live.ztbin"
+            rec = run("zeptick", "--emulator", "default", "record", path, "--duration", "1s",
+                      "--channels", "1,2", "--test-signal", "--max-file-size", "100000")
+            self.assertEqual(rec.returncode, 0, rec.stderr)
+            self.assertIn("tags/s", rec.stderr)
+            out = run("zeptick", "inspect", path, "--verify")
+            self.assertEqual(out.returncode, 0, out.stdout + out.stderr)
+            counts = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
+            self.assertEqual(sorted(counts), [1, 2])
+            self.assertTrue(all(n > 0 for n in counts.values()))
+            verdicts = re.findall(r"(\d+) of (\d+) blocks pass", out.stdout)
+            self.assertGreater(len(verdicts), 1)
+            self.assertTrue(all(a == b for a, b in verdicts))
+            # The replay tagger and Countrate count what the reader counts from disk.
+            out = run("zeptick", "replay", path)
+            self.assertEqual(out.returncode, 0, out.stderr)
+            rows = [r.split(",") for r in out.stdout.split()[1:]]
+            self.assertEqual({int(c): int(n) for c, n, _ in rows}, counts)
+
+            # One flipped byte inside the tag words of the first split file fails its check.
+            split = f"{tmp}/live.1.ztbin"
+            data = bytearray(pathlib.Path(split).read_bytes())
+            data[len(data) // 2] ^= 0x40
+            pathlib.Path(split).write_bytes(data)
+            out = run("zeptick", "inspect", path, "--verify")
+            self.assertEqual(out.returncode, 1)
+            self.assertIn("verification failed", out.stderr)
+            self.assertRegex(out.stdout, r"live\.1\.ztbin: \d+ of \d+ blocks pass; the next fails")
+
+    def test_replay_correlation_peak_at_generated_delay(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/rec.ztbin"
+            self.assertEqual(run("zeptick-generate-recording", path, "--duration-ms", "30",
+                                 "--delay-ps", "3700").returncode, 0)
+            out = run("zeptick", "replay", path, "--measure", "correlation", "--binwidth", "100ps",
+                      "--bins", "200")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
+            peak = max(bins, key=lambda b: b[1])[0]
+            # Channel 2 lags channel 1, so the peak sits at minus the delay.
+            self.assertLessEqual(abs(peak + 50 + 3700), 100)
+
+    def test_info_and_rates_on_the_emulator(self):
+        out = run("zeptick", "--emulator", "default", "info")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertRegex(out.stdout, r"serial:\s+\S+")
+        self.assertIn("sensors:", out.stdout)
+        out = run("zeptick", "--emulator", "default", "rates", "--channels", "1,2",
+                  "--test-signal", "--interval", "200ms", "--duration", "600ms")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        lines = [l.split() for l in out.stdout.splitlines() if not l.startswith("#")]
+        self.assertEqual(len(lines), 3)
+        self.assertTrue(all(float(v) > 0 for line in lines for v in line[2:]))
+
     def test_bad_usage_and_failures(self):
         for args, status, message in [
             (["zeptick"], 2, "subcommand is required"),
@@ -72,6 +129,10 @@ class Cli(unittest.TestCase):
             (["zeptick", "export", "x.ztbin", "--to", "t.txt"], 2, ".csv"),
             (["zeptick", "histogram", "x.ztbin", "--bins", "0"], 2, "--bins"),
             (["zeptick", "--emulator", "/no/such.json", "scan"], 1, "/no/such.json"),
+            (["zeptick", "rates", "--channels", "1,x"], 2, "--channels"),
+            (["zeptick", "record", "x.ztbin"], 2, "--duration is required"),
+            (["zeptick", "replay", "x.ztbin", "--measure", "fft"], 2, "--measure"),
+            (["zeptick", "info", "--serial", "NOPE"], 1, "not found"),
         ]:
             out = run(*args)
             self.assertEqual(out.returncode, status, args)

@@ -11,5 +11,9 @@ void addScan(CLI::App& app);
 void addInspect(CLI::App& app);
 void addExport(CLI::App& app);
 void addHistogram(CLI::App& app);
+void addInfo(CLI::App& app);
+void addRates(CLI::App& app);
+void addRecord(CLI::App& app);
+void addReplay(CLI::App& app);
 
 }  // namespace zeptick::cli

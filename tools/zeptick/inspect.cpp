@@ -4,11 +4,17 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
+#include "files/file_format.h"
+#include "files/zeptick_file_reader.h"
 #include "zeptick/file_reader.h"
+#include "zeptick/file_signing.h"
+#include "zeptick/logging.h"
 #include "zeptick/tag.h"
 
 namespace zeptick::cli {
@@ -51,6 +57,51 @@ Summary summarize(FileReader& reader) {
   return s;
 }
 
+// The reader logs why a block fails and ends the file there; keep the last reason.
+std::string last_error;
+void keepError(LogLevel level, std::string message) {
+  if (level == LOGGER_ERROR) last_error = std::move(message);
+}
+
+struct Verdict {
+  size_t passed = 0, blocks = 0;
+  std::string failure;  ///< empty if every block passed
+};
+
+// Reads each split file twice: without checks to count its time tag blocks, then with the
+// digest and signature checks, which stop at the first block that fails.
+std::vector<std::pair<std::string, Verdict>> verify(const std::string& base) {
+  std::vector<std::pair<std::string, Verdict>> files;
+  for (uint32_t index = 1;; ++index) {
+    const std::string name = ZeptickFile::makeFileName(base, index);
+    Verdict verdict;
+    {
+      ZeptickFileReader plain(name, false);
+      if (!plain.isOpen()) break;
+      while (plain.skipBlock()) ++verdict.blocks;
+    }
+    last_error.clear();
+    const logger_t previous = setLogger(&keepError);
+    {
+      ZeptickFileReader checked(name, true);
+      while (checked.skipBlock()) ++verdict.passed;
+    }
+    setLogger(previous);
+    if (verdict.passed < verdict.blocks) verdict.failure = last_error;
+    files.emplace_back(name, verdict);
+  }
+  return files;
+}
+
+std::string readText(const std::string& path) {
+  std::unique_ptr<FILE, int (*)(FILE*)> in(std::fopen(path.c_str(), "r"), std::fclose);
+  if (!in) throw std::runtime_error("cannot read '" + path + "'");
+  std::string text;
+  char buffer[4096];
+  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, in.get())) > 0;) text.append(buffer, n);
+  return text;
+}
+
 }  // namespace
 
 void addInspect(CLI::App& app) {
@@ -58,8 +109,12 @@ void addInspect(CLI::App& app) {
                                  "Show what a recording holds: configuration, time "
                                  "span, tags per channel, overflows and errors");
   auto file = std::make_shared<std::string>();
+  auto check = std::make_shared<bool>(false);
+  auto key = std::make_shared<std::string>();
   cmd->add_option("FILE", *file, "first file of the recording (.ztbin)")->required();
-  cmd->callback([file] {
+  cmd->add_flag("--verify", *check, "check the hash and signature of every block");
+  cmd->add_option("--key", *key, "P-256 public key (PEM) to verify with (default: the built-in)");
+  cmd->callback([file, check, key] {
     FileReader reader(*file);
     const std::string configuration = reader.getConfiguration();
     const Summary s = summarize(reader);
@@ -74,6 +129,16 @@ void addInspect(CLI::App& app) {
     std::printf("errors:          %llu\n", static_cast<unsigned long long>(s.errors));
     std::printf("last marker:     %s\n", reader.getLastMarker().c_str());
     std::printf("configuration:\n%s\n", configuration.c_str());
+    if (!*check) return;
+    if (!key->empty()) setFileVerificationKey(readText(*key));
+    size_t failed = 0;
+    for (const auto& [name, verdict] : verify(*file)) {
+      std::printf("verify %s: %zu of %zu blocks pass%s%s\n", name.c_str(), verdict.passed,
+                  verdict.blocks,
+                  verdict.failure.empty() ? "" : "; the next fails: ", verdict.failure.c_str());
+      failed += verdict.blocks - verdict.passed;
+    }
+    if (failed > 0) throw std::runtime_error("verification failed");
   });
 }
 

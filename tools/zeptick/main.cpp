@@ -11,7 +11,7 @@
 #include "zeptick/emulator.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"zeptick: find instruments and inspect recordings from the shell"};
+  CLI::App app{"zeptick: find, watch and record instruments, and inspect and replay recordings"};
   app.require_subcommand(1);
   std::string emulator;
   // Global so every hardware subcommand (and later ones) can run without an
@@ -28,6 +28,10 @@ int main(int argc, char** argv) {
   zeptick::cli::addInspect(app);
   zeptick::cli::addExport(app);
   zeptick::cli::addHistogram(app);
+  zeptick::cli::addInfo(app);
+  zeptick::cli::addRates(app);
+  zeptick::cli::addRecord(app);
+  zeptick::cli::addReplay(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
