@@ -108,7 +108,8 @@ TEST(IteratorBase, DestroyingARunningMeasurementIsReported) {
   TestZeptick tagger("T", 2);
   tagger.setIdleSpan(0);  // no block may reach the half-destroyed object
   { Careless careless(&tagger); }
-  EXPECT_TRUE(log.contains("Iterator still running, please call stop() within the destructor"));
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "Iterator still running, please call stop() within the destructor"));
 }
 
 }  // namespace

@@ -74,37 +74,33 @@ std::string logOnce(const char* file, int line, const char* text) {
   return captured.messages.empty() ? std::string("<nothing>") : captured.messages.back().second;
 }
 
-TEST_F(LoggingTest, PrefixesBaseNameAfterLastSeparatorOfEitherKind) {
+TEST_F(LoggingTest, PrefixesTheBaseNameAndCutsToTheBuffer) {
   setLogger(&captureSink);
-  EXPECT_EQ(logOnce("src/core/runner.cpp", 12, "hi"), "runner.cpp:12: hi");
-  EXPECT_EQ(logOnce("C:\\build\\src\\runner.cpp", 7, "hi"), "runner.cpp:7: hi");
-  EXPECT_EQ(logOnce("C:\\build/src\\core/a.cpp", 1, "x"), "a.cpp:1: x");
-  EXPECT_EQ(logOnce("/home/u/src\\core\\b.cpp", 2, "x"), "b.cpp:2: x");
-  EXPECT_EQ(logOnce("plain.cpp", -3, "x"), "plain.cpp:-3: x");
-  EXPECT_EQ(logOnce("dir/", 4, "x"), ":4: x");
-
+  const std::string fits(1023 - 9, 'y');  // "f.cpp:7: " takes 9 of the 1023 characters
+  const std::string huge_name(3000, 'n');
+  const struct {
+    std::string file;
+    int line;
+    std::string text;
+    std::string expected;
+  } cases[] = {
+      {"src/core/runner.cpp", 12, "hi", "runner.cpp:12: hi"},
+      {"C:\\build/src\\core/a.cpp", 1, "x", "a.cpp:1: x"},
+      {"/home/u/src\\core\\b.cpp", 2, "x", "b.cpp:2: x"},
+      {"dir/", -4, "x", ":-4: x"},
+      {"f.cpp", 7, fits, "f.cpp:7: " + fits},
+      {"dir/f.cpp", 7, fits + "z", "f.cpp:7: " + fits},
+      // A name longer than the buffer leaves no room for the message and must not overrun.
+      {huge_name, 1, "lost", std::string(1023, 'n')},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(logOnce(c.file.c_str(), c.line, c.text.c_str()), c.expected) << c.file;
+  }
   captured.messages.clear();
   _Log(LOGGER_WARNING, "a/f.cpp", 9, "%d channels, %s, %.1f", 3, "ok", 2.5);
   ASSERT_EQ(captured.messages.size(), 1u);
   EXPECT_EQ(captured.messages[0].first, LOGGER_WARNING);
   EXPECT_EQ(captured.messages[0].second, "f.cpp:9: 3 channels, ok, 2.5");
-}
-
-TEST_F(LoggingTest, CutsMessagesToTheBufferPrefixIncluded) {
-  setLogger(&captureSink);
-  const std::string prefix = "f.cpp:7: ";  // 9 characters
-  const std::string long_text(2000, 'x');
-  EXPECT_EQ(logOnce("dir/f.cpp", 7, long_text.c_str()), prefix + std::string(1014, 'x'));
-
-  // Exactly filling the 1023 usable characters keeps everything; one more is cut.
-  const std::string fits(1023 - prefix.size(), 'y');
-  EXPECT_EQ(logOnce("f.cpp", 7, fits.c_str()), prefix + fits);
-  EXPECT_EQ(logOnce("f.cpp", 7, (fits + "z").c_str()), prefix + fits);
-
-  // A file name longer than the buffer leaves no room for the message, and must not overrun.
-  const std::string huge_name(3000, 'n');
-  const std::string cut = logOnce(huge_name.c_str(), 1, "lost");
-  EXPECT_EQ(cut, std::string(1023, 'n'));
 }
 
 TEST_F(LoggingTest, SetLoggerReturnsPreviousAndNullRestoresStderr) {
@@ -176,7 +172,8 @@ TEST_F(LoggingTest, ConcurrentMessagesArriveWholeAndOnce) {
   constexpr int kThreads = 8;
   constexpr int kPerThread = 400;
   const std::string padding(200, '#');
-  auto run = [&] {
+  setLogger(&captureSink);
+  {
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([t, &padding] {
@@ -186,36 +183,20 @@ TEST_F(LoggingTest, ConcurrentMessagesArriveWholeAndOnce) {
       });
     }
     for (auto& thread : threads) thread.join();
-  };
-  auto check = [&](const std::vector<std::string>& lines) {
-    std::set<std::pair<int, int>> seen;
-    for (const std::string& line : lines) {
-      int t = -1, m = -1, line_no = -1;
-      char tail[512] = {};
-      ASSERT_EQ(std::sscanf(line.c_str(), "w.cpp:%d: t%d m%d %511s", &line_no, &t, &m, tail), 4)
-          << line;
-      EXPECT_EQ(line_no, t);
-      EXPECT_EQ(std::string(tail), padding) << line;
-      EXPECT_TRUE(line.ends_with(padding + " end")) << line;
-      EXPECT_TRUE(seen.emplace(t, m).second) << "duplicate " << line;
-    }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kPerThread));
-  };
-
-  setLogger(&captureSink);
-  run();
+  }
   EXPECT_FALSE(captured.overlapped) << "the receiver was entered by two threads at once";
-  std::vector<std::string> lines;
-  for (const auto& entry : captured.messages) lines.push_back(entry.second);
-  check(lines);
-
-  setLogger(nullptr);
-  ::testing::internal::CaptureStderr();
-  run();
-  std::istringstream err(::testing::internal::GetCapturedStderr());
-  lines.clear();
-  for (std::string line; std::getline(err, line);) lines.push_back(line);
-  check(lines);
+  std::set<std::pair<int, int>> seen;
+  for (const auto& [level, line] : captured.messages) {
+    int t = -1, m = -1, line_no = -1;
+    char tail[512] = {};
+    ASSERT_EQ(std::sscanf(line.c_str(), "w.cpp:%d: t%d m%d %511s", &line_no, &t, &m, tail), 4)
+        << line;
+    EXPECT_EQ(line_no, t);
+    EXPECT_EQ(std::string(tail), padding) << line;
+    EXPECT_TRUE(line.ends_with(padding + " end")) << line;
+    EXPECT_TRUE(seen.emplace(t, m).second) << "duplicate " << line;
+  }
+  EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kPerThread));
 }
 
 }  // namespace

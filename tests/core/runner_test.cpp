@@ -409,8 +409,9 @@ TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
   EXPECT_TRUE(c_ran);
 
   tagger.runSynchronized({{&a, [](IteratorBase*) { throw std::runtime_error("late"); }}}, false);
-  EXPECT_TRUE(log.waitFor("Unhandled exception on runSynchronized with IteratorBase " +
-                          pointerText(&a) + ": late"));
+  EXPECT_TRUE(log.waitFor(
+      LOGGER_ERROR,
+      "Unhandled exception on runSynchronized with IteratorBase " + pointerText(&a) + ": late"));
   EXPECT_TRUE(a.isRunning());
 }
 
@@ -434,9 +435,10 @@ TEST(Runner, AFailingMeasurementStopsAloneAndTheRestGoOn) {
   EXPECT_TRUE(healthy.isRunning());
   EXPECT_EQ(failing.stops(), 1);
   EXPECT_EQ(failing.blocks().size(), 2u);  // what it took before failing stays readable
+  EXPECT_TRUE(log.contains(LOGGER_ERROR, "Unhandled exception on IteratorBase " +
+                                             pointerText(&failing) + ": bad block"));
   EXPECT_TRUE(
-      log.contains("Unhandled exception on IteratorBase " + pointerText(&failing) + ": bad block"));
-  EXPECT_TRUE(log.contains("Unhandled exception on IteratorBase " + pointerText(&odd)));
+      log.contains(LOGGER_ERROR, "Unhandled exception on IteratorBase " + pointerText(&odd)));
   const auto all = healthy.blocks();
   for (size_t i = 1; i < all.size(); ++i) EXPECT_EQ(all[i].begin_time, all[i - 1].end_time);
 }

@@ -27,6 +27,7 @@ TEST(Dump, WritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
   LogCapture log;
   Dump all(&tagger, dir.file("all.bin"));
   EXPECT_TRUE(log.contains(
+      LOGGER_ERROR,
       "The Dump class is deprecated and will be removed soon. Please use FileWriter instead."));
   Dump some(&tagger, dir.file("some.bin"), 150, {2});
   Dump none(&tagger, dir.file("none.bin"), 0, {});

@@ -205,17 +205,17 @@ inline std::vector<Block> readRecording(const std::string& path, bool verify = t
   return blocks;
 }
 
-/// How many captured messages end with `text`.
+/// How many captured errors end with `text`; the file layer reports every fault as an error.
 inline size_t countMessages(LogCapture& log, const std::string& text) {
   size_t count = 0;
-  for (const std::string& message : log.messages()) {
-    count += message.size() >= text.size() &&
-             message.compare(message.size() - text.size(), text.size(), text) == 0;
+  for (const LogCapture::Entry& entry : log.entries()) {
+    count += entry.level == LOGGER_ERROR && entry.text.size() >= text.size() &&
+             entry.text.compare(entry.text.size() - text.size(), text.size(), text) == 0;
   }
   return count;
 }
 
-/// Every message of `expected` exactly once, and nothing else.
+/// Every message of `expected` exactly once as an error, and nothing else.
 inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
   EXPECT_EQ(log.messages().size(), expected.size());
   for (const std::string& message : expected) {

@@ -176,8 +176,8 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
     LogCapture log;
     Replay replay(4);
     const std::vector<Tag> tags = replay.play(dir.file("bad"));
-    EXPECT_TRUE(log.contains("Time tag block data with invalid hash or signature") ||
-                log.contains("Time tag block data could not be decompressed"));
+    EXPECT_TRUE(log.contains(LOGGER_ERROR, "Time tag block data with invalid hash or signature") ||
+                log.contains(LOGGER_ERROR, "Time tag block data could not be decompressed"));
     // Everything but the damaged block and the rest of its file, and an error tag where the
     // stream jumps over them.
     const int64_t gap_from = victim_blocks[1].begin_time;
@@ -198,6 +198,7 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   Replay replay(2);
   const std::vector<Tag> tags = replay.play(dir.file("foreign"));
   EXPECT_TRUE(log.contains(
+      LOGGER_ERROR,
       "matches the naming schema, but was not written in the same FileWriter. Skipped."));
   const int64_t end_of_two =
       readRecording(ZeptickFile::makeFileName(dir.file("foreign"), 2)).back().end_time;
@@ -229,9 +230,9 @@ TEST(Replay, ZeroBasedNumberingHasNoSignFlipToGuessWith) {
     ZeptickVirtualImpl& tagger = *replay.tagger;
     EXPECT_TRUE(tagger.isUnusedChannel(-1));
     EXPECT_EQ(tagger.getInvertedChannel(4), -4);
-    EXPECT_TRUE(
-        log.contains("getInvertedChannel(4) called prior to replaying a file with the zero "
-                     "channel numbering scheme. How many inputs has your Zeptick?"));
+    EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                             "getInvertedChannel(4) called prior to replaying a file with the zero "
+                             "channel numbering scheme. How many inputs has your Zeptick?"));
     EXPECT_THROW(tagger.setTestSignal(1, true), std::runtime_error);
     // With a file, the recorded channel map answers.
     writeRecording(dir.file("zero"), smallPlan(14));
