@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -75,11 +76,8 @@ std::string writeFile(const std::string& name, const std::string& bytes) {
 }
 
 TEST_F(BoardProtocolTest, DeviceInformationRecordHasTheDocumentedLayout) {
-  auto board = openBoard({{"model", 4},
-                          {"usb_speed", "high"},
-                          {"major_version", 2},
-                          {"minor_version", 7},
-                          {"device_id", "Lab bench"}});
+  auto board = openBoard(nlohmann::json::parse(R"({"model": 4, "usb_speed": "high",
+      "major_version": 2, "minor_version": 7, "device_id": "Lab bench"})"));
   okTDeviceInfo info;
   std::memset(&info, 0xAB, sizeof(info));
   ASSERT_EQ(fp.okFrontPanel_GetDeviceInfoWithSize(handle, &info, sizeof(info)), ok_NoError);
@@ -89,13 +87,9 @@ TEST_F(BoardProtocolTest, DeviceInformationRecordHasTheDocumentedLayout) {
   EXPECT_STREQ(reinterpret_cast<const char*>(bytes + 33), "B1");
   EXPECT_STREQ(reinterpret_cast<const char*>(bytes + 44), "Zeptick 20");
   // Offset and value: interface, model, USB speed, versions, PLL present, wire width.
-  for (auto [offset, value] : {std::pair{172, 0},
-                               {176, 4},
-                               {184, OK_USBSPEED_HIGH},
-                               {188, 2},
-                               {192, 7},
-                               {204, 1},
-                               {216, 32}}) {
+  const std::pair<size_t, int32_t> words[] = {
+      {172, 0}, {176, 4}, {184, OK_USBSPEED_HIGH}, {188, 2}, {192, 7}, {204, 1}, {216, 32}};
+  for (auto [offset, value] : words) {
     int32_t word;
     std::memcpy(&word, bytes + offset, 4);
     EXPECT_EQ(word, value) << "offset " << offset;
@@ -158,49 +152,30 @@ TEST_F(BoardProtocolTest, ConfigureChecksFileAndModelAndReportsTheVersion) {
 }
 
 TEST_F(BoardProtocolTest, WireOutsDescribeTheBoard) {
-  struct Case {
-    nlohmann::json fields;
-    std::vector<std::pair<int, uint32_t>> wires;  // address, value (0x25 masked to 28 bits)
-  };
-  const Case cases[] = {
-      {{{"revision", 3}, {"inputs", 12}, {"identifier", 0x123456789ABCDEFULL}},
-       {{0x21, 12},
-        {0x22, 2500},
-        {0x23, 256},
-        {0x25, 10000},
-        {0x26, 0x89ABCDEF},
-        {0x27, 0x01234567},
-        {0x29, 3},
-        {0x2A, 2},
-        {0x2C, 0}}},
-      {{{"model", 4}}, {{0x21, 8}, {0x22, 6000}, {0x23, 180}, {0x25, 300}}},
-  };
-  for (const Case& c : cases) {
-    loadedBoard(c.fields);
-    for (auto [address, value] : c.wires) {
-      // 0x2A: bit 1, no serial transfer running; 0x2C: bit 2, no Synchronizer.
-      const uint32_t mask = address == 0x25   ? 0x0FFFFFFF
-                            : address == 0x2A ? 2
-                            : address == 0x2C ? 4
-                                              : ~0u;
-      EXPECT_EQ(wireOut(address) & mask, value) << c.fields.dump() << " wire " << address;
-    }
-  }
+  // Address, mask, value: 0x25 has 28 value bits, 0x2A bit 1 says that no
+  // serial transfer is running, 0x2C bit 2 that a Synchronizer is attached.
+  // clang-format off
+  const std::array<uint32_t, 3> ultra[] = {
+      {0x21, ~0u, 12}, {0x22, ~0u, 2500}, {0x23, ~0u, 256}, {0x25, 0x0FFFFFFF, 10000},
+      {0x26, ~0u, 0x89ABCDEF}, {0x27, ~0u, 0x01234567}, {0x29, ~0u, 3}, {0x2A, 2, 2}, {0x2C, 4, 0}};
+  // clang-format on
+  const std::array<uint32_t, 3> twenty[] = {
+      {0x21, ~0u, 8}, {0x22, ~0u, 6000}, {0x23, ~0u, 180}, {0x25, 0x0FFFFFFF, 300}};
+  loadedBoard({{"revision", 3}, {"inputs", 12}, {"identifier", 0x123456789ABCDEFULL}});
+  for (auto [address, mask, value] : ultra) EXPECT_EQ(wireOut(address) & mask, value) << address;
+  loadedBoard({{"model", 4}});
+  for (auto [address, mask, value] : twenty) EXPECT_EQ(wireOut(address) & mask, value) << address;
 }
 
 TEST_F(BoardProtocolTest, ChannelTableNeedsItsTriggerAndDecodesEveryField) {
   auto board = loadedBoard({{"inputs", 4}});
   std::vector<unsigned char> table(8 * 8, 0);
   // Index 1: enabled, filtered, mux 3, dead time 0x0102, divider field 0x0304.
-  for (auto [at, byte] : {std::pair{8, 0x01 | 0x02 | 3 << 3},
-                          {10, 2},
-                          {11, 1},
-                          {12, 4},
-                          {13, 3},
-                          {48, 0x01 | 0x04 | 1 << 3},
-                          {50, 1}}) {  // index 6: trigger, mux 1
-    table[static_cast<size_t>(at)] = static_cast<unsigned char>(byte);
-  }
+  // Index 6 (falling edge of input 2): enabled trigger, mux 1, dead time 1.
+  const std::pair<size_t, int> bytes[] = {
+      {8, 0x01 | 0x02 | 3 << 3},  {10, 2}, {11, 1}, {12, 4}, {13, 3},
+      {48, 0x01 | 0x04 | 1 << 3}, {50, 1}};
+  for (auto [at, byte] : bytes) table[at] = static_cast<unsigned char>(byte);
   // Without trigger 0x41 the firmware ignores the bytes, and the trigger arms one upload only.
   ASSERT_EQ(fp.okFrontPanel_WriteToPipeIn(handle, 0x80, 64, table.data()), 64);
   EXPECT_FALSE(board->firmwareSetup().channels[1].enabled);
