@@ -37,8 +37,6 @@ TEST_F(Provider, ScanAndModelFollowTheAttachedBoards) {
   EXPECT_TRUE(scanZeptick().empty());
   EXPECT_EQ(getZeptickModel("SCAN-A"), "unknown");
   PipeBackend backend;
-  EXPECT_EQ(errorOf([&] { backend.openDevice("SCAN-A"); }),
-            "Opening of USB connection failed or device with serial 'SCAN-A' not found.");
   EXPECT_FALSE(backend.openDevice("", true));
 }
 
@@ -116,8 +114,6 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
   // A board already held by another handle cannot be opened twice.
   PipeBackend again(1024, 1000, api);
   EXPECT_FALSE(again.openDevice("DL-ULTRA", true));
-  EXPECT_EQ(errorOf([&] { again.openDevice("NOPE"); }),
-            "Opening of USB connection failed or device with serial 'NOPE' not found.");
 }
 
 namespace fs = std::filesystem;
