@@ -4,6 +4,7 @@ generator's own tally, and exit status plus message on bad usage."""
 import json
 import pathlib
 import re
+import struct
 import subprocess
 import sys
 import tempfile
@@ -85,11 +86,19 @@ class Cli(unittest.TestCase):
             rows = [r.split(",") for r in out.stdout.split()[1:]]
             self.assertEqual({int(c): int(n) for c, n, _ in rows}, counts)
 
-            # One flipped byte inside the tag words of the first split file fails its check.
-            split = f"{tmp}/live.1.ztbin"
-            data = bytearray(pathlib.Path(split).read_bytes())
-            data[len(data) // 2] ^= 0x40
-            pathlib.Path(split).write_bytes(data)
+            # One flipped bit in the tag words of the first split file's last time tag block
+            # (blocks: 16-byte header "MIZT", size, type, 0; then the payload padded to 16).
+            split = pathlib.Path(f"{tmp}/live.1.ztbin")
+            data = bytearray(split.read_bytes())
+            offset, target = 0, None
+            while offset + 16 <= len(data):
+                size, kind = struct.unpack_from("<II", data, offset + 4)
+                if kind == 4 and size > 160:
+                    target = offset + 16 + 144 + 8
+                offset += 16 + (size + 15) // 16 * 16
+            self.assertIsNotNone(target)
+            data[target] ^= 0x40
+            split.write_bytes(data)
             out = run("zeptick", "inspect", path, "--verify")
             self.assertEqual(out.returncode, 1)
             self.assertIn("verification failed", out.stderr)

@@ -280,6 +280,7 @@ TEST_F(OpenDevice, SlowUsbIsWarnedAboutOnTheUltraOnly) {
   EXPECT_TRUE(log.messages().empty());
   ASSERT_TRUE(backend.openDevice("SLOWU"));
   EXPECT_TRUE(log.contains(
+      LOGGER_WARNING,
       "The Zeptick 'SLOWU' is not connected by USB 3.0, its performance will be low."));
 }
 

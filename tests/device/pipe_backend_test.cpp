@@ -60,7 +60,7 @@ TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
   EXPECT_EQ(pipe_reads, 2);
   EXPECT_FALSE(backend.isConnected());
   EXPECT_EQ(log.messages().size(), 1u);
-  EXPECT_TRUE(log.contains("PipeBackend: Pipe transfer failed, len=4096"));
+  EXPECT_TRUE(log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, len=4096"));
 
   // Disconnected: no transfer at all, and the unsigned -1.
   pipe_reads = 0;
@@ -72,7 +72,8 @@ TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
   board->failReads(2);
   EXPECT_LT(backend.readBlock(buffer.data(), 1024), 0);
   EXPECT_EQ(log.messages().size(), 2u);
-  EXPECT_TRUE(log.contains("PipeBackend: Pipe transfer failed, second run, len=1024"));
+  EXPECT_TRUE(
+      log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, second run, len=1024"));
 }
 
 // Wires reach the board only at the update. The Zeptick 20 keeps LED bits 0-2,

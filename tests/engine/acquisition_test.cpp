@@ -128,7 +128,7 @@ TEST_F(Acquisition, UnpluggedDeviceGivesOneErrorThenReconnects) {
 
   board->clearTraffic();
   board->replug();
-  ASSERT_TRUE(log.waitFor("Zeptick ACQ4 reconnected"));
+  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
   zt.sync();
   EXPECT_EQ(board->wireIn(0x12), 67108864u);
   const auto events = board->events();
@@ -148,7 +148,7 @@ TEST_F(Acquisition, FailedReadBecomesAnErrorTagAndReconnects) {
   zt.sync();
   LogCapture log;
   board->failReads(1);
-  ASSERT_TRUE(log.waitFor("Zeptick ACQ5 reconnected"));
+  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ5 reconnected"));
   zt.sync();
   EXPECT_EQ(errorTags(concatenate(recorder.blocks())), 1);
 }

@@ -117,6 +117,7 @@ TEST_F(Group, WiringFaultsAreNamed) {
     json wiring;
     std::string error;    // "" opens
     std::string message;  // logged, "" for none
+    LogLevel level = LOGGER_WARNING;
     std::function<void()> before = [] {};
   };
   const std::string no_chain =
@@ -145,13 +146,14 @@ TEST_F(Group, WiringFaultsAreNamed) {
        {{"phase", {{"G1", 18}}}},
        "",
        "Device 'G1' has a large phase offset between CLK IN and SYNC IN 1: 18 Please use equal "
-       "cables for this two links to avoid undefined 2 ns offsets."},
+       "cables for this two links to avoid undefined 2 ns offsets.",
+       LOGGER_ERROR},
       {2, {{"phase", {{"G0", 6}, {"G1", 17}}}}, "", ""},
       // G2 cannot be opened: it sends nothing around the ring, so G0's LOOP IN is dark.
       {3, json::object(),
        "No first Zeptick device found. Please connect FDBK OUT of the first Zeptick to FDBK IN "
        "of the Synchronizer.",
-       "Probing of device 'G2' failed: Error on fetching the device information: -5",
+       "Probing of device 'G2' failed: Error on fetching the device information: -5", LOGGER_ERROR,
        [] { emulator::findBoard("G2")->failDeviceInfo(-5); }},
       // The 17th board opened gets identifier 16, which the ring word cannot carry: left out,
       // it leaves a gap in the ring.
@@ -159,11 +161,12 @@ TEST_F(Group, WiringFaultsAreNamed) {
        "No valid chain of Zepticks found. Please connect LOOP OUT of the Zeptick 'G15' to LOOP "
        "IN of the next one.",
        "Device 'G16' skipped. Probing of more than 16 devices is currently not supported. "
-       "Current identifier: 16"},
+       "Current identifier: 16",
+       LOGGER_WARNING},
       {2, json::object(), "",
        "Only the channel numbering schema ZT_CHANNEL_NUMBER_SCHEME_ONE is supported for "
        "synchronizing Zepticks.",
-       [] { setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO); }},
+       LOGGER_ERROR, [] { setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.wiring.dump());
@@ -179,7 +182,7 @@ TEST_F(Group, WiringFaultsAreNamed) {
     }
     EXPECT_EQ(error, c.error);
     if (!c.message.empty()) {
-      EXPECT_TRUE(log.contains(c.message));
+      EXPECT_TRUE(log.contains(c.level, c.message));
     } else {
       for (const std::string& line : log.messages()) {
         EXPECT_EQ(line.find("Device '"), std::string::npos) << line;
@@ -220,9 +223,12 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
     fault.inject();
     zt.setInputDelay(201, 0);  // settings keep changing meanwhile
     for (const std::string& message : {fault.message, fault.also}) {
+      // Every link fault stops the aligned stream, so each is an error.
       EXPECT_TRUE(waitUntil([&] {
-        const auto lines = log.messages();
-        return std::ranges::any_of(lines, [&](auto& l) { return l.find(message) != l.npos; });
+        const auto lines = log.entries();
+        return std::ranges::any_of(lines, [&](auto& l) {
+          return l.level == LOGGER_ERROR && l.text.find(message) != l.text.npos;
+        });
       })) << message;
     }
     expectOneTimeAxis({{101, 0}, {201, 1}});

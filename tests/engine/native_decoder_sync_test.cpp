@@ -79,15 +79,16 @@ TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
   EXPECT_TRUE(log.messages().empty());
   decode(d, {rollover()}, settings);
   EXPECT_FALSE(d.syncValid());
-  EXPECT_TRUE(
-      log.contains("Nothing received from the sync board between two rollover events. "
-                   "Is AUX IN 1 still connected to TEST?"));
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "Nothing received from the sync board between two rollover events. "
+                           "Is AUX IN 1 still connected to TEST?"));
 
   // A counter that disagrees with the periods seen realigns at once.
   b = decode(d, join({counter(0x01020306), {rollover()}, counter(0x01020310), {event(2, 0, 1)}}),
              settings);
   EXPECT_TRUE(d.syncValid());
-  EXPECT_TRUE(log.contains("Zeptick vs Sync Board counter mismatch: 1638400000 vs 163840000."));
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "Zeptick vs Sync Board counter mismatch: 1638400000 vs 163840000."));
   EXPECT_EQ(b.begin, int64_t{0x01020310} * kPeriod);
   EXPECT_EQ(d.overflows(), 3);
 
@@ -95,10 +96,12 @@ TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
   decode(d, counter(0x01020311, 7), settings);
   EXPECT_FALSE(d.syncValid());
   EXPECT_TRUE(log.contains(
+      LOGGER_ERROR,
       "Unexpected syncboard word received after 7 clock cycles. Is the clock connected properly?"));
   decode(d, join({counter(0x01020312), {word(1, 63, 0, 0)}}), settings);
   EXPECT_FALSE(d.syncValid());
   EXPECT_TRUE(log.contains(
+      LOGGER_ERROR,
       "Error event received from TEST, please make sure that the CLK is connected properly."));
 }
 
@@ -120,7 +123,8 @@ TEST_F(NativeDecoderSyncTest, HostClockUnwrapsTheCounterAndDetectsARestart) {
   decode(third, counter(0x10), settings);
   EXPECT_EQ(third.syncEpoch(), 1);
   EXPECT_EQ(first.syncEpoch(), 0);
-  EXPECT_TRUE(log.contains("Host computer vs Sync Board timer mismatch by 120.000000 seconds"));
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "Host computer vs Sync Board timer mismatch by 120.000000 seconds"));
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
     zt.setHardwareBufferSize(100000);
     EXPECT_EQ(zt.getHardwareBufferSize(), row.bufferMessage.empty() ? 100000 : row.buffer);
     EXPECT_TRUE(row.bufferMessage.empty() ? log.messages().empty()
-                                          : log.contains(row.bufferMessage));
+                                          : log.contains(LOGGER_WARNING, row.bufferMessage));
   }
 }
 

@@ -153,7 +153,7 @@ TEST(SynchronizedMeasurements, MembershipFollowsRegistrationAndDestruction) {
 
   RecordingMeasurement outsider(&tagger);
   group->unregisterMeasurement(&outsider);
-  EXPECT_TRUE(log.contains("Unregistering a non-registered measurement"));
+  EXPECT_TRUE(log.contains(LOGGER_WARNING, "Unregistering a non-registered measurement"));
 
   auto gone = std::make_unique<RecordingMeasurement>(group->getTagger(), std::vector<int>{3});
   EXPECT_EQ(tagger.registrations(3), 1);

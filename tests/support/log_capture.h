@@ -56,25 +56,6 @@ class LogCapture {
     }
     return true;
   }
-  // TEMPORARY level-less forms until every suite names its levels.
-  bool contains(const std::string& text) {
-    for (const Entry& entry : entries()) {
-      if (contains(entry.level, text)) return true;
-    }
-    return false;
-  }
-  bool waitFor(const std::string& text,
-               std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    return eventuallyContains(text, timeout);
-  }
-  bool eventuallyContains(const std::string& text, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!contains(text)) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
   void reset() {
     std::lock_guard<std::mutex> guard(state().mutex);
     state().entries.clear();
