@@ -50,7 +50,8 @@ class ZEPTICK_API Zeptick : public virtual ZeptickBase {
   virtual int getStreamBlockSizeLatency() = 0;
   virtual void setEventDivider(int channel, uint32_t divider) = 0;
   virtual uint32_t getEventDivider(int channel) = 0;
-  /// Calibrates on the internal test signal; `array_out(n)` receives one
+  /// Calibrates on the internal test signal for half a second, or longer (at most ten seconds
+  /// more) until every input that counts has 100 000 events; `array_out(n)` receives one
   /// quality figure per channel of getChannelList(ZT_CHANNEL_ALL).
   virtual void autoCalibration(std::function<double*(size_t)> array_out) = 0;
   virtual std::string getSerial() = 0;

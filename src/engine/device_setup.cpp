@@ -269,11 +269,30 @@ void ZeptickImpl::autoCalibration(std::function<double*(size_t)> array_out) {
 
   std::vector<int64_t> counts;
   size_t width = 0;
-  getDistributionCount([&counts, &width](size_t rows, size_t columns) {
-    counts.assign(rows * columns, 0);
-    width = columns;
-    return counts.data();
-  });
+  auto fetchCounts = [&] {
+    getDistributionCount([&counts, &width](size_t rows, size_t columns) {
+      counts.assign(rows * columns, 0);
+      width = columns;
+      return counts.data();
+    });
+  };
+  // Half a second gives an instrument hundreds of thousands of test edges per input. A stream
+  // that runs slower than real time (an emulated board on a loaded host) may not have, so the
+  // pass goes on until every counting input has enough for a trustworthy table, for at most
+  // ten seconds more; an input without a single event is not waited for.
+  constexpr int64_t kEnoughEvents = 100000;
+  fetchCounts();
+  for (int waited = 0; waited < 10000; waited += 50) {
+    bool enough = true;
+    for (size_t row = 0; width > 0 && row < counts.size() / width; ++row) {
+      int64_t sum = 0;
+      for (size_t j = 0; j < width; ++j) sum += counts[row * width + j];
+      enough &= sum == 0 || sum >= kEnoughEvents;
+    }
+    if (enough) break;
+    sleepMilliseconds(50);
+    fetchCounts();
+  }
   const std::vector<int> list = getChannelList(ZT_CHANNEL_ALL);
   double* out = array_out(list.size());
   for (size_t row = 0; row < list.size(); ++row) {
