@@ -1,7 +1,7 @@
 // Two instruments as one: an emulated Synchronizer drives both boards' clocks, the library finds
-// the second board through the wiring, aligns both time bases and merges their streams. A 1 MHz
-// clock on input 1 of each board, the second one 300 ps later, shows as a correlation peak at
-// 300 ps between channel 101 (first board) and 201 (second board).
+// the second board through the wiring, aligns both time bases and merges their streams. Photon
+// pairs split across the boards, the second photon 300 ps later on the second board, show as a
+// correlation peak at -300 ps between channel 101 (first board) and 201 (second board).
 #include <zeptick/zeptick.h>
 
 #include <chrono>
@@ -12,12 +12,14 @@
 int main() {
   zeptick::attachEmulatedDevices(R"({
     "devices": [
-      {"serial": "LAB-A", "pacing": "free", "inputs": 2,
-       "sources": [{"type": "periodic", "input": 1, "period_ps": 1000000}]},
-      {"serial": "LAB-B", "pacing": "free", "inputs": 2,
-       "sources": [{"type": "periodic", "input": 1, "period_ps": 1000000, "phase_ps": 300}]}
+      {"serial": "LAB-A", "pacing": "free", "inputs": 2},
+      {"serial": "LAB-B", "pacing": "free", "inputs": 2}
     ],
-    "synchronizer": {"ring": ["LAB-A", "LAB-B"]}
+    "synchronizer": {
+      "ring": ["LAB-A", "LAB-B"],
+      "sources": [{"type": "pairs", "inputs": ["LAB-A:1", "LAB-B:1"], "delays_ps": [0, 300],
+                   "rate_hz": 500000, "jitter_ps": 20}]
+    }
   })");
   zeptick::Zeptick* group = zeptick::createZeptick("LAB-A");  // LAB-B is found by probing
   std::printf("group %s\n", group->getSerial().c_str());
@@ -39,7 +41,7 @@ int main() {
       index.resize(n);
       return index.data();
     });
-    // The peak's centre of mass: the fine bins spread single differences over a few bins.
+    // The peak's centre of mass: the jitter spreads the differences over a few bins.
     double weight = 0;
     double sum = 0;
     for (size_t i = 0; i < counts.size(); ++i) {
@@ -51,7 +53,6 @@ int main() {
   }
   zeptick::freeZeptick(group);
   zeptick::detachEmulatedDevices();
-  // The second board's clock lags by 300 ps: channel 101's time minus 201's is -300 ps, give or
-  // take the width of a fine bin, since a clock always falls into the same one.
-  return peak > -380 && peak < -220 ? 0 : 1;
+  // The second photon lags by 300 ps: channel 101's time minus 201's is -300 ps.
+  return peak > -310 && peak < -290 ? 0 : 1;
 }

@@ -157,6 +157,13 @@ TEST(StreamSourcesTest, BadDescriptionsAreRefusedWithClearMessages) {
        "either period_ps or rate_hz"},
       {R"([{"type": "bursts", "input": 1, "rate_hz": 1, "events": 3}])", "needs \"spacing_ps\""},
       {R"([{"type": "poisson", "input": 1, "rate_hz": 1}, 7])", "source 2: must be a JSON object"},
+      {R"([{"type": "pairs", "inputs": [1, null], "delays_ps": [0, 1], "rate_hz": 1}])",
+       "null (an input of another board) only in a source with a seed"},
+      {R"([{"type": "pairs", "inputs": [null, null], "delays_ps": [0, 1], "rate_hz": 1,
+            "seed": 3}])",
+       "at least one input of this board"},
+      {R"([{"type": "pairs", "inputs": [1, 2], "delays_ps": [0, 1], "rate_hz": 1, "seed": -3}])",
+       "seed must be a whole number"},
   };
   for (const auto& [text, message] : cases) {
     try {

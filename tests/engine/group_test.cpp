@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -109,6 +111,45 @@ TEST_F(Group, AQuietMemberDoesNotHoldTheGroupBack) {
        {"synchronizer", json::object()}});
   openGroup("G0");
   expectOneTimeAxis({{101, 0}});
+}
+
+// A photon pair source of the Synchronizer spans two boards: the merged stream shows every
+// pair once on each board, at the configured delay within a few ps.
+TEST_F(Group, APairSourceAcrossBoardsKeepsItsDelay) {
+  json g0 = ultraBoard("G0");
+  json g1 = ultraBoard("G1");
+  g0["inputs"] = g1["inputs"] = 2;
+  const json pairs = {{"type", "pairs"},
+                      {"inputs", {"G0:1", "G1:2"}},
+                      {"delays_ps", {0, 300}},
+                      {"rate_hz", 5e5},
+                      {"jitter_ps", 20}};
+  EXPECT_THROW(emulator::attachBoards({{"devices", {g0, g1}},
+                                       {"synchronizer",
+                                        {{"sources",
+                                          {{{"type", "pairs"},
+                                            {"inputs", {"G0:1", "G9:1"}},
+                                            {"delays_ps", {0, 1}},
+                                            {"rate_hz", 1}}}}}}}),
+               std::invalid_argument);
+  emulator::attachBoards({{"devices", {g0, g1}}, {"synchronizer", {{"sources", {pairs}}}}});
+  openGroup("G0");
+  const std::vector<Tag> tags = record({101, 202}, 20000000000);  // 20 ms, about 10000 pairs
+  const std::vector<int64_t> first = timesOf(tags, 101);
+  const std::vector<int64_t> second = timesOf(tags, 202);
+  ASSERT_GT(first.size(), 8000u);
+  EXPECT_NEAR(static_cast<double>(second.size()), static_cast<double>(first.size()), 2);
+  double sum = 0;
+  size_t matched = 0;
+  for (int64_t t : first) {
+    const auto at = std::lower_bound(second.begin(), second.end(), t + 300 - 200);
+    if (at != second.end() && *at <= t + 300 + 200) {
+      sum += static_cast<double>(*at - t);
+      ++matched;
+    }
+  }
+  EXPECT_GT(matched, first.size() * 99 / 100);
+  EXPECT_NEAR(sum / static_cast<double>(matched), 300, 5);
 }
 
 TEST_F(Group, WiringFaultsAreNamed) {

@@ -5,6 +5,9 @@
 #include <fstream>
 #include <mutex>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -40,6 +43,57 @@ void install(std::vector<std::shared_ptr<Board>> boards) {
   for (const auto& board : old) board->detach();
 }
 
+[[noreturn]] void failShared(size_t number, const std::string& what) {
+  throw std::invalid_argument("emulator configuration: synchronizer.sources[" +
+                              std::to_string(number) + "]: " + what);
+}
+
+// A source of the Synchronizer names its inputs "SERIAL:INPUT" across its boards. Each board
+// it spans gets a copy with its own inputs as numbers and the others as null, all with one
+// seed, so every copy draws the same occurrences and jitter.
+void spreadSharedSources(const nlohmann::json& sources, const std::vector<std::string>& wired,
+                         std::vector<BoardConfig>& configs) {
+  if (!sources.is_array()) failShared(0, "sources must be an array of source objects");
+  for (size_t j = 0; j < sources.size(); ++j) {
+    const nlohmann::json& source = sources[j];
+    if (!source.is_object() || !source.contains("inputs") || !source["inputs"].is_array()) {
+      failShared(j, "needs \"inputs\": [\"SERIAL:INPUT\", ...]");
+    }
+    std::vector<std::pair<std::string, int64_t>> inputs;
+    for (const nlohmann::json& name : source["inputs"]) {
+      const std::string text = name.is_string() ? name.get<std::string>() : "";
+      const size_t colon = text.rfind(':');
+      const std::string serial = colon == std::string::npos ? "" : text.substr(0, colon);
+      int64_t input = 0;
+      try {
+        size_t used = 0;
+        input = std::stoll(text.substr(colon + 1), &used);
+        if (used != text.size() - colon - 1) input = 0;
+      } catch (const std::exception&) {
+        input = 0;
+      }
+      if (serial.empty() || input < 1) {
+        failShared(j, "inputs must be strings \"SERIAL:INPUT\", not " + name.dump());
+      }
+      if (std::find(wired.begin(), wired.end(), serial) == wired.end()) {
+        failShared(j, "\"" + serial + "\" is not a board of the synchronizer");
+      }
+      inputs.emplace_back(serial, input);
+    }
+    for (BoardConfig& board : configs) {
+      nlohmann::json copy = source;
+      copy["inputs"] = nlohmann::json::array();
+      bool spans = false;
+      for (const auto& [serial, input] : inputs) {
+        spans |= serial == board.serial;
+        copy["inputs"].push_back(serial == board.serial ? nlohmann::json(input) : nullptr);
+      }
+      if (!copy.contains("seed")) copy["seed"] = 0x5EED0000u + j;
+      if (spans) board.sources.push_back(std::move(copy));
+    }
+  }
+}
+
 std::vector<std::shared_ptr<Board>> build(const nlohmann::json& config) {
   std::vector<BoardConfig> configs = parseConfiguration(config);
   std::shared_ptr<Synchronizer> synchronizer;
@@ -47,6 +101,9 @@ std::vector<std::shared_ptr<Board>> build(const nlohmann::json& config) {
     std::vector<std::string> serials;
     for (const BoardConfig& board : configs) serials.push_back(board.serial);
     SynchronizerWiring wiring = SynchronizerWiring::parse(config["synchronizer"], serials);
+    if (config["synchronizer"].contains("sources")) {
+      spreadSharedSources(config["synchronizer"]["sources"], wiring.boards, configs);
+    }
     for (const BoardConfig& board : configs) {
       if (board.paced && synchronizer == nullptr &&
           std::find(wiring.boards.begin(), wiring.boards.end(), board.serial) !=

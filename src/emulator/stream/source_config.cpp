@@ -1,5 +1,6 @@
 #include "emulator/stream/source_config.h"
 
+#include <algorithm>
 #include <cmath>
 #include <initializer_list>
 #include <stdexcept>
@@ -147,10 +148,14 @@ SourceDescription readSource(const json& object, int number, int inputs) {
       readPoisson(r, description);
     }
   } else if (type == "pairs" || type == "cascade") {
-    r.onlyKeys(
-        {"type", "inputs", "delays_ps", "rate_hz", "jitter_ps", "amplitude_volts", "width_ps"});
+    r.onlyKeys({"type", "inputs", "delays_ps", "rate_hz", "jitter_ps", "amplitude_volts",
+                "width_ps", "seed"});
     readCommon(r, description);
     readPoisson(r, description);
+    if (r.has("seed")) {
+      if (!object["seed"].is_number_unsigned()) r.fail("seed must be a whole number of at least 0");
+      description.seed = object["seed"].get<uint64_t>();
+    }
     const json& list = r.array("inputs");
     const json& delays = r.array("delays_ps");
     if (type == "pairs" && list.size() != 2) r.fail("inputs must list exactly two inputs");
@@ -161,7 +166,19 @@ SourceDescription readSource(const json& object, int number, int inputs) {
           std::fabs(delays[i].get<double>()) > kMaxTimePs) {
         r.fail("delays_ps must hold numbers of at most 1e15 in magnitude");
       }
-      description.members.push_back({r.input(list[i], "inputs"), delays[i].get<double>(), i > 0});
+      // A null member drives an input of another board: it takes its jitter here too, so
+      // that every board of the source draws the same numbers.
+      const bool here = !list[i].is_null();
+      description.members.push_back(
+          {here ? r.input(list[i], "inputs") : 0, delays[i].get<double>(), i > 0, here});
+    }
+    if (std::none_of(description.members.begin(), description.members.end(),
+                     [](const SourceMember& m) { return m.here; })) {
+      r.fail("inputs must name at least one input of this board");
+    }
+    if (!description.seed && std::any_of(description.members.begin(), description.members.end(),
+                                         [](const SourceMember& m) { return !m.here; })) {
+      r.fail("inputs may be null (an input of another board) only in a source with a seed");
     }
   } else if (type == "bursts") {
     r.onlyKeys({"type", "input", "rate_hz", "events", "spacing_ps", "jitter_ps", "amplitude_volts",

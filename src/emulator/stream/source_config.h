@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -21,6 +23,13 @@
 //       instant. Every member but the first moves by a normal jitter of RMS
 //       jitter_ps, so the delay from the first member to each other one has
 //       exactly that spread. "cascade" is the same with two or more inputs.
+//       With "seed" (a whole number) the source draws from a random stream of
+//       its own instead of the board's, and its members' edges lie at the
+//       occurrence plus their delay plus their input's latency, whatever the
+//       board: the same source on two boards of one Synchronizer makes the same
+//       occurrences on both. Such a source may list null for a member that
+//       drives an input of another board; it draws that member's jitter all
+//       the same. The Synchronizer's "sources" are expanded into this form.
 //   {"type": "pulses", "input": 5, "width_ps": 5000, "period_ps": 1e6}
 //       Pulses of a stated width, periodic (period_ps, jitter_ps, phase_ps) or,
 //       with "rate_hz" instead of "period_ps", at random times.
@@ -50,6 +59,7 @@ struct SourceMember {
   int input = 0;          ///< hardware input, counted from 0
   double delay_ps = 0;    ///< from the occurrence to this member's leading edge
   bool jittered = false;  ///< moved by the source's jitter
+  bool here = true;       ///< false: an input of another board, not driven here
 };
 
 /// A validated source description. Every occurrence of a source gives one
@@ -64,6 +74,8 @@ struct SourceDescription {
   double jitter_ps = 0;  ///< RMS of the normal jitter of jittered members
   double width_ps = 1000;
   double amplitude_volts = 1.0;
+  /// A random stream of the source's own, shared by every board it spans.
+  std::optional<uint64_t> seed;
 
   /// Mean occurrences per second.
   double occurrenceRate() const;

@@ -73,6 +73,7 @@ void Lane::rebase(int64_t shift) {
 Source::Source(const SourceDescription& description, const std::vector<int64_t>& latency,
                int inputs, uint64_t seed)
     : timing_(description.timing),
+      seeded_(description.seed.has_value()),
       random_(seed),
       amplitude_(description.amplitude_volts),
       rate_(description.occurrenceRate()),
@@ -82,11 +83,16 @@ Source::Source(const SourceDescription& description, const std::vector<int64_t>&
                  ? static_cast<int64_t>(std::ceil(kJitterCut * description.jitter_ps))
                  : 0),
       clamp_limit_(static_cast<double>(clamp_)) {
+  // A source of its own seed may span boards with different latencies, so its occurrences
+  // are measured from the earliest delay alone; a board's own source starts at its earliest edge.
   std::vector<int64_t> base;
+  std::vector<int64_t> delays;
   for (const SourceMember& m : description.members) {
-    base.push_back(std::llround(m.delay_ps) + latency[static_cast<size_t>(m.input)]);
+    delays.push_back(std::llround(m.delay_ps));
+    base.push_back(delays.back() + (m.here ? latency[static_cast<size_t>(m.input)] : 0));
   }
-  const int64_t min_base = *std::min_element(base.begin(), base.end());
+  const int64_t min_base = description.seed ? *std::min_element(delays.begin(), delays.end())
+                                            : *std::min_element(base.begin(), base.end());
 
   const bool negative = amplitude_ < 0;
   for (size_t i = 0; i < description.members.size(); ++i) {
@@ -106,6 +112,7 @@ Source::Source(const SourceDescription& description, const std::vector<int64_t>&
     Member m;
     m.offset = base[i] - min_base + clamp_;
     m.jittered = description.members[i].jittered && sigma_ > 0;
+    m.here = description.members[i].here;
     m.lead_lane = lane_of(negative ? falling : rising, input);
     m.trail_lane = lane_of(negative ? rising : falling, input);
     members_.push_back(m);
@@ -147,8 +154,8 @@ void Source::bind() {
   edges_per_occurrence_.assign(lanes_.size(), 0);
   cursors_.assign(lanes_.size(), nullptr);
   for (Member& m : members_) {
-    m.lead = lanes_[m.lead_lane].active ? &lanes_[m.lead_lane] : nullptr;
-    m.trail = lanes_[m.trail_lane].active ? &lanes_[m.trail_lane] : nullptr;
+    m.lead = m.here && lanes_[m.lead_lane].active ? &lanes_[m.lead_lane] : nullptr;
+    m.trail = m.here && lanes_[m.trail_lane].active ? &lanes_[m.trail_lane] : nullptr;
     active_ = active_ || m.lead != nullptr || m.trail != nullptr;
     if (m.lead != nullptr) ++edges_per_occurrence_[m.lead_lane];
     if (m.trail != nullptr) ++edges_per_occurrence_[m.trail_lane];
@@ -162,6 +169,18 @@ double Source::activeEdgeRate() const {
 }
 
 void Source::restart(int64_t from) {
+  // A source of its own seed keeps one sequence in absolute time, so that the boards it spans
+  // agree whenever each of them switched it on: it skips ahead, drawing what it would have.
+  if (seeded_ && timing_ == SourceDescription::Timing::Poisson && started_) {
+    while (next_ < from) {
+      for (const Member& m : members_) {
+        if (m.jittered) jitter();
+      }
+      advancePoisson();
+    }
+    return;
+  }
+  started_ = true;
   if (timing_ == SourceDescription::Timing::Poisson) {
     next_ = from;
     fraction_ = 0;

@@ -110,6 +110,7 @@ class Source {
   struct Member {
     int64_t offset = 0;  ///< reference to leading edge, jitter excluded
     bool jittered = false;
+    bool here = true;  ///< drives an input of this board
     size_t lead_lane = 0;
     size_t trail_lane = 0;
     Lane* lead = nullptr;
@@ -164,6 +165,8 @@ class Source {
   }
 
   SourceDescription::Timing timing_;
+  bool seeded_ = false;   ///< a random stream of its own, shared by the boards it spans
+  bool started_ = false;  ///< restart() ran once
   Random random_;
   std::vector<Member> members_;
   std::vector<Lane> lanes_;

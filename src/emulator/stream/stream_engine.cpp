@@ -73,8 +73,9 @@ StreamEngine::StreamEngine(const StreamParameters& parameters, const nlohmann::j
   }
   const std::vector<SourceDescription> descriptions = parseSources(sources, inputs);
   for (size_t i = 0; i < descriptions.size(); ++i) {
-    sources_.push_back(
-        std::make_unique<Source>(descriptions[i], latency_, inputs, mixSeed(parameters_.seed, i)));
+    sources_.push_back(std::make_unique<Source>(
+        descriptions[i], latency_, inputs,
+        descriptions[i].seed ? mixSeed(*descriptions[i].seed, 0) : mixSeed(parameters_.seed, i)));
   }
   records_.resize(static_cast<size_t>(channelCount()));
   channel_lanes_.resize(static_cast<size_t>(channelCount()));

@@ -38,7 +38,7 @@ SynchronizerWiring SynchronizerWiring::parse(const nlohmann::json& object,
   }
   for (const auto& [key, value] : object.items()) {
     if (key != "boards" && key != "feedback" && key != "ring" && key != "loop_in" &&
-        key != "phase" && key != "counter_start") {
+        key != "phase" && key != "counter_start" && key != "sources") {
       fail(key + " is not a known key");
     }
   }
