@@ -32,7 +32,7 @@ std::vector<NativeTag>& workerWords() {
 bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock, uint32_t fence,
                                 const std::function<void()>& ready) {
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     if (fence != streamFence) {
       streamFence = fence;
       markDirty(CHANNEL_UNUSED);
@@ -83,7 +83,7 @@ bool ZeptickImpl::readDevice(Worker* worker, FPGA_DEVICE& device) {
 
   size_t words;
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     words = blockWords(transferBytes, maxLatency, maxEvents, device.wordsPerMs);
   }
   applyConfiguration(device);
@@ -121,7 +121,7 @@ bool ZeptickImpl::reconnect(Worker* worker, FPGA_DEVICE& device) {
     connected = false;
   }
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     device.dirty = true;
   }
   if (connected) {
@@ -143,7 +143,7 @@ bool ZeptickImpl::reconnect(Worker* worker, FPGA_DEVICE& device) {
 
 // REQUIRES: the device's USB mutex held (or the workers stopped).
 void ZeptickImpl::applyConfiguration(FPGA_DEVICE& device) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   if (!device.dirty || !device.backend->isConnected()) return;
   device::PipeBackend& backend = *device.backend;
   // A trigger channel must stay enabled while a filtered channel is in use,
@@ -186,7 +186,7 @@ void ZeptickImpl::applyConfiguration(FPGA_DEVICE& device) {
 // The one place where device words become tags.
 int32_t ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence) {
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     DecoderBlockSettings& settings = device.blockSettings;
     settings.normalization = normalization;
     for (int index = 0; index < device.channelCount; ++index) {

@@ -92,13 +92,13 @@ void ZeptickImpl::computeDelays(FPGA_DEVICE& device) {
 // ---- Device-wide settings. ----
 
 void ZeptickImpl::setTestSignalDivider(int divider) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   testSignalDivider = divider;
   markDirty(CHANNEL_UNUSED);
 }
 
 int ZeptickImpl::getTestSignalDivider() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return testSignalDivider;
 }
 
@@ -106,12 +106,12 @@ void ZeptickImpl::setNormalization(bool enabled) {
   // With every decoder held, no block mixes dithered and plain times.
   std::vector<std::unique_lock<std::mutex>> decoders;
   for (auto& device : devices) decoders.emplace_back(device->decoderMutex);
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   normalization = enabled;
 }
 
 bool ZeptickImpl::getNormalization() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return normalization;
 }
 
@@ -120,13 +120,13 @@ void ZeptickImpl::setHardwareBufferSize(int size) {
     ZT_LOG_WARNING("Zeptick 20 does not support variable hardware buffer sizes.");
     return;
   }
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   hardwareBufferSize = std::clamp(size, kMinBufferSize, kMaxBufferSize);
   markDirty(CHANNEL_UNUSED);
 }
 
 int ZeptickImpl::getHardwareBufferSize() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return hardwareBufferSize;
 }
 
@@ -134,7 +134,7 @@ void ZeptickImpl::setStreamBlockSize(int max_events, int max_latency) {
   if (max_latency < 1 || max_latency > 10000) {
     throw std::invalid_argument("max_latency must be between 1 millisecond and 10 seconds");
   }
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   if (max_events < transferBytes / 4 || max_events > kMaxBlockEvents) {
     throw std::invalid_argument("max_events must be between 256 and 32*10^6 events");
   }
@@ -144,17 +144,17 @@ void ZeptickImpl::setStreamBlockSize(int max_events, int max_latency) {
 }
 
 int ZeptickImpl::getStreamBlockSizeEvents() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return maxEvents;
 }
 
 int ZeptickImpl::getStreamBlockSizeLatency() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return maxLatency;
 }
 
 void ZeptickImpl::setLED(uint32_t bitmask) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   ledBits = bitmask;
   markDirty(CHANNEL_UNUSED);
 }
@@ -162,7 +162,7 @@ void ZeptickImpl::setLED(uint32_t bitmask) {
 // ---- Per-channel settings. ----
 
 void ZeptickImpl::setTriggerLevel(int channel, double voltage) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       findRising(channel, "Tried to configure the trigger level for an unknown channel");
   if (config == nullptr) return;
@@ -171,7 +171,7 @@ void ZeptickImpl::setTriggerLevel(int channel, double voltage) {
 }
 
 double ZeptickImpl::getTriggerLevel(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       findRising(channel, "Tried to fetch the trigger level for an unknown channel");
   if (config == nullptr) return 0;
@@ -180,7 +180,7 @@ double ZeptickImpl::getTriggerLevel(int channel) {
 }
 
 int64_t ZeptickImpl::getHardwareDelayCompensation(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   auto route = routes.find(channel);
   if (route == routes.end()) {
     ZT_LOG_WARNING("Tried to get the hardware delay compensation of an unknown channel");
@@ -191,7 +191,7 @@ int64_t ZeptickImpl::getHardwareDelayCompensation(int channel) {
 }
 
 void ZeptickImpl::setInputMux(int channel, int mux_mode) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       findRising(channel, "Tried to set the input multiplexer of an unknown channel");
   if (config == nullptr) return;
@@ -200,14 +200,14 @@ void ZeptickImpl::setInputMux(int channel, int mux_mode) {
 }
 
 int ZeptickImpl::getInputMux(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       findRising(channel, "Tried to get the input multiplexer of an unknown channel");
   return config == nullptr ? 0 : config->inputMux;
 }
 
 void ZeptickImpl::setTestSignal(int channel, bool enabled) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       findRising(channel, "Tried to set the test signal of an unknown channel");
   if (config == nullptr) return;
@@ -220,14 +220,14 @@ void ZeptickImpl::setTestSignal(std::vector<int> channels, bool enabled) {
 }
 
 bool ZeptickImpl::getTestSignal(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       findRising(channel, "Tried to query the test signal of an unknown channel");
   return config != nullptr && config->inputMux == kTestSignalMux;
 }
 
 void ZeptickImpl::setEventDivider(int channel, uint32_t divider) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to configure the event divider for an unknown channel");
   if (config == nullptr) return;
@@ -236,7 +236,7 @@ void ZeptickImpl::setEventDivider(int channel, uint32_t divider) {
 }
 
 uint32_t ZeptickImpl::getEventDivider(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to query the event divider for an unknown channel");
   if (config == nullptr) return 0;
@@ -244,7 +244,7 @@ uint32_t ZeptickImpl::getEventDivider(int channel) {
 }
 
 void ZeptickImpl::setInputDelay(int channel, int64_t delay) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to set the input delay of an unknown channel");
   if (config == nullptr) return;
@@ -264,7 +264,7 @@ void ZeptickImpl::setInputDelay(int channel, int64_t delay) {
 }
 
 int64_t ZeptickImpl::getInputDelay(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to get the input delay of an unknown channel");
   if (config == nullptr) return 0;
@@ -272,7 +272,7 @@ int64_t ZeptickImpl::getInputDelay(int channel) {
 }
 
 int64_t ZeptickImpl::setDeadtime(int channel, int64_t deadtime) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to configure the deadtime for an unknown channel");
   if (config == nullptr) return 0;
@@ -286,7 +286,7 @@ int64_t ZeptickImpl::setDeadtime(int channel, int64_t deadtime) {
 }
 
 int64_t ZeptickImpl::getDeadtime(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config =
       configOrWarn(channel, "Tried to query the deadtime for an unknown channel");
   if (config == nullptr) return 0;
@@ -297,13 +297,14 @@ int64_t ZeptickImpl::getDeadtime(int channel) {
 
 void ZeptickImpl::setConditionalFilter(std::vector<int> trigger, std::vector<int> filtered,
                                        bool hardwareDelayCompensation) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   std::map<FPGA_DEVICE*, std::pair<int, int>> per_device;
-  auto count = [this, &per_device](const std::vector<int>& channels, bool is_trigger) {
+  auto count = [&per_device](const std::map<int32_t, Route>& known,
+                             const std::vector<int>& channels, bool is_trigger) {
     for (int channel : channels) {
       if (channel == CHANNEL_UNUSED) continue;
-      auto route = routes.find(channel);
-      if (route == routes.end()) {
+      auto route = known.find(channel);
+      if (route == known.end()) {
         throw std::invalid_argument(
             "Tried to configure the conditional filter for the unknown channel " +
             std::to_string(channel));
@@ -312,8 +313,8 @@ void ZeptickImpl::setConditionalFilter(std::vector<int> trigger, std::vector<int
       ++(is_trigger ? counters.first : counters.second);
     }
   };
-  count(trigger, true);
-  count(filtered, false);
+  count(routes, trigger, true);
+  count(routes, filtered, false);
   // Visit devices in chain order so that the message names the first one.
   for (const auto& device : devices) {
     auto found = per_device.find(device.get());
@@ -341,7 +342,7 @@ void ZeptickImpl::setConditionalFilter(std::vector<int> trigger, std::vector<int
 void ZeptickImpl::clearConditionalFilter() { setConditionalFilter({}, {}, true); }
 
 std::vector<int> ZeptickImpl::getConditionalFilterTrigger() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   std::vector<int> out;
   for (const auto& [channel, config] : configs) {
     if (config.conditionalTrigger) out.push_back(channel);
@@ -350,7 +351,7 @@ std::vector<int> ZeptickImpl::getConditionalFilterTrigger() {
 }
 
 std::vector<int> ZeptickImpl::getConditionalFilterFiltered() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   std::vector<int> out;
   for (const auto& [channel, config] : configs) {
     if (config.conditionalFiltered) out.push_back(channel);
@@ -361,24 +362,24 @@ std::vector<int> ZeptickImpl::getConditionalFilterFiltered() {
 // ---- Channel numbers and registration. ----
 
 int ZeptickImpl::getInvertedChannel(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   const CHANNEL_CONFIG* config = findConfig(channel);
   return config == nullptr ? CHANNEL_UNUSED : config->invertedChannel;
 }
 
 bool ZeptickImpl::isUnusedChannel(int channel) {
   if (channel == CHANNEL_UNUSED) return true;
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return channelNumberScheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO && channel == -1;
 }
 
 int ZeptickImpl::getChannelNumberScheme() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return channelNumberScheme;
 }
 
 std::vector<int> ZeptickImpl::getChannelList(int type) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   std::vector<int> all;
   for (const auto& entry : configs) all.push_back(entry.first);
   const size_t n = all.size();
@@ -396,7 +397,7 @@ std::vector<int> ZeptickImpl::getChannelList(int type) {
 }
 
 void ZeptickImpl::registerChannel(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config = findConfig(channel);
   if (config == nullptr) {
     if (channel < 1 || channel >= nextVirtualChannel) {
@@ -408,7 +409,7 @@ void ZeptickImpl::registerChannel(int channel) {
 }
 
 void ZeptickImpl::unregisterChannel(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   CHANNEL_CONFIG* config = findConfig(channel);
   if (config == nullptr) {
     if (channel < 1 || channel >= nextVirtualChannel) {
@@ -420,7 +421,7 @@ void ZeptickImpl::unregisterChannel(int channel) {
 }
 
 int ZeptickImpl::getNewVirtualChannel() {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   return nextVirtualChannel++;
 }
 
@@ -543,7 +544,7 @@ void ZeptickImpl::fillDistributions(const std::function<int64_t*(size_t, size_t)
   for (size_t row = 0; row < list.size(); ++row) {
     Route route;
     {
-      std::lock_guard<std::mutex> guard(configMutex);
+      detail::MutexLock guard(configMutex);
       route = routes.at(list[row]);
     }
     FPGA_DEVICE& device = *route.first;

@@ -38,7 +38,7 @@ std::string ZeptickImpl::getConfiguration() {
   out << "  \"software version\": \"" << getVersion() << "\",\n";
   std::vector<int> registered;
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     for (const auto& [channel, config] : configs) {
       if (config.registrations != 0) registered.push_back(channel);
     }
@@ -53,7 +53,7 @@ std::string ZeptickImpl::getConfiguration() {
   out << "  \"test signal divider\": " << getTestSignalDivider() << ",\n";
   out << "  \"channel number scheme\": " << getChannelNumberScheme() << ",\n";
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     out << "  \"led bitmask\": " << ledBits << ",\n";
     out << "  \"stream block size events\": " << maxEvents << ",\n";
     out << "  \"stream block size latency\": " << maxLatency << ",\n";

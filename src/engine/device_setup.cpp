@@ -53,7 +53,7 @@ ZeptickImpl::ZeptickImpl(const std::string& serial) : requestedSerial(serial) {
 
 ZeptickImpl::~ZeptickImpl() {
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     ledBits = (ledBits & ~7u) | 0x70000;
     markDirty(CHANNEL_UNUSED);
   }
@@ -102,7 +102,7 @@ void ZeptickImpl::initDevices() {
     syncEpoch.hostTimeValid = false;
   }
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     routes.clear();
     configs.clear();
     devices.clear();
@@ -132,7 +132,7 @@ void ZeptickImpl::initDevices() {
       list[ordinal]->syncMode = true;
     }
   }
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   for (auto& device : list) setupChannels(*device, list.size());
   devices.swap(list);
   markDirty(CHANNEL_UNUSED);
@@ -169,7 +169,7 @@ void ZeptickImpl::openDevice(const std::string& serial, DeviceList& list, uint8_
   device->backend = std::move(backend);
 
   const bool model20 = device->model == kModel20;
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   if (channelNumberScheme == ZT_CHANNEL_NUMBER_SCHEME_AUTO) {
     channelNumberScheme =
         device->pcbVersion == 0 ? ZT_CHANNEL_NUMBER_SCHEME_ZERO : ZT_CHANNEL_NUMBER_SCHEME_ONE;
@@ -251,7 +251,7 @@ void ZeptickImpl::autoCalibration(std::function<double*(size_t)> array_out) {
   std::vector<int> channels;
   std::map<int, bool> rising;
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     for (const auto& [channel, config] : configs) {
       channels.push_back(channel);
       rising[channel] = config.risingEdge;
@@ -322,7 +322,7 @@ void ZeptickImpl::autoCalibration(std::function<double*(size_t)> array_out) {
 }
 
 int64_t ZeptickImpl::getPsPerClockOf(int channel) {
-  std::lock_guard<std::mutex> guard(configMutex);
+  detail::MutexLock guard(configMutex);
   FPGA_DEVICE* device = deviceOf(channel);
   return device != nullptr ? device->psPerClock : 0;
 }

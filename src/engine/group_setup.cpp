@@ -134,7 +134,7 @@ bool ZeptickImpl::mergeBlock(Worker& worker, FPGA_DEVICE& device, int32_t block_
   }
   uint64_t max_events;
   {
-    std::lock_guard<std::mutex> guard(configMutex);
+    detail::MutexLock guard(configMutex);
     max_events = static_cast<uint64_t>(maxEvents);
   }
   merger->add(worker, static_cast<size_t>(device.ordinal), max_events);

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/annotated_mutex.h"
 #include "core/zeptick_runner.h"
 #include "engine/device_merger.h"
 #include "engine/engine_records.h"
@@ -106,7 +107,7 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   unsigned workerCount() const;
   void openDevice(const std::string& serial, DeviceList& list, uint8_t& identifier,
                   uint8_t probe_id);
-  void setupChannels(FPGA_DEVICE& device, size_t group_size);
+  void setupChannels(FPGA_DEVICE& device, size_t group_size) ZT_REQUIRES(configMutex);
   // A synchronized group (group_setup.cpp).
   void findGroup(DeviceList& list, uint8_t& identifier, uint8_t probe_id);
   void probeDevices(DeviceList& list);
@@ -123,13 +124,14 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   int32_t decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t fence);
 
   // Configuration helpers. REQUIRES: configMutex held.
-  void markDirty(int channel);
-  CHANNEL_CONFIG* findConfig(int channel);
-  CHANNEL_CONFIG* configOrWarn(int channel, const char* unknown_message);
-  CHANNEL_CONFIG* findRising(int& channel, const char* unknown_message);
-  FPGA_DEVICE* deviceOf(int channel);
-  void storeTriggerLevel(int channel, CHANNEL_CONFIG& config, double voltage);
-  void computeDelays(FPGA_DEVICE& device);
+  void markDirty(int channel) ZT_REQUIRES(configMutex);
+  CHANNEL_CONFIG* findConfig(int channel) ZT_REQUIRES(configMutex);
+  CHANNEL_CONFIG* configOrWarn(int channel, const char* unknown_message) ZT_REQUIRES(configMutex);
+  CHANNEL_CONFIG* findRising(int& channel, const char* unknown_message) ZT_REQUIRES(configMutex);
+  FPGA_DEVICE* deviceOf(int channel) ZT_REQUIRES(configMutex);
+  void storeTriggerLevel(int channel, CHANNEL_CONFIG& config, double voltage)
+      ZT_REQUIRES(configMutex);
+  void computeDelays(FPGA_DEVICE& device) ZT_REQUIRES(configMutex);
 
   void calibrateAndClear();
   int64_t getPsPerClockOf(int channel);
@@ -137,9 +139,9 @@ class ZeptickImpl final : public ZeptickRunner, public Zeptick {
   std::string pcbVersionText(const FPGA_DEVICE& device) const;
   void writeFarewellLeds();
 
-  std::mutex configMutex;
-  std::map<int32_t, CHANNEL_CONFIG> configs;
-  std::map<int32_t, Route> routes;
+  detail::Mutex configMutex;
+  std::map<int32_t, CHANNEL_CONFIG> configs ZT_GUARDED_BY(configMutex);
+  std::map<int32_t, Route> routes ZT_GUARDED_BY(configMutex);
   DeviceList devices;
 
   int32_t channelNumberScheme = ZT_CHANNEL_NUMBER_SCHEME_AUTO;

@@ -116,7 +116,7 @@ void ZeptickVirtualImpl::setReplaySpeed(double value) {
     throw std::runtime_error("Slow replay speed between 0.0 and 0.1 is not supported.");
   }
   {
-    std::lock_guard<std::mutex> guard(clock_mutex);
+    detail::MutexLock guard(clock_mutex);
     speed = value;
     anchor_virtual = virtual_time;
     anchor_real = nowNs();
@@ -126,14 +126,14 @@ void ZeptickVirtualImpl::setReplaySpeed(double value) {
 }
 
 double ZeptickVirtualImpl::getReplaySpeed() {
-  std::lock_guard<std::mutex> guard(clock_mutex);
+  detail::MutexLock guard(clock_mutex);
   return speed;
 }
 
 void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next) {
   std::unique_ptr<ZeptickFileReader> old;
   {
-    std::lock_guard<std::mutex> guard(reader_mutex);
+    detail::MutexLock guard(reader_mutex);
     old = std::move(reader);
     reader = std::move(next);
   }
@@ -141,7 +141,7 @@ void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next) 
 
 int ZeptickVirtualImpl::getInvertedChannel(int channel) {
   {
-    std::lock_guard<std::mutex> guard(reader_mutex);
+    detail::MutexLock guard(reader_mutex);
     if (reader) return reader->getInvertedChannel(channel);
   }
   if (channel_number_scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) {
@@ -157,20 +157,20 @@ bool ZeptickVirtualImpl::isUnusedChannel(int channel) {
   if (channel == CHANNEL_UNUSED) return true;
   if (channel != -1) return false;
   {
-    std::lock_guard<std::mutex> guard(reader_mutex);
+    detail::MutexLock guard(reader_mutex);
     if (reader) return reader->getInvertedChannel(-1) == CHANNEL_UNUSED;
   }
   return channel_number_scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO;
 }
 
 std::string ZeptickVirtualImpl::getConfiguration() {
-  std::lock_guard<std::mutex> guard(reader_mutex);
+  detail::MutexLock guard(reader_mutex);
   return reader ? reader->getConfiguration() : std::string();
 }
 
 void ZeptickVirtualImpl::editChannel(int channel,
                                      const std::function<void(ReplayChannelConfig&)>& edit) {
-  std::lock_guard<std::mutex> guard(config_mutex);
+  detail::MutexLock guard(config_mutex);
   ReplayChannelConfig& config = caller_channels[channel];
   edit(config);
   // Only channels with a setting stay, so that unconfigured replay skips the ordering stage.
@@ -179,7 +179,7 @@ void ZeptickVirtualImpl::editChannel(int channel,
 }
 
 ReplayChannelConfig ZeptickVirtualImpl::channelSettings(int channel) {
-  std::lock_guard<std::mutex> guard(config_mutex);
+  detail::MutexLock guard(config_mutex);
   auto found = caller_channels.find(channel);
   return found == caller_channels.end() ? ReplayChannelConfig{} : found->second;
 }
@@ -235,7 +235,7 @@ int64_t ZeptickVirtualImpl::getOverflowsAndClear() {
 }
 
 int ZeptickVirtualImpl::getNewVirtualChannel() {
-  std::lock_guard<std::mutex> guard(config_mutex);
+  detail::MutexLock guard(config_mutex);
   return next_virtual_channel++;
 }
 
@@ -255,7 +255,7 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
   std::unique_lock<std::mutex> queue_lock(queue_mutex);
   double current_speed;
   {
-    std::lock_guard<std::mutex> guard(clock_mutex);
+    detail::MutexLock guard(clock_mutex);
     current_speed = speed;
   }
   if (current_speed == 0.0 || (file_queue.empty() && current_speed < 0.0)) {
@@ -290,7 +290,7 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
   lock = std::move(processing);
   ready();
   {
-    std::lock_guard<std::mutex> guard(config_mutex);
+    detail::MutexLock guard(config_mutex);
     if (config_dirty) {
       config_dirty = false;
       channel_stage.configure(caller_channels);
@@ -301,7 +301,7 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
 }
 
 std::chrono::nanoseconds ZeptickVirtualImpl::paceClock(double current_speed) {
-  std::lock_guard<std::mutex> guard(clock_mutex);
+  detail::MutexLock guard(clock_mutex);
   const int64_t now = nowNs();
   const int64_t elapsed = now - anchor_real;
   const auto target = static_cast<int64_t>(
@@ -316,7 +316,7 @@ std::chrono::nanoseconds ZeptickVirtualImpl::paceClock(double current_speed) {
 }
 
 void ZeptickVirtualImpl::emptyBlock(Worker* worker, int64_t length) {
-  std::lock_guard<std::mutex> guard(clock_mutex);
+  detail::MutexLock guard(clock_mutex);
   worker->tags.clear();
   worker->blockBegin = virtual_time;
   virtual_time += length;
@@ -363,7 +363,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Wo
 }
 
 bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
-  std::lock_guard<std::mutex> reader_guard(reader_mutex);
+  detail::MutexLock reader_guard(reader_mutex);
   int64_t block_begin = 0;
   int64_t block_end = 0;
   for (;;) {
@@ -376,7 +376,7 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
     entry.begin -= block_end - block_begin;
   }
 
-  std::lock_guard<std::mutex> clock_guard(clock_mutex);
+  detail::MutexLock clock_guard(clock_mutex);
   const int64_t now = virtual_time;
   uint64_t counted = 0;
   std::vector<Tag>& tags = worker->tags;

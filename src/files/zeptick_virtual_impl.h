@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core/annotated_mutex.h"
 #include "core/zeptick_runner.h"
 #include "files/file_format.h"
 #include "files/replay_channel_stage.h"
@@ -105,16 +106,16 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   int64_t last_block_end = 0;
   bool first_block = true;
 
-  std::mutex reader_mutex;  // guards `reader` against the callers' queries
-  std::unique_ptr<ZeptickFileReader> reader;
+  detail::Mutex reader_mutex;  // the block step reads, the callers query
+  std::unique_ptr<ZeptickFileReader> reader ZT_GUARDED_BY(reader_mutex);
 
   std::atomic<uint64_t> overflows{0};
 
-  std::mutex clock_mutex;
-  double speed = -1.0;
-  int64_t virtual_time = 0;
-  int64_t anchor_real = 0;
-  int64_t anchor_virtual = 0;
+  detail::Mutex clock_mutex;
+  double speed ZT_GUARDED_BY(clock_mutex) = -1.0;
+  int64_t virtual_time ZT_GUARDED_BY(clock_mutex) = 0;
+  int64_t anchor_real ZT_GUARDED_BY(clock_mutex) = 0;
+  int64_t anchor_virtual ZT_GUARDED_BY(clock_mutex) = 0;
 
   std::mutex queue_mutex;
   std::condition_variable completion_cv;
@@ -123,10 +124,10 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   uint64_t completed_id = 0;
   std::deque<FileQueueEntry> file_queue;
 
-  std::mutex config_mutex;
-  ReplayChannelMap caller_channels;
-  bool config_dirty = true;
-  int next_virtual_channel;
+  detail::Mutex config_mutex;
+  ReplayChannelMap caller_channels ZT_GUARDED_BY(config_mutex);
+  bool config_dirty ZT_GUARDED_BY(config_mutex) = true;
+  int next_virtual_channel ZT_GUARDED_BY(config_mutex);
 
   // The ordering stage, one block at a time in stream order.
   std::mutex processing_mutex;
