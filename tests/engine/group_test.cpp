@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zeptick_impl_fixture.h"
@@ -87,7 +89,22 @@ TEST_F(Group, ProbingFindsTheRingOrderNumbersByOffsetAndResetReopensTheGroup) {
     EXPECT_EQ(zt.getSerial(), expected);
     EXPECT_EQ(zt.getInvertedChannel(101), -101);
     EXPECT_EQ(zt.getChannelList(ZT_CHANNEL_RISING).size(), static_cast<size_t>(2 * members));
-    expectOneTimeAxis(steps);
+    {
+      // Settings of the unused second inputs keep changing on every member meanwhile, from
+      // another thread, while the workers decode and merge (run under ThreadSanitizer too).
+      std::atomic<bool> done{false};
+      std::thread settings([&] {
+        for (int round = 0; !done; ++round) {
+          for (int k = 1; k <= members; ++k) {
+            zt.setTriggerLevel(k * 100 + 2, 0.1 * (round % 5));
+            zt.setDeadtime(k * 100 + 2, 2000 + 500 * (round % 3));
+          }
+        }
+      });
+      expectOneTimeAxis(steps);
+      done = true;
+      settings.join();
+    }
     if (members == 3) {
       zt.reset();
       EXPECT_EQ(zt.getSerial(), expected);
