@@ -116,6 +116,12 @@ class Cli(unittest.TestCase):
             peak = max(bins, key=lambda b: b[1])[0]
             # Channel 2 lags channel 1, so the peak sits at minus the delay.
             self.assertLessEqual(abs(peak + 50 + 3700), 100)
+            # The same result drawn by matplotlib: a PNG beside the CSV file.
+            out = run("zeptick", "replay", path, "--measure", "correlation", "--out",
+                      f"{tmp}/c.csv", "--plot", f"{tmp}/c.png")
+            self.assertEqual(out.returncode, 0, out.stderr)
+            self.assertEqual(pathlib.Path(f"{tmp}/c.png").read_bytes()[:4], b"\x89PNG")
+            self.assertEqual(len(pathlib.Path(f"{tmp}/c.csv").read_text().split()), 1001)
 
     def test_info_and_rates_on_the_emulator(self):
         out = run("zeptick", "--emulator", "default", "info")
@@ -142,6 +148,7 @@ class Cli(unittest.TestCase):
             (["zeptick", "record", "x.ztbin"], 2, "--duration is required"),
             (["zeptick", "replay", "x.ztbin", "--measure", "fft"], 2, "--measure"),
             (["zeptick", "info", "--serial", "NOPE"], 1, "not found"),
+            (["zeptick", "replay", "x.ztbin", "--plot", "x.pdf"], 2, ".svg or .png"),
         ]:
             out = run(*args)
             self.assertEqual(out.returncode, status, args)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "plot.h"
 #include "units.h"
 #include "zeptick/file_reader.h"
 #include "zeptick/tag.h"
@@ -18,7 +19,7 @@ namespace zeptick::cli {
 namespace {
 
 struct HistogramOptions {
-  std::string file, binwidth = "10ps", out;
+  std::string file, binwidth = "10ps", out, plot;
   int start = 1, stop = 2, bins = 1000;
 };
 
@@ -64,18 +65,20 @@ void addHistogram(CLI::App& app) {
   cmd->add_option("--bins", o->bins, "number of bins (default 1000)")
       ->check(CLI::Range(1, 1 << 26));
   cmd->add_option("--out", o->out, "CSV file to write instead of stdout");
+  cmd->add_option("--plot", o->plot, "also draw the histogram into this .svg or .png file");
   cmd->callback([o] {
     const int64_t width = parseTime(o->binwidth);
     if (width <= 0) throw std::invalid_argument("--binwidth must be at least 1ps");
+    if (!o->plot.empty()) checkPlotName(o->plot);
     const auto counts = startStop(*o, width);
-    std::unique_ptr<FILE, int (*)(FILE*)> out(
-        o->out.empty() ? stdout : std::fopen(o->out.c_str(), "w"),
-        [](FILE* f) { return f == stdout ? std::fflush(f) : std::fclose(f); });
-    if (!out) throw std::runtime_error("cannot write '" + o->out + "'; check the directory");
-    std::fprintf(out.get(), "bin_ps,counts\n");
-    for (size_t i = 0; i < counts.size(); ++i)
-      std::fprintf(out.get(), "%lld,%llu\n", static_cast<long long>(i) * width,
-                   static_cast<unsigned long long>(counts[i]));
+    std::string csv = "bin_ps,counts\n";
+    char line[64];
+    for (size_t i = 0; i < counts.size(); ++i) {
+      csv.append(line, static_cast<size_t>(std::snprintf(
+                           line, sizeof line, "%lld,%llu\n", static_cast<long long>(i) * width,
+                           static_cast<unsigned long long>(counts[i]))));
+    }
+    emitCsv(csv, o->out, o->plot, "start-stop histogram of " + o->file);
   });
 }
 

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "files/zeptick_file_reader.h"
 #include "live.h"
+#include "plot.h"
 #include "units.h"
 #include "zeptick/correlation.h"
 #include "zeptick/countrate.h"
@@ -24,7 +25,8 @@ namespace zeptick::cli {
 namespace {
 
 struct ReplayOptions {
-  std::string file, measure = "rates", channels, begin = "0ps", duration, binwidth = "10ps", out;
+  std::string file, measure = "rates", channels, begin = "0ps", duration, binwidth = "10ps", out,
+                    plot;
   double speed = -1.0;
   int start = 1, stop = 2, bins = 1000;
 };
@@ -36,15 +38,6 @@ std::vector<int> recordedChannels(const std::string& file) {
   std::vector<int> channels = reader.getRecordedChannels();
   std::sort(channels.begin(), channels.end());
   return channels;
-}
-
-using Output = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-Output openOutput(const std::string& path) {
-  Output out(path.empty() ? stdout : std::fopen(path.c_str(), "w"),
-             [](FILE* f) { return f == stdout ? std::fflush(f) : std::fclose(f); });
-  if (!out) throw std::runtime_error("cannot write '" + path + "'; check the directory");
-  return out;
 }
 
 template <class Measurement, class Value>
@@ -60,6 +53,7 @@ void runReplay(const ReplayOptions& o) {
   const int64_t binwidth = parseTime(o.binwidth);
   if (binwidth <= 0) throw std::invalid_argument("--binwidth must be at least 1ps");
   if (o.speed == 0.0) throw std::invalid_argument("--speed must not be 0");
+  if (!o.plot.empty()) checkPlotName(o.plot);
   std::unique_ptr<ZeptickVirtual, bool (*)(ZeptickBase*)> tagger(createZeptickVirtual(),
                                                                  freeZeptick);
   tagger->setReplaySpeed(o.speed);
@@ -81,32 +75,36 @@ void runReplay(const ReplayOptions& o) {
   while (!tagger->waitForCompletion(id, 100)) {
     if (interrupted()) tagger->stop();
   }
-  Output out = openOutput(o.out);
+  std::string csv;
+  char line[96];
+  auto row = [&](int length) { csv.append(line, static_cast<size_t>(length)); };
   if (rates) {
     const auto values = dataOf<Countrate, double>(*rates);
     std::vector<int64_t> totals;
     rates->getCountsTotal([&](size_t n) { return totals.assign(n, 0), totals.data(); });
-    std::fprintf(out.get(), "channel,counts,rate_per_s\n");
+    csv = "channel,counts,rate_per_s\n";
     for (size_t i = 0; i < channels.size(); ++i) {
-      std::fprintf(out.get(), "%d,%lld,%.6g\n", channels[i], static_cast<long long>(totals[i]),
-                   values[i]);
+      row(std::snprintf(line, sizeof line, "%d,%lld,%.6g\n", channels[i],
+                        static_cast<long long>(totals[i]), values[i]));
     }
-    return;
-  }
-  std::vector<int64_t> index;
-  auto indexOut = [&](size_t n) { return index.assign(n, 0), index.data(); };
-  std::vector<int32_t> counts;
-  if (histogram) {
-    histogram->getIndex(indexOut);
-    counts = dataOf<Histogram, int32_t>(*histogram);
   } else {
-    correlation->getIndex(indexOut);
-    counts = dataOf<Correlation, int32_t>(*correlation);
+    std::vector<int64_t> index;
+    auto indexOut = [&](size_t n) { return index.assign(n, 0), index.data(); };
+    std::vector<int32_t> counts;
+    if (histogram) {
+      histogram->getIndex(indexOut);
+      counts = dataOf<Histogram, int32_t>(*histogram);
+    } else {
+      correlation->getIndex(indexOut);
+      counts = dataOf<Correlation, int32_t>(*correlation);
+    }
+    csv = "bin_ps,counts\n";
+    for (size_t i = 0; i < counts.size(); ++i) {
+      row(std::snprintf(line, sizeof line, "%lld,%d\n", static_cast<long long>(index[i]),
+                        counts[i]));
+    }
   }
-  std::fprintf(out.get(), "bin_ps,counts\n");
-  for (size_t i = 0; i < counts.size(); ++i) {
-    std::fprintf(out.get(), "%lld,%d\n", static_cast<long long>(index[i]), counts[i]);
-  }
+  emitCsv(csv, o.out, o.plot, o.measure + " of " + o.file);
 }
 
 }  // namespace
@@ -129,6 +127,7 @@ void addReplay(CLI::App& app) {
   cmd->add_option("--begin", o->begin, "skip this much of the recording, with unit");
   cmd->add_option("--duration", o->duration, "play only this much, with unit");
   cmd->add_option("--out", o->out, "CSV file to write instead of stdout");
+  cmd->add_option("--plot", o->plot, "also draw the result into this .svg or .png file");
   cmd->callback([o] { runReplay(*o); });
 }
 
