@@ -91,7 +91,35 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
 
   uint64_t n = 0;
   std::vector<Tag>& out = worker.tags;
-  for (DeviceQueue* queue = earliest(); queue != nullptr; queue = earliest()) {
+  bool cut = false;
+  // Two members with tags waiting, the common group: a plain two-way merge, since runs are
+  // short when members alternate and each run would cost two scans. Ties go to the first.
+  if (queues_.size() == 2) {
+    DeviceQueue& q0 = queues_[0];
+    DeviceQueue& q1 = queues_[1];
+    while (q0.cursor != nullptr && q1.cursor != nullptr) {
+      DeviceQueue& queue = q1.cursor->time < q0.cursor->time ? q1 : q0;
+      const Tag tag = *queue.cursor;
+      if (tag.time - worker.blockEnd >= 0) {
+        cut = true;
+        break;
+      }
+      if (n >= max_events && !out.empty() && tag.time > out.back().time) {
+        horizon_ = tag.time;
+        worker.blockEnd = tag.time;
+        cut = true;
+        break;
+      }
+      if (tag.type == Tag::Type::TimeTag && !overflow_) {
+        if (!suppress_) out.push_back(tag);
+      } else {
+        passControl(queue, tag, out);
+      }
+      if (++queue.cursor == queue.chunkEnd) finishChunk(queue);
+      ++n;
+    }
+  }
+  for (DeviceQueue* queue = cut ? nullptr : earliest(); queue != nullptr; queue = earliest()) {
     // A run: this member's tags up to the next member's next tag (or the horizon) leave
     // without another scan. At equal times the scan decides, so ties keep member order.
     int64_t limit = worker.blockEnd;
@@ -101,7 +129,6 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
       }
     }
     bool first = true;
-    bool cut = false;
     while (queue->cursor != nullptr && (first || queue->cursor->time < limit)) {
       Tag tag = *queue->cursor;
       if (tag.time - worker.blockEnd >= 0) {

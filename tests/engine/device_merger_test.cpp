@@ -22,15 +22,16 @@ struct Member {
   std::vector<Block> blocks;
 };
 
-// A member's stream: time tags on its own channels at distinct times (a member's times end in
-// its ordinal, so members never tie), an overflow span now and then, cut into blocks.
-Member makeMember(std::mt19937_64& rng, int ordinal, int members) {
+// A member's stream: time tags on its own channels at distinct times, an overflow span now and
+// then, cut into blocks. Without `ties` a member's times end in its ordinal, so members never
+// tie; with it all members share one grid and tie often, and member order must decide.
+Member makeMember(std::mt19937_64& rng, int ordinal, int members, bool ties) {
   Member member;
   int64_t t = 0;
   bool in_overflow = false;
   for (int i = 0; i < 400; ++i) {
     t += static_cast<int64_t>(1 + rng() % 50) * members;
-    const int64_t time = t + ordinal;
+    const int64_t time = ties ? t : t + ordinal;
     if (rng() % 40 == 0) {
       member.tags.push_back(
           Tag{in_overflow ? Type::OverflowEnd : Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, time});
@@ -88,7 +89,7 @@ TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) 
     for (uint64_t seed = 1; seed <= 5; ++seed) {
       std::mt19937_64 rng(seed * 31 + static_cast<uint64_t>(members));
       std::vector<Member> group;
-      for (int m = 0; m < members; ++m) group.push_back(makeMember(rng, m, members));
+      for (int m = 0; m < members; ++m) group.push_back(makeMember(rng, m, members, seed > 3));
       const uint64_t max_events = 1 + rng() % 64;
       DeviceMerger merger(static_cast<size_t>(members));
       std::vector<size_t> next(static_cast<size_t>(members), 0);
