@@ -4,10 +4,12 @@ generator's own tally, and exit status plus message on bad usage."""
 import json
 import pathlib
 import re
+import signal
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 TOOLS = sys.argv.pop(1)
@@ -103,6 +105,23 @@ class Cli(unittest.TestCase):
             self.assertEqual(out.returncode, 1)
             self.assertIn("verification failed", out.stderr)
             self.assertRegex(out.stdout, r"live\.1\.ztbin: \d+ of \d+ blocks pass; the next fails")
+
+    def test_ctrl_c_leaves_a_complete_recording(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            path = f"{tmp}/cut.ztbin"
+            proc = subprocess.Popen([f"{TOOLS}/zeptick", "--emulator", "default", "record", path,
+                                     "--duration", "10m", "--channels", "1", "--test-signal"],
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            time.sleep(2)
+            proc.send_signal(signal.SIGINT)
+            out, err = proc.communicate(timeout=60)
+            self.assertEqual(proc.returncode, 0, err)
+            self.assertIn("stopped by the user", out)
+            written = int(re.search(r": (\d+) tags", out).group(1))
+            check = run("zeptick", "inspect", path, "--verify")
+            self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
+            self.assertEqual(int(re.search(r"channel\s+1:\s+(\d+)", check.stdout).group(1)),
+                             written)
 
     def test_replay_correlation_peak_at_generated_delay(self):
         with tempfile.TemporaryDirectory() as tmp:
