@@ -53,6 +53,17 @@ class Cli(unittest.TestCase):
             self.assertEqual(got, want)
             self.assertTrue(want)
 
+            # HDF5: the same tags as the full CSV export, field by field, read back by h5py.
+            h5 = f"{tmp}/all.h5"
+            out = run("zeptick", "export", path, "--to", h5)
+            self.assertEqual(out.returncode, 0, out.stderr)
+            import h5py
+            with h5py.File(h5, "r") as f:
+                columns = [f[k][:].tolist() for k in ("type", "channel", "time", "missed_events")]
+                self.assertEqual(list(zip(*columns)), rows)
+                self.assertEqual(f.attrs["time_unit"], "ps")
+                self.assertIn("generator", json.loads(f.attrs["configuration"]))
+
     def test_histogram_peak_at_generated_delay(self):
         with tempfile.TemporaryDirectory() as tmp:
             path = f"{tmp}/rec.ztbin"

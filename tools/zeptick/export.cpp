@@ -1,4 +1,5 @@
-// zeptick export FILE --to tags.csv: the recorded tags as text another program reads.
+// zeptick export FILE --to tags.csv|tags.h5: the recorded tags as text or HDF5 datasets that
+// another program reads.
 
 #include <algorithm>
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "hdf5_tags.h"
 #include "units.h"
 #include "zeptick/file_reader.h"
 #include "zeptick/tag.h"
@@ -22,21 +24,35 @@ struct ExportOptions {
   std::vector<int> channels;
 };
 
-void exportCsv(const ExportOptions& o) {
-  if (o.to.size() < 4 || o.to.substr(o.to.size() - 4) != ".csv")
-    throw std::invalid_argument("--to must name a .csv file");
+bool endsWith(const std::string& text, const std::string& tail) {
+  return text.size() >= tail.size() &&
+         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+void exportTags(const ExportOptions& o) {
+  const bool hdf5 = endsWith(o.to, ".h5") || endsWith(o.to, ".hdf5");
+  if (!hdf5 && !endsWith(o.to, ".csv"))
+    throw std::invalid_argument("--to must name a .csv or an .h5 file");
   // Times count from the recording's first tag: "--begin 1s" means one second in.
   const int64_t beginOffset = parseTime(o.begin);
   const int64_t span = o.duration.empty() ? INT64_MAX / 4 : parseTime(o.duration);
   int64_t begin = 0, end = 0;
   bool first = true;
   FileReader reader(o.file);
-  std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(o.to.c_str(), "w"), &std::fclose);
-  if (!out) throw std::runtime_error("cannot write '" + o.to + "'; check the directory");
-  std::fprintf(out.get(), "type,channel,time_ps,missed_events\n");
+  std::unique_ptr<FILE, int (*)(FILE*)> csv(nullptr, &std::fclose);
+  std::unique_ptr<Hdf5TagFile> h5;
+  if (hdf5) {
+    h5 = std::make_unique<Hdf5TagFile>(o.to, reader.getConfiguration());
+  } else {
+    csv.reset(std::fopen(o.to.c_str(), "w"));
+    if (!csv) throw std::runtime_error("cannot write '" + o.to + "'; check the directory");
+    std::fprintf(csv.get(), "type,channel,time_ps,missed_events\n");
+  }
   std::vector<Tag> block;
+  std::vector<Tag> kept;
   while (reader.hasData()) {
     if (!reader.getDataRaw(block)) continue;
+    kept.clear();
     for (const Tag& tag : block) {
       if (first) {
         begin = tag.time + beginOffset;
@@ -47,25 +63,38 @@ void exportCsv(const ExportOptions& o) {
       if (!o.channels.empty() &&
           std::find(o.channels.begin(), o.channels.end(), tag.channel) == o.channels.end())
         continue;
-      std::fprintf(out.get(), "%d,%d,%lld,%u\n", static_cast<int>(tag.type), tag.channel,
+      kept.push_back(tag);
+    }
+    if (h5) {
+      h5->append(kept);
+      continue;
+    }
+    for (const Tag& tag : kept) {
+      std::fprintf(csv.get(), "%d,%d,%lld,%u\n", static_cast<int>(tag.type), tag.channel,
                    static_cast<long long>(tag.time), static_cast<unsigned>(tag.missed_events));
     }
   }
-  if (std::fflush(out.get()) != 0) throw std::runtime_error("writing '" + o.to + "' failed");
+  if (h5) {
+    h5->close();
+  } else if (std::fflush(csv.get()) != 0) {
+    throw std::runtime_error("writing '" + o.to + "' failed");
+  }
 }
 
 }  // namespace
 
 void addExport(CLI::App& app) {
   auto* cmd = app.add_subcommand(
-      "export", "Write the tags of a recording as CSV: type,channel,time_ps,missed_events");
+      "export",
+      "Write the tags of a recording as CSV (type,channel,time_ps,missed_events) or as HDF5 "
+      "(datasets type, channel, time in ps, missed_events; the configuration as an attribute)");
   auto o = std::make_shared<ExportOptions>();
   cmd->add_option("FILE", o->file, "first file of the recording (.ztbin)")->required();
-  cmd->add_option("--to", o->to, "output file, e.g. tags.csv")->required();
+  cmd->add_option("--to", o->to, "output file: tags.csv or tags.h5")->required();
   cmd->add_option("--channels", o->channels, "only these channels (default all)")->delimiter(',');
   cmd->add_option("--begin", o->begin, "skip tags before this time, e.g. 10ms");
   cmd->add_option("--duration", o->duration, "export only this span after --begin, e.g. 1s");
-  cmd->callback([o] { exportCsv(*o); });
+  cmd->callback([o] { exportTags(*o); });
 }
 
 }  // namespace zeptick::cli

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -119,6 +120,20 @@ void addInspect(CLI::App& app) {
     const std::string configuration = reader.getConfiguration();
     const Summary s = summarize(reader);
     std::printf("file:            %s\n", file->c_str());
+    {
+      ZeptickFileReader head(*file, false);
+      ZeptickFile::FileId id{};
+      head.getFileId(id);
+      std::printf("recording id:    %08x-%08x-%08x-%08x\n", id[0], id[1], id[2], id[3]);
+    }
+    for (uint32_t index = 1;; ++index) {
+      const std::string name = ZeptickFile::makeFileName(*file, index);
+      std::error_code missing;
+      const auto bytes = std::filesystem::file_size(name, missing);
+      if (missing) break;
+      std::printf("split file %3u:  %s (%llu bytes)\n", index, name.c_str(),
+                  static_cast<unsigned long long>(bytes));
+    }
     std::printf("tags:            %llu\n", static_cast<unsigned long long>(s.tags));
     std::printf("time span:       %.6f s (%lld ps to %lld ps)\n", (s.last - s.first) * 1e-12,
                 static_cast<long long>(s.first), static_cast<long long>(s.last));

@@ -18,7 +18,7 @@ namespace {
 
 // Kept here rather than as a file beside the program, so an installed or copied tool needs
 // nothing else of ours.
-constexpr const char* kScript = R"(
+constexpr const char* kScript = R"py(
 import csv, sys
 import matplotlib
 matplotlib.use("Agg")
@@ -34,12 +34,14 @@ if head[0] == "channel":
     ax.bar([str(int(v)) for v in x], y)
 else:
     ax.step(x, y, where="post")
-ax.set_xlabel(head[0])
-ax.set_ylabel(head[-1])
+labels = {"bin_ps": "time difference (ps)", "counts": "counts per bin",
+          "rate_per_s": "count rate (counts/s)", "channel": "channel"}
+ax.set_xlabel(labels.get(head[0], head[0]))
+ax.set_ylabel(labels.get(head[-1], head[-1]))
 ax.set_title(title)
 fig.tight_layout()
 fig.savefig(out)
-)";
+)py";
 
 bool endsWith(const std::string& text, const std::string& tail) {
   return text.size() >= tail.size() &&
