@@ -26,6 +26,7 @@
 #include "device/device_words.h"
 #include "emulator/control/board_control.h"
 #include "emulator/stream/stream_model.h"
+#include "emulator/stream/synchronizer.h"
 #include "engine/delay_stage.h"
 #include "engine/native_decoder.h"
 #include "engine/zeptick_impl.h"
@@ -59,15 +60,24 @@ struct Generation {
   double cpu_seconds = 0;
 };
 
-std::unique_ptr<zeptick::emulator::StreamModel> busyModel() {
+// `serial` names a member of a synchronized group, which sends the Synchronizer's counter
+// after every rollover; empty for a board on its own.
+std::unique_ptr<zeptick::emulator::StreamModel> busyModel(uint64_t seed = 1,
+                                                          const std::string& serial = "") {
   zeptick::emulator::StreamParameters p;
   p.model = 36;
   p.inputs = 18;
   p.ps_per_clock = 2500;
   p.bin_count = 256;
-  p.seed = 1;
+  p.seed = seed;
   p.paced = false;
   p.usb_words_per_second = 1e8;
+  if (!serial.empty()) {
+    zeptick::emulator::SynchronizerWiring wiring;
+    wiring.boards = {serial};
+    p.synchronizer = std::make_shared<zeptick::emulator::Synchronizer>(wiring);
+    p.serial = serial;
+  }
   auto model = std::make_unique<zeptick::emulator::StreamModel>(p, busySources());
   zeptick::emulator::FirmwareSetup setup;
   setup.channels.assign(36, {});
@@ -125,13 +135,18 @@ struct Delivered {
   double correlated = 0;
 };
 
-// Countrate on all four inputs and a Correlation of the photon pairs, as a
-// user would run them, for every iteration of `state`: 500 ms each.
+// Countrate on all four inputs (of every member of a group) and a Correlation of the photon
+// pairs, as a user would run them, for every iteration of `state`: 500 ms each.
 Delivered measure(benchmark::State& state, zeptick::ZeptickImpl& tagger) {
   Delivered out;
-  zeptick::Countrate rate(&tagger, {1, 2, 3, 4});
+  std::vector<int> inputs;
+  const std::vector<int> rising = tagger.getChannelList(zeptick::ZT_CHANNEL_RISING);
+  for (size_t i = 0; i < rising.size(); ++i) {
+    if (i % 18 < 4) inputs.push_back(rising[i]);
+  }
+  zeptick::Countrate rate(&tagger, inputs);
   // 10 ps bins over +-5 ns: the pairs' 1.5 ns peak and its accidental floor.
-  zeptick::Correlation correlation(&tagger, 1, 2, 10, 1000);
+  zeptick::Correlation correlation(&tagger, inputs[0], inputs[1], 10, 1000);
   tagger.sync();
   for (auto _ : state) {
     const int64_t before = totalCounts(rate);
@@ -252,6 +267,17 @@ double decoderTagsPerCpuSecond(const std::vector<uint32_t>& words, int rounds) {
   return tags / cpu;
 }
 
+void reportAgainstDecoder(benchmark::State& state, const Delivered& delivered,
+                          double decoder_rate) {
+  const double tagger_rate = delivered.tags / delivered.seconds;
+  state.counters["tags_per_s"] = tagger_rate;
+  state.counters["tags_per_cpu_s"] = delivered.tags / delivered.cpu_seconds;
+  state.counters["decoder_tags_per_cpu_s"] = decoder_rate;
+  state.counters["vs_decoder"] = tagger_rate / decoder_rate;
+  state.counters["correlated_pairs"] = delivered.correlated;
+  state.SetItemsProcessed(static_cast<int64_t>(delivered.tags));
+}
+
 void BM_LoopedRecordingIntoCountrateAndCorrelation(benchmark::State& state) {
   findFirmware();
   // 16 Mi words: about 170 ms of the stream, long enough that the measurements
@@ -267,15 +293,78 @@ void BM_LoopedRecordingIntoCountrateAndCorrelation(benchmark::State& state) {
   }
   zeptick::emulator::detachBoards();
   const double decoder_rate = decoderTagsPerCpuSecond(words, 3);
-  const double tagger_rate = delivered.tags / delivered.seconds;
-  state.counters["tags_per_s"] = tagger_rate;
-  state.counters["tags_per_cpu_s"] = delivered.tags / delivered.cpu_seconds;
-  state.counters["decoder_tags_per_cpu_s"] = decoder_rate;
-  state.counters["vs_decoder"] = tagger_rate / decoder_rate;
-  state.counters["correlated_pairs"] = delivered.correlated;
-  state.SetItemsProcessed(static_cast<int64_t>(delivered.tags));
+  reportAgainstDecoder(state, delivered, decoder_rate);
 }
 BENCHMARK(BM_LoopedRecordingIntoCountrateAndCorrelation)
+    ->UseManualTime()
+    ->Iterations(6)
+    ->Unit(benchmark::kMillisecond);
+
+// Synchronized groups: every member plays a recording of its own busy stream (the same sources,
+// its own seed), cut after the same number of rollover periods with the Synchronizer's counter,
+// which goes on counting from pass to pass. The figure is the group's merged tags per second
+// into the same Countrate and Correlation; the baseline, as above, one thread decoding a single
+// board's stream, so `vs_decoder` is the group against what one board could ever deliver.
+std::vector<std::vector<uint32_t>> recordGroupStreams(int members, size_t words) {
+  std::vector<std::vector<uint32_t>> streams;
+  std::vector<std::vector<size_t>> group_ends;  // per member: after each rollover's sync words
+  for (int m = 0; m < members; ++m) {
+    const auto model = busyModel(static_cast<uint64_t>(11 + m), "BENCH" + std::to_string(m));
+    std::vector<uint32_t> out(words);
+    model->read(reinterpret_cast<unsigned char*>(out.data()), static_cast<long>(words * 4));
+    std::vector<size_t> ends;
+    int sync_words = -1;
+    for (size_t at = 0; at < out.size(); ++at) {
+      const zeptick::NativeTag word{out[at]};
+      if (word.kind() != 1) continue;
+      if (word.code() == 62) sync_words = 0;
+      if (word.code() >= 58 && word.code() <= 61 && sync_words >= 0 && ++sync_words == 4) {
+        ends.push_back(at + 1);
+      }
+    }
+    streams.push_back(std::move(out));
+    group_ends.push_back(std::move(ends));
+  }
+  size_t periods = SIZE_MAX;
+  for (const auto& ends : group_ends) periods = std::min(periods, ends.size());
+  for (int m = 0; m < members; ++m) streams[m].resize(group_ends[m][periods - 1]);
+  return streams;
+}
+
+void BM_LoopedGroupIntoCountrateAndCorrelation(benchmark::State& state) {
+  findFirmware();
+  const int members = static_cast<int>(state.range(0));
+  const std::vector<std::vector<uint32_t>> streams =
+      recordGroupStreams(members, (size_t{1} << 24) / static_cast<size_t>(members));
+  json devices = json::array();
+  json serials = json::array();
+  for (int m = 0; m < members; ++m) {
+    const std::string serial = "BENCH" + std::to_string(m);
+    devices.push_back({{"serial", serial},
+                       {"pacing", "free"},
+                       {"seed", static_cast<uint64_t>(11 + m)},
+                       {"sources", busySources()}});
+    serials.push_back(serial);
+  }
+  zeptick::emulator::attachBoards({{"devices", devices}, {"synchronizer", {{"ring", serials}}}});
+  Delivered delivered;
+  {
+    zeptick::ZeptickImpl tagger("BENCH0");
+    for (int m = 0; m < members; ++m) {
+      zeptick::emulator::findBoard("BENCH" + std::to_string(m))->loopRecording(streams[m]);
+    }
+    // The switch to the recordings looks like a Synchronizer restart: let the group realign.
+    tagger.sync();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    delivered = measure(state, tagger);
+  }
+  zeptick::emulator::detachBoards();
+  const double decoder_rate = decoderTagsPerCpuSecond(recordBusyStream(size_t{1} << 23), 3);
+  reportAgainstDecoder(state, delivered, decoder_rate);
+}
+BENCHMARK(BM_LoopedGroupIntoCountrateAndCorrelation)
+    ->Arg(2)
+    ->Arg(4)
     ->UseManualTime()
     ->Iterations(6)
     ->Unit(benchmark::kMillisecond);

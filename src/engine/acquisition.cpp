@@ -2,6 +2,7 @@
 // a read is, the upload of the configuration, and surviving an unplugged device.
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <thread>
@@ -38,8 +39,21 @@ bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lo
       markDirty(CHANNEL_UNUSED);
     }
   }
-  for (auto& entry : devices) {
-    FPGA_DEVICE& device = *entry;
+  // Members of a group in the order of their progress: with the first free one taken always,
+  // the later members would fall behind, their buffers would overflow, and the merge, which
+  // waits for the last of them, would hold the others' blocks meanwhile.
+  std::array<FPGA_DEVICE*, kMaxGroupSize> order{};
+  const size_t count = std::min(devices.size(), order.size());
+  for (size_t i = 0; i < count; ++i) order[i] = devices[i].get();
+  if (count > 1) {
+    std::sort(order.begin(), order.begin() + static_cast<ptrdiff_t>(count),
+              [](const FPGA_DEVICE* a, const FPGA_DEVICE* b) {
+                return a->decodedUntil.load(std::memory_order_relaxed) <
+                       b->decodedUntil.load(std::memory_order_relaxed);
+              });
+  }
+  for (size_t i = 0; i < count; ++i) {
+    FPGA_DEVICE& device = *order[i];
     std::unique_lock<std::mutex> reader(device.readerMutex, std::try_to_lock);
     if (!reader.owns_lock()) continue;
     // Giving up block_mutex here lets the next worker claim another device.
@@ -204,6 +218,7 @@ int32_t ZeptickImpl::decodeBlock(Worker* worker, FPGA_DEVICE& device, uint32_t f
   device.decoder.decodeBlock(workerWords(), fence, device.blockSettings, block);
   worker->blockBegin = block.begin;
   worker->blockEnd = block.end;
+  device.decodedUntil.store(block.end, std::memory_order_relaxed);
   worker->fence = block.fence;
   worker->streamInvalid = block.invalid;
   return block.epoch;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -34,8 +35,8 @@ struct DeviceQueue {
 /// released only once every member has decoded past it, so a merged block is
 /// complete for the whole group. Tag vectors move between workers, chunks and
 /// a pool: no allocation in the steady state. The earliest next tag is found by
-/// a scan of the members' heads, which for the few members of a group costs
-/// less than a heap; equal times leave in member order.
+/// a tournament over the members' heads (log2 of the members in comparisons per
+/// tag, without branches to mispredict); equal times leave in member order.
 ///
 /// Not thread-safe: the tagger calls add() under its merge mutex, which also
 /// keeps each member's blocks in order. Built for one epoch of the group's
@@ -58,15 +59,31 @@ class DeviceMerger {
   int64_t horizon() const { return horizon_; }
 
  private:
-  /// The queue whose next tag is earliest, null when all are empty.
-  DeviceQueue* earliest();
+  static constexpr int64_t kNoTag = std::numeric_limits<int64_t>::max();
+  static constexpr size_t kMaxMembers = 16;
+
+  /// Below this many tags a bulk merge costs more than it saves.
+  static constexpr uint64_t kBulkMinimum = 16;
+
+  struct Run {
+    const Tag* begin;
+    const Tag* end;
+  };
+
+  template <size_t L>
+  void merge(ZeptickRunner::Worker& worker, uint64_t max_events);
+  /// Merges `count` runs, in member order, into `out`; returns the end of what it wrote.
+  Tag* mergeRuns(const Run* runs, size_t count, Tag* out, size_t level);
   void finishChunk(DeviceQueue& queue);
   /// Everything but a time tag outside an overflow: overflow framing, errors, missed events.
-  void passControl(DeviceQueue& queue, Tag tag, std::vector<Tag>& out);
+  /// Rewrites `tag` as it leaves and says whether it leaves at all.
+  bool passControl(DeviceQueue& queue, Tag& tag);
   void recomputeSuppress();
 
   std::vector<DeviceQueue> queues_;
+  size_t leaves_;  ///< members rounded up to a power of two
   std::deque<std::vector<Tag>> pool_;
+  std::vector<std::vector<Tag>> scratch_;  ///< the halves of a bulk merge of three or more runs
   int64_t horizon_ = 0;
   bool overflow_ = false;
   bool suppress_ = false;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -28,6 +29,9 @@ struct CHANNEL_CONFIG {
   bool conditionalFiltered = false;          ///< passes one event per arming
 };
 
+/// The most devices one synchronized group can hold: the ring word carries one bit per member.
+inline constexpr size_t kMaxGroupSize = 16;
+
 /// All state of one device. The locks are taken in the order queue mutex,
 /// priority gate, USB mutex (readers), or priority gate, USB mutex (control);
 /// reader mutex, decoder mutex, then the tagger's merge mutex (blocks).
@@ -42,9 +46,12 @@ struct FPGA_DEVICE {
   std::mutex decoderMutex;
 
   std::atomic<bool> reading{false};  ///< a worker is inside readDevice
-  bool dirty = true;                 ///< the configuration must be uploaded; configuration mutex
-  double wordsPerMs = 0;             ///< measured read rate; queue mutex
-  bool disconnected = false;         ///< the last read failed or was short; queue mutex
+  /// Where this device's last decoded block ended: a worker reads the free member of a group
+  /// furthest behind, since the merge can release nothing past it.
+  std::atomic<int64_t> decodedUntil{std::numeric_limits<int64_t>::min()};
+  bool dirty = true;          ///< the configuration must be uploaded; configuration mutex
+  double wordsPerMs = 0;      ///< measured read rate; queue mutex
+  bool disconnected = false;  ///< the last read failed or was short; queue mutex
 
   /// Widening, calibration, delays and filter of this device's words; its
   /// state (time base, heaps, bin counts, overflows, fence) lives there.

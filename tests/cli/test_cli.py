@@ -9,7 +9,6 @@ import struct
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 TOOLS = sys.argv.pop(1)
@@ -123,7 +122,9 @@ class Cli(unittest.TestCase):
             proc = subprocess.Popen([f"{TOOLS}/zeptick", "--emulator", "default", "record", path,
                                      "--duration", "10m", "--channels", "1", "--test-signal"],
                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            time.sleep(2)
+            # Interrupt once recording runs: the first progress line says so. Opening (with its
+            # calibration pass) may take seconds on a loaded machine.
+            proc.stderr.readline()
             proc.send_signal(signal.SIGINT)
             out, err = proc.communicate(timeout=60)
             self.assertEqual(proc.returncode, 0, err)

@@ -24,8 +24,9 @@ struct Member {
 
 // A member's stream: time tags on its own channels at distinct times, an overflow span now and
 // then, cut into blocks. Without `ties` a member's times end in its ordinal, so members never
-// tie; with it all members share one grid and tie often, and member order must decide.
-Member makeMember(std::mt19937_64& rng, int ordinal, int members, bool ties) {
+// tie; with it all members share one grid and tie often, and member order must decide. Long
+// blocks (`block_scale` 30) hold runs long enough to be merged in bulk.
+Member makeMember(std::mt19937_64& rng, int ordinal, int members, bool ties, int block_scale) {
   Member member;
   int64_t t = 0;
   bool in_overflow = false;
@@ -44,7 +45,7 @@ Member makeMember(std::mt19937_64& rng, int ordinal, int members, bool ties) {
   size_t next = 0;
   int64_t end = 0;
   while (next < member.tags.size()) {
-    end += static_cast<int64_t>(rng() % (200 * members));
+    end += static_cast<int64_t>(rng() % (200 * members * block_scale));
     Block block;
     while (next < member.tags.size() && member.tags[next].time < end) {
       block.tags.push_back(member.tags[next++]);
@@ -86,11 +87,14 @@ std::vector<Tag> referenceMerge(const std::vector<Member>& members) {
 // merged blocks against the reference: complete, in order, touching, cut only at maxEvents.
 TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) {
   for (int members : {2, 3, 4}) {
-    for (uint64_t seed = 1; seed <= 5; ++seed) {
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
       std::mt19937_64 rng(seed * 31 + static_cast<uint64_t>(members));
       std::vector<Member> group;
-      for (int m = 0; m < members; ++m) group.push_back(makeMember(rng, m, members, seed > 3));
-      const uint64_t max_events = 1 + rng() % 64;
+      const int block_scale = seed % 2 == 0 ? 30 : 1;
+      for (int m = 0; m < members; ++m) {
+        group.push_back(makeMember(rng, m, members, seed > 4, block_scale));
+      }
+      const uint64_t max_events = 1 + rng() % (64 * static_cast<uint64_t>(block_scale));
       DeviceMerger merger(static_cast<size_t>(members));
       std::vector<size_t> next(static_cast<size_t>(members), 0);
       std::vector<Tag> merged;

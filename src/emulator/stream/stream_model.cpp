@@ -78,11 +78,33 @@ struct StreamModel::State {
     }
   }
 
+  /// Behind a Synchronizer each pass of the loop must carry a counter that goes on counting, or
+  /// the host would see the Synchronizer restart at every pass: the loop's sync words get the
+  /// counter they were recorded with, plus the loop's periods once per pass. REQUIRES: mutex held.
+  void syncLoop() {
+    const uint32_t offset = loop_periods * static_cast<uint32_t>(loop_pass);
+    for (const SyncByte& sync : loop_sync) {
+      const uint32_t byte = ((sync.counter + offset) >> (8 * sync.byte)) & 0xFF;
+      loop[sync.at] = (loop[sync.at] & ~uint32_t{0xFF0000}) | (byte << 16);
+    }
+  }
+
+  /// One sync word of the loop: where it is, which byte of the counter it carries, and the
+  /// whole counter of its group as recorded.
+  struct SyncByte {
+    size_t at;
+    unsigned byte;
+    uint32_t counter;
+  };
+
   std::mutex mutex;
   StreamEngine engine;  // guarded by mutex
   // A looped recording replaces the engine's words while it is not empty; all guarded by mutex.
   std::vector<uint32_t> loop;
   std::vector<size_t> loop_rollovers;
+  std::vector<SyncByte> loop_sync;
+  uint32_t loop_periods = 0;  ///< rollover periods the loop spans, by its sync counters
+  uint64_t loop_pass = 0;
   size_t loop_at = 0;
   uint8_t fence = 0;
   const bool paced;
@@ -108,11 +130,31 @@ void StreamModel::loopRecording(std::vector<uint32_t> words) {
   std::lock_guard<std::mutex> lock(state->mutex);
   state->loop = std::move(words);
   state->loop_rollovers.clear();
+  state->loop_sync.clear();
   state->loop_at = 0;
+  state->loop_pass = 0;
+  constexpr unsigned kFirstSyncCode = 58;
+  std::vector<size_t> groups{0};  // where each rollover's sync words start in loop_sync
   for (size_t at = 0; at < state->loop.size(); ++at) {
     const NativeTag word{state->loop[at]};
-    if (word.code() == 62 && word.kind() == 1) state->loop_rollovers.push_back(at);
+    if (word.kind() != 1) continue;
+    if (word.code() == 62) {
+      state->loop_rollovers.push_back(at);
+      groups.push_back(state->loop_sync.size());
+    } else if (word.code() >= kFirstSyncCode && word.code() < kFirstSyncCode + 4) {
+      const unsigned byte = word.code() - kFirstSyncCode;
+      state->loop_sync.push_back({at, byte, uint32_t{word.bin()} << (8 * byte)});
+    }
   }
+  groups.push_back(state->loop_sync.size());
+  for (size_t g = 0; g + 1 < groups.size(); ++g) {
+    uint32_t counter = 0;
+    for (size_t i = groups[g]; i < groups[g + 1]; ++i) counter |= state->loop_sync[i].counter;
+    for (size_t i = groups[g]; i < groups[g + 1]; ++i) state->loop_sync[i].counter = counter;
+  }
+  state->loop_periods = state->loop_sync.empty() ? 0
+                                                 : state->loop_sync.back().counter -
+                                                       state->loop_sync.front().counter + 1;
   state->fenceLoop();
 }
 
@@ -133,6 +175,10 @@ long StreamModel::read(unsigned char* data, long bytes, long block_bytes) {
       std::memcpy(data + 4 * filled, loop.data() + state->loop_at, 4 * n);
       filled += n;
       state->loop_at = (state->loop_at + n) % loop.size();
+      if (state->loop_at == 0 && !state->loop_sync.empty()) {
+        ++state->loop_pass;
+        state->syncLoop();
+      }
     }
     return static_cast<long>(words * 4);
   }

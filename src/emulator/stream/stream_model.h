@@ -67,6 +67,8 @@ class StreamModel {
   /// over, delivered at the cost of a copy and never paced. `words` should be
   /// this model's own free-running output cut right after a single rollover
   /// word (kind 1, code 62), so that the loop continues the stream's time.
+  /// Behind a Synchronizer, cut it after the sync words of that rollover: the
+  /// sync counter then goes on counting from pass to pass.
   /// Rollover words take up the host's fence, as the model's own do; nothing
   /// else of the configuration reaches the words any more.
   void loopRecording(std::vector<uint32_t> words);
