@@ -2,7 +2,9 @@
 """Runs the built zeptick binary: per-channel counts of inspect against the
 generator's own tally, and exit status plus message on bad usage."""
 import json
+import os
 import pathlib
+import pty
 import re
 import signal
 import struct
@@ -165,6 +167,21 @@ class Cli(unittest.TestCase):
         lines = [l.split() for l in out.stdout.splitlines() if not l.startswith("#")]
         self.assertEqual(len(lines), 3)
         self.assertTrue(all(float(v) > 0 for line in lines for v in line[2:]))
+        # On a terminal the line is rewritten in place: three updates on one line.
+        leader, follower = pty.openpty()
+        subprocess.run([f"{TOOLS}/zeptick", "--emulator", "default", "rates", "--channels", "1",
+                        "--test-signal", "--interval", "200ms", "--duration", "600ms"],
+                       stdout=follower, stderr=subprocess.DEVNULL, check=True)
+        os.close(follower)
+        text = b""
+        try:
+            while chunk := os.read(leader, 4096):
+                text += chunk
+        except OSError:  # the terminal's other end is closed
+            pass
+        os.close(leader)
+        self.assertEqual(text.count(b"\n"), 2, text)
+        self.assertEqual(len(re.findall(rb"\r +\d+\.\d+ s", text)), 3, text)
 
     def test_bad_usage_and_failures(self):
         for args, status, message in [
