@@ -1,3 +1,6 @@
+// FileWriter on a live stream and FileReader on what it leaves: split sets read back whole, in
+// any chunk size, and replayed.
+
 #include "zeptick/file_writer.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +17,37 @@
 namespace zeptick::testing {
 namespace {
 
-std::vector<Tag> readAll(const std::string& base) {
-  FileReader reader(base);
-  std::vector<Tag> tags;
+// Everything `reader` delivers, fetched in random chunk sizes. Each span starts where the last
+// one ended (the first at the recording's begin), and ends at its last tag.
+std::vector<Tag> readInChunks(FileReader& reader, std::mt19937_64& rng, int64_t span_start) {
+  std::uniform_int_distribution<uint64_t> chunk(0, 700);
+  std::vector<Tag> read;
+  while (reader.hasData()) {
+    const uint64_t n = chunk(rng);
+    const TimeTagStreamBuffer buffer = reader.getData(n);
+    EXPECT_LE(buffer.size, n);
+    EXPECT_EQ(buffer.tStart, span_start);
+    const std::vector<Tag> part = bufferTags(buffer);
+    EXPECT_EQ(buffer.tGetData, part.empty() ? span_start : part.back().time);
+    span_start = buffer.tGetData;
+    read.insert(read.end(), part.begin(), part.end());
+  }
+  EXPECT_EQ(reader.getData(10).size, 0u);
+  std::vector<Tag> raw = {Tag{}};
+  EXPECT_TRUE(reader.getDataRaw(raw));
+  EXPECT_TRUE(raw.empty());
+  return read;
+}
+
+std::vector<int64_t> timesFrom(const std::vector<std::string>& bases, int64_t shift) {
+  FileReader reader(bases);
+  std::vector<int64_t> times;
   std::vector<Tag> block;
   while (reader.hasData()) {
     EXPECT_TRUE(reader.getDataRaw(block));
-    tags.insert(tags.end(), block.begin(), block.end());
+    for (const Tag& tag : block) times.push_back(tag.time - shift);
   }
-  return tags;
+  return times;
 }
 
 class FileWriterMeasurementTest : public ::testing::Test {
@@ -33,17 +58,13 @@ class FileWriterMeasurementTest : public ::testing::Test {
   std::mt19937_64 rng{77};
 };
 
-// Eight workers finish blocks in parallel while tiny files roll over all the
-// time, so rollovers keep replacing the writer under blocks still in flight.
+// Eight workers finish blocks in parallel while tiny files roll over all the time, so rollovers
+// keep replacing the writer under blocks still in flight.
 TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
   const std::string base = dir.file("run");
   FileWriter writer(&tagger, base, {1, 2, -1});
   writer.setMaxFileSize(3000);
-  std::vector<Block> pushed;
-  for (int round = 0; round < 4; ++round) {
-    auto more = tagger.pushBlocks(randomStream(rng, 150, {1, 2, 3, -1}));
-    pushed.insert(pushed.end(), more.begin(), more.end());
-  }
+  const std::vector<Block> pushed = tagger.pushBlocks(randomStream(rng, 600, {1, 2, 3, -1}));
   ASSERT_TRUE(drain(tagger));
   writer.stop();
 
@@ -53,16 +74,16 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
   EXPECT_TRUE(readRecording(files[0]).empty());
   // Files roll over only outside overflows, so no missed-event count is lost at a split.
   const std::vector<Tag> expected = throughFormat(pushed, {1, 2, -1});
-  const std::vector<Tag> read = readAll(base);
-  EXPECT_EQ(fields(read), fields(expected));
+  FileReader reader(base);
+  EXPECT_EQ(fields(readInChunks(reader, rng, pushed.front().begin_time)), fields(expected));
 
   uint64_t bytes = 0;
   for (const std::string& name : files) bytes += std::filesystem::file_size(name);
   EXPECT_EQ(writer.getTotalSize(), static_cast<int64_t>(bytes));
   EXPECT_EQ(writer.getTotalEvents(), static_cast<int64_t>(expected.size()));
 
-  // Replay rebases the recording onto its own clock, which starts at 0, and
-  // finds no gap anywhere, so it adds no error tag.
+  // Replay rebases the recording onto its own clock, which starts at 0, and finds no gap
+  // anywhere, so it adds no error tag.
   std::vector<Tag> shifted = expected;
   for (Tag& tag : shifted) tag.time -= pushed.front().begin_time;
   EXPECT_EQ(fields(Replay(4).play(base)), fields(shifted));
@@ -71,32 +92,26 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
 TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecording) {
   const std::string base = dir.file("parts");
   FileWriter writer(&tagger, base, {1});
-  auto first = tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 10}}, 0, 100}});
+  const int64_t shift = tagger.pushBlocks({Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
   ASSERT_TRUE(drain(tagger));
   writer.setMarker("after first");
   writer.split();
-  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 150}}, 100, 200}});
+  tagger.pushBlocks({Block{{timeTag(1, 150)}, 100, 200}});
   ASSERT_TRUE(drain(tagger));
   writer.clear();
-  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 250}}, 200, 300}});
+  tagger.pushBlocks({Block{{timeTag(1, 250)}, 200, 300}});
   ASSERT_TRUE(drain(tagger));
-
   // A new name restarts the numbering, with a head file of its own.
   const std::string renamed = dir.file("renamed");
   writer.split(renamed);
-  tagger.pushBlocks({Block{{Tag{Tag::Type::TimeTag, 0, 0, 1, 350}}, 300, 400}});
+  tagger.pushBlocks({Block{{timeTag(1, 350)}, 300, 400}});
   ASSERT_TRUE(drain(tagger));
   writer.stop();
 
   EXPECT_EQ(splitFiles(base).size(), 4u);
   EXPECT_EQ(splitFiles(renamed).size(), 2u);
-  const int64_t shift = first.front().begin_time;
-  std::vector<int64_t> times;
-  for (const Tag& tag : readAll(base)) times.push_back(tag.time - shift);
-  EXPECT_EQ(times, (std::vector<int64_t>{10, 150, 250}));
-  ASSERT_EQ(readAll(renamed).size(), 1u);
-  EXPECT_EQ(readAll(renamed).front().time - shift, 350);
-
+  // Given two recordings, the reader reads one set after the other.
+  EXPECT_EQ(timesFrom({base, renamed}, shift), (std::vector<int64_t>{10, 150, 250, 350}));
   // The marker landed in the first data file, behind its blocks.
   ZeptickFileReader first_file(splitFiles(base)[1], true);
   EXPECT_EQ(concat(readRecording(splitFiles(base)[1])).size(), 1u);
