@@ -13,41 +13,26 @@
 namespace zeptick::testing {
 namespace {
 
-// A recording of small raw blocks and one large compressed block, with markers between.
+// A recording of small raw blocks and one large compressed block.
 class RecordedFile : public ::testing::Test {
  protected:
   void SetUp() override {
     std::mt19937_64 rng(5);
-    blocks = makeRandomBlocks(rng, 6, {1, 2});
-    Block large;
-    large.begin_time = blocks.back().end_time;
-    large.end_time = large.begin_time + 100000;
-    for (int64_t t = 0; t < 3000; ++t)
+    blocks = randomStream(rng, 6, {1, 2});
+    Block large{{}, blocks.back().end_time, blocks.back().end_time + 100000};
+    for (int64_t t = 0; t < 3000; ++t) {
       large.tags.push_back(timeTag(1 + t % 2, large.begin_time + t));
-    blocks.push_back(large);
-    Block last{{timeTag(2, large.end_time + 5)}, large.end_time, large.end_time + 10};
-    blocks.push_back(last);
-    {
-      ZeptickFileWriter writer(path, 0, {9, 8, 7, 6});
-      writer.writeConfiguration("{\"first\":1}");
-      writer.writeChannelMap({{1, -1}, {2, -2}});
-      for (size_t i = 0; i < blocks.size(); ++i) {
-        auto* state = writer.encodeBlock(blocks[i].tags, blocks[i].begin_time, blocks[i].end_time);
-        ZeptickFileWriter::finishBlock(state);
-        writer.writeBlock(state);
-        writer.recycleBlock(state);
-        if (i == 2) writer.writeMarker("after block 2");
-      }
     }
+    blocks.push_back(large);
+    blocks.push_back(Block{{timeTag(2, large.end_time + 5)}, large.end_time, large.end_time + 10});
+    writeRecording(path, blocks, {{1, -1}, {2, -2}});
     bytes = readBytes(path);
     time_blocks = timeTagBlocks(bytes);
     ASSERT_EQ(time_blocks.size(), blocks.size());
     ASSERT_EQ(u32At(time_blocks[6].payload, 36), 1u) << "the large block should be compressed";
-    ASSERT_EQ(u32At(time_blocks[1].payload, 36), 0u);
-    ASSERT_GE(u32At(time_blocks[1].payload, 24), 2u) << "damage tests need words in block 1";
+    ASSERT_GE(u32At(time_blocks[1].payload, 24), 2u) << "damage tests need raw words in block 1";
     ASSERT_GE(u32At(time_blocks[3].payload, 24), 2u) << "and in block 3";
     clean = readRecording(path);
-    ASSERT_EQ(clean.size(), blocks.size());
   }
 
   // Offset in the file of a byte of time tag block `index`, counted from its payload.

@@ -28,11 +28,12 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnError) {
   settings[2].deadtime = 100;
   stage.configure(settings);
   std::vector<Tag> tags = {
-      at(2, 0),   at(2, 50), at(1, 60), at(2, 150), mark(Tag::Type::Error, 160),
+      at(2, 0),   at(2, 50), at(1, 60), at(2, 100), mark(Tag::Type::Error, 160),
       at(2, 170), at(2, 200)};
   stage.process(tags, 0, 1000);
+  // A tag exactly one dead time after the last one counts.
   EXPECT_EQ(fields(tags),
-            fields({at(2, 0), at(1, 60), at(2, 150), mark(Tag::Type::Error, 160), at(2, 170)}));
+            fields({at(2, 0), at(1, 60), at(2, 100), mark(Tag::Type::Error, 160), at(2, 170)}));
 }
 
 TEST(ReplayChannelStageTest, DelayedEventsInsideAnOverflowAreLost) {

@@ -85,14 +85,5 @@ TEST_F(TimeTagStreamTest, StopsCollectingAtTheLimitUntilDrained) {
   }
 }
 
-TEST_F(TimeTagStreamTest, CollectsEveryTagOnTheWorkers) {
-  TimeTagStream stream(&tagger, 1u << 20, {});
-  const std::vector<Block> pushed = tagger.pushBlocks(makeRandomBlocks(rng, 200, {1, 2, 3}));
-  ASSERT_TRUE(drain(tagger));
-  const TimeTagStreamBuffer buffer = stream.getData();
-  EXPECT_EQ(fields(bufferTags(buffer)), fields(concat(pushed)));
-  EXPECT_EQ(buffer.tGetData, pushed.back().end_time);
-}
-
 }  // namespace
 }  // namespace zeptick::testing
