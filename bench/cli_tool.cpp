@@ -101,18 +101,22 @@ void BM_Export(benchmark::State& state, const std::string& extension) {
 BENCHMARK_CAPTURE(BM_Export, csv, std::string(".csv"))->UseManualTime()->Iterations(2);
 BENCHMARK_CAPTURE(BM_Export, hdf5, std::string(".h5"))->UseManualTime()->Iterations(2);
 
-// A free-running board with 100 M events/s of stream time on four inputs: as fast as the host
-// takes it, so whatever is recorded per second is the whole chain's limit.
-nlohmann::json busyBoard() {
-  return nlohmann::json::parse(R"({"devices": [{"serial": "BENCHREC", "pacing": "free",
-    "sources": [
-      {"type": "pairs", "inputs": [1, 2], "delays_ps": [0, 1500], "rate_hz": 2.5e7},
-      {"type": "poisson", "input": 3, "rate_hz": 2.5e7},
-      {"type": "poisson", "input": 4, "rate_hz": 2.5e7}]}]})");
+// A board with `rate` events/s of stream time on four inputs. Free-running, it streams as fast
+// as the host takes it, so whatever is recorded per second is the whole chain's limit; paced,
+// it streams in real time and overflows its buffer when the host falls behind.
+nlohmann::json busyBoard(bool paced, double rate = 1e8) {
+  const double quarter = rate / 4;
+  nlohmann::json sources = nlohmann::json::array(
+      {{{"type", "pairs"}, {"inputs", {1, 2}}, {"delays_ps", {0, 1500}}, {"rate_hz", quarter}},
+       {{"type", "poisson"}, {"input", 3}, {"rate_hz", quarter}},
+       {{"type", "poisson"}, {"input", 4}, {"rate_hz", quarter}}});
+  return {
+      {"devices",
+       {{{"serial", "BENCHREC"}, {"pacing", paced ? "realtime" : "free"}, {"sources", sources}}}}};
 }
 
 double taggerAloneTagsPerSecond(double seconds) {
-  zeptick::attachEmulatedDevices(busyBoard().dump());
+  zeptick::attachEmulatedDevices(busyBoard(false).dump());
   double rate = 0;
   {
     zeptick::ZeptickImpl tagger("BENCHREC");
@@ -134,9 +138,13 @@ double taggerAloneTagsPerSecond(double seconds) {
   return rate;
 }
 
+// Arg 0: the free-running board against the tagger alone. Arg N > 0: a paced board at N M
+// events/s, to see whether recording keeps up with real time (no overflows).
 void BM_Record(benchmark::State& state) {
   const fs::path config = scratch() / "board.json";
-  std::ofstream(config) << busyBoard().dump();
+  const bool paced = state.range(0) > 0;
+  const double rate = paced ? static_cast<double>(state.range(0)) * 1e6 : 1e8;
+  std::ofstream(config) << busyBoard(paced, rate).dump();
   const fs::path out = scratch() / "record.ztbin";
   const fs::path log = scratch() / "record.log";
   double written = 0;
@@ -159,7 +167,7 @@ void BM_Record(benchmark::State& state) {
          it != std::sregex_iterator(); ++it) {
       overflows = std::max(overflows, std::stod((*it)[1]));
     }
-    alone += taggerAloneTagsPerSecond(3);
+    if (!paced) alone += taggerAloneTagsPerSecond(3);
     for (const auto& entry : fs::directory_iterator(scratch())) {
       if (entry.path().string().find("record") != std::string::npos &&
           entry.path().extension() == ".ztbin") {
@@ -169,11 +177,13 @@ void BM_Record(benchmark::State& state) {
   }
   const auto iterations = static_cast<double>(state.iterations());
   state.counters["tags_per_s"] = written / iterations;
+  state.counters["overflows"] = overflows;
+  if (paced) return;
   state.counters["tagger_alone_tags_per_s"] = alone / iterations;
   state.counters["vs_tagger_alone"] = written / alone;
-  state.counters["overflows"] = overflows;
 }
-BENCHMARK(BM_Record)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_Record)->Arg(0)->Arg(20)->Arg(50)->UseManualTime()->Iterations(1)->Unit(
+    benchmark::kSecond);
 
 }  // namespace
 
