@@ -31,8 +31,11 @@
 #include "engine/native_decoder.h"
 #include "engine/zeptick_impl.h"
 #include "thread_cpu_clock.h"
+#include "zeptick/coincidences.h"
 #include "zeptick/correlation.h"
 #include "zeptick/countrate.h"
+#include "zeptick/file_writer.h"
+#include "zeptick/histogram.h"
 #include "zeptick/library.h"
 
 namespace {
@@ -135,6 +138,21 @@ struct Delivered {
   double correlated = 0;
 };
 
+// One 500 ms look at what `rate` counted, added to `out`; returns the seconds it took.
+double watch(zeptick::Countrate& rate, Delivered& out) {
+  const int64_t before = totalCounts(rate);
+  const auto t0 = Clock::now();
+  const double cpu0 = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const int64_t after = totalCounts(rate);
+  const auto t1 = Clock::now();
+  out.cpu_seconds += cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - cpu0;
+  const double seconds = std::chrono::duration<double>(t1 - t0).count();
+  out.seconds += seconds;
+  out.tags += static_cast<double>(after - before);
+  return seconds;
+}
+
 // Countrate on all four inputs (of every member of a group) and a Correlation of the photon
 // pairs, as a user would run them, for every iteration of `state`: 500 ms each.
 Delivered measure(benchmark::State& state, zeptick::ZeptickImpl& tagger) {
@@ -148,19 +166,7 @@ Delivered measure(benchmark::State& state, zeptick::ZeptickImpl& tagger) {
   // 10 ps bins over +-5 ns: the pairs' 1.5 ns peak and its accidental floor.
   zeptick::Correlation correlation(&tagger, inputs[0], inputs[1], 10, 1000);
   tagger.sync();
-  for (auto _ : state) {
-    const int64_t before = totalCounts(rate);
-    const auto t0 = Clock::now();
-    const double cpu0 = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    const int64_t after = totalCounts(rate);
-    const auto t1 = Clock::now();
-    out.cpu_seconds += cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - cpu0;
-    const double seconds = std::chrono::duration<double>(t1 - t0).count();
-    out.seconds += seconds;
-    out.tags += static_cast<double>(after - before);
-    state.SetIterationTime(seconds);
-  }
+  for (auto _ : state) state.SetIterationTime(watch(rate, out));
   // The correlation must have had its pairs, or the figure would flatter.
   std::vector<int32_t> bins;
   correlation.getData([&bins](size_t n) {
@@ -298,6 +304,54 @@ void BM_LoopedRecordingIntoCountrateAndCorrelation(benchmark::State& state) {
 BENCHMARK(BM_LoopedRecordingIntoCountrateAndCorrelation)
     ->UseManualTime()
     ->Iterations(6)
+    ->Unit(benchmark::kMillisecond);
+
+// A lab's full set at once on the looped board: beside the Countrate and the Correlation of
+// the pairs, a Correlation of the two Poisson inputs, a Histogram of the pairs, a Coincidences
+// of the pair inputs and a FileWriter of all four inputs (to a temporary file). The baseline is
+// the same tagger with the Countrate alone, in the same run.
+void BM_LoopedRecordingIntoLabSet(benchmark::State& state) {
+  findFirmware();
+  const std::vector<uint32_t> words = recordBusyStream(size_t{1} << 24);
+  zeptick::emulator::attachBoards(
+      {{"devices", {{{"serial", "BENCH3"}, {"pacing", "free"}, {"sources", busySources()}}}}});
+  const auto file = std::filesystem::temp_directory_path() /
+                    ("zeptick-bench-lab-" + std::to_string(getpid()) + ".ztbin");
+  Delivered alone;
+  Delivered lab;
+  {
+    zeptick::ZeptickImpl tagger("BENCH3");
+    zeptick::emulator::findBoard("BENCH3")->loopRecording(words);
+    {
+      zeptick::Countrate rate(&tagger, {1, 2, 3, 4});
+      tagger.sync();
+      for (int round = 0; round < 4; ++round) watch(rate, alone);
+    }
+    zeptick::Correlation poisson(&tagger, 3, 4, 10, 1000);
+    zeptick::Histogram histogram(&tagger, 2, 1, 10, 1000);
+    zeptick::Coincidences coincidences(&tagger, {{1, 2}}, 2000);
+    zeptick::FileWriter writer(&tagger, file.string(), {1, 2, 3, 4});
+    lab = measure(state, tagger);
+    writer.stop();
+  }
+  zeptick::emulator::detachBoards();
+  for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
+    if (entry.path().filename().string().rfind(file.stem().string(), 0) == 0) {
+      std::filesystem::remove(entry.path());
+    }
+  }
+  const double lab_rate = lab.tags / lab.seconds;
+  const double alone_rate = alone.tags / alone.seconds;
+  state.counters["tags_per_s"] = lab_rate;
+  state.counters["tags_per_cpu_s"] = lab.tags / lab.cpu_seconds;
+  state.counters["countrate_alone_tags_per_s"] = alone_rate;
+  state.counters["vs_countrate_alone"] = lab_rate / alone_rate;
+  state.counters["correlated_pairs"] = lab.correlated;
+  state.SetItemsProcessed(static_cast<int64_t>(lab.tags));
+}
+BENCHMARK(BM_LoopedRecordingIntoLabSet)
+    ->UseManualTime()
+    ->Iterations(4)
     ->Unit(benchmark::kMillisecond);
 
 // Synchronized groups: every member plays a recording of its own busy stream (the same sources,
