@@ -273,13 +273,15 @@ double decoderTagsPerCpuSecond(const std::vector<uint32_t>& words, int rounds) {
   return tags / cpu;
 }
 
-void reportAgainstDecoder(benchmark::State& state, const Delivered& delivered,
-                          double decoder_rate) {
+// The tagger's rates and its ratio to the same run's `baseline`; the decoder's baseline counts
+// tags per CPU second of its one thread.
+void reportAgainst(benchmark::State& state, const Delivered& delivered, const std::string& baseline,
+                   double baseline_rate) {
   const double tagger_rate = delivered.tags / delivered.seconds;
   state.counters["tags_per_s"] = tagger_rate;
   state.counters["tags_per_cpu_s"] = delivered.tags / delivered.cpu_seconds;
-  state.counters["decoder_tags_per_cpu_s"] = decoder_rate;
-  state.counters["vs_decoder"] = tagger_rate / decoder_rate;
+  state.counters[baseline + "_tags_per_s"] = baseline_rate;
+  state.counters["vs_" + baseline] = tagger_rate / baseline_rate;
   state.counters["correlated_pairs"] = delivered.correlated;
   state.SetItemsProcessed(static_cast<int64_t>(delivered.tags));
 }
@@ -299,7 +301,7 @@ void BM_LoopedRecordingIntoCountrateAndCorrelation(benchmark::State& state) {
   }
   zeptick::emulator::detachBoards();
   const double decoder_rate = decoderTagsPerCpuSecond(words, 3);
-  reportAgainstDecoder(state, delivered, decoder_rate);
+  reportAgainst(state, delivered, "decoder", decoder_rate);
 }
 BENCHMARK(BM_LoopedRecordingIntoCountrateAndCorrelation)
     ->UseManualTime()
@@ -340,14 +342,7 @@ void BM_LoopedRecordingIntoLabSet(benchmark::State& state) {
       std::filesystem::remove(entry.path());
     }
   }
-  const double lab_rate = lab.tags / lab.seconds;
-  const double alone_rate = alone.tags / alone.seconds;
-  state.counters["tags_per_s"] = lab_rate;
-  state.counters["tags_per_cpu_s"] = lab.tags / lab.cpu_seconds;
-  state.counters["countrate_alone_tags_per_s"] = alone_rate;
-  state.counters["vs_countrate_alone"] = lab_rate / alone_rate;
-  state.counters["correlated_pairs"] = lab.correlated;
-  state.SetItemsProcessed(static_cast<int64_t>(lab.tags));
+  reportAgainst(state, lab, "countrate_alone", alone.tags / alone.seconds);
 }
 BENCHMARK(BM_LoopedRecordingIntoLabSet)
     ->UseManualTime()
@@ -414,7 +409,7 @@ void BM_LoopedGroupIntoCountrateAndCorrelation(benchmark::State& state) {
   }
   zeptick::emulator::detachBoards();
   const double decoder_rate = decoderTagsPerCpuSecond(recordBusyStream(size_t{1} << 23), 3);
-  reportAgainstDecoder(state, delivered, decoder_rate);
+  reportAgainst(state, delivered, "decoder", decoder_rate);
 }
 BENCHMARK(BM_LoopedGroupIntoCountrateAndCorrelation)
     ->Arg(2)
