@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/export.h"
 #include "zeptick/ordered_barrier.h"
 #include "zeptick/tag.h"
@@ -62,8 +63,8 @@ class ZEPTICK_API IteratorBase {
   int getNewVirtualChannel();
   /// Starts the measurement unless it was made on a synchronized group's tagger.
   void finishInitialization();
-  void lock();
-  void unlock();
+  void lock() ZT_NO_THREAD_SAFETY_ANALYSIS;
+  void unlock() ZT_NO_THREAD_SAFETY_ANALYSIS;
   std::unique_lock<std::mutex> getLock();
   /// Ticket for the next ordered stage of this block. REQUIRES: lock held.
   /// Between unlock() and lock() in next_impl nothing may escape: catch every
@@ -74,35 +75,43 @@ class ZEPTICK_API IteratorBase {
   ZeptickBase* getTagger() const { return tagger; }
   /// From next_impl only: the measurement stops for good once this block is
   /// done, exactly as if stop() had been called then; on_stop follows.
-  void stopAfterThisBlock() { stop_after_block = true; }
+  void stopAfterThisBlock() {
+    measurement_mutex.assertHeld();
+    stop_after_block = true;
+  }
 
  private:
   friend class ZeptickRunner;
   friend class SynchronizedMeasurements;
   friend class ZeptickProxy;
 
-  void clearWithoutLock();
-  void pre_stop();
-  void startLocked();
-  void allocateFence();
+  void clearWithoutLock() ZT_REQUIRES(measurement_mutex);
+  void pre_stop() ZT_REQUIRES(measurement_mutex);
+  void startLocked() ZT_REQUIRES(measurement_mutex);
+  void allocateFence() ZT_REQUIRES(measurement_mutex);
   // `node` is this measurement's node, passed by the worker that found it: the
   // worker may arrive before the constructor has stored iterator_node.
   void next(IteratorBaseListNode* node, std::unique_lock<std::mutex>& lock, std::vector<Tag>& tags,
             int64_t begin_time, int64_t end_time, uint32_t fence);
-  void processCutBlock(std::vector<Tag>& tags, int64_t begin_time, int64_t capture_end);
+  void processCutBlock(std::vector<Tag>& tags, int64_t begin_time, int64_t capture_end)
+      ZT_REQUIRES(measurement_mutex);
 
   std::set<int> channels;
-  bool running = false;
   bool autostart = true;
   ZeptickBase* tagger;
-  int64_t capture_duration = 0;
-  IteratorBaseListNode* iterator_node;
-  int64_t max_capture_duration = -1;
-  uint32_t fence = 0;
-  bool stop_after_block = false;
+  bool running ZT_GUARDED_BY(measurement_mutex) = false;
+  int64_t capture_duration ZT_GUARDED_BY(measurement_mutex) = 0;
+  int64_t max_capture_duration ZT_GUARDED_BY(measurement_mutex) = -1;
+  uint32_t fence ZT_GUARDED_BY(measurement_mutex) = 0;
+  bool stop_after_block ZT_GUARDED_BY(measurement_mutex) = false;
   // The group this measurement belongs to, so that it can leave it when destroyed.
   // Written under the group's mutex.
   SynchronizedMeasurements* group = nullptr;
+  // Last, so that every member above is set when the tagger learns of this measurement.
+  IteratorBaseListNode* iterator_node;
+  /// The node's mutex: the measurement's lock, which guards all its state. It lives in the
+  /// node, which outlives the measurement, so a worker may still take it after the end.
+  detail::Mutex& measurement_mutex;
 };
 
 }  // namespace zeptick

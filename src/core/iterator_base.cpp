@@ -9,10 +9,17 @@
 
 namespace zeptick {
 
-IteratorBase::IteratorBase(ZeptickBase* tagger) : tagger(tagger) {
+namespace {
+ZeptickBase* checked(ZeptickBase* tagger) {
   if (tagger == nullptr) throw std::invalid_argument("tagger must not be null");
-  iterator_node = tagger->addIterator(this);
+  return tagger;
 }
+}  // namespace
+
+IteratorBase::IteratorBase(ZeptickBase* tagger)
+    : tagger(checked(tagger)),
+      iterator_node(tagger->addIterator(this)),
+      measurement_mutex(iterator_node->measurement_mutex) {}
 
 IteratorBase::~IteratorBase() {
   // Before any lock of ours: the group takes its own lock and then ours.
@@ -22,22 +29,24 @@ IteratorBase::~IteratorBase() {
   // entered next(); it is released last, because once it falls a worker may
   // unlink and delete the node.
   std::unique_lock<std::mutex> turnstile(node->turnstile_mutex);
-  std::unique_lock<std::mutex> guard(node->measurement_mutex);
-  if (running) ZT_LOG_ERROR("Iterator still running, please call stop() within the destructor");
-  if (tagger != nullptr) {
-    for (int channel : channels) tagger->unregisterChannel(channel);
+  bool orphaned = false;
+  {
+    detail::MutexLock guard(measurement_mutex);
+    if (running) ZT_LOG_ERROR("Iterator still running, please call stop() within the destructor");
+    if (tagger != nullptr) {
+      for (int channel : channels) tagger->unregisterChannel(channel);
+    }
+    channels.clear();
+    node->iterator = nullptr;
+    orphaned = tagger == nullptr;
   }
-  channels.clear();
-  node->iterator = nullptr;
-  const bool orphaned = tagger == nullptr;
-  guard.unlock();
   turnstile.unlock();
   // An orphan's node is no longer in any chain, so nobody else will free it.
   if (orphaned) delete node;
 }
 
 void IteratorBase::start() {
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   startLocked();
 }
 
@@ -60,7 +69,7 @@ void IteratorBase::allocateFence() {
 }
 
 void IteratorBase::startFor(int64_t duration, bool clear) {
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   if (clear) {
     clearWithoutLock();
     max_capture_duration = duration;
@@ -76,7 +85,7 @@ void IteratorBase::startFor(int64_t duration, bool clear) {
 }
 
 void IteratorBase::clear() {
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   clearWithoutLock();
   allocateFence();
 }
@@ -89,7 +98,7 @@ void IteratorBase::clearWithoutLock() {
 void IteratorBase::stop() {
   // Waiting at the turnstile first lets a worker about to hand over its block go first.
   std::lock_guard<std::mutex> turnstile(iterator_node->turnstile_mutex);
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   if (!running) return;
   running = false;
   pre_stop();
@@ -97,23 +106,24 @@ void IteratorBase::stop() {
 }
 
 void IteratorBase::pre_stop() {
+  iterator_node->measurement_mutex.assertHeld();  // the node's mutex is measurement_mutex
   auto& barriers = iterator_node->barriers;
   if (barriers.empty()) return;
   // Snapshot: the list may grow once the lock is released.
   std::vector<OrderedBarrier*> pending;
   for (auto& barrier : barriers) pending.push_back(&barrier);
-  iterator_node->measurement_mutex.unlock();
+  measurement_mutex.unlock();
   for (OrderedBarrier* barrier : pending) barrier->waitUntilFinished();
-  iterator_node->measurement_mutex.lock();
+  measurement_mutex.lock();
 }
 
 bool IteratorBase::isRunning() {
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   return running;
 }
 
 int64_t IteratorBase::getCaptureDuration() {
-  std::lock_guard<std::mutex> guard(iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement_mutex);
   return capture_duration;
 }
 
@@ -129,15 +139,17 @@ void IteratorBase::unregisterChannel(int channel) {
 
 int IteratorBase::getNewVirtualChannel() { return tagger->getNewVirtualChannel(); }
 
-void IteratorBase::lock() { iterator_node->measurement_mutex.lock(); }
+void IteratorBase::lock() { measurement_mutex.lock(); }
 
-void IteratorBase::unlock() { iterator_node->measurement_mutex.unlock(); }
+void IteratorBase::unlock() { measurement_mutex.unlock(); }
 
 std::unique_lock<std::mutex> IteratorBase::getLock() {
-  return std::unique_lock<std::mutex>(iterator_node->measurement_mutex);
+  return std::unique_lock<std::mutex>(measurement_mutex.native());
 }
 
 OrderedBarrier::OrderInstance IteratorBase::parallelize(OrderedPipeline& pipeline) {
+  // Called from next_impl, which runs with the lock held.
+  iterator_node->measurement_mutex.assertHeld();
   auto& barriers = iterator_node->barriers;
   if (!pipeline.started) {
     pipeline.started = true;
@@ -175,7 +187,9 @@ void logUnhandledOnStop(const void* iterator, const char* what) {
 void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>& lock,
                         std::vector<Tag>& tags, int64_t begin_time, int64_t end_time,
                         uint32_t block_fence) {
-  std::unique_lock<std::mutex> guard(node->measurement_mutex);
+  // A plain lock, since it is handed on to `lock` below.
+  std::unique_lock<std::mutex> guard(node->measurement_mutex.native());
+  measurement_mutex.assertHeld();
   // Running implies start() has run, so the constructor's stores are visible from here on.
   if (!running) return;
   // Blocks fetched before this measurement's fence was allocated are not ours.

@@ -4,6 +4,7 @@
 #include <list>
 #include <mutex>
 
+#include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/ordered_barrier.h"
 
 namespace zeptick {
@@ -20,12 +21,12 @@ struct IteratorBaseListNode {
   /// because a pending synchronized callback looks it up without them.
   std::atomic<IteratorBase*> iterator{nullptr};
   /// Guards all state of the measurement.
-  std::mutex measurement_mutex;
+  detail::Mutex measurement_mutex;
   /// Held by a worker from before it reaches measurement_mutex until next()
   /// takes that; keeps blocks in order through the chain.
   std::mutex turnstile_mutex;
   /// Ordered stages of the measurement, grown by parallelize().
-  std::list<OrderedBarrier> barriers;
+  std::list<OrderedBarrier> barriers ZT_GUARDED_BY(measurement_mutex);
 };
 
 }  // namespace zeptick

@@ -82,7 +82,7 @@ SynchronizedMeasurements::~SynchronizedMeasurements() {
     measurement->group = nullptr;
     // Members made on the proxy carry on with the real tagger, so that they
     // stay usable, and destructible, after the proxy is gone.
-    std::lock_guard<std::mutex> member(measurement->iterator_node->measurement_mutex);
+    detail::MutexLock member(measurement->measurement_mutex);
     if (measurement->tagger == proxy.get()) measurement->tagger = tagger;
   }
 }
@@ -133,7 +133,7 @@ void SynchronizedMeasurements::runCallback(const SynchronizedCallback& callback,
 
 void SynchronizedMeasurements::setFence(IteratorBase* measurement, uint32_t fence) {
   // A worker with an earlier block may be inside this measurement right now.
-  std::lock_guard<std::mutex> guard(measurement->iterator_node->measurement_mutex);
+  detail::MutexLock guard(measurement->measurement_mutex);
   measurement->fence = fence;
 }
 

@@ -96,13 +96,14 @@ void ZeptickRunner::orphanChain() {
   // An orphan keeps its data, its channel operations no longer reach the
   // tagger, and it frees its own node. A node whose measurement is gone is ours.
   auto orphan = [](IteratorBaseListNode* node) {
-    std::unique_lock<std::mutex> guard(node->measurement_mutex);
+    std::unique_lock<std::mutex> guard(node->measurement_mutex.native());
     IteratorBase* iterator = node->iterator.load();
     if (iterator == nullptr) {
       guard.unlock();
       delete node;
       return;
     }
+    iterator->measurement_mutex.assertHeld();  // the node's mutex
     iterator->tagger = nullptr;
     if (!iterator->running) return;
     iterator->running = false;

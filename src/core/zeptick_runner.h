@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/annotated_mutex.h"
+#include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/tag.h"
 #include "zeptick/zeptick_base.h"

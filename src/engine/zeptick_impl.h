@@ -9,10 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "core/annotated_mutex.h"
 #include "core/zeptick_runner.h"
 #include "engine/device_merger.h"
 #include "engine/engine_records.h"
+#include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/zeptick_hardware.h"
 
 namespace zeptick {

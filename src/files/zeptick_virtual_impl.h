@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "core/annotated_mutex.h"
 #include "core/zeptick_runner.h"
 #include "files/file_format.h"
 #include "files/replay_channel_stage.h"
+#include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/zeptick_hardware.h"
 
 namespace zeptick {
