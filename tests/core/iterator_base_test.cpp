@@ -5,7 +5,6 @@
 #include "support/log_capture.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
-#include "zeptick/library.h"
 
 namespace zeptick::testing {
 namespace {
@@ -26,26 +25,6 @@ TEST(IteratorBase, ChannelsAreRegisteredOnceAndReleasedAtDestruction) {
   first.reset();
   EXPECT_EQ(tagger.registrations(1), 1);
   EXPECT_TRUE(log.messages().empty()) << log.messages().front();
-}
-
-TEST(IteratorBase, MinusOneNamesNoChannelUnderTheZeroBasedScheme) {
-  LogCapture log;
-  const int saved = getZeptickChannelNumberScheme();
-  setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO);
-  {
-    TestZeptick zero_based("T", 2);
-    RecordingMeasurement measurement(&zero_based, {-1, 0});
-    EXPECT_EQ(zero_based.registrations(-1), 0);
-    EXPECT_EQ(zero_based.registrations(0), 1);
-  }
-  setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ONE);
-  {
-    TestZeptick one_based("T", 2);
-    RecordingMeasurement measurement(&one_based, {-1});
-    EXPECT_EQ(one_based.registrations(-1), 1);  // the falling edge of input 1
-  }
-  setZeptickChannelNumberScheme(saved);
-  EXPECT_TRUE(log.messages().empty());
 }
 
 TEST(IteratorBase, StartStopAndClearCallTheHooksOnlyOnChange) {

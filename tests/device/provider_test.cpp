@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -114,6 +115,25 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
   // A board already held by another handle cannot be opened twice.
   PipeBackend again(1024, 1000, api);
   EXPECT_FALSE(again.openDevice("DL-ULTRA", true));
+
+  // The library's control calls replace its own boards, and say why they refuse a configuration.
+  void* handle = dlopen(ZEPTICK_EMULATOR_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  auto attach = reinterpret_cast<int (*)(const char*, char*, int)>(
+      dlsym(handle, "zeptickEmulator_AttachBoards"));
+  auto detach = reinterpret_cast<void (*)()>(dlsym(handle, "zeptickEmulator_DetachBoards"));
+  auto find = reinterpret_cast<void* (*)(const char*)>(dlsym(handle, "zeptickEmulator_FindBoard"));
+  ASSERT_TRUE(attach && detach && find);
+  EXPECT_NE(find("DL-OLD"), nullptr);
+  char error[256] = {};
+  EXPECT_EQ(attach(R"({"devices": [{"serial": "LIB", "inputs": 40}]})", error, sizeof(error)), -1);
+  EXPECT_NE(std::string(error).find("devices[0].inputs"), std::string::npos) << error;
+  ASSERT_EQ(attach(R"({"devices": [{"serial": "LIB", "model": 4}]})", error, sizeof(error)), 0);
+  EXPECT_EQ(device::scanDevices(api), std::vector<std::string>{"LIB"});
+  EXPECT_EQ(static_cast<emulator::BoardControl*>(find("LIB"))->serial(), "LIB");
+  detach();
+  EXPECT_EQ(find("LIB"), nullptr);
+  dlclose(handle);
 }
 
 namespace fs = std::filesystem;

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -132,39 +131,6 @@ TEST(BoardConfigDeathTest, EnvironmentVariableAttachesOrLogs) {
       }};
   for (const auto& check : cases)
     EXPECT_EXIT(std::exit(check() ? 0 : 1), ::testing::ExitedWithCode(0), "");
-}
-
-// The loadable library holds boards of its own: those of ZEPTICK_EMULATOR
-// first, then those attached through its control calls. Its FrontPanel table
-// is exercised by the device layer, which loads it as it loads the platform's.
-TEST(BoardLibraryTest, ControlCallsServeTheLibrarysOwnBoards) {
-  detachBoards();  // this program's own emulator is settled before the variable is set
-  setenv("ZEPTICK_EMULATOR", "default", 1);
-  void* library = dlopen(ZEPTICK_EMULATOR_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(library, nullptr) << dlerror();
-  auto attach = reinterpret_cast<int (*)(const char*, char*, int)>(
-      dlsym(library, "zeptickEmulator_AttachBoards"));
-  auto detach = reinterpret_cast<void (*)()>(dlsym(library, "zeptickEmulator_DetachBoards"));
-  auto find = reinterpret_cast<void* (*)(const char*)>(dlsym(library, "zeptickEmulator_FindBoard"));
-  ASSERT_TRUE(attach && detach && find);
-  EXPECT_NE(find("ZTEMU00001"), nullptr);  // the first call reads the variable
-  unsetenv("ZEPTICK_EMULATOR");
-  EXPECT_EQ(findBoard("ZTEMU00001"), nullptr);
-
-  char error[256] = {};
-  EXPECT_EQ(attach(R"({"devices": [{"serial": "LIB", "inputs": 40}]})", error, sizeof(error)), -1);
-  EXPECT_NE(std::string(error).find("devices[0].inputs"), std::string::npos) << error;
-  ASSERT_EQ(attach(R"({"devices": [{"serial": "LIB", "model": 4}]})", error, sizeof(error)), 0)
-      << error;
-  auto* board = static_cast<BoardControl*>(find("LIB"));
-  ASSERT_NE(board, nullptr);
-  EXPECT_EQ(board->serial(), "LIB");
-  EXPECT_EQ(find("ZTEMU00001"), nullptr);
-  detach();
-  EXPECT_EQ(find("LIB"), nullptr);
-  // The library may stay loaded: leave it as the variable set it up.
-  EXPECT_EQ(attach(zeptick::defaultEmulatorConfiguration().c_str(), error, sizeof(error)), 0);
-  dlclose(library);
 }
 
 }  // namespace

@@ -94,6 +94,12 @@ bool TestTaggerCore::isInput(int channel) const {
   return channel != 0 && channel >= -8 && channel <= 8;
 }
 
+bool TestTaggerCore::knownInput(int channel, const char* complaint) const {
+  if (isInput(channel)) return true;
+  ZT_LOG_WARNING("%s", complaint);
+  return false;
+}
+
 int TestTaggerCore::getInvertedChannel(int channel) {
   if (!isInput(channel)) return CHANNEL_UNUSED;
   if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel < 8 ? channel + 8 : channel - 8;
@@ -108,37 +114,25 @@ std::string TestTaggerCore::getConfiguration() { return "{\"tagger\": \"test\"}"
 
 void TestTaggerCore::setInputDelay(int channel, int64_t delay) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to set the input delay of an unknown channel");
-    return;
-  }
+  if (!knownInput(channel, "Tried to set the input delay of an unknown channel")) return;
   input_delays[channel] = delay;
 }
 
 int64_t TestTaggerCore::getInputDelay(int channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to get the input delay of an unknown channel");
-    return 0;
-  }
+  if (!knownInput(channel, "Tried to get the input delay of an unknown channel")) return 0;
   return input_delays[channel];
 }
 
 int64_t TestTaggerCore::setDeadtime(int channel, int64_t deadtime) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to configure the deadtime for an unknown channel");
-    return 0;
-  }
+  if (!knownInput(channel, "Tried to configure the deadtime for an unknown channel")) return 0;
   return deadtimes[channel] = deadtime;
 }
 
 int64_t TestTaggerCore::getDeadtime(int channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to query the deadtime for an unknown channel");
-    return 0;
-  }
+  if (!knownInput(channel, "Tried to query the deadtime for an unknown channel")) return 0;
   return deadtimes[channel];
 }
 
@@ -148,19 +142,13 @@ void TestTaggerCore::setTestSignal(std::vector<int> channels, bool enabled) {
 
 void TestTaggerCore::setTestSignal(int channel, bool enabled) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to set the test signal of an unknown channel");
-    return;
-  }
+  if (!knownInput(channel, "Tried to set the test signal of an unknown channel")) return;
   test_signals[channel] = enabled;
 }
 
 bool TestTaggerCore::getTestSignal(int channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to query the test signal of an unknown channel");
-    return false;
-  }
+  if (!knownInput(channel, "Tried to query the test signal of an unknown channel")) return false;
   return test_signals[channel];
 }
 

@@ -65,6 +65,8 @@ class TestTaggerCore : public ZeptickRunner {
   bool readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock, uint32_t fence,
                      const std::function<void()>& ready) override;
   bool isInput(int channel) const;
+  /// True for an input; otherwise logs `complaint` as a warning, as the real taggers do.
+  bool knownInput(int channel, const char* complaint) const;
 
   std::mutex config_mutex;
   int scheme;
@@ -89,8 +91,8 @@ class TestTaggerCore : public ZeptickRunner {
   int64_t overflows = 0;
 };
 
-/// Test double of the hardware tagger. Settings are stored and read back;
-/// nothing reaches a device.
+/// Test double of the hardware tagger: streams what the test pushes; settings of the
+/// instrument alone are ignored, nothing reaches a device.
 class TestZeptick final : public TestTaggerCore, public Zeptick {
  public:
   /// `workers` 0 starts one per hardware thread.
@@ -136,17 +138,6 @@ class TestZeptick final : public TestTaggerCore, public Zeptick {
 
  private:
   std::string serial;
-  std::map<int, double> trigger_levels;
-  std::map<int, int> input_mux;
-  std::map<int, uint32_t> event_dividers;
-  std::vector<int> filter_trigger;
-  std::vector<int> filter_filtered;
-  int test_signal_divider = 63;
-  bool normalization = true;
-  int hardware_buffer_size = 67108864;
-  int max_events = 131072;
-  int max_latency = 20;
-  uint32_t led = 0;
 };
 
 /// Test double of the replay tagger, serving pushed blocks as "recordings".

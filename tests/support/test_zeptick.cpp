@@ -12,129 +12,30 @@ TestZeptick::TestZeptick(std::string serial, unsigned workers) : serial(std::mov
 
 TestZeptick::~TestZeptick() { stopWorkers(); }
 
-void TestZeptick::setTestSignalDivider(int divider) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  test_signal_divider = divider;
-}
-
-int TestZeptick::getTestSignalDivider() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return test_signal_divider;
-}
-
-void TestZeptick::setTriggerLevel(int channel, double voltage) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to configure the trigger level for an unknown channel");
-    return;
-  }
-  trigger_levels[std::abs(channel)] = std::clamp(voltage, -2.5, 2.5);
-}
-
-double TestZeptick::getTriggerLevel(int channel) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to fetch the trigger level for an unknown channel");
-    return 0;
-  }
-  auto found = trigger_levels.find(std::abs(channel));
-  return found == trigger_levels.end() ? 0.5 : found->second;
-}
-
-int64_t TestZeptick::getHardwareDelayCompensation(int /*channel*/) { return 0; }
-
-void TestZeptick::setInputMux(int channel, int mux_mode) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to set the input multiplexer of an unknown channel");
-    return;
-  }
-  input_mux[std::abs(channel)] = mux_mode;
-}
-
-int TestZeptick::getInputMux(int channel) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to get the input multiplexer of an unknown channel");
-    return 0;
-  }
-  return input_mux[std::abs(channel)];
-}
-
-void TestZeptick::setConditionalFilter(std::vector<int> trigger, std::vector<int> filtered,
-                                       bool /*hardwareDelayCompensation*/) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  std::sort(trigger.begin(), trigger.end());
-  std::sort(filtered.begin(), filtered.end());
-  filter_trigger = std::move(trigger);
-  filter_filtered = std::move(filtered);
-}
-
-void TestZeptick::clearConditionalFilter() { setConditionalFilter({}, {}, true); }
-
-std::vector<int> TestZeptick::getConditionalFilterTrigger() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return filter_trigger;
-}
-
-std::vector<int> TestZeptick::getConditionalFilterFiltered() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return filter_filtered;
-}
-
-void TestZeptick::setNormalization(bool enabled) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  normalization = enabled;
-}
-
-bool TestZeptick::getNormalization() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return normalization;
-}
-
-void TestZeptick::setHardwareBufferSize(int size) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  hardware_buffer_size = std::clamp(size, 32768, 536870912);
-}
-
-int TestZeptick::getHardwareBufferSize() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return hardware_buffer_size;
-}
-
-void TestZeptick::setStreamBlockSize(int events, int latency) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  max_events = events;
-  max_latency = latency;
-}
-
-int TestZeptick::getStreamBlockSizeEvents() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return max_events;
-}
-
-int TestZeptick::getStreamBlockSizeLatency() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return max_latency;
-}
-
-void TestZeptick::setEventDivider(int channel, uint32_t divider) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to configure the event divider for an unknown channel");
-    return;
-  }
-  event_dividers[channel] = std::min<uint32_t>(divider, 65535);
-}
-
-uint32_t TestZeptick::getEventDivider(int channel) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel)) {
-    ZT_LOG_WARNING("Tried to query the event divider for an unknown channel");
-    return 0;
-  }
-  return event_dividers[channel];
-}
+// Instrument-only settings are accepted and ignored: no measurement under test reads them
+// back, and the real taggers' handling of them is tested against the emulator.
+void TestZeptick::setTestSignalDivider(int) {}
+int TestZeptick::getTestSignalDivider() { return 63; }
+void TestZeptick::setTriggerLevel(int, double) {}
+double TestZeptick::getTriggerLevel(int) { return 0.5; }
+int64_t TestZeptick::getHardwareDelayCompensation(int) { return 0; }
+void TestZeptick::setInputMux(int, int) {}
+int TestZeptick::getInputMux(int) { return 0; }
+void TestZeptick::setConditionalFilter(std::vector<int>, std::vector<int>, bool) {}
+void TestZeptick::clearConditionalFilter() {}
+std::vector<int> TestZeptick::getConditionalFilterTrigger() { return {}; }
+std::vector<int> TestZeptick::getConditionalFilterFiltered() { return {}; }
+void TestZeptick::setNormalization(bool) {}
+bool TestZeptick::getNormalization() { return true; }
+void TestZeptick::setHardwareBufferSize(int) {}
+int TestZeptick::getHardwareBufferSize() { return 67108864; }
+void TestZeptick::setStreamBlockSize(int, int) {}
+int TestZeptick::getStreamBlockSizeEvents() { return 131072; }
+int TestZeptick::getStreamBlockSizeLatency() { return 20; }
+void TestZeptick::setEventDivider(int, uint32_t) {}
+uint32_t TestZeptick::getEventDivider(int) { return 1; }
+void TestZeptick::setLED(uint32_t) {}
+uint32_t TestZeptick::factoryAccess(uint32_t, uint32_t, uint32_t, uint32_t) { return 0; }
 
 void TestZeptick::autoCalibration(std::function<double*(size_t)> array_out) {
   const std::vector<int> channels = getChannelList(ZT_CHANNEL_ALL);
@@ -185,13 +86,6 @@ std::string TestZeptick::getPcbVersion() { return "1.4"; }
 std::string TestZeptick::getFirmwareVersion() { return "test"; }
 
 std::string TestZeptick::getSensorData() { return ""; }
-
-void TestZeptick::setLED(uint32_t bitmask) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  led = bitmask;
-}
-
-uint32_t TestZeptick::factoryAccess(uint32_t, uint32_t, uint32_t, uint32_t) { return 0; }
 
 TestZeptickVirtual::TestZeptickVirtual(unsigned workers) { startWorkers(workers); }
 
