@@ -215,6 +215,22 @@ TEST_F(CounterTest, RestartDropsTheOpenBinAndStartsANewGrid) {
   EXPECT_EQ(counter.rows(), (Rows{{0, 0, 0}, {0, 0, 1}, {0, 0, 0}}));
 }
 
+TEST_F(CounterTest, AGapOfAWholeRingClearsItAndRealignsTheGrid) {
+  // Ring of 3 columns of 100 ps, grid from 1000 with one count in the open bin.
+  DirectCounter shorter(&tagger, std::vector<int>{1}, 100, 2);
+  shorter.feed(1000, 1001, {timeTag(1, 1000)});
+  shorter.feed(1001, 1299);  // 299 ps after the grid's start: walks two bins
+  EXPECT_EQ(shorter.rows(), (Rows{{1, 0}}));
+
+  DirectCounter whole(&tagger, std::vector<int>{1}, 100, 2);
+  whole.feed(1000, 1001, {timeTag(1, 1000)});
+  whole.feed(1001, 1300);  // exactly the ring: all forgotten
+  EXPECT_EQ(whole.rows(), (Rows{{0, 0}}));
+  // The new grid starts at 1299 (one below a multiple of 100), not at 1300.
+  whole.feed(1300, 1399, {timeTag(1, 1398)});
+  EXPECT_EQ(whole.rows(), (Rows{{0, 1}}));
+}
+
 TEST_F(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
   std::mt19937_64 rng(2024);
   for (int trial = 0; trial < 24; ++trial) {

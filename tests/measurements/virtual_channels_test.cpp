@@ -649,9 +649,9 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   std::map<int, int64_t> open;  // leading channel -> time of its open pulse
   int64_t passed_limit = INT64_MIN;
   size_t next_end = 0;
-  auto release = [&](bool all_below_limit) {
+  auto release = [&] {
     for (const Tag& tag : held) {
-      if (all_below_limit && tag.time < passed_limit) out.push_back(tag);
+      if (tag.time < passed_limit) out.push_back(tag);
     }
     held.clear();
   };
@@ -666,7 +666,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
       passed_limit = std::max(passed_limit, block_ends[next_end++]);
     }
     if (tag.type != Tag::Type::TimeTag) {
-      release(true);
+      release();
       open.clear();
       passed_limit = INT64_MIN;
       out.push_back(tag);
@@ -692,7 +692,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   for (; next_end < block_ends.size(); ++next_end) {
     passed_limit = std::max(passed_limit, block_ends[next_end]);
   }
-  release(true);
+  release();
   return sortedWithinEqualTimes(out);
 }
 
