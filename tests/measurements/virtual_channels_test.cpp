@@ -275,6 +275,10 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>&
 using DelayedChannelTest = QuietTaggerTest;
 
 TEST_F(DelayedChannelTest, DelayChangesFollowTheSignRules) {
+  // The first input's copy is the channel; with no input there is none.
+  Direct<DelayedChannel> several(&tagger, std::vector<int>{3, -3, 5}, -20);
+  EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
+  EXPECT_EQ(Direct<DelayedChannel>(&tagger, std::vector<int>{}, 10).getChannel(), CHANNEL_UNUSED);
   Direct<DelayedChannel> zero(&tagger, 1, 0);
   EXPECT_EQ(invalidArgument([&] { zero.setDelay(-1); }),
             "changing from a positive delay to a negative delay while running is not supported");
