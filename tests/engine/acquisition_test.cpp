@@ -17,22 +17,6 @@ namespace {
 
 using Acquisition = EmulatedTagger;
 
-// The mean delay of the partner on `second` found within 1 ns of `expected`
-// after each tag of `first`; NaN if none is.
-double pairDelay(const std::vector<int64_t>& first, const std::vector<int64_t>& second,
-                 double expected) {
-  double sum = 0;
-  int count = 0;
-  for (int64_t t : first) {
-    const auto at = std::lower_bound(second.begin(), second.end(), t + expected - 1000);
-    if (at != second.end() && *at <= t + expected + 1000) {
-      sum += static_cast<double>(*at - t);
-      ++count;
-    }
-  }
-  return count < static_cast<int>(first.size()) / 2 ? NAN : sum / count;
-}
-
 // Photon pairs 1.5 ns apart, on both models: their delay, found directly from
 // the tags, is the source's as soon as the tagger is open (the calibration
 // pass has taught the fine bins), and moves by exactly the input delays set,
@@ -51,7 +35,7 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
     tagger.reset();
     ZeptickImpl& zt = open(entry);
     SCOPED_TRACE(zt.getModel());
-    const std::vector<std::tuple<int, int64_t, int64_t, bool, double>> steps = {
+    const std::vector<std::tuple<int, int64_t, int64_t, bool, int64_t>> steps = {
         {2, 0, 0, true, 1500},
         {2, 0, 2000, true, 3500},
         {2, 0, -4000, true, -2500},
@@ -62,8 +46,9 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
       zt.setInputDelay(channel, delay);
       if (!compensated) zt.setConditionalFilter({}, {}, false);
       const std::vector<Tag> tags = record({1, 2}, 20000000000);  // 20 ms, about 40000 pairs
-      EXPECT_NEAR(pairDelay(timesOf(tags, 1), timesOf(tags, 2), expected), expected, 5)
-          << "delay " << delay << " on " << channel;
+      const Partners pairs = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
+      EXPECT_GT(pairs.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
+      EXPECT_NEAR(pairs.mean_delay, expected, 5) << "delay " << delay << " on " << channel;
     }
   }
 }

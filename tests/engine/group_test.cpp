@@ -156,17 +156,9 @@ TEST_F(Group, APairSourceAcrossBoardsKeepsItsDelay) {
   const std::vector<int64_t> second = timesOf(tags, 202);
   ASSERT_GT(first.size(), 8000u);
   EXPECT_NEAR(static_cast<double>(second.size()), static_cast<double>(first.size()), 2);
-  double sum = 0;
-  size_t matched = 0;
-  for (int64_t t : first) {
-    const auto at = std::lower_bound(second.begin(), second.end(), t + 300 - 200);
-    if (at != second.end() && *at <= t + 300 + 200) {
-      sum += static_cast<double>(*at - t);
-      ++matched;
-    }
-  }
-  EXPECT_GT(matched, first.size() * 99 / 100);
-  EXPECT_NEAR(sum / static_cast<double>(matched), 300, 5);
+  const Partners partners = partnersOf(first, second, 300, 200);
+  EXPECT_GT(partners.found, first.size() * 99 / 100);
+  EXPECT_NEAR(partners.mean_delay, 300, 5);
 }
 
 TEST_F(Group, WiringFaultsAreNamed) {

@@ -28,15 +28,10 @@ TEST_F(LiveEmulatedSignals, FallingChannelLagsByThePulseWidth) {
     // Dead time counts whole clock cycles, so the two edges may drop different
     // pulses of a close pair: a search per pulse is not thrown by that.
     ASSERT_NEAR(static_cast<double>(down.size()), static_cast<double>(up.size()), 20.0);
-    double sum = 0;
-    size_t found = 0;
-    for (int64_t t : up) {
-      // A fine bin or two of error on each edge.
-      const auto at = std::lower_bound(down.begin(), down.end(), t + width - 100);
-      if (at != down.end() && *at <= t + width + 100) sum += static_cast<double>(*at - t), ++found;
-    }
-    ASSERT_GT(found, up.size() * 99 / 100) << "input " << input;
-    EXPECT_NEAR(sum / static_cast<double>(found), width, 5.0) << "input " << input;
+    // A fine bin or two of error on each edge.
+    const Partners edges = partnersOf(up, down, width, 100);
+    ASSERT_GT(edges.found, up.size() * 99 / 100) << "input " << input;
+    EXPECT_NEAR(edges.mean_delay, width, 5.0) << "input " << input;
   }
 }
 

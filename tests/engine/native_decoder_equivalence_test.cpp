@@ -55,7 +55,7 @@ class Model {
       if (c.conditionalTrigger) trigger |= uint64_t{1} << i;
       if (c.conditionalFiltered) filtered |= uint64_t{1} << i;
     }
-    for (uint32_t w : words) step(NativeTag{w}, fence, s.normalization, block);
+    for (uint32_t w : words) step(w, fence, s.normalization, block);
     block.end = until;
     return block;
   }
@@ -116,16 +116,18 @@ class Model {
     held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(n));
   }
 
-  void step(NativeTag w, uint32_t fence, bool normalization, ModelBlock& block) {
-    const uint32_t kind = w.kind(), code = w.code();
+  // The word's fields read from the bit layout directly, not through the decoder's accessors.
+  void step(uint32_t w, uint32_t fence, bool normalization, ModelBlock& block) {
+    const uint32_t kind = w >> 30, code = (w >> 24) & 0x3F, bin = (w >> 16) & 0xFF;
+    const int64_t tick = w & 0xFFFF;
     const int64_t period = kPs * 65536;
     if (kind == 0) return;
     if (code == 62) {
       if (kind == 1) {
         base += period;
-        deviceFence = fence + static_cast<uint32_t>(static_cast<int8_t>(w.bin() - (fence & 0xFF)));
+        deviceFence = fence + static_cast<uint32_t>(static_cast<int8_t>(bin - (fence & 0xFF)));
       } else {
-        base += (kind == 2 ? 1 : 256) * int64_t{w.bin()} * period;
+        base += (kind == 2 ? 1 : 256) * int64_t{bin} * period;
       }
       if (base > until) advance(base, block.tags);
     } else if (code == 63) {
@@ -134,7 +136,7 @@ class Model {
         pre.clear();
         base += period;
       }
-      Tag tag{static_cast<Tag::Type>(kind), 0, 0, CHANNEL_UNUSED, base + w.tick() * kPs};
+      Tag tag{static_cast<Tag::Type>(kind), 0, 0, CHANNEL_UNUSED, base + tick * kPs};
       if (tag.time > until) advance(tag.time, block.tags);
       if (kind == 2) overflow = true;
       if (kind == 3) tag.time += maxDelay;
@@ -145,27 +147,27 @@ class Model {
       // Sync-board words mean nothing to a lone device.
     } else if (kind != 1) {
       if (code >= kIndices) return;
-      const auto missed = static_cast<uint16_t>(kind == 2 ? w.bin() : w.bin() * 256);
+      const auto missed = static_cast<uint16_t>(kind == 2 ? bin : bin * 256);
       hold(Tag{Tag::Type::MissedEvents, 0, missed, channel[code], until}, 0);
     } else {
-      if (code >= kIndices || w.bin() >= kBins) return;
-      const int64_t raw = base + w.tick() * kPs;
-      int64_t t = raw + psecs[code][w.bin()];
+      if (code >= kIndices || bin >= kBins) return;
+      const int64_t raw = base + tick * kPs;
+      int64_t t = raw + psecs[code][bin];
       if (normalization) {  // the generator moves on even for an event dropped below
         rng ^= rng >> 12;
         rng ^= rng << 25;
         rng ^= rng >> 27;
         const uint64_t r = (rng * 0x2545F4914F6CDD1DULL) >> 32;
-        const uint64_t width = psecs[code][w.bin() + 1] - psecs[code][w.bin()];
+        const uint64_t width = psecs[code][bin + 1] - psecs[code][bin];
         t += static_cast<int64_t>((width * r) >> 32);
       }
       if (raw < until) return;
       if (raw > until) advance(raw, block.tags);
       if (filtered == 0) {
-        ++count[code][w.bin()];
+        ++count[code][bin];
         hold(Tag{Tag::Type::TimeTag, 0, 0, channel[code], t + delay[code]}, code + 1);
       } else {
-        pre.push_back({Tag{Tag::Type::TimeTag, 0, 0, channel[code], t}, 0, seq++, w.bin(), code});
+        pre.push_back({Tag{Tag::Type::TimeTag, 0, 0, channel[code], t}, 0, seq++, bin, code});
       }
     }
   }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -49,6 +50,26 @@ inline std::vector<int64_t> timesOf(const std::vector<Tag>& tags, int channel) {
   for (const Tag& tag : tags) {
     if (tag.type == Tag::Type::TimeTag && tag.channel == channel) out.push_back(tag.time);
   }
+  return out;
+}
+
+/// Partners on `second` found within `tolerance` of `delay` after the tags of `first`.
+struct Partners {
+  size_t found = 0;
+  double mean_delay = 0;  ///< over the partners found
+};
+inline Partners partnersOf(const std::vector<int64_t>& first, const std::vector<int64_t>& second,
+                           int64_t delay, int64_t tolerance) {
+  Partners out;
+  double sum = 0;
+  for (int64_t t : first) {
+    const auto at = std::lower_bound(second.begin(), second.end(), t + delay - tolerance);
+    if (at != second.end() && *at <= t + delay + tolerance) {
+      sum += static_cast<double>(*at - t);
+      ++out.found;
+    }
+  }
+  if (out.found > 0) out.mean_delay = sum / static_cast<double>(out.found);
   return out;
 }
 

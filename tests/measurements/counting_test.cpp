@@ -95,15 +95,14 @@ TEST_F(CountrateTest, MatchesReferenceOnRandomStreamsCutAnywhere) {
   for (uint64_t seed = 1; seed <= 16; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 2, 3, -1, -2, 5, 7};
-    shape.tags = 300;
-    shape.mean_gap = 20000;
-    shape.error_percent = 1;
-    shape.overflow_percent = 2;
-    shape.missed_outside_percent = 2;
-    shape.begin_time = seed % 2 == 0 ? 0 : 1000000;  // a stream from 0 opens its span late
-    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    // A stream from 0 opens its span late.
+    const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, -1, -2, 5, 7},
+                                                    .tags = 300,
+                                                    .mean_gap = 20000,
+                                                    .begin_time = seed % 2 == 0 ? 0 : 1000000,
+                                                    .error_percent = 1,
+                                                    .overflow_percent = 2,
+                                                    .missed_outside_percent = 2});
     const auto blocks = testing::cutStream(stream, testing::randomCuts(rng, stream, 60));
     DirectCountrate countrate(&tagger, entries);
     for (const Block& block : blocks) countrate.feed(block.tags, block.begin_time, block.end_time);
@@ -304,11 +303,9 @@ std::vector<ReferenceBin> referenceBins(const std::vector<Tag>& tags, int click,
 TEST_F(CountBetweenMarkersTest, EqualsBruteForceOnRandomStreamsCutEveryWay) {
   std::mt19937_64 rng(11);
   for (int round = 0; round < 40; ++round) {
-    StreamShape shape;
-    shape.channels = {1, 2, 3};
-    shape.tags = 1500;
-    shape.grid = 50;  // markers and clicks often share a time
-    const TagStream stream = makeRandomStream(rng, shape);
+    // On a grid, markers and clicks often share a time.
+    const TagStream stream =
+        makeRandomStream(rng, {.channels = {1, 2, 3}, .tags = 1500, .grid = 50});
     const bool wrap = round % 2 == 1;
     const int end_channel = round % 4 < 2 ? CHANNEL_UNUSED : 3;
     const int32_t n_values = 5 + static_cast<int32_t>(rng() % 40);
@@ -421,13 +418,9 @@ void referenceScope(const TagStream& stream, const std::vector<int>& inputs, int
 TEST_F(ScopeTest, EqualsBruteForceOnRandomStreamsCutEveryWay) {
   std::mt19937_64 rng(3);
   for (int round = 0; round < 30; ++round) {
-    StreamShape shape;
-    shape.channels = {1, -1, 2, -2, 3};
-    shape.tags = 1200;
-    shape.grid = 20;
-    TagStream stream = makeRandomStream(rng, shape);
-    const int64_t window =
-        shape.grid * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
+    const TagStream stream =
+        makeRandomStream(rng, {.channels = {1, -1, 2, -2, 3}, .tags = 1200, .grid = 20});
+    const int64_t window = 20 * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
     const int32_t n_traces = 3 + static_cast<int32_t>(rng() % 30);
     DirectScope scope(&tagger, std::vector<int>{1, 2}, 3, window, n_traces);
     for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25))) {

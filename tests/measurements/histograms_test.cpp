@@ -107,14 +107,13 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
     for (uint64_t seed = 1; seed <= 2; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
-      testing::StreamShape shape;
-      shape.tags = 3000;
-      shape.mean_gap = c.binwidth * c.n_bins / 6 + 1;
-      shape.error_percent = shape.overflow_percent = 1;
       // Odd seeds put every time on a grid of bin widths: ages then hit bin
       // edges and the range itself.
-      shape.grid = seed % 2 == 1 ? c.binwidth : 1;
-      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      const TagStream stream = makeRandomStream(rng, {.tags = 3000,
+                                                      .mean_gap = c.binwidth * c.n_bins / 6 + 1,
+                                                      .error_percent = 1,
+                                                      .overflow_percent = 1,
+                                                      .grid = seed % 2 == 1 ? c.binwidth : 1});
       TimeDifferences measurement(&tagger, c.click, c.start, c.next, c.sync, c.binwidth, c.n_bins,
                                   c.n_histograms);
       measurement.setMaxCounts(c.max_counts);
@@ -263,13 +262,13 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
     for (uint64_t seed = 1; seed <= 2; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
-      testing::StreamShape shape;
-      shape.channels = {1, 2, 3};
-      shape.tags = 3000;
-      shape.mean_gap = half_range / 3 + 1;
-      shape.error_percent = shape.overflow_percent = 1;
-      shape.grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1;
-      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      const TagStream stream =
+          makeRandomStream(rng, {.channels = {1, 2, 3},
+                                 .tags = 3000,
+                                 .mean_gap = half_range / 3 + 1,
+                                 .error_percent = 1,
+                                 .overflow_percent = 1,
+                                 .grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1});
       Correlation correlation(&tagger, c.channel_1, c.channel_2, c.binwidth, c.n_bins);
       const auto delivered = testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
@@ -375,13 +374,13 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
     for (uint64_t seed = 1; seed <= 2; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
-      testing::StreamShape shape;
-      shape.channels = {1, 2, 3};
-      shape.tags = 3000;
-      shape.mean_gap = 5 * std::max<int64_t>(c.binwidth, 1);
-      shape.error_percent = shape.overflow_percent = 1;
-      shape.grid = seed % 2 == 1 ? std::max<int64_t>(c.binwidth, 1) : 1;
-      const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+      const int64_t width = std::max<int64_t>(c.binwidth, 1);
+      const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3},
+                                                      .tags = 3000,
+                                                      .mean_gap = 5 * width,
+                                                      .error_percent = 1,
+                                                      .overflow_percent = 1,
+                                                      .grid = seed % 2 == 1 ? width : 1});
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
       const std::vector<Tag> delivered = testing::concatenate(testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40))));
@@ -502,12 +501,11 @@ TEST(Histogram2DStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     const Setup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 2, 3, -1, 4};
-    shape.mean_gap = 20;
-    shape.tags = 4000;
-    shape.error_percent = shape.overflow_percent = 0.5;
-    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, -1, 4},
+                                                    .tags = 4000,
+                                                    .mean_gap = 20,
+                                                    .error_percent = 0.5,
+                                                    .overflow_percent = 0.5});
     for (size_t most_cuts : {0, 30, 900}) {
       auto h = std::make_unique<Histogram2D>(&tagger, s.start, s.stop_1, s.stop_2, s.width_1,
                                              s.width_2, s.rows, s.columns);
@@ -619,12 +617,11 @@ TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     const NDSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2};
-    shape.mean_gap = 15;
-    shape.tags = 3000;
-    shape.error_percent = shape.overflow_percent = 0.5;
-    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, {.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2},
+                                                    .tags = 3000,
+                                                    .mean_gap = 15,
+                                                    .error_percent = 0.5,
+                                                    .overflow_percent = 0.5});
     for (size_t most_cuts : {0, 25, 600}) {
       auto h = std::make_unique<TimeDifferencesND>(&tagger, s.click, s.start, s.next, s.sync,
                                                    s.n_histograms, s.binwidth, s.n_bins);
@@ -682,43 +679,6 @@ TEST_F(HistogramLogBinsTest, ClearForgetsCountsAndStartsAndSettlesAgain) {
          30000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 2}));
   EXPECT_EQ(g2(h)[2], 2 * ((30000.0 - 21000) / (2 * 1)) / 900);
-}
-
-// A dense burst of starts fills the ring many times over; the counts of a
-// click then follow from integer ranges: start k at base + k is at
-// difference T - base - k.
-TEST_F(HistogramLogBinsTest, DenseBurstGrowsRingAndCountsEveryPair) {
-  DirectLogBins h(&tagger, 1, 2, -12, -6, 12);  // 1 ps .. 1 us
-  const std::vector<int64_t> e = edges(h);
-  const int64_t range = e.back();
-  const int64_t base = 10 * range;
-  const int64_t n_starts = 100000;
-  std::vector<Tag> tags{timeTag(2, range + 2)};  // ends settling
-  // Starts that a click at base - 1 leaves behind: the ring then grows with
-  // its oldest live start away from slot 0, and the click at base + 10 reads
-  // starts that moved to the new half of the ring.
-  for (int64_t k = 0; k < 5; ++k) tags.push_back(timeTag(2, range + 10 + k));
-  tags.push_back(timeTag(1, base - 1));
-  for (int64_t k = 0; k < n_starts; ++k) tags.push_back(timeTag(2, base + k / 3));
-  // Clicks amid the burst, on the last start's time, and after the burst.
-  const std::vector<int64_t> clicks = {base + 10, base + 5000, base + n_starts / 3, base + 400000};
-  for (int64_t t : clicks) tags.push_back(timeTag(1, t));
-  std::stable_sort(tags.begin(), tags.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  h.feed(tags, 1, base + 2 * range);
-
-  std::vector<uint64_t> expected(12, 0);
-  for (int64_t t : clicks) {
-    for (size_t i = 0; i + 1 < e.size(); ++i) {
-      // Differences d in [e[i], e[i+1]) with d = t - base - k / 3, k < n_starts.
-      for (int64_t d = e[i]; d < e[i + 1]; ++d) {
-        const int64_t slot = t - base - d;
-        if (slot >= 0 && slot <= (n_starts - 1) / 3)
-          expected[i] += slot == (n_starts - 1) / 3 ? 1 : 3;
-      }
-    }
-  }
-  EXPECT_EQ(counts(h), expected);
 }
 
 // The stated rules, with each click compared against every start kept since

@@ -3,7 +3,6 @@
 // reaches: delay and window changes, restarts and clears.
 
 #include <gmock/gmock.h>
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,7 +17,6 @@
 #include <tuple>
 #include <vector>
 
-#include "support/log_capture.h"
 #include "support/virtual_channel_harness.h"
 #include "zeptick/average_channel.h"
 #include "zeptick/coincidence.h"
@@ -34,111 +32,6 @@ namespace zeptick {
 namespace {
 
 using namespace testing;
-
-namespace harness {
-enum class Fault { None, CopyAtFront, DropFirst, CarryLastOver, MarkBlockBegin };
-
-// Copies time tags of one channel onto a virtual channel, right behind each
-// source; the faults break that in the ways a real channel could go wrong.
-class CopyChannel : public IteratorBase {
- public:
-  CopyChannel(ZeptickBase* tagger, int input, Fault fault)
-      : IteratorBase(tagger), input(input), fault(fault) {
-    virtual_channel = getNewVirtualChannel();
-    registerChannel(input);
-    finishInitialization();
-  }
-  ~CopyChannel() override { stop(); }
-
- protected:
-  bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t) override {
-    output.clear();
-    if (fault == Fault::MarkBlockBegin) {
-      output.push_back(Tag{Tag::Type::TimeTag, 0, 0, virtual_channel, begin_time});
-    }
-    if (fault == Fault::CarryLastOver && carried) output.push_back(*carried);
-    carried.reset();
-    for (size_t i = 0; i < tags.size(); ++i) {
-      const Tag& tag = tags[i];
-      if (fault == Fault::DropFirst && i == 0) continue;
-      output.push_back(tag);
-      if (tag.type != Tag::Type::TimeTag || tag.channel != input) continue;
-      Tag copy = tag;
-      copy.channel = virtual_channel;
-      if (fault == Fault::CopyAtFront) {
-        output.insert(output.begin(), copy);
-      } else {
-        output.push_back(copy);
-      }
-    }
-    if (fault == Fault::CarryLastOver && !output.empty()) {
-      carried = output.back();
-      output.pop_back();
-    }
-    tags.swap(output);
-    return true;
-  }
-
- private:
-  int input;
-  int virtual_channel;
-  Fault fault;
-  std::vector<Tag> output;
-  std::optional<Tag> carried;
-};
-
-// Every failure message the harness reports while running `check`.
-std::vector<std::string> failuresOf(const std::function<void()>& check) {
-  ::testing::TestPartResultArray results;
-  {
-    ::testing::ScopedFakeTestPartResultReporter reporter(
-        ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &results);
-    check();
-  }
-  std::vector<std::string> messages;
-  for (int i = 0; i < results.size(); ++i)
-    messages.push_back(results.GetTestPartResult(i).message());
-  return messages;
-}
-
-bool anyContains(const std::vector<std::string>& messages, const std::string& text) {
-  for (const std::string& message : messages) {
-    if (message.find(text) != std::string::npos) return true;
-  }
-  return false;
-}
-
-TEST(VirtualChannelHarnessTest, PassesACorrectChannelAndCatchesEachBrokenInvariant) {
-  std::mt19937_64 rng(11);
-  testing::StreamShape shape;
-  shape.tags = 300;
-  shape.error_percent = shape.overflow_percent = 2;
-  const TagStream stream = testing::makeRandomStream(rng, shape);
-  auto failures = [&](Fault fault) {
-    return failuresOf([&] {
-      checkVirtualChannel(stream, [fault](TestZeptick* tagger) {
-        return std::make_unique<CopyChannel>(tagger, 2, fault);
-      });
-    });
-  };
-  EXPECT_TRUE(failures(Fault::None).empty());
-#ifdef NDEBUG
-  EXPECT_TRUE(anyContains(failures(Fault::CopyAtFront), " after "));
-  EXPECT_TRUE(anyContains(failures(Fault::CarryLastOver), ") holds "));
-#else
-  // With assertions on, the runner itself stops a block that leaves a channel out of order
-  // or outside its span, before the harness could see it.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(failures(Fault::CopyAtFront), "tagsInsideTheirSpan");
-  EXPECT_DEATH(failures(Fault::CarryLastOver), "tagsInsideTheirSpan");
-#endif
-  EXPECT_TRUE(anyContains(failures(Fault::DropFirst), "passed through the channel differs"));
-  const auto cut_dependent = failures(Fault::MarkBlockBegin);
-  EXPECT_TRUE(anyContains(cut_dependent, "depends on where the blocks were cut"));
-  EXPECT_FALSE(anyContains(cut_dependent, "passed through the channel differs"));
-}
-
-}  // namespace harness
 
 namespace combiner {
 std::vector<int64_t> counts(Combiner& combiner) {
@@ -160,12 +53,10 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::vector<int>& l
 
 TagStream randomStream(uint64_t seed) {
   std::mt19937_64 rng(seed);
-  testing::StreamShape shape;
-  shape.channels = {1, 2, 3, -1, 4};
-  shape.tags = 2000;
-  shape.overflow_percent = 1;
-  shape.missed_outside_percent = 1;
-  return testing::makeRandomStream(rng, shape);
+  return makeRandomStream(rng, {.channels = {1, 2, 3, -1, 4},
+                                .tags = 2000,
+                                .overflow_percent = 1,
+                                .missed_outside_percent = 1});
 }
 
 TEST(CombinerStreamTest, CopiesEveryListedTagOncePerListingOnRandomStreams) {
@@ -281,15 +172,6 @@ void expectMatchesReference(const TagStream& stream, const Groups& groups, int64
 
 using CoincidencesTest = QuietTaggerTest;
 
-TEST_F(CoincidencesTest, RegistersEachChannelOnceAndHandsOutOneChannelPerGroup) {
-  {
-    Coincidences coincidences(&tagger, {{1, 2}, {2, 3, 3}, {1, 2}}, 100, Stamp::Average);
-    for (int channel : {1, 2, 3}) EXPECT_EQ(tagger.registrations(channel), 1);
-    EXPECT_EQ(coincidences.getChannels(), (std::vector<int>{1000, 1001, 1002}));
-  }
-  EXPECT_EQ(tagger.registrations(2), 0);
-}
-
 TEST_F(CoincidencesTest, TagAtEndMinusWindowWaitsAndWindowChangesApplyFromTheNextBlock) {
   testing::Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
   const int vc = direct.getChannels()[0];
@@ -323,12 +205,11 @@ TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 2, 3, 4, 5, 6, 7, 8, -1, -3};
-    shape.tags = 1500;
-    shape.mean_gap = 400;
-    shape.grid = seed == 1 ? 100 : 1;  // differences of exactly one window: strictly outside
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    // On a grid, differences of exactly one window: strictly outside.
+    const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, 4, 5, 6, 7, 8, -1, -3},
+                                                    .tags = 1500,
+                                                    .mean_gap = 400,
+                                                    .grid = seed == 1 ? 100 : 1});
     const int64_t window = 1500;
     for (Stamp stamp : {Stamp::Last, Stamp::Average, Stamp::First, Stamp::ListedFirst}) {
       // Half the runs let the held-back end of the stream out.
@@ -393,17 +274,11 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>&
 
 using DelayedChannelTest = QuietTaggerTest;
 
-TEST_F(DelayedChannelTest, OneVirtualChannelPerInputInOrder) {
-  {
-    DelayedChannel several(&tagger, std::vector<int>{3, -3, 5}, -20);
-    EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
-    EXPECT_EQ(tagger.registrations(-3), 1);
-    EXPECT_EQ(DelayedChannel(&tagger, std::vector<int>{}, 10).getChannel(), CHANNEL_UNUSED);
-  }
-  EXPECT_EQ(tagger.registrations(-3), 0);
-}
-
 TEST_F(DelayedChannelTest, DelayChangesFollowTheSignRules) {
+  // The first input's copy is the channel; with no input there is none.
+  Direct<DelayedChannel> several(&tagger, std::vector<int>{3, -3, 5}, -20);
+  EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
+  EXPECT_EQ(Direct<DelayedChannel>(&tagger, std::vector<int>{}, 10).getChannel(), CHANNEL_UNUSED);
   Direct<DelayedChannel> zero(&tagger, 1, 0);
   EXPECT_EQ(invalidArgument([&] { zero.setDelay(-1); }),
             "changing from a positive delay to a negative delay while running is not supported");
@@ -461,11 +336,10 @@ TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
                         {{3, 1}, -2500, 2500},
                         {{4, 1, 2, 3, 5, 6}, -900, 0}};
   std::mt19937_64 rng(1);
-  testing::StreamShape shape;
-  shape.channels = {1, 2, 3, 4, 5, 6, -1, 7};
-  shape.tags = 1500;
-  shape.error_percent = shape.overflow_percent = 0.5;
-  const TagStream stream = testing::makeRandomStream(rng, shape);
+  const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, 4, 5, 6, -1, 7},
+                                                  .tags = 1500,
+                                                  .error_percent = 0.5,
+                                                  .overflow_percent = 0.5});
   for (const Case& c : cases) {
     SCOPED_TRACE("delay " + std::to_string(c.delay) + " inputs " + std::to_string(c.inputs.size()));
     VirtualChannelRules rules;
@@ -531,12 +405,10 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 2, 3, 4, 1, 1};
-    shape.tags = 2000;
-    shape.error_percent = 0.5;
-    shape.overflow_percent = 0.5;
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, 4, 1, 1},
+                                                    .tags = 2000,
+                                                    .error_percent = 0.5,
+                                                    .overflow_percent = 0.5});
     for (const auto& [input, start, stop] :
          {std::tuple{1, 2, 3}, std::tuple{2, 2, 3}, std::tuple{1, 3, 1}, std::tuple{1, 5, 2}}) {
       SCOPED_TRACE(std::to_string(input) + " " + std::to_string(start) + " " +
@@ -624,11 +496,8 @@ TEST(FrequencyMultiplierTest, TimeZeroNonTimeTagsAndRestarts) {
 TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
-    shape.channels = {1, 2, 3};
-    shape.tags = 1500;
-    shape.mean_gap = 700;
-    const TagStream with_overflows = testing::makeRandomStream(rng, shape);
+    const TagStream with_overflows =
+        makeRandomStream(rng, {.channels = {1, 2, 3}, .tags = 1500, .mean_gap = 700});
     const TagStream time_tags_only = testing::makeTimeTagStream(rng, {1, 2, 3}, 1500, 700);
     for (int factor : {1, 2, 3, 7}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + " multiplier " + std::to_string(factor));
@@ -736,13 +605,11 @@ TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
   for (size_t k = 0; k < setups.size(); ++k) {
     const GeneratorSetup& setup = setups[k];
     SCOPED_TRACE("setup " + std::to_string(k));
-    testing::StreamShape shape;
-    shape.tags = 1500;
-    shape.mean_gap = 600;
-    shape.error_percent = 0.5;
-    shape.overflow_percent = 1;
-    shape.missed_outside_percent = 0.5;
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, {.tags = 1500,
+                                                    .mean_gap = 600,
+                                                    .error_percent = 0.5,
+                                                    .overflow_percent = 1,
+                                                    .missed_outside_percent = 0.5});
     int64_t lag = 0;
     for (int64_t p : setup.pattern) lag = std::max(lag, -p);
     testing::VirtualChannelRules rules;
@@ -786,9 +653,9 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   std::map<int, int64_t> open;  // leading channel -> time of its open pulse
   int64_t passed_limit = INT64_MIN;
   size_t next_end = 0;
-  auto release = [&](bool all_below_limit) {
+  auto release = [&] {
     for (const Tag& tag : held) {
-      if (all_below_limit && tag.time < passed_limit) out.push_back(tag);
+      if (tag.time < passed_limit) out.push_back(tag);
     }
     held.clear();
   };
@@ -803,7 +670,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
       passed_limit = std::max(passed_limit, block_ends[next_end++]);
     }
     if (tag.type != Tag::Type::TimeTag) {
-      release(true);
+      release();
       open.clear();
       passed_limit = INT64_MIN;
       out.push_back(tag);
@@ -829,7 +696,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   for (; next_end < block_ends.size(); ++next_end) {
     passed_limit = std::max(passed_limit, block_ends[next_end]);
   }
-  release(true);
+  release();
   return sortedWithinEqualTimes(out);
 }
 
