@@ -21,7 +21,7 @@ target_compile_definitions(zeptick_fuzz_objects PRIVATE ZEPTICK_BUILDING_LIBRARY
 target_compile_options(zeptick_fuzz_objects PRIVATE
   -fsanitize=fuzzer-no-link ${zeptick_fuzz_sanitizers})
 target_link_libraries(zeptick_fuzz_objects PUBLIC Threads::Threads nlohmann_json::nlohmann_json
-  OpenSSL::Crypto PkgConfig::LZ4 ${CMAKE_DL_LIBS})
+  OpenSSL::Crypto PkgConfig::LZ4 PkgConfig::ZEPTICK_HDF5 ${CMAKE_DL_LIBS})
 zeptick_set_warnings(zeptick_fuzz_objects)
 
 add_custom_target(fuzzers)
