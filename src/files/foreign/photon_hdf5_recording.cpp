@@ -142,26 +142,37 @@ struct PhotonHdf5Recording::Group {
   std::optional<PicosecondScale> unit, tcspc_unit;
   hsize_t size = 0, next = 0;
   std::vector<int64_t> times, ids, nanos;
-  std::vector<Tag> tags;  // decoded, not yet handed out
+  std::vector<Tag> tags;  // decoded, in time order; those before `taken` are handed out
   size_t taken = 0;
+  int64_t frontier = 0;  // the sync time of the last timestamp read: no later tag is earlier
   int64_t last_sync = std::numeric_limits<int64_t>::min();
   bool done() const { return next == size && taken == tags.size(); }
 };
 
 PhotonHdf5Recording::PhotonHdf5Recording(const std::string& path) : path(path) {
-  std::lock_guard<std::mutex> guard(hdf5Mutex());
+  std::string settings;
+  {
+    std::lock_guard<std::mutex> guard(hdf5Mutex());
+    settings = openFile();
+  }
+  // Outside the lock: the first block is read through decodeChunk, which takes it.
+  if (!settings.empty()) start(std::move(settings));
+}
+
+// REQUIRES: the HDF5 lock.
+std::string PhotonHdf5Recording::openFile() {
   // The library's own printing would add a stack of lines to our one-line messages.
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
   file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
   std::string error;
   if (file < 0) {
     ZT_LOG_ERROR("File '%s' could not be opened as HDF5.", path.c_str());
-    return;
+    return {};
   }
   if (!openGroups(error)) {
     ZT_LOG_ERROR("File '%s' is not playable Photon-HDF5: %s.", path.c_str(), error.c_str());
     close();
-    return;
+    return {};
   }
   nlohmann::json settings = {{"format", "Photon-HDF5"}, {"channel_mapping", kChannelMappingText}};
   for (const char* name : {"format_name", "format_version"}) {
@@ -184,7 +195,7 @@ PhotonHdf5Recording::PhotonHdf5Recording(const std::string& path) : path(path) {
       if (auto value = readDataset(file, group->name + "/" + name)) entry[name] = *value;
     }
   }
-  start(settings.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  return settings.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 PhotonHdf5Recording::~PhotonHdf5Recording() {
@@ -257,8 +268,10 @@ bool PhotonHdf5Recording::fill(Group& g) {
                  static_cast<unsigned long long>(g.next));
     return false;
   }
-  g.tags.clear();
+  // The photons of the last timestamp may still wait, and the new ones may fall among them.
+  g.tags.erase(g.tags.begin(), g.tags.begin() + static_cast<std::ptrdiff_t>(g.taken));
   g.taken = 0;
+  const size_t waiting = g.tags.size();
   for (hsize_t i = 0; i < count; ++i) {
     // Timestamps before the recording's time 0 are not meaningful; they start it.
     const uint64_t stamp = static_cast<uint64_t>(std::max<int64_t>(g.times[i], 0));
@@ -277,32 +290,35 @@ bool PhotonHdf5Recording::fill(Group& g) {
                          PicosecondScale::round(sync + g.tcspc_unit->exact(nanotime))});
   }
   g.next += count;
-  std::stable_sort(g.tags.begin(), g.tags.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  const auto earlier = [](const Tag& a, const Tag& b) { return a.time < b.time; };
+  const auto fresh = g.tags.begin() + static_cast<std::ptrdiff_t>(waiting);
+  std::stable_sort(fresh, g.tags.end(), earlier);
+  std::inplace_merge(g.tags.begin(), fresh, g.tags.end(), earlier);
+  g.frontier = (*g.unit)(static_cast<uint64_t>(std::max<int64_t>(g.times[count - 1], 0)));
   if (!g.tags.empty()) until = std::max(until, g.tags.back().time + 1);
   return true;
 }
 
-// Hands out every decoded tag up to the earliest last time among the groups that have more to
-// read: later tags of another group cannot fall before it.
+// Hands out every decoded tag up to the earliest frontier among the groups that have more to
+// read: no later tag of any group can fall before it. A group is read on once fewer than a
+// chunk of its tags wait, so the group that sets the frontier always moves it.
 bool PhotonHdf5Recording::decodeChunk(std::vector<Tag>& out) {
   std::lock_guard<std::mutex> guard(hdf5Mutex());
   int64_t horizon = std::numeric_limits<int64_t>::max();
   for (const auto& group : groups) {
     Group& g = *group;
-    if (g.taken == g.tags.size() && g.next < g.size && !fill(g)) {
-      g.next = g.size;
-      g.tags.clear();
-      g.taken = 0;
+    if (g.next < g.size && g.tags.size() - g.taken < kChunkPhotons && !fill(g)) {
+      for (const auto& other : groups) other->next = other->size;  // the file ends here
       return false;
     }
-    if (g.next < g.size && g.taken < g.tags.size()) horizon = std::min(horizon, g.tags.back().time);
+    if (g.next < g.size) horizon = std::min(horizon, g.frontier);
   }
   bool more = false;
   for (const auto& group : groups) {
     Group& g = *group;
-    while (g.taken < g.tags.size() && g.tags[g.taken].time <= horizon)
+    while (g.taken < g.tags.size() && g.tags[g.taken].time <= horizon) {
       out.push_back(g.tags[g.taken++]);
+    }
     more |= !g.done();
   }
   return more;

@@ -29,6 +29,7 @@ class PhotonHdf5Recording final : public ForeignRecording {
  private:
   struct Group;
 
+  std::string openFile();  // the settings; empty after a logged fault
   bool openGroups(std::string& error);
   bool fill(Group& group);
   void close();
