@@ -176,6 +176,87 @@ TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   EXPECT_EQ(latest, std::llround(132 * bin));
 }
 
+// Copies of the T3 file, each damaged in one way, against the intact file's stream.
+TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
+  ZT_REQUIRE_REAL_DATA();
+  const Bytes intact = readBytes(realData(kT3));
+  const ForeignRead full = readForeign(realData(kT3));
+  const size_t data = tagValueOffset(intact, "Header_End") + 8;
+  const auto with = [&](const std::string& name, uint64_t value) {
+    Bytes copy = intact;
+    putLittleEndian(copy, tagValueOffset(intact, name), value, 8);
+    return copy;
+  };
+  const auto cut = [&](size_t size) { return Bytes(intact.begin(), intact.begin() + size); };
+  const uint64_t nan = 0x7FF8000000000000;
+  struct Case {
+    std::string what;
+    Bytes bytes;
+    LogLevel level;
+    std::string message;  // how the logged line ends
+    bool whole_stream;    // all of the intact stream, or a leading part of it
+  };
+  const std::vector<Case> cases = {
+      {"cut in a record", cut(data + 4 * 50000 + 2), LOGGER_ERROR,
+       "is cut short: the PTU header announces 106349 records, the data end after record 50000 "
+       "(byte " +
+           std::to_string(data + 4 * 50000) + ").",
+       false},
+      {"count too large", with("TTResult_NumberOfRecords", 200000), LOGGER_ERROR,
+       "the data end after record 106349 (byte " + std::to_string(intact.size()) + ").", true},
+      {"count zero", with("TTResult_NumberOfRecords", 0), LOGGER_WARNING,
+       "PTU header gives 0 records; reading the 106349 the file holds.", true},
+      {"count negative", with("TTResult_NumberOfRecords", uint64_t(-1127383114)), LOGGER_WARNING,
+       "PTU header gives -1127383114 records; reading the 106349 the file holds.", true},
+      {"count too small", with("TTResult_NumberOfRecords", 7), LOGGER_WARNING,
+       "PTU header gives 7 records, the file holds 106349; reading all.", true},
+      {"cut in the header", cut(1000), LOGGER_ERROR, "PTU header ends before Header_End (byte ",
+       false},
+      {"record type", with("TTResultFormat_TTTRRecType", 0x12345678), LOGGER_ERROR,
+       "PTU record type 0x12345678 is not supported.", false},
+      {"resolution", with("MeasDesc_GlobalResolution", nan), LOGGER_ERROR,
+       "PTU header gives no usable MeasDesc_GlobalResolution (nan s).", false},
+      {"payload length", with("CreatorSW_Name", uint64_t{1} << 40), LOGGER_ERROR,
+       "claims a payload beyond the end of the file", false},
+  };
+  ScratchDirectory dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = dir.file("damaged.ptu");
+    writeBytes(path, c.bytes);
+    LogCapture log;
+    const ForeignRead read = readForeign(path);
+    const std::vector<LogCapture::Entry> entries = log.entries();
+    const bool found = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+      return entry.level == c.level && entry.text.find(c.message) != std::string::npos &&
+             entry.text.find(path) != std::string::npos;
+    });
+    EXPECT_TRUE(found) << (log.messages().empty() ? "nothing logged" : log.messages().front());
+    if (c.whole_stream) {
+      EXPECT_EQ(fields(read.tags), fields(full.tags));
+    } else {
+      ASSERT_LT(read.tags.size(), full.tags.size());
+      EXPECT_TRUE(
+          std::equal(read.tags.begin(), read.tags.end(), full.tags.begin(),
+                     [](const Tag& a, const Tag& b) { return fields({a}) == fields({b}); }));
+    }
+  }
+
+  // Replay ends a cut file where its data end, and says so.
+  const std::string path = dir.file("cut.ptu");
+  writeBytes(path, cases.front().bytes);
+  LogCapture log;
+  Replay replay(2);
+  const std::vector<Tag> played = replay.play(path);
+  EXPECT_EQ(played.size(), readForeign(path).tags.size());
+  EXPECT_TRUE(log.waitFor(LOGGER_ERROR, "(byte " + std::to_string(data + 4 * 50000) + ")."));
+  // A file that is no PTU file any more is not taken for one.
+  Bytes renamed = intact;
+  renamed[0] = 'X';
+  writeBytes(path, renamed);
+  EXPECT_THROW(replay.tagger->replay(path), std::runtime_error);
+}
+
 TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {
   // 1/SyncRate of a 4,999,960 Hz laser as the header stores it: count x that double, worked
   // out in exact integers, rounded once, for counts up to 2^30 syncs (215 s).
