@@ -77,14 +77,12 @@ bool ForeignRecording::decodeBlock(std::vector<Tag>& tags, int64_t start_time,
                                    uint64_t& overflows) {
   if (!has_block) return false;
   const int64_t shift = start_time - begin;
-  tags.resize(block.size());
-  Tag* out = tags.data();
-  for (const Tag& tag : block) {
-    *out = tag;
-    out->time += shift;
+  for (Tag& tag : block) {
+    tag.time += shift;
     overflows += tag.type == Tag::Type::Error;
-    ++out;
   }
+  // Handed over rather than copied; the caller's old vector becomes the next block's buffer.
+  tags.swap(block);
   load();
   return true;
 }
