@@ -62,9 +62,8 @@ SpcRecording::SpcRecording(const std::string& path) : path(path) {
   };
   const std::optional<std::string> set_path = spcSettingsPath(path);
   if (set_path) {
-    const nlohmann::json parameters = nlohmann::json::parse(readSettings(*set_path));
     settings["settings_file"] = *set_path;
-    settings["parameters"] = parameters;
+    settings["parameters"] = readSettings(*set_path);
   } else {
     ZT_LOG_WARNING(
         "File '%s' has no .set file beside it: the TAC bin is unknown, so photons "
@@ -79,8 +78,8 @@ SpcRecording::~SpcRecording() {
   if (file != nullptr) std::fclose(file);
 }
 
-// The "#SP [NAME,type,value]" lines of the .set file's text part, as JSON text.
-std::string SpcRecording::readSettings(const std::string& set_path) {
+// The "#SP [NAME,type,value]" lines of the .set file's text part; sets the TAC bin.
+nlohmann::json SpcRecording::readSettings(const std::string& set_path) {
   std::ifstream in(set_path, std::ios::binary);
   std::string text(static_cast<size_t>(kMaxSettingsBytes), '\0');
   in.read(text.data(), kMaxSettingsBytes);
@@ -113,7 +112,7 @@ std::string SpcRecording::readSettings(const std::string& set_path) {
     ZT_LOG_WARNING("File '%s' gives no TAC bin: photons carry their macrotime only.",
                    set_path.c_str());
   }
-  return parameters.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return parameters;
 }
 
 bool SpcRecording::decodeChunk(std::vector<Tag>& out) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,7 +35,7 @@ class SpcRecording final : public ForeignRecording {
   int64_t recordedUntil() const override { return macro_clock(accumulator); }
 
  private:
-  std::string readSettings(const std::string& set_path);
+  nlohmann::json readSettings(const std::string& set_path);
 
   std::string path;
   std::FILE* file = nullptr;
