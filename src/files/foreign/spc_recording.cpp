@@ -19,7 +19,7 @@ constexpr size_t kChunkRecords = 1 << 16;
 constexpr uint64_t kMacroWrap = 4096;
 constexpr uint32_t kInvalid = 1u << 31, kOverflow = 1u << 30, kGap = 1u << 29, kMark = 1u << 28;
 // The settings of a .set file are a few kilobytes; more is not a .set file.
-constexpr std::streamsize kMaxSettingsBytes = 1 << 20;
+constexpr size_t kMaxSettingsBytes = 1 << 20;
 
 }  // namespace
 
@@ -81,8 +81,10 @@ SpcRecording::~SpcRecording() {
 // The "#SP [NAME,type,value]" lines of the .set file's text part; sets the TAC bin.
 nlohmann::json SpcRecording::readSettings(const std::string& set_path) {
   std::ifstream in(set_path, std::ios::binary);
-  std::string text(static_cast<size_t>(kMaxSettingsBytes), '\0');
-  in.read(text.data(), kMaxSettingsBytes);
+  std::error_code unknown;
+  const auto size = std::filesystem::file_size(set_path, unknown);
+  std::string text(unknown ? 0 : std::min<size_t>(size, kMaxSettingsBytes), '\0');
+  in.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<size_t>(in.gcount()));
   nlohmann::json parameters = nlohmann::json::object();
   std::map<std::string, double> numbers;
