@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_files.h"
 #include "files/zeptick_virtual_impl.h"
 #include "zeptick/countrate.h"
 #include "zeptick/file_reader.h"
@@ -131,17 +132,6 @@ uint64_t plainPhotonHdf5(const std::string& path) {
   return tags.size();
 }
 
-uint64_t tagsIn(const std::string& path) {
-  FileReader reader(path);
-  std::vector<Tag> block;
-  uint64_t tags = 0;
-  while (reader.hasData()) {
-    reader.getDataRaw(block);
-    tags += block.size();
-  }
-  return tags;
-}
-
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 void replayAgainst(benchmark::State& state, const std::string& path,
@@ -150,7 +140,7 @@ void replayAgainst(benchmark::State& state, const std::string& path,
     state.SkipWithError(("no recording at " + path).c_str());
     return;
   }
-  const uint64_t per_file = tagsIn(path);
+  const uint64_t per_file = readAlone(path);
   const uint64_t repeats = std::max<uint64_t>(1, 2000000 / std::max<uint64_t>(per_file, 1));
   const uint64_t tags = per_file * repeats;
   ZeptickVirtualImpl tagger(static_cast<unsigned>(state.range(0)));
