@@ -99,6 +99,8 @@ PtuRecording::~PtuRecording() {
 bool PtuRecording::decodeChunk(std::vector<Tag>& out) {
   const size_t want = static_cast<size_t>(std::min<uint64_t>(records_left, records.size()));
   const size_t got = want == 0 ? 0 : std::fread(records.data(), 4, want, file);
+  // Room for a sync and a photon per record, so that the block grows once.
+  out.reserve(out.size() + 2 * got);
   decoder->decode(records.data(), got, out);
   records_left -= got;
   records_read += got;

@@ -120,6 +120,7 @@ nlohmann::json SpcRecording::readSettings(const std::string& set_path) {
 bool SpcRecording::decodeChunk(std::vector<Tag>& out) {
   const size_t want = static_cast<size_t>(std::min<uint64_t>(records_left, records.size()));
   const size_t got = want == 0 ? 0 : std::fread(records.data(), 4, want, file);
+  out.reserve(out.size() + 2 * got);  // a sync and a photon per record: the block grows once
   for (size_t i = 0; i < got; ++i) {
     const uint32_t word = records[i];
     if ((word & (kInvalid | kOverflow | kMark)) == (kInvalid | kOverflow)) {
