@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_files.h"
 #include "files/file_format.h"
 #include "files/zeptick_file_reader.h"
 #include "files/zeptick_virtual_impl.h"
@@ -52,17 +53,6 @@ struct Recording {
 const Recording& recording() {
   static const Recording instance;
   return instance;
-}
-
-uint64_t readAlone(const std::string& base) {
-  FileReader reader(base);
-  std::vector<Tag> block;
-  uint64_t tags = 0;
-  while (reader.hasData()) {
-    reader.getDataRaw(block);
-    tags += block.size();
-  }
-  return tags;
 }
 
 uint64_t readVerifying(const std::string& base) {

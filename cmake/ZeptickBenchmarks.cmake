@@ -10,5 +10,7 @@ foreach(source IN LISTS zeptick_bench_sources)
   add_executable(${target} "${source}")
   target_link_libraries(${target} PRIVATE zeptick_internal zeptick_recording benchmark::benchmark)
   zeptick_set_warnings(${target})
+  # Some read the shared real recordings beside the source tree.
+  target_compile_definitions(${target} PRIVATE ZEPTICK_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bench")
 endforeach()

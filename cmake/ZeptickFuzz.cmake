@@ -21,7 +21,7 @@ target_compile_definitions(zeptick_fuzz_objects PRIVATE ZEPTICK_BUILDING_LIBRARY
 target_compile_options(zeptick_fuzz_objects PRIVATE
   -fsanitize=fuzzer-no-link ${zeptick_fuzz_sanitizers})
 target_link_libraries(zeptick_fuzz_objects PUBLIC Threads::Threads nlohmann_json::nlohmann_json
-  OpenSSL::Crypto PkgConfig::LZ4 ${CMAKE_DL_LIBS})
+  OpenSSL::Crypto PkgConfig::LZ4 PkgConfig::ZEPTICK_HDF5 ${CMAKE_DL_LIBS})
 zeptick_set_warnings(zeptick_fuzz_objects)
 
 add_custom_target(fuzzers)
@@ -46,6 +46,8 @@ foreach(source IN LISTS zeptick_fuzzer_sources)
     target_link_libraries(${seeds_target} PRIVATE zeptick_fuzz_objects)
     target_compile_options(${seeds_target} PRIVATE ${zeptick_fuzz_sanitizers})
     target_link_options(${seeds_target} PRIVATE ${zeptick_fuzz_sanitizers})
+    # Some seeds come from the shared real recordings beside the source tree.
+    target_compile_definitions(${seeds_target} PRIVATE ZEPTICK_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
     zeptick_set_warnings(${seeds_target})
     set_target_properties(${seeds_target} PROPERTIES
       RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz")

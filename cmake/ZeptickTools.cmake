@@ -23,8 +23,6 @@ endforeach()
 # The command-line tool: one file per subcommand under tools/zeptick/.
 file(GLOB zeptick_cli_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tools/zeptick/*.cpp")
 add_executable(zeptick_cli ${zeptick_cli_sources})
-# HDF5's C library through its pkg-config file (FindHDF5 would need the C language enabled).
-pkg_check_modules(ZEPTICK_HDF5 REQUIRED IMPORTED_TARGET hdf5)
 target_link_libraries(zeptick_cli PRIVATE zeptick_internal PkgConfig::ZEPTICK_HDF5)
 zeptick_set_warnings(zeptick_cli)
 set_target_properties(zeptick_cli PROPERTIES OUTPUT_NAME zeptick RUNTIME_OUTPUT_DIRECTORY

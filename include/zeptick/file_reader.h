@@ -12,10 +12,11 @@
 
 namespace zeptick {
 
-class ZeptickFileReader;
+class RecordingSource;
 
-/// Reads recordings made by FileWriter straight into the caller's hands, with
-/// no tagger and no pacing. Given several names, it reads the whole split set
+/// Reads recordings made by FileWriter, and other instruments' PTU, SPC and
+/// Photon-HDF5 files (told by their content), straight into the caller's
+/// hands, with no tagger and no pacing. Given several names, it reads the whole split set
 /// of the first, then of the next. A file of another recording found in the
 /// numbering is logged and ends that set. Bad data is logged and ends the
 /// file; nothing here throws after construction. Not thread-safe: one thread
@@ -49,7 +50,8 @@ class ZEPTICK_API FileReader {
   std::vector<std::string> filenames;
   size_t next_file = 0;
   std::string current_name;
-  std::unique_ptr<ZeptickFileReader> reader;
+  std::unique_ptr<RecordingSource> reader;
+  bool foreign_file = false;  // another instrument's recording: never split
   std::vector<Tag> buffer;
   size_t read_position = 0;
   int64_t last_time = -1;

@@ -10,6 +10,7 @@
 
 #include "files/block_signing.h"
 #include "files/file_format.h"
+#include "files/recording_source.h"
 #include "zeptick/tag.h"
 
 namespace zeptick {
@@ -19,40 +20,40 @@ namespace zeptick {
 /// that no block is left. A caller cannot tell an orderly end from a fault but by the log.
 /// It never allocates more than the file's own bytes can justify, whatever a header claims.
 /// Owned by one thread at a time.
-class ZeptickFileReader {
+class ZeptickFileReader final : public RecordingSource {
  public:
   /// Opens `filename` (the full name, see ZeptickFile::makeFileName) and loads blocks up to the
   /// first time tag block. With `verify`, each time tag block's digest and signature are checked
   /// against the key of setFileVerificationKey at this moment, and a failure ends the file.
   /// A file that cannot be opened has no block (see isOpen).
   ZeptickFileReader(const std::string& filename, bool verify);
-  ~ZeptickFileReader();
+  ~ZeptickFileReader() override;
   ZeptickFileReader(const ZeptickFileReader&) = delete;
   ZeptickFileReader& operator=(const ZeptickFileReader&) = delete;
 
   /// Whether the file could be opened.
-  bool isOpen() const { return opened; }
+  bool isOpen() const override { return opened; }
 
   /// The loaded block's span; false if no block is left.
-  bool getBlockRange(int64_t& begin_time, int64_t& end_time) const;
+  bool getBlockRange(int64_t& begin_time, int64_t& end_time) const override;
   /// Drops the loaded block and loads the next; false if no block was loaded.
-  bool skipBlock();
+  bool skipBlock() override;
   /// Replaces `tags` with the loaded block's tags, its time running from `start_time` (usually
   /// the block's begin_time), adds one to `overflows` for each overflow begin and each error,
   /// and loads the next block. False if no block was loaded (and `tags` is left alone).
-  bool decodeBlock(std::vector<Tag>& tags, int64_t start_time, uint64_t& overflows);
+  bool decodeBlock(std::vector<Tag>& tags, int64_t start_time, uint64_t& overflows) override;
 
   /// Text of the last configuration block read so far.
-  std::string getConfiguration() const { return configuration; }
+  std::string getConfiguration() const override { return configuration; }
   /// Text of the last marker block read so far.
-  std::string getLastMarker() const { return last_marker; }
+  std::string getLastMarker() const override { return last_marker; }
   /// The other edge of `channel` as the channel maps read so far give it; CHANNEL_UNUSED if
   /// the file does not name `channel`.
-  int32_t getInvertedChannel(int32_t channel) const;
+  int32_t getInvertedChannel(int32_t channel) const override;
   /// The channels the channel maps read so far record, in the order of their indices.
   std::vector<int32_t> getRecordedChannels() const;
   /// The recording's identifier from the file header; zero before one was read.
-  void getFileId(ZeptickFile::FileId& file_id) const { file_id = this->file_id; }
+  void getFileId(ZeptickFile::FileId& file_id) const override { file_id = this->file_id; }
 
  private:
   bool read(void* buffer, uint64_t size, uint64_t* remaining);

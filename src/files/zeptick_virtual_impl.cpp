@@ -49,13 +49,17 @@ int64_t ZeptickVirtualImpl::nowNs() const {
 
 uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int64_t duration,
                                     bool queue) {
-  const std::string name = ZeptickFile::makeFileName(file, 0);
-  std::ifstream head(name, std::ios::binary);
-  if (!head.is_open()) throw std::runtime_error("File '" + name + "' could not be opened.");
-  uint32_t magic = 0;
-  head.read(reinterpret_cast<char*>(&magic), sizeof(magic));
-  if (!head || magic != ZeptickFile::MAGIC) {
-    throw std::runtime_error("File format error. Files must be written via the FileWriter class.");
+  const foreign::ForeignFormat format = foreign::detectForeignFormat(file);
+  if (format == foreign::ForeignFormat::None) {
+    const std::string name = ZeptickFile::makeFileName(file, 0);
+    std::ifstream head(name, std::ios::binary);
+    if (!head.is_open()) throw std::runtime_error("File '" + name + "' could not be opened.");
+    uint32_t magic = 0;
+    head.read(reinterpret_cast<char*>(&magic), sizeof(magic));
+    if (!head || magic != ZeptickFile::MAGIC) {
+      throw std::runtime_error(
+          "File format error. Files must be written via the FileWriter class.");
+    }
   }
 
   // Measurements created before this call see the recording from its first tag.
@@ -72,6 +76,7 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
   entry.duration = duration;
   entry.id = ++last_id;
   entry.fence = fence;
+  entry.format = format;
   file_queue.push_back(std::move(entry));
   wake_cv.notify_all();
   return last_id;
@@ -111,6 +116,15 @@ bool ZeptickVirtualImpl::waitForCompletion(uint64_t id, int32_t timeout) {
   return finished;
 }
 
+bool ZeptickVirtualImpl::sync() {
+  const uint32_t fence = getFence(true);
+  {
+    std::lock_guard<std::mutex> guard(queue_mutex);
+    wake_cv.notify_all();
+  }
+  return waitForFence(fence, -1);
+}
+
 void ZeptickVirtualImpl::setReplaySpeed(double value) {
   if (value > 0.0 && value < 0.1) {
     throw std::runtime_error("Slow replay speed between 0.0 and 0.1 is not supported.");
@@ -130,8 +144,8 @@ double ZeptickVirtualImpl::getReplaySpeed() {
   return speed;
 }
 
-void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next) {
-  std::unique_ptr<ZeptickFileReader> old;
+void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next) {
+  std::unique_ptr<RecordingSource> old;
   {
     detail::MutexLock guard(reader_mutex);
     old = std::move(reader);
@@ -353,8 +367,13 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Wo
                                                        int64_t step) {
   if (!entry.opened) {
     entry.opened = true;
-    auto next = std::make_unique<ZeptickFileReader>(
-        ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
+    std::unique_ptr<RecordingSource> next;
+    if (entry.format == foreign::ForeignFormat::None) {
+      next = std::make_unique<ZeptickFileReader>(
+          ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
+    } else {
+      next = foreign::openForeignRecording(entry.file, entry.format);
+    }
     next->getFileId(current_file_id);
     installReader(std::move(next));
   }
@@ -415,8 +434,9 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
 
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
                                                       int64_t step) {
+  // Only our own recordings are split into numbered files.
   const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
-  if (fileExists(name)) {
+  if (entry.format == foreign::ForeignFormat::None && fileExists(name)) {
     auto next = std::make_unique<ZeptickFileReader>(name, true);
     ZeptickFile::FileId id{};
     next->getFileId(id);

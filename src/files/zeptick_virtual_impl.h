@@ -12,13 +12,13 @@
 
 #include "core/zeptick_runner.h"
 #include "files/file_format.h"
+#include "files/foreign/foreign_format.h"
+#include "files/recording_source.h"
 #include "files/replay_channel_stage.h"
 #include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/zeptick_hardware.h"
 
 namespace zeptick {
-
-class ZeptickFileReader;
 
 /// The replay tagger: plays a queue of recordings through the measurements as
 /// if they came from an instrument. A virtual clock, paced against real time
@@ -39,6 +39,9 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
                   bool queue = true) override;
   void stop() override;
   bool waitForCompletion(uint64_t id = 0, int32_t timeout = -1) override;
+  /// As the runner's, but wakes an idle block step at once to carry the new fence, instead of
+  /// leaving the caller to wait for its next idle block.
+  bool sync() override;
   void setReplaySpeed(double speed) override;
   double getReplaySpeed() override;
 
@@ -76,6 +79,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
     uint32_t fence = 0;
     bool has_data = true;
     bool opened = false;
+    foreign::ForeignFormat format = foreign::ForeignFormat::None;  // None: a .ztbin set
   };
 
   // What one call of the block step decided.
@@ -90,7 +94,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   /// How far the virtual clock is ahead of real time at `speed`; re-anchors when far off.
   std::chrono::nanoseconds paceClock(double speed);
   void completeFront();  // REQUIRES: queue_mutex
-  void installReader(std::unique_ptr<ZeptickFileReader> next);
+  void installReader(std::unique_ptr<RecordingSource> next);
   void editChannel(int channel, const std::function<void(ReplayChannelConfig&)>& edit);
   ReplayChannelConfig channelSettings(int channel);
   int64_t nowNs() const;
@@ -107,7 +111,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   bool first_block = true;
 
   detail::Mutex reader_mutex;  // the block step reads, the callers query
-  std::unique_ptr<ZeptickFileReader> reader ZT_GUARDED_BY(reader_mutex);
+  std::unique_ptr<RecordingSource> reader ZT_GUARDED_BY(reader_mutex);
 
   std::atomic<uint64_t> overflows{0};
 

@@ -6,6 +6,7 @@
 
 #include "core/log.h"
 #include "files/file_format.h"
+#include "files/foreign/foreign_format.h"
 #include "files/zeptick_file_reader.h"
 
 namespace zeptick {
@@ -22,7 +23,8 @@ FileReader::FileReader(const std::string& filename)
 FileReader::FileReader(const std::vector<std::string>& names) : filenames(names) {
   if (filenames.empty()) throw std::runtime_error("no file provided");
   for (const std::string& name : filenames) {
-    if (!fileExists(ZeptickFile::makeFileName(name, 0))) {
+    if (foreign::detectForeignFormat(name) == foreign::ForeignFormat::None &&
+        !fileExists(ZeptickFile::makeFileName(name, 0))) {
       throw std::runtime_error("FileReader could not open file '" + name + "'.");
     }
   }
@@ -36,8 +38,14 @@ bool FileReader::openNextFile() {
   if (next_file == filenames.size()) return false;
   file_counter = 0;
   current_name = filenames[next_file++];
-  reader = std::make_unique<ZeptickFileReader>(
-      ZeptickFile::makeFileName(current_name, file_counter++), false);
+  const foreign::ForeignFormat format = foreign::detectForeignFormat(current_name);
+  foreign_file = format != foreign::ForeignFormat::None;
+  if (foreign_file) {
+    reader = foreign::openForeignRecording(current_name, format);
+  } else {
+    reader = std::make_unique<ZeptickFileReader>(
+        ZeptickFile::makeFileName(current_name, file_counter++), false);
+  }
   reader->getFileId(file_id);
   return true;
 }
@@ -55,7 +63,7 @@ bool FileReader::getDataRaw(std::vector<Tag>& tags) {
       if (last_time == -1) last_time = begin_time;
       continue;
     }
-    if (reader) {
+    if (reader && !foreign_file) {
       const std::string name = ZeptickFile::makeFileName(current_name, file_counter++);
       if (fileExists(name)) {
         auto next = std::make_unique<ZeptickFileReader>(name, false);

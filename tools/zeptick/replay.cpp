@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "files/foreign/foreign_format.h"
 #include "files/zeptick_file_reader.h"
 #include "live.h"
 #include "plot.h"
@@ -31,8 +33,24 @@ struct ReplayOptions {
   int start = 1, stop = 2, bins = 1000;
 };
 
-// The channels the recording's channel map names, in rising order.
+// The channels the recording's channel map names, in rising order. Other instruments' files
+// have no channel map: their channels are those their events use.
 std::vector<int> recordedChannels(const std::string& file) {
+  const foreign::ForeignFormat format = foreign::detectForeignFormat(file);
+  if (format != foreign::ForeignFormat::None) {
+    std::unique_ptr<RecordingSource> reader = foreign::openForeignRecording(file, format);
+    std::set<int> used;
+    std::vector<Tag> tags;
+    uint64_t errors = 0;
+    int64_t begin = 0, end = 0;
+    while (reader->getBlockRange(begin, end)) {
+      reader->decodeBlock(tags, begin, errors);
+      for (const Tag& tag : tags) {
+        if (tag.type == Tag::Type::TimeTag) used.insert(tag.channel);
+      }
+    }
+    return std::vector<int>(used.begin(), used.end());
+  }
   ZeptickFileReader reader(file, false);
   if (!reader.isOpen()) throw std::runtime_error("could not open '" + file + "'");
   std::vector<int> channels = reader.getRecordedChannels();

@@ -1,0 +1,286 @@
+// PTU recordings of PicoQuant instruments against the values other programs computed for them,
+// a lifetime histogram through the replay tagger, and damaged copies.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "file_format_testing.h"
+#include "files/foreign/channel_mapping.h"
+#include "files/foreign/picosecond_scale.h"
+#include "foreign_testing.h"
+#include "zeptick/histogram.h"
+
+namespace zeptick::testing {
+namespace {
+
+using foreign::kSyncChannel;
+
+const std::string kT2 = "02_hydraharp2_T2/v20_t2.ptu";
+const std::string kT3 = "04_hydraharp2_T3/v20_t3.ptu";
+const std::string kFlim = "05_picoharp300_T3_flim_image/ptu_stack_FLIM_z1.ptu";
+
+// The byte offset of the value of the header tag `name` (and index), found by its name alone.
+size_t tagValueOffset(const Bytes& file, const std::string& name, int32_t index = -1) {
+  for (size_t at = 16; at + 48 <= file.size(); at += 8) {
+    if (std::equal(name.begin(), name.end(), file.begin() + static_cast<long>(at)) &&
+        file[at + name.size()] == 0 && static_cast<int32_t>(u32At(file, at + 32)) == index) {
+      return at + 40;
+    }
+  }
+  ADD_FAILURE() << name << " not in the header";
+  return 0;
+}
+
+TEST(PtuRecording, HydraHarpT2MatchesOtherProgramsAndWrapsAtTwoToThe25) {
+  ZT_REQUIRE_REAL_DATA();
+  const ForeignRead read = readForeign(realData(kT2));
+  ASSERT_TRUE(read.open);
+  // One detector, no sync, no markers; times in 1 ps units.
+  EXPECT_EQ(countPerChannel(read.tags), (std::map<int32_t, size_t>{{1, 305565}}));
+  const std::vector<int64_t> photons = timesOn(read.tags, 1);
+  EXPECT_EQ(std::vector<int64_t>(photons.begin(), photons.begin() + 10),
+            (std::vector<int64_t>{24433765, 42010976, 42303858, 65241860, 71933885, 87149772,
+                                  124793256, 131543896, 134363435, 136622106}));
+  EXPECT_EQ(photons.back(), 4999964931763);
+
+  // libpicoquant's listing wraps at 33,552,000: its rows are low by 2432 ps per overflow so far,
+  // a count that can only grow. Its first row, before any overflow, is exact.
+  std::ifstream listing(realData("02_hydraharp2_T2/libpicoquant_v30_t2.ptu.data"));
+  std::string line;
+  int64_t previous_wraps = 0;
+  size_t row = 0;
+  while (std::getline(listing, line) && row < photons.size()) {
+    const int64_t theirs = std::stoll(line.substr(line.find(',') + 1));
+    const int64_t low = photons[row++] - theirs;
+    EXPECT_EQ(low % 2432, 0) << "row " << row;
+    EXPECT_GE(low / 2432, previous_wraps) << "row " << row;
+    if (row == 1) {
+      EXPECT_EQ(low, 0);
+    }
+    previous_wraps = low / 2432;
+  }
+  EXPECT_EQ(row, 100u);
+  EXPECT_GT(previous_wraps, 0);
+
+  const auto settings = nlohmann::json::parse(read.configuration);
+  EXPECT_EQ(settings["record_type"], "HydraHarp V2 T2");
+  EXPECT_EQ(settings["records"], 435319);
+  EXPECT_EQ(settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
+  // 88 tag entries with 58 distinct names, Header_End being the one not kept.
+  std::set<std::string> names;
+  for (const auto& item : settings["header"].items()) {
+    names.insert(item.key().substr(0, item.key().find('[')));
+  }
+  EXPECT_EQ(settings["header"].size(), 87u);
+  EXPECT_EQ(names.size(), 57u);
+}
+
+// The dtime of each photon of detector `channel` (from 0) in a HydraHarp T3 file, straight from
+// the records: the reference for the lifetime histogram.
+std::vector<uint64_t> dtimeHistogram(const Bytes& file, uint32_t channel, size_t bins) {
+  std::vector<uint64_t> counts(bins);
+  const size_t offset = tagValueOffset(file, "Header_End") + 8;
+  for (size_t at = offset; at + 4 <= file.size(); at += 4) {
+    const uint32_t record = u32At(file, at);
+    if ((record >> 31) == 0 && ((record >> 25) & 63) == channel) {
+      ++counts.at((record >> 10) & 0x7FFF);
+    }
+  }
+  return counts;
+}
+
+TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
+  ZT_REQUIRE_REAL_DATA();
+  const ForeignRead read = readForeign(realData(kT3));
+  ASSERT_TRUE(read.open);
+  const auto counts = countPerChannel(read.tags);
+  EXPECT_EQ(counts.at(1), 45012u);
+  EXPECT_EQ(counts.at(2), 32871u);
+  // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
+  const auto settings = nlohmann::json::parse(read.configuration);
+  const double period = settings["global_resolution_ps"];
+  EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
+  EXPECT_EQ(timesOn(read.tags, kSyncChannel).back(), std::llround(49999358 * period));
+
+  // One 200 ns laser period in 64 ps bins. The sync before a photon's own lies a whole period
+  // earlier, outside the histogram, so each photon counts once.
+  constexpr size_t kBins = 3125;
+  Replay replay(2);
+  Histogram histogram(replay.tagger.get(), 1, kSyncChannel, 64, kBins);
+  replay.play(realData(kT3));
+  std::vector<int32_t> ours(kBins);
+  histogram.getData([&](size_t) { return ours.data(); });
+  const std::vector<uint64_t> reference = dtimeHistogram(readBytes(realData(kT3)), 0, kBins);
+  EXPECT_EQ(std::vector<uint64_t>(ours.begin(), ours.end()), reference);
+  EXPECT_EQ(std::accumulate(ours.begin(), ours.end(), int64_t{0}), 45012);
+  // A fluorescence decay: the rise within the first 20 ns of the period, then fewer counts in
+  // every later 32 ns.
+  const auto window = [&](size_t from, size_t width) {
+    return std::accumulate(ours.begin() + from, ours.begin() + std::min(from + width, kBins),
+                           int64_t{0});
+  };
+  size_t peak = 0;
+  for (size_t from = 0; from + 100 <= kBins; from += 100) {
+    if (window(from, 100) > window(peak, 100)) peak = from;
+  }
+  EXPECT_LT(peak, 320u);
+  for (size_t from = 500; from + 500 <= kBins; from += 500) {
+    EXPECT_LT(window(from, 500), window(from - 500, 500)) << from;
+  }
+}
+
+TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
+  ZT_REQUIRE_REAL_DATA();
+  const ForeignRead read = readForeign(realData(kFlim));
+  ASSERT_TRUE(read.open);
+  const auto counts = countPerChannel(read.tags);
+  EXPECT_EQ(counts.at(1), 150363u);   // router channel 1 is detector 0
+  EXPECT_EQ(counts.at(1001), 1280u);  // line start
+  EXPECT_EQ(counts.at(1002), 1280u);  // line stop
+  EXPECT_EQ(counts.at(1003), 5u);     // frame
+  const auto settings = nlohmann::json::parse(read.configuration);
+  EXPECT_EQ(settings["tag_version"], "00.0.1");
+  EXPECT_EQ(settings["header"]["TTResult_SyncRate"], 78020000);
+  const double period = settings["global_resolution_ps"];
+  const double bin = settings["resolution_ps"];
+  EXPECT_NEAR(period, 1.281722635221738e4, 1e-6);
+  EXPECT_NEAR(bin, 96.96969697, 1e-6);
+
+  // Neither resolution is whole picoseconds: each time is rounded once from the exact product,
+  // so a marker k sync periods in lies within half a picosecond of k x period.
+  const std::vector<int64_t> starts = timesOn(read.tags, 1001), stops = timesOn(read.tags, 1002),
+                             frames = timesOn(read.tags, 1003);
+  EXPECT_EQ(starts.front(), 0);
+  for (size_t line = 0; line < starts.size(); ++line) {
+    EXPECT_LE(std::abs(stops[line] - starts[line] - 126464 * period), 1.0) << line;
+  }
+  for (size_t k = 0; k < frames.size(); ++k) {
+    EXPECT_LE(std::abs(frames[k] - (k + 1) * 32374784 * period), 0.5) << k;
+  }
+  EXPECT_LE(std::abs(read.tags.back().time - 2.074774673160728e12), 0.5);
+  // Every photon sits at most 132 bins after its own sync.
+  int64_t sync = -1, latest = 0;
+  for (const Tag& tag : read.tags) {
+    if (tag.channel == kSyncChannel) sync = tag.time;
+    if (tag.channel == 1) latest = std::max(latest, tag.time - sync);
+  }
+  EXPECT_EQ(latest, std::llround(132 * bin));
+}
+
+// Copies of the T3 file, each damaged in one way, against the intact file's stream.
+TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
+  ZT_REQUIRE_REAL_DATA();
+  const Bytes intact = readBytes(realData(kT3));
+  const ForeignRead full = readForeign(realData(kT3));
+  const size_t data = tagValueOffset(intact, "Header_End") + 8;
+  const auto with = [&](const std::string& name, uint64_t value) {
+    Bytes copy = intact;
+    putLittleEndian(copy, tagValueOffset(intact, name), value, 8);
+    return copy;
+  };
+  const auto cut = [&](size_t size) { return Bytes(intact.begin(), intact.begin() + size); };
+  const uint64_t nan = 0x7FF8000000000000;
+  struct Case {
+    std::string what;
+    Bytes bytes;
+    LogLevel level;
+    std::string message;  // how the logged line ends
+    bool whole_stream;    // all of the intact stream, or a leading part of it
+  };
+  const std::vector<Case> cases = {
+      {"cut in a record", cut(data + 4 * 50000 + 2), LOGGER_ERROR,
+       "is cut short: the PTU header announces 106349 records, the data end after record 50000 "
+       "(byte " +
+           std::to_string(data + 4 * 50000) + ").",
+       false},
+      {"count too large", with("TTResult_NumberOfRecords", 200000), LOGGER_ERROR,
+       "the data end after record 106349 (byte " + std::to_string(intact.size()) + ").", true},
+      {"count zero", with("TTResult_NumberOfRecords", 0), LOGGER_WARNING,
+       "PTU header gives 0 records; reading the 106349 the file holds.", true},
+      {"count negative", with("TTResult_NumberOfRecords", uint64_t(-1127383114)), LOGGER_WARNING,
+       "PTU header gives -1127383114 records; reading the 106349 the file holds.", true},
+      {"count too small", with("TTResult_NumberOfRecords", 7), LOGGER_WARNING,
+       "PTU header gives 7 records, the file holds 106349; reading all.", true},
+      {"cut in the header", cut(1000), LOGGER_ERROR, "PTU header ends before Header_End (byte ",
+       false},
+      {"record type", with("TTResultFormat_TTTRRecType", 0x12345678), LOGGER_ERROR,
+       "PTU record type 0x12345678 is not supported.", false},
+      {"resolution", with("MeasDesc_GlobalResolution", nan), LOGGER_ERROR,
+       "PTU header gives no usable MeasDesc_GlobalResolution (nan s).", false},
+      {"payload length", with("CreatorSW_Name", uint64_t{1} << 40), LOGGER_ERROR,
+       "claims a payload beyond the end of the file", false},
+  };
+  ScratchDirectory dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = dir.file("damaged.ptu");
+    writeBytes(path, c.bytes);
+    LogCapture log;
+    const ForeignRead read = readForeign(path);
+    const std::vector<LogCapture::Entry> entries = log.entries();
+    const bool found = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+      return entry.level == c.level && entry.text.find(c.message) != std::string::npos &&
+             entry.text.find(path) != std::string::npos;
+    });
+    EXPECT_TRUE(found) << (log.messages().empty() ? "nothing logged" : log.messages().front());
+    if (c.whole_stream) {
+      EXPECT_EQ(fields(read.tags), fields(full.tags));
+    } else {
+      ASSERT_LT(read.tags.size(), full.tags.size());
+      EXPECT_TRUE(
+          std::equal(read.tags.begin(), read.tags.end(), full.tags.begin(),
+                     [](const Tag& a, const Tag& b) { return fields({a}) == fields({b}); }));
+    }
+  }
+
+  // Replay ends a cut file where its data end, and says so.
+  const std::string path = dir.file("cut.ptu");
+  writeBytes(path, cases.front().bytes);
+  LogCapture log;
+  Replay replay(2);
+  const std::vector<Tag> played = replay.play(path);
+  EXPECT_EQ(played.size(), readForeign(path).tags.size());
+  EXPECT_TRUE(log.waitFor(LOGGER_ERROR, "(byte " + std::to_string(data + 4 * 50000) + ")."));
+  // A file that is no PTU file any more is not taken for one.
+  Bytes renamed = intact;
+  renamed[0] = 'X';
+  writeBytes(path, renamed);
+  EXPECT_THROW(replay.tagger->replay(path), std::runtime_error);
+}
+
+TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {
+  // 1/SyncRate of a 4,999,960 Hz laser as the header stores it: count x that double, worked
+  // out in exact integers, rounded once, for counts up to 2^30 syncs (215 s).
+  const double unit = 1.0 / 4999960;
+  const auto sync = foreign::PicosecondScale::fromSeconds(unit);
+  ASSERT_TRUE(sync);
+  int exponent = 0;
+  const auto mantissa = static_cast<int64_t>(std::ldexp(std::frexp(unit, &exponent), 53));
+  const int shift = 53 - exponent;  // unit = mantissa / 2^shift
+  std::mt19937_64 rng(3);
+  for (int i = 0; i < 1000; ++i) {
+    const uint64_t count = rng() >> 34;
+    __extension__ using Wide = unsigned __int128;
+    const Wide scaled = static_cast<Wide>(count) * static_cast<Wide>(mantissa) * 1000000000000u;
+    const auto exact = static_cast<int64_t>((scaled + (Wide{1} << (shift - 1))) >> shift);
+    EXPECT_EQ((*sync)(count), exact) << count;
+  }
+  // Whole picoseconds as written stay whole; a near-whole 1/SyncRate does not.
+  EXPECT_EQ(foreign::PicosecondScale::fromSeconds(static_cast<float>(64e-12))->picoseconds(), 64);
+  EXPECT_EQ((*foreign::PicosecondScale::fromSeconds(1e-12))(uint64_t{1} << 60), int64_t{1} << 60);
+  EXPECT_EQ((*foreign::PicosecondScale::fromSeconds(1.0 / 79999997))(1000000000), 12500000468750);
+  EXPECT_FALSE(foreign::PicosecondScale::fromSeconds(0.0));
+  EXPECT_FALSE(foreign::PicosecondScale::fromSeconds(std::nan("")));
+}
+
+}  // namespace
+}  // namespace zeptick::testing
