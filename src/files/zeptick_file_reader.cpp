@@ -23,16 +23,31 @@ constexpr uint64_t kLz4Slack = 64;
 
 }  // namespace
 
-ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify) : verify(verify) {
+// A reader that only looks at headers stays silent: the reader of the data reports every fault.
+#define READER_ERROR(...)                         \
+  do {                                            \
+    if (!headers_only) ZT_LOG_ERROR(__VA_ARGS__); \
+  } while (false)
+
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify)
+    : ZeptickFileReader(filename, verify, false) {}
+
+std::unique_ptr<ZeptickFileReader> ZeptickFileReader::headersOnly(const std::string& filename) {
+  return std::unique_ptr<ZeptickFileReader>(new ZeptickFileReader(filename, false, true));
+}
+
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify, bool headers_only)
+    : verify(verify), headers_only(headers_only) {
   channels.fill(CHANNEL_UNUSED);
   if (verify) key = detail::currentVerifyingKey();
   file = std::fopen(filename.c_str(), "rb");
   if (file == nullptr) return;
   opened = true;
   // A small file gets a buffer of its own size: like every other buffer here, this one is no
-  // larger than the file's bytes justify.
+  // larger than the file's bytes justify. Skipping data needs no more than a page.
   refreshFileSize();
-  file_buffer.resize(std::clamp<uint64_t>(file_size, kMinStreamBufferSize, kStreamBufferSize));
+  const uint64_t largest = headers_only ? kMinStreamBufferSize : kStreamBufferSize;
+  file_buffer.resize(std::clamp<uint64_t>(file_size, kMinStreamBufferSize, largest));
   std::setvbuf(file, file_buffer.data(), _IOFBF, file_buffer.size());
   load();
 }
@@ -63,13 +78,13 @@ bool ZeptickFileReader::available(uint64_t size) {
 bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
   if (size == 0) return true;
   if (remaining != nullptr && *remaining < size) {
-    ZT_LOG_ERROR("Block is too small");
+    READER_ERROR("Block is too small");
     return false;
   }
   if (buffer != nullptr) {
     // Checked first so that a short file never reaches a partial read.
     if (file == nullptr || !available(size) || std::fread(buffer, 1, size, file) != size) {
-      ZT_LOG_ERROR("File access failed");
+      READER_ERROR("File access failed");
       return false;
     }
   } else if (file != nullptr) {
@@ -82,7 +97,7 @@ bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
     const uint64_t pad = alignment - ((size + alignment - 1) % alignment) - 1;
     if (pad != 0) {
       if (file == nullptr || !available(pad)) {
-        ZT_LOG_ERROR("File access failed");
+        READER_ERROR("File access failed");
         return false;
       }
       fseeko(file, static_cast<off_t>(pad), SEEK_CUR);
@@ -98,11 +113,11 @@ template <class Container>
 bool ZeptickFileReader::readSized(Container& container, uint64_t count, uint64_t* remaining) {
   const uint64_t bytes = count * sizeof(typename Container::value_type);
   if (remaining != nullptr && *remaining < bytes) {
-    ZT_LOG_ERROR("Block is too small");
+    READER_ERROR("Block is too small");
     return false;
   }
   if (!available(bytes)) {
-    ZT_LOG_ERROR("File access failed");
+    READER_ERROR("File access failed");
     return false;
   }
   container.resize(count);
@@ -120,9 +135,10 @@ void ZeptickFileReader::load() {
 
 bool ZeptickFileReader::readBlock() {
   if (at_end) return false;
+  block_offset = position;
   ZeptickFile::BlockHeader header{};
   if (!read(&header, sizeof(header), nullptr) || header.magic != ZeptickFile::MAGIC) {
-    ZT_LOG_ERROR("Incorrect Header");
+    READER_ERROR("Incorrect Header");
     return false;
   }
   uint64_t remaining = header.size;
@@ -133,14 +149,14 @@ bool ZeptickFileReader::readBlock() {
     case ZeptickFile::BLOCK_FILE_HEADER: {
       ZeptickFile::FileHeader file_header{};
       if (!read(&file_header, sizeof(file_header), &remaining)) {
-        ZT_LOG_ERROR("File header could not be loaded");
+        READER_ERROR("File header could not be loaded");
         return false;
       }
       // Stored before the version test, so a too-new file still tells its recording.
       alignment = file_header.alignment;
       file_id = file_header.file_id;
       if (file_header.required_version > ZeptickFile::VERSION) {
-        ZT_LOG_ERROR("This file is too new. Please update your Zeptick installation.");
+        READER_ERROR("This file is too new. Please update your Zeptick installation.");
         return false;
       }
       version = file_header.version;
@@ -153,13 +169,13 @@ bool ZeptickFileReader::readBlock() {
       return readTimeTagBlock(remaining);
     case ZeptickFile::BLOCK_JSON_CONFIG:
       if (!readSized(configuration, header.size, &remaining)) {
-        ZT_LOG_ERROR("JSON config could not be loaded");
+        READER_ERROR("JSON config could not be loaded");
         return false;
       }
       break;
     case ZeptickFile::BLOCK_LAST_MARKER:
       if (!readSized(last_marker, header.size, &remaining)) {
-        ZT_LOG_ERROR("last_marker could not be loaded");
+        READER_ERROR("last_marker could not be loaded");
         return false;
       }
       break;
@@ -180,12 +196,12 @@ std::vector<int32_t> ZeptickFileReader::getRecordedChannels() const {
 bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
   ZeptickFile::ChannelMap head{};
   if (!read(&head, sizeof(head), &remaining)) {
-    ZT_LOG_ERROR("Channel map could not be loaded");
+    READER_ERROR("Channel map could not be loaded");
     return false;
   }
   std::vector<ZeptickFile::ChannelMap::Entry> entries;
   if (!readSized(entries, head.count, &remaining)) {
-    ZT_LOG_ERROR("Channel map data could not be loaded");
+    READER_ERROR("Channel map data could not be loaded");
     return false;
   }
   // Entries add to the tables without clearing them: a later map refines an earlier one.
@@ -199,18 +215,23 @@ bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
 
 bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
   if (!read(&block_header, sizeof(block_header), &remaining)) {
-    ZT_LOG_ERROR("Time tag block header could not be loaded");
+    READER_ERROR("Time tag block header could not be loaded");
     return false;
   }
   const uint64_t raw_bytes = uint64_t{block_header.word_count} * sizeof(ShortTag);
+  if (headers_only) {
+    const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
+    has_block = read(nullptr, raw ? raw_bytes : block_header.stored_size, &remaining);
+    return has_block && read(nullptr, remaining, &remaining);
+  }
   if (block_header.compression == ZeptickFile::COMPRESSION_NONE) {
     if (!readSized(words, block_header.word_count, &remaining)) {
-      ZT_LOG_ERROR("Time tag block data could not be loaded");
+      READER_ERROR("Time tag block data could not be loaded");
       return false;
     }
   } else if (block_header.compression == ZeptickFile::COMPRESSION_LZ4) {
     if (!readSized(compressed, block_header.stored_size, &remaining)) {
-      ZT_LOG_ERROR("Compressed time tag block data could not be loaded");
+      READER_ERROR("Compressed time tag block data could not be loaded");
       return false;
     }
     const bool plausible =
@@ -225,15 +246,15 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
     }
     compressed.clear();
     if (length < 0 || static_cast<uint64_t>(length) != raw_bytes) {
-      ZT_LOG_ERROR("Time tag block data could not be decompressed");
+      READER_ERROR("Time tag block data could not be decompressed");
       return false;
     }
   } else {
-    ZT_LOG_ERROR("Time tag block data with unknown compression");
+    READER_ERROR("Time tag block data with unknown compression");
     return false;
   }
   if (verify && !verifyBlock()) {
-    ZT_LOG_ERROR("Time tag block data with invalid hash or signature");
+    READER_ERROR("Time tag block data with invalid hash or signature");
     return false;
   }
   has_block = true;
@@ -243,14 +264,18 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
 bool ZeptickFileReader::verifyBlock() {
   uint8_t digest[32];
   if (!detail::sha1Digest(words.data(), words.size() * sizeof(ShortTag), digest)) {
-    ZT_LOG_ERROR("Hashing with SHA1 was not successful");
+    READER_ERROR("Hashing with SHA1 was not successful");
   }
   if (std::memcmp(digest, block_header.hash, sizeof(digest)) != 0) {
-    ZT_LOG_ERROR("Hash missmatch");
+    READER_ERROR("Hash missmatch");
     return false;
   }
-  if (!key || !key->verify(block_header.hash, block_header.signature)) {
-    ZT_LOG_ERROR("ECC signature is wrong");
+  const bool signed_by_key =
+      checked_signatures != nullptr
+          ? checked_signatures->verify(key, block_offset, block_header.hash, block_header.signature)
+          : key && key->verify(block_header.hash, block_header.signature);
+  if (!signed_by_key) {
+    READER_ERROR("ECC signature is wrong");
     return false;
   }
   return true;
@@ -260,6 +285,13 @@ bool ZeptickFileReader::getBlockRange(int64_t& begin_time, int64_t& end_time) co
   if (!has_block) return false;
   begin_time = block_header.begin_time;
   end_time = block_header.end_time;
+  return true;
+}
+
+bool ZeptickFileReader::getBlockSignature(uint8_t (&hash)[32], uint8_t (&signature)[64]) const {
+  if (!has_block) return false;
+  std::memcpy(hash, block_header.hash, sizeof(hash));
+  std::memcpy(signature, block_header.signature, sizeof(signature));
   return true;
 }
 

@@ -130,7 +130,14 @@ double ZeptickVirtualImpl::getReplaySpeed() {
   return speed;
 }
 
-void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next) {
+void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next,
+                                       const std::string& file) {
+  checked_signatures.clear();
+  scout.reset();
+  if (next) {
+    next->useCheckedSignatures(&checked_signatures);
+    scout = ZeptickFileReader::headersOnly(file);
+  }
   std::unique_ptr<ZeptickFileReader> old;
   {
     detail::MutexLock guard(reader_mutex);
@@ -250,8 +257,41 @@ void ZeptickVirtualImpl::seedTestSignal(uint64_t seed) {
 
 // --- The block step -------------------------------------------------------------------------
 
+bool ZeptickVirtualImpl::checkSignatureAhead(std::unique_lock<std::mutex>& lock) {
+  if (!scout || !checked_signatures.hasRoom()) return false;
+  uint64_t reader_offset;
+  std::shared_ptr<const detail::VerifyingKey> key;
+  int64_t begin = 0;
+  int64_t end = 0;
+  {
+    detail::MutexLock guard(reader_mutex);
+    if (!reader || !reader->getBlockRange(begin, end)) return false;
+    reader_offset = reader->getBlockOffset();
+    key = reader->getVerifyingKey();
+  }
+  // The reader has checked its loaded block and every one before it.
+  while (scout->getBlockRange(begin, end) && scout->getBlockOffset() <= reader_offset) {
+    scout->skipBlock();
+  }
+  uint8_t hash[32];
+  uint8_t signature[64];
+  if (!scout->getBlockSignature(hash, signature)) return false;
+  const uint64_t offset = scout->getBlockOffset();
+  const uint64_t file = checked_signatures.currentFile();
+  scout->skipBlock();
+  lock.unlock();
+  checked_signatures.checkAhead(file, std::move(key), offset, hash, signature);
+  return true;
+}
+
 bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
                                        uint32_t fence, const std::function<void()>& ready) {
+  if (checkSignatureAhead(lock)) {
+    // Back to claiming rather than retrying: a retry yields the core, which costs far more than
+    // the check on a busy machine. The fence is read again, as at the start of any claim.
+    lock.lock();
+    fence = takeFence();
+  }
   std::unique_lock<std::mutex> queue_lock(queue_mutex);
   double current_speed;
   {
@@ -353,10 +393,10 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Wo
                                                        int64_t step) {
   if (!entry.opened) {
     entry.opened = true;
-    auto next = std::make_unique<ZeptickFileReader>(
-        ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
+    const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
+    auto next = std::make_unique<ZeptickFileReader>(name, true);
     next->getFileId(current_file_id);
-    installReader(std::move(next));
+    installReader(std::move(next), name);
   }
   if (entry.has_data && readBlock(entry, worker)) return Step::Block;
   return nextFile(entry, worker, step);
@@ -421,7 +461,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Wor
     ZeptickFile::FileId id{};
     next->getFileId(id);
     if (id == current_file_id) {
-      installReader(std::move(next));
+      installReader(std::move(next), name);
       entry.has_data = true;
       return Step::Retry;
     }
