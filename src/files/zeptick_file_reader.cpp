@@ -1,6 +1,5 @@
 #include "files/zeptick_file_reader.h"
 
-#include <lz4.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "files/block_words.h"
 
 namespace zeptick {
 namespace {
@@ -16,38 +16,33 @@ using ZeptickFile::ShortTag;
 
 constexpr size_t kStreamBufferSize = 1 << 20;
 constexpr size_t kMinStreamBufferSize = 4096;
-// LZ4 turns one stored byte into at most 255 output bytes (a run-length byte adds 255 to a
-// match), so a claim above this cannot be true and must not size a buffer.
-constexpr uint64_t kMaxLz4Ratio = 255;
-constexpr uint64_t kLz4Slack = 64;
 
 }  // namespace
 
-// A reader that only looks at headers stays silent: the reader of the data reports every fault.
-#define READER_ERROR(...)                         \
-  do {                                            \
-    if (!headers_only) ZT_LOG_ERROR(__VA_ARGS__); \
+// A reader that looks ahead stays silent: the reader that delivers the data reports every fault.
+#define READER_ERROR(...)                        \
+  do {                                           \
+    if (!stored_only) ZT_LOG_ERROR(__VA_ARGS__); \
   } while (false)
 
 ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify)
     : ZeptickFileReader(filename, verify, false) {}
 
-std::unique_ptr<ZeptickFileReader> ZeptickFileReader::headersOnly(const std::string& filename) {
+std::unique_ptr<ZeptickFileReader> ZeptickFileReader::storedOnly(const std::string& filename) {
   return std::unique_ptr<ZeptickFileReader>(new ZeptickFileReader(filename, false, true));
 }
 
-ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify, bool headers_only)
-    : verify(verify), headers_only(headers_only) {
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify, bool stored_only)
+    : verify(verify), stored_only(stored_only) {
   channels.fill(CHANNEL_UNUSED);
   if (verify) key = detail::currentVerifyingKey();
   file = std::fopen(filename.c_str(), "rb");
   if (file == nullptr) return;
   opened = true;
   // A small file gets a buffer of its own size: like every other buffer here, this one is no
-  // larger than the file's bytes justify. Skipping data needs no more than a page.
+  // larger than the file's bytes justify.
   refreshFileSize();
-  const uint64_t largest = headers_only ? kMinStreamBufferSize : kStreamBufferSize;
-  file_buffer.resize(std::clamp<uint64_t>(file_size, kMinStreamBufferSize, largest));
+  file_buffer.resize(std::clamp<uint64_t>(file_size, kMinStreamBufferSize, kStreamBufferSize));
   std::setvbuf(file, file_buffer.data(), _IOFBF, file_buffer.size());
   load();
 }
@@ -218,13 +213,19 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
     READER_ERROR("Time tag block header could not be loaded");
     return false;
   }
-  const uint64_t raw_bytes = uint64_t{block_header.word_count} * sizeof(ShortTag);
-  if (headers_only) {
-    const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
-    has_block = read(nullptr, raw ? raw_bytes : block_header.stored_size, &remaining);
+  const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
+  const uint64_t stored_bytes =
+      raw ? uint64_t{block_header.word_count} * sizeof(ShortTag) : block_header.stored_size;
+  if (stored_only) {
+    has_block = readSized(compressed, stored_bytes, &remaining);
     return has_block && read(nullptr, remaining, &remaining);
   }
-  if (block_header.compression == ZeptickFile::COMPRESSION_NONE) {
+  if (checked_blocks != nullptr && checked_blocks->take(key, block_offset, block_header, words)) {
+    // Read and checked ahead: the same bytes need not be read again.
+    has_block = read(nullptr, stored_bytes, &remaining);
+    return has_block && read(nullptr, remaining, &remaining);
+  }
+  if (raw) {
     if (!readSized(words, block_header.word_count, &remaining)) {
       READER_ERROR("Time tag block data could not be loaded");
       return false;
@@ -234,18 +235,9 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
       READER_ERROR("Compressed time tag block data could not be loaded");
       return false;
     }
-    const bool plausible =
-        raw_bytes <= uint64_t{block_header.stored_size} * kMaxLz4Ratio + kLz4Slack &&
-        raw_bytes <= INT_MAX && block_header.stored_size <= INT_MAX;
-    int length = -1;
-    if (plausible) {
-      words.resize(block_header.word_count);
-      length = LZ4_decompress_safe(compressed.data(), reinterpret_cast<char*>(words.data()),
-                                   static_cast<int>(block_header.stored_size),
-                                   static_cast<int>(raw_bytes));
-    }
+    const bool unpacked = detail::decompressWords(block_header, compressed, words);
     compressed.clear();
-    if (length < 0 || static_cast<uint64_t>(length) != raw_bytes) {
+    if (!unpacked) {
       READER_ERROR("Time tag block data could not be decompressed");
       return false;
     }
@@ -270,11 +262,7 @@ bool ZeptickFileReader::verifyBlock() {
     READER_ERROR("Hash missmatch");
     return false;
   }
-  const bool signed_by_key =
-      checked_signatures != nullptr
-          ? checked_signatures->verify(key, block_offset, block_header.hash, block_header.signature)
-          : key && key->verify(block_header.hash, block_header.signature);
-  if (!signed_by_key) {
+  if (!key || !key->verify(block_header.hash, block_header.signature)) {
     READER_ERROR("ECC signature is wrong");
     return false;
   }
@@ -288,10 +276,11 @@ bool ZeptickFileReader::getBlockRange(int64_t& begin_time, int64_t& end_time) co
   return true;
 }
 
-bool ZeptickFileReader::getBlockSignature(uint8_t (&hash)[32], uint8_t (&signature)[64]) const {
-  if (!has_block) return false;
-  std::memcpy(hash, block_header.hash, sizeof(hash));
-  std::memcpy(signature, block_header.signature, sizeof(signature));
+bool ZeptickFileReader::takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header,
+                                        std::vector<char>& stored) {
+  if (!has_block || !stored_only) return false;
+  header = block_header;
+  std::swap(stored, compressed);
   return true;
 }
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "files/block_signing.h"
-#include "files/checked_signatures.h"
+#include "files/checked_blocks.h"
 #include "files/file_format.h"
 #include "zeptick/tag.h"
 
@@ -27,10 +27,10 @@ class ZeptickFileReader {
   /// against the key of setFileVerificationKey at this moment, and a failure ends the file.
   /// A file that cannot be opened has no block (see isOpen).
   ZeptickFileReader(const std::string& filename, bool verify);
-  /// A reader of block headers alone, for looking ahead at signatures while another reader reads
-  /// the data: time tag data is skipped unread and unchecked (decodeBlock yields no tags), and a
-  /// fault ends the file without a message, since the reader of the data reports it.
-  static std::unique_ptr<ZeptickFileReader> headersOnly(const std::string& filename);
+  /// A reader that looks ahead for another one: it reads each time tag block's stored data but
+  /// neither unpacks nor checks it (see takeStoredBlock; decodeBlock yields no tags), and a
+  /// fault ends the file without a message, since the reader that delivers the data tells it.
+  static std::unique_ptr<ZeptickFileReader> storedOnly(const std::string& filename);
   ~ZeptickFileReader();
   ZeptickFileReader(const ZeptickFileReader&) = delete;
   ZeptickFileReader& operator=(const ZeptickFileReader&) = delete;
@@ -42,15 +42,14 @@ class ZeptickFileReader {
   bool getBlockRange(int64_t& begin_time, int64_t& end_time) const;
   /// Where the loaded block starts in the file; meaningful while a block is loaded.
   uint64_t getBlockOffset() const { return block_offset; }
-  /// The loaded block's digest field and signature; false if no block is loaded.
-  bool getBlockSignature(uint8_t (&hash)[32], uint8_t (&signature)[64]) const;
+  /// A storedOnly reader's loaded block: its header, and its stored data swapped into `stored`.
+  /// False if no block is loaded or the reader is not storedOnly.
+  bool takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header, std::vector<char>& stored);
   /// The key blocks are verified with; null without verification.
   std::shared_ptr<const detail::VerifyingKey> getVerifyingKey() const { return key; }
-  /// Lets signatures already checked by `signatures` pass without the costly check again (the
-  /// digest of the data is still checked). Not owned; it must outlive this reader.
-  void useCheckedSignatures(detail::CheckedSignatures* signatures) {
-    checked_signatures = signatures;
-  }
+  /// Takes the blocks that `blocks` has read and checked ahead, with the same key, instead of
+  /// reading and checking them again. Not owned; it must outlive this reader.
+  void useCheckedBlocks(detail::CheckedBlocks* blocks) { checked_blocks = blocks; }
   /// Drops the loaded block and loads the next; false if no block was loaded.
   bool skipBlock();
   /// Replaces `tags` with the loaded block's tags, its time running from `start_time` (usually
@@ -71,7 +70,7 @@ class ZeptickFileReader {
   void getFileId(ZeptickFile::FileId& file_id) const { file_id = this->file_id; }
 
  private:
-  ZeptickFileReader(const std::string& filename, bool verify, bool headers_only);
+  ZeptickFileReader(const std::string& filename, bool verify, bool stored_only);
   bool read(void* buffer, uint64_t size, uint64_t* remaining);
   template <class Container>
   bool readSized(Container& container, uint64_t count, uint64_t* remaining);
@@ -88,9 +87,9 @@ class ZeptickFileReader {
   ZeptickFile::FileId file_id{};
   uint32_t version = 0;
   bool verify = false;
-  bool headers_only = false;
+  bool stored_only = false;
   std::shared_ptr<const detail::VerifyingKey> key;
-  detail::CheckedSignatures* checked_signatures = nullptr;
+  detail::CheckedBlocks* checked_blocks = nullptr;
   std::string configuration;
   std::string last_marker;
   bool at_end = false;

@@ -132,11 +132,11 @@ double ZeptickVirtualImpl::getReplaySpeed() {
 
 void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next,
                                        const std::string& file) {
-  checked_signatures.clear();
+  checked_blocks.clear();
   scout.reset();
   if (next) {
-    next->useCheckedSignatures(&checked_signatures);
-    scout = ZeptickFileReader::headersOnly(file);
+    next->useCheckedBlocks(&checked_blocks);
+    scout = ZeptickFileReader::storedOnly(file);
   }
   std::unique_ptr<ZeptickFileReader> old;
   {
@@ -257,8 +257,8 @@ void ZeptickVirtualImpl::seedTestSignal(uint64_t seed) {
 
 // --- The block step -------------------------------------------------------------------------
 
-bool ZeptickVirtualImpl::checkSignatureAhead(std::unique_lock<std::mutex>& lock) {
-  if (!scout || !checked_signatures.hasRoom()) return false;
+bool ZeptickVirtualImpl::checkBlockAhead(std::unique_lock<std::mutex>& lock) {
+  if (!scout || !checked_blocks.hasRoom()) return false;
   uint64_t reader_offset;
   std::shared_ptr<const detail::VerifyingKey> key;
   int64_t begin = 0;
@@ -269,24 +269,25 @@ bool ZeptickVirtualImpl::checkSignatureAhead(std::unique_lock<std::mutex>& lock)
     reader_offset = reader->getBlockOffset();
     key = reader->getVerifyingKey();
   }
-  // The reader has checked its loaded block and every one before it.
+  // The reader has its loaded block and every one before it.
   while (scout->getBlockRange(begin, end) && scout->getBlockOffset() <= reader_offset) {
     scout->skipBlock();
   }
-  uint8_t hash[32];
-  uint8_t signature[64];
-  if (!scout->getBlockSignature(hash, signature)) return false;
+  // Each worker keeps its buffer for stored data, so that looking ahead allocates nothing.
+  thread_local std::vector<char> stored;
+  ZeptickFile::TimeTagBlockHeader header{};
   const uint64_t offset = scout->getBlockOffset();
-  const uint64_t file = checked_signatures.currentFile();
+  if (!scout->takeStoredBlock(header, stored)) return false;
+  const uint64_t file = checked_blocks.currentFile();
   scout->skipBlock();
   lock.unlock();
-  checked_signatures.checkAhead(file, std::move(key), offset, hash, signature);
+  checked_blocks.checkAhead(file, key, offset, header, stored);
   return true;
 }
 
 bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
                                        uint32_t fence, const std::function<void()>& ready) {
-  if (checkSignatureAhead(lock)) {
+  if (checkBlockAhead(lock)) {
     // Back to claiming rather than retrying: a retry yields the core, which costs far more than
     // the check on a busy machine. The fence is read again, as at the start of any claim.
     lock.lock();

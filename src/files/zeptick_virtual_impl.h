@@ -12,7 +12,7 @@
 
 #include "core/annotated_mutex.h"
 #include "core/zeptick_runner.h"
-#include "files/checked_signatures.h"
+#include "files/checked_blocks.h"
 #include "files/file_format.h"
 #include "files/replay_channel_stage.h"
 #include "zeptick/zeptick_hardware.h"
@@ -90,9 +90,9 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   void emptyBlock(Worker* worker, int64_t length);
   /// How far the virtual clock is ahead of real time at `speed`; re-anchors when far off.
   std::chrono::nanoseconds paceClock(double speed);
-  /// Checks the signature of a block to come outside the serial block step; false if there is
-  /// none to check. REQUIRES: block_mutex, which it releases when it returns true.
-  bool checkSignatureAhead(std::unique_lock<std::mutex>& lock);
+  /// Unpacks and checks a block to come outside the serial block step; false if there is none
+  /// to check. REQUIRES: block_mutex, which it releases when it returns true.
+  bool checkBlockAhead(std::unique_lock<std::mutex>& lock);
   void completeFront();  // REQUIRES: queue_mutex
   /// REQUIRES: block_mutex. `file` names the file `next` reads.
   void installReader(std::unique_ptr<ZeptickFileReader> next, const std::string& file = {});
@@ -111,11 +111,11 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   int64_t last_block_end = 0;
   bool first_block = true;
 
-  // Blocks whose signatures workers check ahead of the reader; a few, as each costs as much as
-  // decoding a small block.
-  static constexpr size_t kSignaturesAhead = 4;
-  detail::CheckedSignatures checked_signatures{kSignaturesAhead};
-  // Walks the headers of the reader's file ahead of it, under block_mutex.
+  // Blocks that workers unpack and check ahead of the reader: a few, enough to keep two
+  // workers busy, since each is held in memory until the reader takes it.
+  static constexpr size_t kBlocksAhead = 4;
+  detail::CheckedBlocks checked_blocks{kBlocksAhead};
+  // Reads the reader's file ahead of it, under block_mutex.
   std::unique_ptr<ZeptickFileReader> scout;
 
   detail::Mutex reader_mutex;  // the block step reads, the callers query

@@ -53,8 +53,8 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
   for (size_t length = 0; length < bytes.size(); ++length) {
     writeBytes(cut, Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length)));
     LogCapture log;
-    // A reader of headers alone walks the same file without a word: the count below holds.
-    for (auto scout = ZeptickFileReader::headersOnly(cut); scout->skipBlock();) {
+    // A reader that looks ahead walks the same file without a word: the count below holds.
+    for (auto scout = ZeptickFileReader::storedOnly(cut); scout->skipBlock();) {
     }
     const std::vector<Block> read = readRecording(cut);
     size_t complete = 0;
@@ -71,19 +71,17 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
   }
 }
 
-TEST_F(RecordedFile, HeadersOnlyFindsEveryBlocksPlaceSpanAndSignature) {
-  auto scout = ZeptickFileReader::headersOnly(path);
+TEST_F(RecordedFile, StoredOnlyGivesEveryBlocksPlaceHeaderAndStoredData) {
+  auto scout = ZeptickFileReader::storedOnly(path);
   for (const RawBlock& block : time_blocks) {
-    int64_t begin = 0;
-    int64_t end = 0;
-    uint8_t hash[32];
-    uint8_t signature[64];
-    ASSERT_TRUE(scout->getBlockRange(begin, end) && scout->getBlockSignature(hash, signature));
+    ZeptickFile::TimeTagBlockHeader header{};
+    std::vector<char> stored;
     EXPECT_EQ(scout->getBlockOffset(), block.offset);
-    EXPECT_EQ(begin, i64At(block.payload, 0));
-    EXPECT_EQ(end, i64At(block.payload, 8));
-    EXPECT_EQ(Bytes(hash, hash + 32), Bytes(&block.payload[48], &block.payload[80]));
-    EXPECT_EQ(Bytes(signature, signature + 64), Bytes(&block.payload[80], &block.payload[144]));
+    ASSERT_TRUE(scout->takeStoredBlock(header, stored));
+    const auto* head = reinterpret_cast<const uint8_t*>(&header);
+    EXPECT_EQ(Bytes(head, head + sizeof(header)), Bytes(&block.payload[0], &block.payload[144]));
+    EXPECT_EQ(Bytes(stored.begin(), stored.end()),
+              Bytes(block.payload.begin() + 144, block.payload.end()));
     scout->skipBlock();
   }
   EXPECT_FALSE(scout->skipBlock());
