@@ -25,6 +25,7 @@ bool fileExists(const std::string& name) { return std::ifstream(name, std::ios::
 
 ZeptickVirtualImpl::ZeptickVirtualImpl(unsigned workers)
     : channel_number_scheme(getZeptickChannelNumberScheme()),
+      look_ahead((workers == 0 ? std::thread::hardware_concurrency() : workers) > 1),
       anchor_real(nowNs()),
       next_virtual_channel(kFirstVirtualChannel) {
   // Started last, so that workers never see a half-built object.
@@ -134,7 +135,7 @@ void ZeptickVirtualImpl::installReader(std::unique_ptr<ZeptickFileReader> next,
                                        const std::string& file) {
   checked_blocks.clear();
   scout.reset();
-  if (next) {
+  if (next && look_ahead) {
     next->useCheckedBlocks(&checked_blocks);
     scout = ZeptickFileReader::storedOnly(file);
   }

@@ -104,6 +104,8 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   const std::chrono::nanoseconds idle_sleep{20000000};  // 20 ms
   const int64_t pacing_tolerance = 500000000;           // ns
   int channel_number_scheme;
+  // A lone worker gains nothing from checking blocks ahead: it would do the same work in turn.
+  bool look_ahead;
 
   // Touched by the block step only, under block_mutex.
   ZeptickFile::FileId current_file_id{};
