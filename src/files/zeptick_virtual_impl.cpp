@@ -48,6 +48,14 @@ int64_t ZeptickVirtualImpl::nowNs() const {
 
 // --- Caller operations ----------------------------------------------------------------------
 
+uint32_t ZeptickVirtualImpl::getFence(bool alloc_fence) {
+  const uint32_t fence = ZeptickRunner::getFence(alloc_fence);
+  // Without the queue lock, as a callback on a worker may ask: a wake-up lost to a worker not
+  // yet waiting costs no more than the idle sleep it would have waited anyway.
+  if (alloc_fence) wake_cv.notify_all();
+  return fence;
+}
+
 uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int64_t duration,
                                     bool queue) {
   const std::string name = ZeptickFile::makeFileName(file, 0);

@@ -36,6 +36,8 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   explicit ZeptickVirtualImpl(unsigned workers = 0);
   ~ZeptickVirtualImpl() override;
 
+  /// As the runner's, and wakes an idle worker, whose next empty block then carries the fence.
+  uint32_t getFence(bool alloc_fence = true) override;
   uint64_t replay(const std::string& file, int64_t begin = 0, int64_t duration = -1,
                   bool queue = true) override;
   void stop() override;
