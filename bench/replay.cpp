@@ -1,10 +1,9 @@
-// Replay at full speed into Countrate, in tags per second, against reading the
-// same recording in the same process: with FileReader alone (no verification,
-// no tagger) and with a verifying reader alone (the part of replay's work that
-// checks digests and signatures). Each replay run is followed by one pass of
-// each baseline, so all three see the same load on a shared machine; the
-// counters `vs_reader` and `vs_verifying_reader` are replay's throughput over
-// theirs.
+// Replay at full speed into Countrate, in tags per second, of recordings in small (1 ms) and
+// large (50 ms) blocks, against reading the same recording in the same process: with FileReader
+// alone (no verification, no tagger) and with a verifying reader alone (the part of replay's work
+// that checks digests and signatures). Each replay run is followed by one pass of each baseline, so
+// all three see the same load on a shared machine; the counters `vs_reader` and
+// `vs_verifying_reader` are replay's throughput over theirs.
 
 #include <benchmark/benchmark.h>
 
@@ -27,16 +26,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// About 4.6 million tags in 1 ms blocks of some 4600 tags, in 16 MiB files.
+// About 4.6 million tags in blocks of `block_ms` (some 4600 tags a millisecond), in 16 MiB files.
 struct Recording {
   std::string base;
   uint64_t tags = 0;
 
-  Recording() {
+  explicit Recording(int64_t block_ms) {
     const auto dir = std::filesystem::temp_directory_path() / "zeptick-bench-replay";
     std::filesystem::create_directories(dir);
-    base = (dir / "recording").string();
+    base = (dir / ("recording-" + std::to_string(block_ms) + "ms")).string();
     RecordingPlan plan;
+    plan.block_span = block_ms * 1000000000;
     plan.seed = 7;
     plan.duration = 1000000000000;  // 1 s
     plan.pair_rate = 1500000.0;
@@ -50,9 +50,10 @@ struct Recording {
   }
 };
 
-const Recording& recording() {
-  static const Recording instance;
-  return instance;
+const Recording& recording(int64_t block_ms = 1) {
+  static const Recording small(1);
+  static const Recording large(50);
+  return block_ms == 1 ? small : large;
 }
 
 uint64_t readVerifying(const std::string& base) {
@@ -82,7 +83,7 @@ void BM_FileReaderAlone(benchmark::State& state) {
 BENCHMARK(BM_FileReaderAlone)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ReplayIntoCountrate(benchmark::State& state) {
-  const Recording& data = recording();
+  const Recording& data = recording(state.range(1));
   ZeptickVirtualImpl tagger(static_cast<unsigned>(state.range(0)));
   Countrate countrate(&tagger, {1, 2, 3});
   Clock::duration replay_time{};
@@ -107,8 +108,11 @@ void BM_ReplayIntoCountrate(benchmark::State& state) {
   state.counters["vs_reader"] = seconds(reader_time) / seconds(replay_time);
   state.counters["vs_verifying_reader"] = seconds(verifying_time) / seconds(replay_time);
 }
-// Argument: worker threads, 0 for one per hardware thread.
-BENCHMARK(BM_ReplayIntoCountrate)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Arguments: worker threads (0 for one per hardware thread), block span in ms.
+BENCHMARK(BM_ReplayIntoCountrate)
+    ->ArgsProduct({{1, 0}, {1, 50}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace
 }  // namespace zeptick::bench

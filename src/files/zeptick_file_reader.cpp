@@ -1,6 +1,5 @@
 #include "files/zeptick_file_reader.h"
 
-#include <lz4.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "files/block_words.h"
 
 namespace zeptick {
 namespace {
@@ -16,14 +16,24 @@ using ZeptickFile::ShortTag;
 
 constexpr size_t kStreamBufferSize = 1 << 20;
 constexpr size_t kMinStreamBufferSize = 4096;
-// LZ4 turns one stored byte into at most 255 output bytes (a run-length byte adds 255 to a
-// match), so a claim above this cannot be true and must not size a buffer.
-constexpr uint64_t kMaxLz4Ratio = 255;
-constexpr uint64_t kLz4Slack = 64;
 
 }  // namespace
 
-ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify) : verify(verify) {
+// A reader that looks ahead stays silent: the reader that delivers the data reports every fault.
+#define READER_ERROR(...)                        \
+  do {                                           \
+    if (!stored_only) ZT_LOG_ERROR(__VA_ARGS__); \
+  } while (false)
+
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify)
+    : ZeptickFileReader(filename, verify, false) {}
+
+std::unique_ptr<ZeptickFileReader> ZeptickFileReader::storedOnly(const std::string& filename) {
+  return std::unique_ptr<ZeptickFileReader>(new ZeptickFileReader(filename, false, true));
+}
+
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify, bool stored_only)
+    : verify(verify), stored_only(stored_only) {
   channels.fill(CHANNEL_UNUSED);
   if (verify) key = detail::currentVerifyingKey();
   file = std::fopen(filename.c_str(), "rb");
@@ -63,13 +73,13 @@ bool ZeptickFileReader::available(uint64_t size) {
 bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
   if (size == 0) return true;
   if (remaining != nullptr && *remaining < size) {
-    ZT_LOG_ERROR("Block is too small");
+    READER_ERROR("Block is too small");
     return false;
   }
   if (buffer != nullptr) {
     // Checked first so that a short file never reaches a partial read.
     if (file == nullptr || !available(size) || std::fread(buffer, 1, size, file) != size) {
-      ZT_LOG_ERROR("File access failed");
+      READER_ERROR("File access failed");
       return false;
     }
   } else if (file != nullptr) {
@@ -82,7 +92,7 @@ bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
     const uint64_t pad = alignment - ((size + alignment - 1) % alignment) - 1;
     if (pad != 0) {
       if (file == nullptr || !available(pad)) {
-        ZT_LOG_ERROR("File access failed");
+        READER_ERROR("File access failed");
         return false;
       }
       fseeko(file, static_cast<off_t>(pad), SEEK_CUR);
@@ -98,11 +108,11 @@ template <class Container>
 bool ZeptickFileReader::readSized(Container& container, uint64_t count, uint64_t* remaining) {
   const uint64_t bytes = count * sizeof(typename Container::value_type);
   if (remaining != nullptr && *remaining < bytes) {
-    ZT_LOG_ERROR("Block is too small");
+    READER_ERROR("Block is too small");
     return false;
   }
   if (!available(bytes)) {
-    ZT_LOG_ERROR("File access failed");
+    READER_ERROR("File access failed");
     return false;
   }
   container.resize(count);
@@ -120,9 +130,10 @@ void ZeptickFileReader::load() {
 
 bool ZeptickFileReader::readBlock() {
   if (at_end) return false;
+  block_offset = position;
   ZeptickFile::BlockHeader header{};
   if (!read(&header, sizeof(header), nullptr) || header.magic != ZeptickFile::MAGIC) {
-    ZT_LOG_ERROR("Incorrect Header");
+    READER_ERROR("Incorrect Header");
     return false;
   }
   uint64_t remaining = header.size;
@@ -133,14 +144,14 @@ bool ZeptickFileReader::readBlock() {
     case ZeptickFile::BLOCK_FILE_HEADER: {
       ZeptickFile::FileHeader file_header{};
       if (!read(&file_header, sizeof(file_header), &remaining)) {
-        ZT_LOG_ERROR("File header could not be loaded");
+        READER_ERROR("File header could not be loaded");
         return false;
       }
       // Stored before the version test, so a too-new file still tells its recording.
       alignment = file_header.alignment;
       file_id = file_header.file_id;
       if (file_header.required_version > ZeptickFile::VERSION) {
-        ZT_LOG_ERROR("This file is too new. Please update your Zeptick installation.");
+        READER_ERROR("This file is too new. Please update your Zeptick installation.");
         return false;
       }
       version = file_header.version;
@@ -153,13 +164,13 @@ bool ZeptickFileReader::readBlock() {
       return readTimeTagBlock(remaining);
     case ZeptickFile::BLOCK_JSON_CONFIG:
       if (!readSized(configuration, header.size, &remaining)) {
-        ZT_LOG_ERROR("JSON config could not be loaded");
+        READER_ERROR("JSON config could not be loaded");
         return false;
       }
       break;
     case ZeptickFile::BLOCK_LAST_MARKER:
       if (!readSized(last_marker, header.size, &remaining)) {
-        ZT_LOG_ERROR("last_marker could not be loaded");
+        READER_ERROR("last_marker could not be loaded");
         return false;
       }
       break;
@@ -180,12 +191,12 @@ std::vector<int32_t> ZeptickFileReader::getRecordedChannels() const {
 bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
   ZeptickFile::ChannelMap head{};
   if (!read(&head, sizeof(head), &remaining)) {
-    ZT_LOG_ERROR("Channel map could not be loaded");
+    READER_ERROR("Channel map could not be loaded");
     return false;
   }
   std::vector<ZeptickFile::ChannelMap::Entry> entries;
   if (!readSized(entries, head.count, &remaining)) {
-    ZT_LOG_ERROR("Channel map data could not be loaded");
+    READER_ERROR("Channel map data could not be loaded");
     return false;
   }
   // Entries add to the tables without clearing them: a later map refines an earlier one.
@@ -199,41 +210,43 @@ bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
 
 bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
   if (!read(&block_header, sizeof(block_header), &remaining)) {
-    ZT_LOG_ERROR("Time tag block header could not be loaded");
+    READER_ERROR("Time tag block header could not be loaded");
     return false;
   }
-  const uint64_t raw_bytes = uint64_t{block_header.word_count} * sizeof(ShortTag);
-  if (block_header.compression == ZeptickFile::COMPRESSION_NONE) {
+  const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
+  const uint64_t stored_bytes =
+      raw ? uint64_t{block_header.word_count} * sizeof(ShortTag) : block_header.stored_size;
+  if (stored_only) {
+    has_block = readSized(compressed, stored_bytes, &remaining);
+    return has_block && read(nullptr, remaining, &remaining);
+  }
+  if (checked_blocks != nullptr && checked_blocks->take(key, block_offset, block_header, words)) {
+    // Read and checked ahead: the same bytes need not be read again.
+    has_block = read(nullptr, stored_bytes, &remaining);
+    return has_block && read(nullptr, remaining, &remaining);
+  }
+  if (raw) {
     if (!readSized(words, block_header.word_count, &remaining)) {
-      ZT_LOG_ERROR("Time tag block data could not be loaded");
+      READER_ERROR("Time tag block data could not be loaded");
       return false;
     }
   } else if (block_header.compression == ZeptickFile::COMPRESSION_LZ4) {
     if (!readSized(compressed, block_header.stored_size, &remaining)) {
-      ZT_LOG_ERROR("Compressed time tag block data could not be loaded");
+      READER_ERROR("Compressed time tag block data could not be loaded");
       return false;
     }
-    const bool plausible =
-        raw_bytes <= uint64_t{block_header.stored_size} * kMaxLz4Ratio + kLz4Slack &&
-        raw_bytes <= INT_MAX && block_header.stored_size <= INT_MAX;
-    int length = -1;
-    if (plausible) {
-      words.resize(block_header.word_count);
-      length = LZ4_decompress_safe(compressed.data(), reinterpret_cast<char*>(words.data()),
-                                   static_cast<int>(block_header.stored_size),
-                                   static_cast<int>(raw_bytes));
-    }
+    const bool unpacked = detail::decompressWords(block_header, compressed, words);
     compressed.clear();
-    if (length < 0 || static_cast<uint64_t>(length) != raw_bytes) {
-      ZT_LOG_ERROR("Time tag block data could not be decompressed");
+    if (!unpacked) {
+      READER_ERROR("Time tag block data could not be decompressed");
       return false;
     }
   } else {
-    ZT_LOG_ERROR("Time tag block data with unknown compression");
+    READER_ERROR("Time tag block data with unknown compression");
     return false;
   }
   if (verify && !verifyBlock()) {
-    ZT_LOG_ERROR("Time tag block data with invalid hash or signature");
+    READER_ERROR("Time tag block data with invalid hash or signature");
     return false;
   }
   has_block = true;
@@ -243,14 +256,14 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
 bool ZeptickFileReader::verifyBlock() {
   uint8_t digest[32];
   if (!detail::sha1Digest(words.data(), words.size() * sizeof(ShortTag), digest)) {
-    ZT_LOG_ERROR("Hashing with SHA1 was not successful");
+    READER_ERROR("Hashing with SHA1 was not successful");
   }
   if (std::memcmp(digest, block_header.hash, sizeof(digest)) != 0) {
-    ZT_LOG_ERROR("Hash missmatch");
+    READER_ERROR("Hash missmatch");
     return false;
   }
   if (!key || !key->verify(block_header.hash, block_header.signature)) {
-    ZT_LOG_ERROR("ECC signature is wrong");
+    READER_ERROR("ECC signature is wrong");
     return false;
   }
   return true;
@@ -260,6 +273,14 @@ bool ZeptickFileReader::getBlockRange(int64_t& begin_time, int64_t& end_time) co
   if (!has_block) return false;
   begin_time = block_header.begin_time;
   end_time = block_header.end_time;
+  return true;
+}
+
+bool ZeptickFileReader::takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header,
+                                        std::vector<char>& stored) {
+  if (!has_block || !stored_only) return false;
+  header = block_header;
+  std::swap(stored, compressed);
   return true;
 }
 

@@ -25,6 +25,7 @@ bool fileExists(const std::string& name) { return std::ifstream(name, std::ios::
 
 ZeptickVirtualImpl::ZeptickVirtualImpl(unsigned workers)
     : channel_number_scheme(getZeptickChannelNumberScheme()),
+      look_ahead((workers == 0 ? std::thread::hardware_concurrency() : workers) > 1),
       anchor_real(nowNs()),
       next_virtual_channel(kFirstVirtualChannel) {
   // Started last, so that workers never see a half-built object.
@@ -46,6 +47,14 @@ int64_t ZeptickVirtualImpl::nowNs() const {
 }
 
 // --- Caller operations ----------------------------------------------------------------------
+
+uint32_t ZeptickVirtualImpl::getFence(bool alloc_fence) {
+  const uint32_t fence = ZeptickRunner::getFence(alloc_fence);
+  // Without the queue lock, as a callback on a worker may ask: a wake-up lost to a worker not
+  // yet waiting costs no more than the idle sleep it would have waited anyway.
+  if (alloc_fence) wake_cv.notify_all();
+  return fence;
+}
 
 uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int64_t duration,
                                     bool queue) {
@@ -144,7 +153,16 @@ double ZeptickVirtualImpl::getReplaySpeed() {
   return speed;
 }
 
-void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next) {
+void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next,
+                                       const std::string& file) {
+  checked_blocks.clear();
+  scout.reset();
+  // Blocks are checked ahead only in our own files, the ones that carry hashes and signatures.
+  auto* own = dynamic_cast<ZeptickFileReader*>(next.get());
+  if (own != nullptr && look_ahead) {
+    own->useCheckedBlocks(&checked_blocks);
+    scout = ZeptickFileReader::storedOnly(file);
+  }
   std::unique_ptr<RecordingSource> old;
   {
     detail::MutexLock guard(reader_mutex);
@@ -264,8 +282,44 @@ void ZeptickVirtualImpl::seedTestSignal(uint64_t seed) {
 
 // --- The block step -------------------------------------------------------------------------
 
+bool ZeptickVirtualImpl::checkBlockAhead(std::unique_lock<std::mutex>& lock) {
+  if (!scout || !checked_blocks.hasRoom()) return false;
+  uint64_t reader_offset;
+  std::shared_ptr<const detail::VerifyingKey> key;
+  int64_t begin = 0;
+  int64_t end = 0;
+  {
+    detail::MutexLock guard(reader_mutex);
+    if (!reader || !reader->getBlockRange(begin, end)) return false;
+    // A scout exists only beside a reader of our own files (see installReader).
+    const auto* own = static_cast<const ZeptickFileReader*>(reader.get());
+    reader_offset = own->getBlockOffset();
+    key = own->getVerifyingKey();
+  }
+  // The reader has its loaded block and every one before it.
+  while (scout->getBlockRange(begin, end) && scout->getBlockOffset() <= reader_offset) {
+    scout->skipBlock();
+  }
+  // Each worker keeps its buffer for stored data, so that looking ahead allocates nothing.
+  thread_local std::vector<char> stored;
+  ZeptickFile::TimeTagBlockHeader header{};
+  const uint64_t offset = scout->getBlockOffset();
+  if (!scout->takeStoredBlock(header, stored)) return false;
+  const uint64_t file = checked_blocks.currentFile();
+  scout->skipBlock();
+  lock.unlock();
+  checked_blocks.checkAhead(file, key, offset, header, stored);
+  return true;
+}
+
 bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
                                        uint32_t fence, const std::function<void()>& ready) {
+  if (checkBlockAhead(lock)) {
+    // Back to claiming rather than retrying: a retry yields the core, which costs far more than
+    // the check on a busy machine. The fence is read again, as at the start of any claim.
+    lock.lock();
+    fence = takeFence();
+  }
   std::unique_lock<std::mutex> queue_lock(queue_mutex);
   double current_speed;
   {
@@ -368,14 +422,15 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Wo
   if (!entry.opened) {
     entry.opened = true;
     std::unique_ptr<RecordingSource> next;
+    std::string name = entry.file;
     if (entry.format == foreign::ForeignFormat::None) {
-      next = std::make_unique<ZeptickFileReader>(
-          ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
+      name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
+      next = std::make_unique<ZeptickFileReader>(name, true);
     } else {
       next = foreign::openForeignRecording(entry.file, entry.format);
     }
     next->getFileId(current_file_id);
-    installReader(std::move(next));
+    installReader(std::move(next), name);
   }
   if (entry.has_data && readBlock(entry, worker)) return Step::Block;
   return nextFile(entry, worker, step);
@@ -441,7 +496,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Wor
     ZeptickFile::FileId id{};
     next->getFileId(id);
     if (id == current_file_id) {
-      installReader(std::move(next));
+      installReader(std::move(next), name);
       entry.has_data = true;
       return Step::Retry;
     }

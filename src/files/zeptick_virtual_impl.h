@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "core/zeptick_runner.h"
+#include "files/checked_blocks.h"
 #include "files/file_format.h"
 #include "files/foreign/foreign_format.h"
 #include "files/recording_source.h"
 #include "files/replay_channel_stage.h"
+#include "files/zeptick_file_reader.h"
 #include "zeptick/detail/annotated_mutex.h"
 #include "zeptick/zeptick_hardware.h"
 
@@ -35,6 +37,8 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   explicit ZeptickVirtualImpl(unsigned workers = 0);
   ~ZeptickVirtualImpl() override;
 
+  /// As the runner's, and wakes an idle worker, whose next empty block then carries the fence.
+  uint32_t getFence(bool alloc_fence = true) override;
   uint64_t replay(const std::string& file, int64_t begin = 0, int64_t duration = -1,
                   bool queue = true) override;
   void stop() override;
@@ -93,8 +97,12 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   void emptyBlock(Worker* worker, int64_t length);
   /// How far the virtual clock is ahead of real time at `speed`; re-anchors when far off.
   std::chrono::nanoseconds paceClock(double speed);
+  /// Unpacks and checks a block to come outside the serial block step; false if there is none
+  /// to check. REQUIRES: block_mutex, which it releases when it returns true.
+  bool checkBlockAhead(std::unique_lock<std::mutex>& lock);
   void completeFront();  // REQUIRES: queue_mutex
-  void installReader(std::unique_ptr<RecordingSource> next);
+  /// REQUIRES: block_mutex. `file` names the file `next` reads.
+  void installReader(std::unique_ptr<RecordingSource> next, const std::string& file = {});
   void editChannel(int channel, const std::function<void(ReplayChannelConfig&)>& edit);
   ReplayChannelConfig channelSettings(int channel);
   int64_t nowNs() const;
@@ -103,12 +111,21 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   const std::chrono::nanoseconds idle_sleep{20000000};  // 20 ms
   const int64_t pacing_tolerance = 500000000;           // ns
   int channel_number_scheme;
+  // A lone worker gains nothing from checking blocks ahead: it would do the same work in turn.
+  bool look_ahead;
 
   // Touched by the block step only, under block_mutex.
   ZeptickFile::FileId current_file_id{};
   ZeptickFile::FileId last_file_id{};
   int64_t last_block_end = 0;
   bool first_block = true;
+
+  // Blocks that workers unpack and check ahead of the reader: a few, enough to keep two
+  // workers busy, since each is held in memory until the reader takes it.
+  static constexpr size_t kBlocksAhead = 4;
+  detail::CheckedBlocks checked_blocks{kBlocksAhead};
+  // Reads the reader's file ahead of it, under block_mutex.
+  std::unique_ptr<ZeptickFileReader> scout;
 
   detail::Mutex reader_mutex;  // the block step reads, the callers query
   std::unique_ptr<RecordingSource> reader ZT_GUARDED_BY(reader_mutex);

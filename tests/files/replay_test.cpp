@@ -154,14 +154,17 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   plan.seed = 12;
   writeRecording(dir.file("other"), plan, 6000);
 
-  // A flipped bit in the data of the second block of file 2.
+  // A flipped bit in the data, or in the signature, which workers check ahead of the reader,
+  // of the second block of file 2.
   const std::string victim = ZeptickFile::makeFileName(dir.file("bad"), 2);
   const std::vector<Block> victim_blocks = readRecording(victim);
   ASSERT_GE(victim_blocks.size(), 3u);
-  Bytes bytes = readBytes(victim);
-  bytes[timeTagBlocks(bytes)[1].offset + 16 + 144 + 5] ^= 0x10;
-  writeBytes(victim, bytes);
-  {
+  const Bytes intact = readBytes(victim);
+  for (const size_t at : {16 + 144 + 5, 16 + 80 + 7}) {
+    SCOPED_TRACE(at);
+    Bytes bytes = intact;
+    bytes[timeTagBlocks(bytes)[1].offset + at] ^= 0x10;
+    writeBytes(victim, bytes);
     LogCapture log;
     Replay replay(4);
     const std::vector<Tag> tags = replay.play(dir.file("bad"));

@@ -1,0 +1,110 @@
+// Blocks checked ahead of the reader: a kept block may only ever stand for reading and checking
+// the same block with the same key.
+
+#include "files/checked_blocks.h"
+
+#include <gtest/gtest.h>
+#include <lz4.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <cstring>
+#include <string>
+
+namespace zeptick::testing {
+namespace {
+
+using detail::CheckedBlocks;
+using detail::VerifyingKey;
+using ZeptickFile::ShortTag;
+using ZeptickFile::TimeTagBlockHeader;
+
+struct StoredBlock {
+  TimeTagBlockHeader header{};
+  std::vector<ShortTag> words;
+  std::vector<char> stored;
+};
+
+// A signed block of 600 words, stored raw or LZ4-compressed.
+StoredBlock storedBlock(uint32_t first, bool compress) {
+  static const detail::SigningKey key(detail::kBuiltinPrivateKeyPem);
+  StoredBlock block;
+  for (uint32_t i = 0; i < 600; ++i) block.words.push_back(ShortTag(first + i % 7));
+  const auto* bytes = reinterpret_cast<const char*>(block.words.data());
+  const int size = static_cast<int>(block.words.size() * sizeof(ShortTag));
+  block.stored.assign(bytes, bytes + size);
+  if (compress) {
+    std::vector<char> packed(static_cast<size_t>(LZ4_compressBound(size)));
+    packed.resize(static_cast<size_t>(
+        LZ4_compress_default(bytes, packed.data(), size, static_cast<int>(packed.size()))));
+    block.stored = packed;
+  }
+  block.header.begin_time = first;
+  block.header.word_count = static_cast<uint32_t>(block.words.size());
+  block.header.stored_size = static_cast<uint32_t>(block.stored.size());
+  block.header.compression =
+      compress ? ZeptickFile::COMPRESSION_LZ4 : ZeptickFile::COMPRESSION_NONE;
+  EXPECT_TRUE(detail::sha1Digest(block.words.data(), size, block.header.hash));
+  EXPECT_TRUE(key.sign(block.header.hash, block.header.signature));
+  return block;
+}
+
+std::shared_ptr<const VerifyingKey> otherKey() {
+  EVP_PKEY* pair = EVP_EC_gen("P-256");
+  BIO* bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_PUBKEY(bio, pair);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(bio, &data);
+  const std::string pem(data, static_cast<size_t>(length));
+  BIO_free(bio);
+  EVP_PKEY_free(pair);
+  return std::make_shared<const VerifyingKey>(pem);
+}
+
+bool sameWords(const std::vector<ShortTag>& a, const std::vector<ShortTag>& b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(ShortTag)) == 0;
+}
+
+TEST(CheckedBlocks, KeepsOnlyBlocksThatPassEveryCheckForTheirKeyHeaderAndFile) {
+  const auto key = std::make_shared<const VerifyingKey>(detail::kBuiltinPublicKeyPem);
+  const StoredBlock raw = storedBlock(100, false);
+  const StoredBlock packed = storedBlock(200, true);
+  StoredBlock bad_data = storedBlock(300, false);
+  bad_data.stored[5] ^= 0x10;
+  StoredBlock bad_signature = storedBlock(400, true);
+  bad_signature.header.signature[9] ^= 0x01;
+
+  CheckedBlocks checked(2);
+  const uint64_t file = checked.currentFile();
+  checked.checkAhead(file, key, 16, bad_data.header, bad_data.stored);
+  checked.checkAhead(file, key, 32, bad_signature.header, bad_signature.stored);
+  EXPECT_TRUE(checked.hasRoom()) << "a block that fails a check is not kept";
+  checked.checkAhead(file, key, 48, raw.header, raw.stored);
+  checked.checkAhead(file, key, 64, packed.header, packed.stored);
+  EXPECT_FALSE(checked.hasRoom());
+
+  std::vector<ShortTag> words;
+  // Neither another key nor another header, at the same place, takes a kept block.
+  EXPECT_FALSE(checked.take(otherKey(), 48, raw.header, words));
+  TimeTagBlockHeader moved = packed.header;
+  moved.begin_time += 1;
+  EXPECT_FALSE(checked.take(key, 64, moved, words));
+  EXPECT_TRUE(checked.hasRoom()) << "the reader has passed both places";
+
+  checked.checkAhead(file, key, 80, raw.header, raw.stored);
+  checked.checkAhead(file, key, 96, packed.header, packed.stored);
+  ASSERT_TRUE(checked.take(key, 96, packed.header, words));
+  EXPECT_TRUE(sameWords(words, packed.words));
+  EXPECT_FALSE(checked.take(key, 80, raw.header, words)) << "dropped with the later one taken";
+
+  // A check that was under way when the reader moved on to another file is not kept.
+  checked.clear();
+  checked.checkAhead(file, key, 16, raw.header, raw.stored);
+  EXPECT_FALSE(checked.take(key, 16, raw.header, words));
+  checked.checkAhead(checked.currentFile(), key, 16, raw.header, raw.stored);
+  ASSERT_TRUE(checked.take(key, 16, raw.header, words));
+  EXPECT_TRUE(sameWords(words, raw.words));
+}
+
+}  // namespace
+}  // namespace zeptick::testing
