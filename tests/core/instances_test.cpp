@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "library/tagger_factories.h"
-#include "support/recording_measurement.h"
 #include "support/test_tagger.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/library.h"
@@ -19,19 +18,41 @@ namespace {
 // The serial that the stand-in instrument reports when opened without one.
 const std::string kDefaultSerial = "DEFAULT-1";
 
-// Registers input 1, so that an orphan touching its dead tagger would show up under ASan.
-class Probe final : public RecordingMeasurement {
+// Counts the tags it is handed and how often it was stopped; registers input 1 so that an
+// orphan touching its dead tagger would show up under ASan. Not a RecordingMeasurement: that one
+// starts in its own constructor, before a subclass has set its vtable.
+class Probe final : public IteratorBase {
  public:
-  explicit Probe(ZeptickBase* tagger) : RecordingMeasurement(tagger, {1}) {}
+  explicit Probe(ZeptickBase* tagger) : IteratorBase(tagger) {
+    registerChannel(1);
+    finishInitialization();
+  }
+  ~Probe() override { stop(); }
+  using IteratorBase::registerChannel;
+
   bool attached() {
     auto guard = getLock();
     return getTagger() != nullptr;
   }
   size_t tagsSeen() {
-    size_t count = 0;
-    for (const Block& block : blocks()) count += block.tags.size();
-    return count;
+    auto guard = getLock();
+    return tags_seen;
   }
+  int stops() {
+    auto guard = getLock();
+    return stop_count;
+  }
+
+ protected:
+  bool next_impl(std::vector<Tag>& tags, int64_t, int64_t) override {
+    tags_seen += tags.size();
+    return false;
+  }
+  void on_stop() override { ++stop_count; }
+
+ private:
+  size_t tags_seen = 0;
+  int stop_count = 0;
 };
 
 // Pushes one block with `count` tags on input 1 and waits until every
