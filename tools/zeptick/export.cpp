@@ -33,6 +33,7 @@ bool endsWith(const std::string& text, const std::string& tail) {
 // One formatted write per block: a printf per tag would make CSV ten times slower than the
 // file can be read. False when the write fails (a full disk).
 bool writeCsvRows(FILE* csv, const std::vector<Tag>& tags, std::vector<char>& text) {
+  if (tags.empty()) return true;  // fwrite must not see the null data of an empty buffer
   constexpr size_t kMaxRow = 48;  // "4,-2147483648,-9223372036854775808,65535\n" fits
   text.resize(tags.size() * kMaxRow);
   char* at = text.data();
