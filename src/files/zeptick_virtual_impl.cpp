@@ -125,15 +125,6 @@ bool ZeptickVirtualImpl::waitForCompletion(uint64_t id, int32_t timeout) {
   return finished;
 }
 
-bool ZeptickVirtualImpl::sync() {
-  const uint32_t fence = getFence(true);
-  {
-    std::lock_guard<std::mutex> guard(queue_mutex);
-    wake_cv.notify_all();
-  }
-  return waitForFence(fence, -1);
-}
-
 void ZeptickVirtualImpl::setReplaySpeed(double value) {
   if (value > 0.0 && value < 0.1) {
     throw std::runtime_error("Slow replay speed between 0.0 and 0.1 is not supported.");

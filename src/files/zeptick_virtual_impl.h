@@ -43,9 +43,6 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
                   bool queue = true) override;
   void stop() override;
   bool waitForCompletion(uint64_t id = 0, int32_t timeout = -1) override;
-  /// As the runner's, but wakes an idle block step at once to carry the new fence, instead of
-  /// leaving the caller to wait for its next idle block.
-  bool sync() override;
   void setReplaySpeed(double speed) override;
   double getReplaySpeed() override;
 
