@@ -51,8 +51,9 @@ class ZEPTICK_API Zeptick : public virtual ZeptickBase {
   virtual void setEventDivider(int channel, uint32_t divider) = 0;
   virtual uint32_t getEventDivider(int channel) = 0;
   /// Calibrates on the internal test signal for half a second, or longer (at most ten seconds
-  /// more) until every input that counts has 100 000 events; `array_out(n)` receives one
-  /// quality figure per channel of getChannelList(ZT_CHANNEL_ALL).
+  /// more) until every input that counts has 500 000 test edges, so that the learned bins are
+  /// as good on a busy host as on a quiet one; `array_out(n)` receives one quality figure per
+  /// channel of getChannelList(ZT_CHANNEL_ALL).
   virtual void autoCalibration(std::function<double*(size_t)> array_out) = 0;
   virtual std::string getSerial() = 0;
   virtual std::string getModel() = 0;

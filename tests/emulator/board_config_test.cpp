@@ -63,7 +63,7 @@ TEST(BoardConfigTest, BadFieldsAreNamedInTheMessage) {
       {{{"model", 4}, {"revision", 3}}, "devices[0].revision must be an integer from 0 to 2"},
       {{{"revision", 2.5}}, "devices[0].revision must be an integer"},
       {{{"usb_speed", "warp"}}, "devices[0].usb_speed must be 0 to 3"},
-      {{{"pacing", "fast"}}, "devices[0].pacing must be \"realtime\" or \"free\""},
+      {{{"pacing", 1.5}}, "devices[0].pacing must be \"realtime\", \"free\" or a number in"},
       {{{"usb_words_per_second", 0}}, "devices[0].usb_words_per_second must be above 0"},
       {{{"seed", -1}}, "devices[0].seed must be a non-negative integer"},
       {{{"voltages", {{"12", 1.0}}}}, "devices[0].voltages has the key \"12\""},

@@ -21,12 +21,14 @@ using Acquisition = EmulatedTagger;
 // the tags, is the source's as soon as the tagger is open (the calibration
 // pass has taught the fine bins), and moves by exactly the input delays set,
 // of either sign. Without compensation the inputs' own path lengths show:
-// 1574 and 1814 ps on the Ultra, 1580 and 1859 ps on the Zeptick 20.
+// 1574 and 1814 ps on the Ultra, 1580 and 1859 ps on the Zeptick 20. The pairs
+// are few next to the pass's test edges, so the counting noise they add to the
+// bins, which no setting can remove, stays well inside the tolerance.
 TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
   const json pairs = json::array({{{"type", "pairs"},
                                    {"inputs", {1, 2}},
                                    {"delays_ps", {0, 1500}},
-                                   {"rate_hz", 2e6},
+                                   {"rate_hz", 2e5},
                                    {"jitter_ps", 30}}});
   json zeptick20 = boardEntry("ACQ2B", 4, 2);
   zeptick20["sources"] = pairs;
@@ -45,7 +47,7 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
       zt.setInputDelay(3 - channel, other);
       zt.setInputDelay(channel, delay);
       if (!compensated) zt.setConditionalFilter({}, {}, false);
-      const std::vector<Tag> tags = record({1, 2}, 20000000000);  // 20 ms, about 40000 pairs
+      const std::vector<Tag> tags = record({1, 2}, 50000000000);  // 50 ms, about 10000 pairs
       const Partners pairs = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
       EXPECT_GT(pairs.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
       EXPECT_NEAR(pairs.mean_delay, expected, 5) << "delay " << delay << " on " << channel;

@@ -51,6 +51,7 @@ StreamParameters Board::streamParameters() const {
   parameters.bin_count = fixed.model == kModel20 ? 180 : 256;
   parameters.seed = fixed.seed;
   parameters.paced = fixed.paced;
+  parameters.pace = fixed.pace;
   if (fixed.usb_words_per_second > 0) parameters.usb_words_per_second = fixed.usb_words_per_second;
   parameters.synchronizer = synchronizer;
   parameters.serial = fixed.serial;

@@ -142,8 +142,11 @@ void readPacing(DeviceReader& reader, BoardConfig& board) {
     board.paced = true;
   } else if (value->is_string() && value->get<std::string>() == "free") {
     board.paced = false;
+  } else if (value->is_number() && value->get<double>() > 0 && value->get<double>() <= 1) {
+    board.paced = true;
+    board.pace = value->get<double>();
   } else {
-    fail(reader.name("pacing"), "must be \"realtime\" or \"free\"");
+    fail(reader.name("pacing"), "must be \"realtime\", \"free\" or a number in (0, 1]");
   }
 }
 

@@ -29,6 +29,8 @@ struct BoardConfig {
   uint64_t identifier = 0;
   uint64_t seed = 1;
   bool paced = true;
+  /// Stream time per real time of a paced board: below 1 the host sees the stream fall behind.
+  double pace = 1.0;
   double usb_words_per_second = 0;  ///< 0 keeps the stream model's default
   /// Analogue value seen by each MAX11611 channel, in the units of the host's scale.
   std::array<double, kVoltageChannels> voltages{};

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <mutex>
@@ -39,6 +40,7 @@ struct StreamModel::State {
       : engine(parameters, sources),
         paced(parameters.paced),
         ps_per_clock(parameters.ps_per_clock),
+        pace_ppm(std::max<int64_t>(1, std::llround(parameters.pace * 1e6))),
         origin(Clock::now()),
         serial(parameters.serial) {
     if (parameters.synchronizer && parameters.synchronizer->drives(serial)) {
@@ -59,15 +61,17 @@ struct StreamModel::State {
   int64_t dueClock() const {
     __extension__ using Wide = __int128;
     const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - origin);
-    const Wide clocks = static_cast<Wide>(ns.count()) * 1000 / ps_per_clock;
+    const Wide clocks =
+        static_cast<Wide>(ns.count()) * 1000 * pace_ppm / (Wide{ps_per_clock} * 1000000);
     return static_cast<int64_t>(clocks) - engine.originClocks();
   }
 
   /// The real time at which engine cycle `clock` is due. REQUIRES: mutex held.
   Clock::time_point dueTime(int64_t clock) const {
     __extension__ using Wide = __int128;
-    const Wide ps = static_cast<Wide>(clock + engine.originClocks()) * ps_per_clock;
-    const auto ns = static_cast<int64_t>((ps + 999) / 1000);
+    const Wide ps = static_cast<Wide>(clock + engine.originClocks()) * ps_per_clock * 1000000;
+    const auto ns =
+        static_cast<int64_t>((ps + Wide{pace_ppm} * 1000 - 1) / (Wide{pace_ppm} * 1000));
     return origin + std::chrono::nanoseconds(ns);
   }
 
@@ -109,6 +113,8 @@ struct StreamModel::State {
   uint8_t fence = 0;
   const bool paced;
   const int64_t ps_per_clock;
+  /// Stream time per real time in millionths: below a million every clock takes longer.
+  const int64_t pace_ppm;
   const Clock::time_point origin;
   const std::string serial;
   std::shared_ptr<Synchronizer> synchronizer;  ///< null unless cabled to one

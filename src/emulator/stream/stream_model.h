@@ -21,6 +21,7 @@ struct StreamParameters {
   int bin_count = 0;                  ///< as reported on wire-out 0x23
   uint64_t seed = 1;                  ///< makes sources, jitter and bin profile reproducible
   bool paced = true;                  ///< real time, or as fast as the host reads
+  double pace = 1.0;                  ///< stream time per real time when paced, in (0, 1]
   double usb_words_per_second = 1e8;  ///< drain rate of the hardware buffer
   /// The Synchronizer the board hangs on, or null; `serial` names the board to it.
   std::shared_ptr<Synchronizer> synchronizer;
