@@ -284,15 +284,12 @@ bool PhotonHdf5Recording::fill(Group& g) {
   for (hsize_t i = 0; i < count; ++i) {
     // Timestamps before the recording's time 0 are not meaningful; they start it.
     const uint64_t stamp = static_cast<uint64_t>(std::max<int64_t>(g.times[i], 0));
-    const int32_t channel = detectorChannel(g.detectors >= 0 ? g.ids[i] : 0);
-    if (!nano) {
+    const int64_t detector = g.detectors >= 0 ? g.ids[i] : 0;
+    const int32_t channel = detectorChannel(detector);
+    // Without nanotimes a row is a tag at its timestamp; so is a marker, which has no sync.
+    if (!nano || std::binary_search(marker_detectors.begin(), marker_detectors.end(), detector)) {
       g.tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, channel, (*g.unit)(stamp)});
       continue;
-    }
-    if (std::binary_search(marker_detectors.begin(), marker_detectors.end(),
-                           g.detectors >= 0 ? g.ids[i] : 0)) {
-      g.tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, channel, (*g.unit)(stamp)});
-      continue;  // a marker: neither a sync nor a photon after one
     }
     const PicosecondScale::Fixed sync = g.unit->exact(stamp);
     if (g.times[i] != g.last_sync) {
