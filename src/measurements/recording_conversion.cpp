@@ -114,8 +114,11 @@ uint64_t exportPhotonHdf5(const std::string& recording, const std::string& path)
         out.append(tag.time, detector, 0);
       } else {
         // Each photon of these formats follows its sync; one that did not would be its own.
-        const uint64_t since = static_cast<uint64_t>(tag.time - sync);
-        if (sync > tag.time || since > std::numeric_limits<uint32_t>::max()) sync = tag.time;
+        // Unsigned: the difference to "no sync yet" does not fit a signed one.
+        if (sync > tag.time || static_cast<uint64_t>(tag.time) - static_cast<uint64_t>(sync) >
+                                   std::numeric_limits<uint32_t>::max()) {
+          sync = tag.time;
+        }
         longest = std::max<uint64_t>(longest, static_cast<uint64_t>(tag.time - sync));
         out.append(sync, detector, static_cast<uint32_t>(tag.time - sync));
       }
