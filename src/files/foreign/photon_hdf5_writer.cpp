@@ -126,6 +126,10 @@ PhotonHdf5Writer::PhotonHdf5Writer(const std::string& path, bool with_nanotimes)
   const hid_t space = H5Screate_simple(1, &empty, &unlimited);
   const hid_t properties = H5Pcreate(H5P_DATASET_CREATE);
   H5Pset_chunk(properties, 1, &chunk);
+  // Byte shuffling then light zlib: rising timestamps and few detector ids shrink to about a
+  // third, every HDF5 reader decodes it, and it costs little time.
+  H5Pset_shuffle(properties);
+  H5Pset_deflate(properties, 1);
   const hid_t links = H5Pcreate(H5P_LINK_CREATE);
   H5Pset_create_intermediate_group(links, 1);
   bool made = true;
