@@ -32,4 +32,6 @@ install(TARGETS zeptick_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(ZEPTICK_BUILD_TESTS)
   add_test(NAME cli COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/cli/test_cli.py"
                             "${PROJECT_BINARY_DIR}/tools")
+  add_test(NAME cli_foreign COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/cli/test_foreign_cli.py"
+                                    "${PROJECT_BINARY_DIR}/tools")
 endif()

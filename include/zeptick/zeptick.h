@@ -30,6 +30,7 @@
 #include "zeptick/library.h"
 #include "zeptick/logging.h"
 #include "zeptick/ordered_barrier.h"
+#include "zeptick/recording_conversion.h"
 #include "zeptick/scope.h"
 #include "zeptick/start_stop.h"
 #include "zeptick/synchronized_measurements.h"

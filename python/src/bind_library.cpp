@@ -109,6 +109,18 @@ void bindLibrary(py::module_& m) {
   m.def("setFileVerificationKey", &setFileVerificationKey, py::arg("public_key_pem"),
         "Verifies file blocks read from now on with this PEM public key; an empty text returns "
         "to the built-in key. Raises ValueError for a key that is not usable.");
+
+  m.def("exportPhotonHdf5", &exportPhotonHdf5, py::arg("recording"), py::arg("path"),
+        py::call_guard<py::gil_scoped_release>(),
+        "Writes the time tags of a recording (ours, or a PTU, SPC or Photon-HDF5 file) as "
+        "Photon-HDF5 at `path`: channel c as detector c-1, timestamps in ps, the micro times of "
+        "T3 recordings as nanotimes. Returns the rows written; raises RuntimeError when the "
+        "recording cannot be read or the file written.");
+  m.def("convertToZtbin", &convertToZtbin, py::arg("recording"), py::arg("target"),
+        py::call_guard<py::gil_scoped_release>(),
+        "Converts a PTU, SPC or Photon-HDF5 file into a signed .ztbin recording `target` with "
+        "the tags a replay gives. Returns the tags written; raises RuntimeError when the file "
+        "is not such a recording or the target cannot be written.");
 }
 
 }  // namespace zeptick::python

@@ -10,6 +10,7 @@ namespace zeptick::cli {
 void addScan(CLI::App& app);
 void addInspect(CLI::App& app);
 void addExport(CLI::App& app);
+void addImport(CLI::App& app);
 void addHistogram(CLI::App& app);
 void addInfo(CLI::App& app);
 void addRates(CLI::App& app);

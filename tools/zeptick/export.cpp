@@ -1,5 +1,5 @@
-// zeptick export FILE --to tags.csv|tags.h5: the recorded tags as text or HDF5 datasets that
-// another program reads.
+// zeptick export FILE --to tags.csv|tags.h5 [--format csv|tags|photon-hdf5]: the recorded tags
+// as text, as our own HDF5 datasets, or as Photon-HDF5 that photon-counting programs read.
 
 #include <algorithm>
 #include <charconv>
@@ -14,6 +14,7 @@
 #include "hdf5_tags.h"
 #include "units.h"
 #include "zeptick/file_reader.h"
+#include "zeptick/recording_conversion.h"
 #include "zeptick/tag.h"
 
 namespace zeptick::cli {
@@ -21,7 +22,7 @@ namespace zeptick::cli {
 namespace {
 
 struct ExportOptions {
-  std::string file, to, begin = "0ps", duration;
+  std::string file, to, format, begin = "0ps", duration;
   std::vector<int> channels;
 };
 
@@ -52,10 +53,29 @@ bool writeCsvRows(FILE* csv, const std::vector<Tag>& tags, std::vector<char>& te
   return std::fwrite(text.data(), 1, size, csv) == size;
 }
 
+// The format asked for, else the one the extension names: .h5 keeps our own tag layout, which
+// scripts written before Photon-HDF5 export existed read.
+std::string formatOf(const ExportOptions& o) {
+  if (!o.format.empty()) return o.format;
+  if (endsWith(o.to, ".h5") || endsWith(o.to, ".hdf5")) return "tags";
+  if (endsWith(o.to, ".csv")) return "csv";
+  throw std::invalid_argument("--to must name a .csv or an .h5 file, or give --format");
+}
+
 void exportTags(const ExportOptions& o) {
-  const bool hdf5 = endsWith(o.to, ".h5") || endsWith(o.to, ".hdf5");
-  if (!hdf5 && !endsWith(o.to, ".csv"))
-    throw std::invalid_argument("--to must name a .csv or an .h5 file");
+  const std::string format = formatOf(o);
+  if (format == "photon-hdf5") {
+    if (!o.channels.empty() || o.begin != "0ps" || !o.duration.empty()) {
+      throw std::invalid_argument(
+          "--channels, --begin and --duration do not apply to --format photon-hdf5, which "
+          "writes the whole recording");
+    }
+    const uint64_t rows = exportPhotonHdf5(o.file, o.to);
+    std::printf("%s: %llu photons and markers as Photon-HDF5\n", o.to.c_str(),
+                static_cast<unsigned long long>(rows));
+    return;
+  }
+  const bool hdf5 = format == "tags";
   // Times count from the recording's first tag: "--begin 1s" means one second in.
   const int64_t beginOffset = parseTime(o.begin);
   const int64_t span = o.duration.empty() ? INT64_MAX / 4 : parseTime(o.duration);
@@ -109,11 +129,19 @@ void exportTags(const ExportOptions& o) {
 void addExport(CLI::App& app) {
   auto* cmd = app.add_subcommand(
       "export",
-      "Write the tags of a recording as CSV (type,channel,time_ps,missed_events) or as HDF5 "
-      "(datasets type, channel, time in ps, missed_events; the configuration as an attribute)");
+      "Write the tags of a recording (ours, or a PTU, SPC or Photon-HDF5 file) as CSV "
+      "(type,channel,time_ps,missed_events), as HDF5 tags (datasets type, channel, time in ps, "
+      "missed_events; the configuration as an attribute) or as Photon-HDF5 (channel c as "
+      "detector c-1, times in ps, micro times of T3 files as nanotimes)");
   auto o = std::make_shared<ExportOptions>();
-  cmd->add_option("FILE", o->file, "first file of the recording (.ztbin)")->required();
+  cmd->add_option("FILE", o->file,
+                  "first file of the recording (.ztbin), or a PTU, SPC or "
+                  "Photon-HDF5 file")
+      ->required();
   cmd->add_option("--to", o->to, "output file: tags.csv or tags.h5")->required();
+  cmd->add_option("--format", o->format,
+                  "csv, tags or photon-hdf5 (default: csv for .csv, tags for .h5 and .hdf5)")
+      ->check(CLI::IsMember({"csv", "tags", "photon-hdf5"}));
   cmd->add_option("--channels", o->channels, "only these channels (default all)")->delimiter(',');
   cmd->add_option("--begin", o->begin, "skip tags before this time, e.g. 10ms");
   cmd->add_option("--duration", o->duration, "export only this span after --begin, e.g. 1s");

@@ -12,7 +12,10 @@
 
 #include "commands.h"
 #include "files/file_format.h"
+#include "files/foreign/channel_mapping.h"
+#include "files/foreign/foreign_format.h"
 #include "files/zeptick_file_reader.h"
+#include "units.h"
 #include "zeptick/file_reader.h"
 #include "zeptick/file_signing.h"
 #include "zeptick/logging.h"
@@ -94,13 +97,13 @@ std::vector<std::pair<std::string, Verdict>> verify(const std::string& base) {
   return files;
 }
 
-std::string readText(const std::string& path) {
-  std::unique_ptr<FILE, int (*)(FILE*)> in(std::fopen(path.c_str(), "r"), std::fclose);
-  if (!in) throw std::runtime_error("cannot read '" + path + "'");
-  std::string text;
-  char buffer[4096];
-  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, in.get())) > 0;) text.append(buffer, n);
-  return text;
+// What a channel of another instrument's recording stands for, by the one mapping of them all.
+std::string foreignMeaning(int32_t channel) {
+  if (channel == foreign::kSyncChannel) return "  (sync)";
+  if (channel > foreign::kMarkerChannelBase) {
+    return "  (marker " + std::to_string(channel - foreign::kMarkerChannelBase) + ")";
+  }
+  return "  (detector " + std::to_string(channel - 1) + ")";
 }
 
 }  // namespace
@@ -112,15 +115,25 @@ void addInspect(CLI::App& app) {
   auto file = std::make_shared<std::string>();
   auto check = std::make_shared<bool>(false);
   auto key = std::make_shared<std::string>();
-  cmd->add_option("FILE", *file, "first file of the recording (.ztbin)")->required();
+  cmd->add_option("FILE", *file,
+                  "first file of the recording (.ztbin), or a PTU, SPC or Photon-HDF5 file")
+      ->required();
   cmd->add_flag("--verify", *check, "check the hash and signature of every block");
   cmd->add_option("--key", *key, "P-256 public key (PEM) to verify with (default: the built-in)");
   cmd->callback([file, check, key] {
+    const bool foreign = foreign::detectForeignFormat(*file) != foreign::ForeignFormat::None;
+    if (foreign && *check) {
+      throw std::invalid_argument(
+          "--verify: only .ztbin recordings carry digests and signatures; 'zeptick import' "
+          "converts this file into one");
+    }
     FileReader reader(*file);
     const std::string configuration = reader.getConfiguration();
     const Summary s = summarize(reader);
     std::printf("file:            %s\n", file->c_str());
-    {
+    if (foreign) {
+      std::printf("recorded by:     another instrument; channels as mapped below\n");
+    } else {
       ZeptickFileReader head(*file, false);
       ZeptickFile::FileId id{};
       head.getFileId(id);
@@ -137,8 +150,10 @@ void addInspect(CLI::App& app) {
     std::printf("tags:            %llu\n", static_cast<unsigned long long>(s.tags));
     std::printf("time span:       %.6f s (%lld ps to %lld ps)\n", (s.last - s.first) * 1e-12,
                 static_cast<long long>(s.first), static_cast<long long>(s.last));
-    for (const auto& [channel, count] : s.perChannel)
-      std::printf("channel %4d:    %llu\n", channel, static_cast<unsigned long long>(count));
+    for (const auto& [channel, count] : s.perChannel) {
+      std::printf("channel %4d:    %llu%s\n", channel, static_cast<unsigned long long>(count),
+                  foreign ? foreignMeaning(channel).c_str() : "");
+    }
     std::printf("overflow spans:  %llu\n", static_cast<unsigned long long>(s.overflowSpans));
     std::printf("missed events:   %llu\n", static_cast<unsigned long long>(s.missedEvents));
     std::printf("errors:          %llu\n", static_cast<unsigned long long>(s.errors));

@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   zeptick::cli::addScan(app);
   zeptick::cli::addInspect(app);
   zeptick::cli::addExport(app);
+  zeptick::cli::addImport(app);
   zeptick::cli::addHistogram(app);
   zeptick::cli::addInfo(app);
   zeptick::cli::addRates(app);

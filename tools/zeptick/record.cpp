@@ -5,9 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -29,14 +27,6 @@ struct RecordOptions {
   int64_t max_file_size = -1;
   bool test_signal = false;
 };
-
-std::string readText(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read '" + path + "'");
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 void printProgress(FILE* to, bool terminal, double seconds, FileWriter& writer, Zeptick& tagger) {
   const auto tags = static_cast<double>(writer.getTotalEvents());

@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -22,6 +24,14 @@ int64_t parseTime(const std::string& text) {
   throw std::invalid_argument("'" + text +
                               "' is not a time; write a number and a unit: ps, ns, us, ms, s or m "
                               "(e.g. 10ps, 2s)");
+}
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error("cannot read '" + path + "'");
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 }  // namespace zeptick::cli

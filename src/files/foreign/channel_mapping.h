@@ -32,3 +32,11 @@ inline constexpr const char* kChannelMappingText =
     "detector k (from 0) -> channel k+1; sync -> channel 1000; marker n (from 1) -> channel 1000+n";
 
 }  // namespace zeptick::foreign
+
+namespace zeptick::foreign {
+
+/// Where a Photon-HDF5 file we write lists the detector ids that are markers, so that our
+/// reader gives them back as markers rather than as photons after a sync.
+inline constexpr const char* kMarkerDetectorsPath = "user/zeptick/marker_detectors";
+
+}  // namespace zeptick::foreign

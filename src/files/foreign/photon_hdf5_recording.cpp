@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "files/foreign/channel_mapping.h"
+#include "files/foreign/hdf5_lock.h"
 #include "files/foreign/picosecond_scale.h"
 
 namespace zeptick::foreign {
@@ -19,11 +20,6 @@ namespace {
 static_assert(std::is_same_v<hid_t, int64_t>, "HDF5 handles are kept as int64_t");
 
 constexpr hsize_t kChunkPhotons = 1 << 16;
-
-std::mutex& hdf5Mutex() {
-  static std::mutex mutex;
-  return mutex;
-}
 
 // Closes an HDF5 object of any kind when it goes out of scope.
 struct Handle {
@@ -136,6 +132,11 @@ bool readSlab(hid_t set, hsize_t offset, hsize_t count, std::vector<int64_t>& ou
 
 }  // namespace
 
+std::mutex& hdf5Mutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 struct PhotonHdf5Recording::Group {
   std::string name;
   hid_t timestamps = -1, detectors = -1, nanotimes = -1;
@@ -221,6 +222,14 @@ bool PhotonHdf5Recording::openGroups(std::string& error) {
     names.push_back("photon_data" + std::to_string(i));
   }
   if (names.empty()) return error = "no photon_data group", false;
+  if (exists(file, kMarkerDetectorsPath)) {
+    Handle set(H5Dopen2(file, kMarkerDetectorsPath, H5P_DEFAULT));
+    const int64_t count = set ? length(set.id) : -1;
+    if (count < 0 || !readSlab(set.id, 0, static_cast<hsize_t>(count), marker_detectors)) {
+      return error = std::string(kMarkerDetectorsPath) + " is not a list of detectors", false;
+    }
+    std::sort(marker_detectors.begin(), marker_detectors.end());
+  }
   for (const std::string& name : names) {
     auto group = std::make_unique<Group>();
     group->name = name;
@@ -275,8 +284,10 @@ bool PhotonHdf5Recording::fill(Group& g) {
   for (hsize_t i = 0; i < count; ++i) {
     // Timestamps before the recording's time 0 are not meaningful; they start it.
     const uint64_t stamp = static_cast<uint64_t>(std::max<int64_t>(g.times[i], 0));
-    const int32_t channel = detectorChannel(g.detectors >= 0 ? g.ids[i] : 0);
-    if (!nano) {
+    const int64_t detector = g.detectors >= 0 ? g.ids[i] : 0;
+    const int32_t channel = detectorChannel(detector);
+    // Without nanotimes a row is a tag at its timestamp; so is a marker, which has no sync.
+    if (!nano || std::binary_search(marker_detectors.begin(), marker_detectors.end(), detector)) {
       g.tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, channel, (*g.unit)(stamp)});
       continue;
     }
