@@ -67,4 +67,11 @@ install(TARGETS zeptick_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(ZEPTICK_BUILD_TESTS)
   add_test(NAME cli COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/cli/test_cli.py"
                             "${PROJECT_BINARY_DIR}/tools")
+  # `zeptick serve` through its API, and through a real browser (Debian's chromium, headless).
+  add_test(NAME web_api COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/web/test_api.py"
+                                "${PROJECT_BINARY_DIR}/tools")
+  add_test(NAME web_browser COMMAND node "${PROJECT_SOURCE_DIR}/tests/web/browser_test.mjs"
+                                    "${PROJECT_BINARY_DIR}/tools" "${PROJECT_BINARY_DIR}/web-artifacts")
+  set_tests_properties(web_api PROPERTIES LABELS web TIMEOUT 120)
+  set_tests_properties(web_browser PROPERTIES LABELS "web;browser" TIMEOUT 120)
 endif()
