@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "serve_panel.h"
+#include "serve_rates.h"
 #include "serve_request.h"
-#include "zeptick/countrate.h"
 #include "zeptick/file_writer.h"
 #include "zeptick/zeptick_hardware.h"
 
@@ -33,19 +33,15 @@ LiveInstrument::LiveInstrument(Zeptick* tagger, std::string record_dir, nlohmann
       inputs(tagger->getChannelList(ZT_CHANNEL_RISING)),
       enabled(inputs.begin(), inputs.end()) {
   restartRates();
-  sampler = std::thread([this] {
-    while (waitForNextPush(kRateIntervalSeconds)) sampleRates();
-  });
 }
 
 LiveInstrument::~LiveInstrument() {
   shutdown();
-  sampler.join();
   std::lock_guard lock(mutex);
   if (writer) writer->stop();
   writer.reset();
   panels.clear();
-  countrate.reset();
+  rate_history.reset();
 }
 
 void LiveInstrument::shutdown() {
@@ -63,31 +59,17 @@ bool LiveInstrument::waitForNextPush(double seconds) {
 }
 
 void LiveInstrument::restartRates() {
-  rate_channels.assign(enabled.begin(), enabled.end());
-  countrate = std::make_unique<Countrate>(tagger, rate_channels);
-  rate_times.clear();
-  rate_values.clear();
-}
-
-void LiveInstrument::sampleRates() {
-  std::lock_guard lock(mutex);
-  std::vector<double> values;
-  countrate->getData([&](size_t n) { return values.assign(n, 0.0), values.data(); });
-  countrate->clear();
-  rate_times.push_back(unixSeconds());
-  rate_values.push_back(std::move(values));
-  if (rate_times.size() > kRatePoints) {
-    rate_times.pop_front();
-    rate_values.pop_front();
-  }
+  rate_history =
+      std::make_unique<RateHistory>(tagger, std::vector<int>(enabled.begin(), enabled.end()));
 }
 
 nlohmann::json LiveInstrument::rates() {
   std::lock_guard lock(mutex);
-  return {{"channels", rate_channels},
-          {"interval", kRateIntervalSeconds},
-          {"times", rate_times},
-          {"rates", rate_values}};
+  RateHistory::Points points = rate_history->points();
+  return {{"channels", rate_history->channels},
+          {"interval", kRateIntervalPs * 1e-12},
+          {"times", points.times},
+          {"rates", points.rates}};
 }
 
 nlohmann::json LiveInstrument::channelSettings(int channel) {
@@ -152,8 +134,6 @@ nlohmann::json LiveInstrument::updateChannel(int64_t channel, const nlohmann::js
     else
       enabled.erase(input);
     restartRates();
-  } else {
-    countrate->clear();
   }
   return channelSettings(input);
 }
@@ -270,10 +250,11 @@ nlohmann::json LiveInstrument::snapshot() {
   for (const auto& panel : panelList())
     panel_data.push_back({{"id", panel->id}, {"counts", panel->counts()}});
   std::lock_guard lock(mutex);
-  nlohmann::json latest = {{"channels", rate_channels}};
-  if (!rate_times.empty()) {
-    latest["time"] = rate_times.back();
-    latest["rates"] = rate_values.back();
+  nlohmann::json latest = {{"channels", rate_history->channels}};
+  const RateHistory::Points newest = rate_history->latest();
+  if (!newest.times.empty()) {
+    latest["time"] = newest.times[0];
+    latest["rates"] = newest.rates[0];
   }
   return {{"rates", latest}, {"panels", panel_data}, {"recording", recordingLocked()}};
 }

@@ -9,28 +9,22 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zeptick {
 class Zeptick;
-class Countrate;
 class FileWriter;
 }  // namespace zeptick
 
 namespace zeptick::cli::serve {
 
 struct Panel;
-
-/// Seconds between two points of the rate history, and points kept (one minute).
-inline constexpr double kRateIntervalSeconds = 0.2;
-inline constexpr size_t kRatePoints = 300;
+class RateHistory;
 
 class LiveInstrument {
  public:
@@ -38,7 +32,7 @@ class LiveInstrument {
   /// refuses recording; `emulator` is the emulated instruments' configuration
   /// (null for real hardware), shown with the configuration report.
   LiveInstrument(Zeptick* tagger, std::string record_dir, nlohmann::json emulator);
-  /// Stops the rate sampler and any recording, and frees every measurement.
+  /// Stops any recording and frees every measurement.
   ~LiveInstrument();
   LiveInstrument(const LiveInstrument&) = delete;
   LiveInstrument& operator=(const LiveInstrument&) = delete;
@@ -80,7 +74,6 @@ class LiveInstrument {
   bool waitForNextPush(double seconds);
 
  private:
-  void sampleRates();
   void restartRates();
   std::vector<std::shared_ptr<Panel>> panelList();
   std::shared_ptr<Panel> findPanel(int64_t id);
@@ -94,10 +87,7 @@ class LiveInstrument {
 
   std::mutex mutex;  // guards everything below
   std::set<int> enabled;
-  std::unique_ptr<Countrate> countrate;
-  std::vector<int> rate_channels;
-  std::deque<double> rate_times;
-  std::deque<std::vector<double>> rate_values;
+  std::unique_ptr<RateHistory> rate_history;
   std::map<int64_t, std::shared_ptr<Panel>> panels;
   int64_t next_panel_id = 1;
   std::unique_ptr<FileWriter> writer;
@@ -107,7 +97,6 @@ class LiveInstrument {
   std::mutex wake_mutex;
   std::condition_variable wake;
   bool stopping = false;
-  std::thread sampler;
 };
 
 }  // namespace zeptick::cli::serve
