@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <utility>
 
 #include "serve_assets.h"
 #include "serve_request.h"
@@ -97,8 +98,10 @@ void installEvents(httplib::Server& server, LiveInstrument& instrument) {
   server.Get("/api/events", [&instrument](const httplib::Request&, httplib::Response& res) {
     res.set_header("Cache-Control", "no-cache");
     res.set_chunked_content_provider(
-        "text/event-stream", [&instrument](size_t, httplib::DataSink& sink) {
-          if (!instrument.waitForNextPush(kPushIntervalSeconds)) return false;
+        "text/event-stream", [&instrument, first = true](size_t, httplib::DataSink& sink) mutable {
+          // The first push goes out at once, so a page that opens draws without a wait.
+          if (!std::exchange(first, false) && !instrument.waitForNextPush(kPushIntervalSeconds))
+            return false;
           const std::string event =
               "data: " +
               instrument.snapshot().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
