@@ -119,14 +119,15 @@ nlohmann::json LiveInstrument::updateChannel(int64_t channel, const nlohmann::js
   if (body.contains("test_signal")) test_signal = boolField(body, "test_signal");
   if (body.contains("enabled")) enable = boolField(body, "enabled");
 
-  std::lock_guard lock(mutex);
   if (level) tagger->setTriggerLevel(input, *level);
   if (delay) tagger->setInputDelay(input, *delay);
   if (dead_time) tagger->setDeadtime(input, *dead_time);
   if (test_signal) tagger->setTestSignal(input, *test_signal);
   // Histograms restart once the stream runs under the new settings, so what the
-  // page shows next was measured with them alone.
+  // page shows next was measured with them alone. The wait holds no lock of ours:
+  // the update stream and other clients carry on meanwhile.
   tagger->waitForFence(tagger->getFence(), 2000);
+  std::lock_guard lock(mutex);
   for (auto& [id, panel] : panels) panel->clear();
   if (enable && *enable != (enabled.count(input) > 0)) {
     if (*enable)
