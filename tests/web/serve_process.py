@@ -3,6 +3,7 @@ browser tests."""
 import json
 import re
 import subprocess
+import time
 import urllib.error
 import urllib.request
 
@@ -43,17 +44,19 @@ class Server:
     def post(self, path, body=None, **kw):
         return self.request("POST", path, body if body is not None else {}, **kw)
 
-    def events(self, count, token=None):
-        """The first `count` server-sent events, parsed."""
+    def events(self, count, token=None, timed=False):
+        """The first `count` server-sent events, parsed; with `timed` also the
+        monotonic time each arrived."""
         query = f"?token={token}" if token else ""
-        out = []
+        out, arrived = [], []
         with _opener.open(self.url + "api/events" + query, timeout=10) as stream:
             for line in stream:
                 if line.startswith(b"data: "):
+                    arrived.append(time.monotonic())
                     out.append(json.loads(line[6:]))
                     if len(out) == count:
-                        return out
-        return out
+                        break
+        return (out, arrived) if timed else out
 
     def stop(self):
         """Sends SIGTERM; returns the exit status (None if it had to be killed)."""

@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <utility>
@@ -94,14 +96,17 @@ void installStatic(httplib::Server& server, const std::string& token) {
   });
 }
 
+// Pushes keep to a fixed beat however long a snapshot takes; the first goes out at
+// once, so a page that opens draws without a wait.
 void installEvents(httplib::Server& server, LiveInstrument& instrument) {
   server.Get("/api/events", [&instrument](const httplib::Request&, httplib::Response& res) {
     res.set_header("Cache-Control", "no-cache");
     res.set_chunked_content_provider(
-        "text/event-stream", [&instrument, first = true](size_t, httplib::DataSink& sink) mutable {
-          // The first push goes out at once, so a page that opens draws without a wait.
-          if (!std::exchange(first, false) && !instrument.waitForNextPush(kPushIntervalSeconds))
-            return false;
+        "text/event-stream", [&instrument, next = std::chrono::steady_clock::now()](
+                                 size_t, httplib::DataSink& sink) mutable {
+          if (!instrument.waitUntil(next)) return false;
+          const auto now = std::chrono::steady_clock::now();
+          next = std::max(next + kPushInterval, now);
           const std::string event =
               "data: " +
               instrument.snapshot().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +

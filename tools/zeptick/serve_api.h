@@ -2,6 +2,7 @@
 // updates, with the token check in front of all of them.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace httplib {
@@ -12,8 +13,8 @@ namespace zeptick::cli::serve {
 
 class LiveInstrument;
 
-/// Seconds between two pushes of the update stream (5 per second).
-inline constexpr double kPushIntervalSeconds = 0.2;
+/// Time between two pushes of the update stream (5 per second).
+inline constexpr std::chrono::milliseconds kPushInterval{200};
 
 /// Installs every route of the page and the API on `server`, answering from
 /// `instrument` (which must outlive the server). A non-empty `token` must come

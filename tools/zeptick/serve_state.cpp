@@ -52,9 +52,9 @@ void LiveInstrument::shutdown() {
   wake.notify_all();
 }
 
-bool LiveInstrument::waitForNextPush(double seconds) {
+bool LiveInstrument::waitUntil(std::chrono::steady_clock::time_point when) {
   std::unique_lock lock(wake_mutex);
-  wake.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping; });
+  wake.wait_until(lock, when, [this] { return stopping; });
   return !stopping;
 }
 

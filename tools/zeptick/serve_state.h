@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -70,8 +71,8 @@ class LiveInstrument {
 
   /// Ends every wait of snapshot subscribers; called once when the server stops.
   void shutdown();
-  /// Waits up to `seconds` or until shutdown(); false once shut down.
-  bool waitForNextPush(double seconds);
+  /// Waits until `when` or until shutdown(); false once shut down.
+  bool waitUntil(std::chrono::steady_clock::time_point when);
 
  private:
   void restartRates();
