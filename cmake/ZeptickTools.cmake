@@ -67,6 +67,9 @@ install(TARGETS zeptick_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(ZEPTICK_BUILD_TESTS)
   add_test(NAME cli COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/cli/test_cli.py"
                             "${PROJECT_BINARY_DIR}/tools")
+endif()
+
+if(ZEPTICK_BUILD_TESTS)
   # `zeptick serve` through its API, and through a real browser (Debian's chromium, headless).
   add_test(NAME web_api COMMAND /usr/bin/python3 "${PROJECT_SOURCE_DIR}/tests/web/test_api.py"
                                 "${PROJECT_BINARY_DIR}/tools")
