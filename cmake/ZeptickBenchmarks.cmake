@@ -14,3 +14,6 @@ foreach(source IN LISTS zeptick_bench_sources)
   target_compile_definitions(${target} PRIVATE ZEPTICK_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bench")
 endforeach()
+
+# The latency of `zeptick serve` runs its server in-process.
+target_link_libraries(bench_serve_latency PRIVATE zeptick_serve)

@@ -16,5 +16,6 @@ void addInfo(CLI::App& app);
 void addRates(CLI::App& app);
 void addRecord(CLI::App& app);
 void addReplay(CLI::App& app);
+void addServe(CLI::App& app);
 
 }  // namespace zeptick::cli

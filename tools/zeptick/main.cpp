@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
   zeptick::cli::addRates(app);
   zeptick::cli::addRecord(app);
   zeptick::cli::addReplay(app);
+  zeptick::cli::addServe(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

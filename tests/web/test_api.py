@@ -1,0 +1,264 @@
+#!/usr/bin/python3
+"""`zeptick serve` on the default emulator, through its JSON API: what each
+endpoint answers checked against the emulator's own configuration, refusals
+naming the field, the token, the recording directory, and many clients at once."""
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from serve_process import Server, peak_position  # noqa: E402
+
+TOOLS = sys.argv.pop(1)
+
+
+def wait_for(condition, seconds=5.0):
+    """The first true value of condition() within `seconds`, else the last one."""
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value or time.monotonic() > end:
+            return value
+        time.sleep(0.1)
+
+
+class Api(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.TemporaryDirectory()
+        cls.server = Server(TOOLS, "--record-dir", cls.dir.name)
+        status, config = cls.server.get("/api/configuration")
+        assert status == 200, config
+        cls.sources = config["emulator"]["devices"][0]["sources"]
+
+    @classmethod
+    def tearDownClass(cls):
+        assert cls.server.stop() == 0, "SIGTERM must stop the server cleanly"
+        cls.dir.cleanup()
+
+    def source(self, kind):
+        return next(s for s in self.sources if s["type"] == kind)
+
+    def test_rates_follow_the_emulated_sources(self):
+        periodic = self.source("periodic")
+        status, rates = wait_for(lambda: (lambda r: r if len(r[1]["times"]) >= 3 else None)(
+            self.server.get("/api/rates")))
+        self.assertEqual(status, 200)
+        column = rates["channels"].index(periodic["input"])
+        latest = rates["rates"][-1][column]
+        self.assertAlmostEqual(latest, 1e12 / periodic["period_ps"], delta=0.05 * latest)
+        quiet = rates["channels"].index(18)
+        self.assertEqual(rates["rates"][-1][quiet], 0)
+        self.assertTrue(all(b > a for a, b in zip(rates["times"], rates["times"][1:])))
+
+    def test_histogram_panels_show_the_pair_delay(self):
+        pairs = self.source("pairs")
+        a, b = pairs["inputs"]
+        delay = pairs["delays_ps"][1] - pairs["delays_ps"][0]
+        s, corr = self.server.post("/api/panels", {"channels": [a, b], "binwidth": 20,
+                                                   "range": "10ns"})
+        self.assertEqual(s, 200, corr)
+        s, startstop = self.server.post("/api/panels", {"kind": "startstop", "channels": [a, b],
+                                                        "binwidth": "20ps", "range": 4000})
+        self.assertEqual(s, 200, startstop)
+        ids = [p["id"] for p in self.server.get("/api/panels")[1]]
+        self.assertIn(corr["id"], ids)
+        self.assertIn(startstop["id"], ids)
+        filled = lambda i: (lambda p: p if sum(p["counts"]) > 1000 else None)(  # noqa: E731
+            self.server.get(f"/api/panels/{i}")[1])
+        # Correlation bins (time on a) minus (time on b); start-stop the time from a to b.
+        self.assertAlmostEqual(peak_position(wait_for(lambda: filled(corr["id"]))), -delay, delta=40)
+        self.assertAlmostEqual(peak_position(wait_for(lambda: filled(startstop["id"]))), delay,
+                               delta=40)
+        self.assertEqual(self.server.post(f"/api/panels/{corr['id']}/clear")[0], 200)
+        for panel in (corr, startstop):
+            self.assertEqual(self.server.request("DELETE", f"/api/panels/{panel['id']}")[0], 200)
+            self.assertEqual(self.server.get(f"/api/panels/{panel['id']}")[0], 404)
+
+    def test_settings_round_trip_and_reach_the_stream(self):
+        s, before = self.server.get("/api/channels")
+        self.assertEqual(s, 200)
+        low, high = before["trigger_range"]
+        s, now = self.server.post("/api/channels/5", {
+            "trigger_level": (low + high) / 4, "input_delay": "1.5ns", "dead_time": 5000,
+            "test_signal": True, "enabled": False})
+        self.assertEqual(s, 200, now)
+        self.assertAlmostEqual(now["trigger_level"], (low + high) / 4, delta=0.01)
+        self.assertEqual(now["input_delay"], 1500)
+        self.assertGreaterEqual(now["dead_time"], 5000)
+        self.assertTrue(now["test_signal"])
+        self.assertFalse(now["enabled"])
+        listed = {c["channel"]: c for c in self.server.get("/api/channels")[1]["channels"]}
+        self.assertEqual(listed[5], now)
+        self.assertNotIn(5, self.server.get("/api/rates")[1]["channels"])
+        # Enabled again with its test signal on, the input now counts.
+        self.server.post("/api/channels/5", {"enabled": True})
+        counting = wait_for(lambda: (lambda r: r["rates"] and r["rates"][-1][
+            r["channels"].index(5)] > 0)(self.server.get("/api/rates")[1]))
+        self.assertTrue(counting)
+        self.server.post("/api/channels/5", {"test_signal": False, "input_delay": 0,
+                                             "trigger_level": before["channels"][4]["trigger_level"]})
+
+    def test_reports_and_update_stream(self):
+        s, config = self.server.get("/api/configuration")
+        self.assertEqual(s, 200)
+        self.assertIsInstance(config["tagger"], dict)
+        s, health = self.server.get("/api/health")
+        self.assertEqual(s, 200)
+        self.assertIn(["Serial", "ZTEMU00001"], health["values"])
+        events, arrived = self.server.events(6, timed=True)
+        # Five intervals at 5 pushes a second take 1 s; at 4 a second they would take 1.25 s.
+        self.assertLess(arrived[-1] - arrived[0], 1.15)
+        self.assertEqual(len(events), 6)
+        self.assertIn("rates", events[-1])
+        self.assertIn("recording", events[-1])
+        s, page = self.server.get("/")
+        self.assertEqual(s, 200)
+        for asset in re.findall(r'(?:href|src)="([^"]+)"', page):
+            self.assertEqual(self.server.get(asset)[0], 200, asset)
+
+    def test_bad_input_names_the_field(self):
+        cases = [
+            ("POST", "/api/channels/1", b"{not json", "body"),
+            ("POST", "/api/channels/1", b"[1]", "body"),
+            ("POST", "/api/channels/x", b"{}", "channel"),
+            ("POST", "/api/channels/99", b"{}", "channel"),
+            ("POST", "/api/channels/1", b'{"triger_level": 1}', "triger_level"),
+            ("POST", "/api/channels/1", b'{"trigger_level": "high"}', "trigger_level"),
+            ("POST", "/api/channels/1", b'{"trigger_level": 1e9}', "trigger_level"),
+            ("POST", "/api/channels/1", b'{"input_delay": "3 parsecs"}', "input_delay"),
+            ("POST", "/api/channels/1", b'{"input_delay": 1e30}', "input_delay"),
+            ("POST", "/api/channels/1", b'{"dead_time": -1}', "dead_time"),
+            ("POST", "/api/channels/1", b'{"test_signal": "yes"}', "test_signal"),
+            ("POST", "/api/channels/1", b'{"enabled": 1}', "enabled"),
+            ("POST", "/api/panels", b'{"channels": [1]}', "channels"),
+            ("POST", "/api/panels", b'{"channels": [1, 77]}', "channels"),
+            ("POST", "/api/panels", b'{"channels": [1, 2], "kind": "fft"}', "kind"),
+            ("POST", "/api/panels", b'{"channels": [1, 2], "binwidth": 0}', "binwidth"),
+            ("POST", "/api/panels", b'{"channels": [1, 2], "range": "1s"}', "range"),
+            ("GET", "/api/panels/abc", None, "id"),
+            ("POST", "/api/recording", b'{"name": 5}', "name"),
+        ]
+        for method, path, raw, field in cases:
+            with self.subTest(path=path, body=raw):
+                status, body = self.server.request(method, path, raw=raw)
+                self.assertEqual(status, 400, body)
+                self.assertEqual(body["field"], field)
+                self.assertTrue(body["error"])
+        # Refused settings change nothing, even the valid fields beside the bad one.
+        before = self.server.get("/api/channels")[1]["channels"][0]
+        self.server.request("POST", "/api/channels/1", raw=b'{"input_delay": 77, "dead_time": -1}')
+        self.assertEqual(self.server.get("/api/channels")[1]["channels"][0], before)
+        self.assertEqual(self.server.get("/api/panels/12345")[0], 404)
+        self.assertEqual(self.server.get("/api/nothing")[0], 404)
+
+    def test_recording_stays_in_its_directory(self):
+        for name in ["../escape", "sub/file", "..", ".hidden", "", "a\\b"]:
+            with self.subTest(name=name):
+                status, body = self.server.post("/api/recording", {"name": name})
+                self.assertEqual((status, body["field"]), (400, "name"))
+        self.assertEqual(os.listdir(self.dir.name), [])
+        s, started = self.server.post("/api/recording", {"name": "run1"})
+        self.assertEqual(s, 200, started)
+        self.assertEqual(self.server.post("/api/recording", {"name": "run2"})[0], 409)
+        time.sleep(0.5)
+        s, done = self.server.post("/api/recording/stop")
+        self.assertEqual(s, 200, done)
+        self.assertGreater(done["events"], 0)
+        self.assertEqual(self.server.post("/api/recording/stop")[0], 409)
+        self.assertEqual(self.server.post("/api/recording", {"name": "run1.ztbin"})[0], 409)
+        path = os.path.join(self.dir.name, "run1.ztbin")
+        out = subprocess.run([f"{TOOLS}/zeptick", "inspect", path], capture_output=True, text=True)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        counted = sum(int(n) for n in re.findall(r"channel\s+\d+:\s+(\d+)", out.stdout))
+        self.assertEqual(counted, done["events"])
+
+    def test_many_clients_while_settings_change(self):
+        errors = []
+        stop = time.monotonic() + 3
+
+        def poll(path):
+            while time.monotonic() < stop:
+                status, body = self.server.get(path)
+                if status not in (200, 404):
+                    errors.append((path, status, body))
+
+        def change():
+            delay = 0
+            while time.monotonic() < stop:
+                delay = 100 - delay
+                for status, body in (
+                        self.server.post("/api/channels/2", {"input_delay": delay}),
+                        self.server.post("/api/channels/4", {"enabled": delay == 0}),
+                        self.server.post("/api/panels", {"channels": [1, 2]})):
+                    if status != 200:
+                        errors.append(("change", status, body))
+                for panel in self.server.get("/api/panels")[1]:
+                    self.server.request("DELETE", f"/api/panels/{panel['id']}")
+
+        def listen():
+            while time.monotonic() < stop:
+                self.server.events(3)
+
+        threads = [threading.Thread(target=poll, args=(p,)) for p in
+                   ("/api/rates", "/api/channels", "/api/panels", "/api/panels/1", "/api/recording")]
+        threads += [threading.Thread(target=change), threading.Thread(target=listen)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.assertEqual(errors, [])
+        self.server.post("/api/channels/2", {"input_delay": 0})
+        self.server.post("/api/channels/4", {"enabled": True})
+        self.assertIsNone(self.server.process.poll())
+        self.assertEqual(self.server.get("/api/health")[0], 200)
+
+
+class Security(unittest.TestCase):
+    def test_token_is_required_once_given(self):
+        server = Server(TOOLS, "--token", "s3cret")
+        try:
+            self.assertEqual(server.get("/api/rates")[0], 401)
+            self.assertEqual(server.get("/")[0], 401)
+            self.assertEqual(server.get("/api/rates?token=wrong")[0], 401)
+            self.assertEqual(server.get("/api/rates",
+                                        headers={"Authorization": "Bearer s3cre"})[0], 401)
+            self.assertEqual(server.get("/api/rates",
+                                        headers={"Authorization": "Bearer s3cret"})[0], 200)
+            s, page = server.get("/?token=s3cret")
+            self.assertEqual(s, 200)
+            # The page's own files carry the token, or the browser could not load them.
+            for asset in re.findall(r'(?:href|src)="([^"]+)"', page):
+                self.assertEqual(server.get(asset)[0], 200, asset)
+            self.assertTrue(server.events(1, token="s3cret"))
+            self.assertEqual(server.post("/api/recording", {"name": "x"})[0], 401)
+        finally:
+            self.assertEqual(server.stop(), 0)
+
+    def test_refuses_to_start_unsafely(self):
+        for args, message in [(["--bind", "0.0.0.0"], "--token"),
+                              (["--record-dir", "/no/such/dir"], "--record-dir"),
+                              (["--port", "70000"], "--port")]:
+            with self.subTest(args=args):
+                out = subprocess.run([f"{TOOLS}/zeptick", "--emulator", "default", "serve", *args],
+                                     capture_output=True, text=True, timeout=20)
+                self.assertEqual(out.returncode, 2, out.stderr)
+                self.assertIn(message, out.stderr)
+
+    def test_recording_is_off_without_a_directory(self):
+        server = Server(TOOLS)
+        try:
+            status, body = server.post("/api/recording", {"name": "x"})
+            self.assertEqual(status, 409)
+            self.assertIn("--record-dir", body["error"])
+        finally:
+            self.assertEqual(server.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
