@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <map>
 #include <memory>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -104,162 +108,89 @@ class InstancesTest : public ::testing::Test {
   bool fail_hardware = false;
 };
 
-TEST_F(InstancesTest, EmptySerialSharesOneTaggerUntilTheLastFree) {
-  Zeptick* first = createZeptick("");
-  Zeptick* second = createZeptick("");
-  ASSERT_EQ(first, second);
-  EXPECT_EQ(hardware_calls.size(), 1u);
-
-  Probe probe(first);
-  EXPECT_FALSE(freeZeptick(first));
-  // One reference is left: the tagger still runs and delivers.
-  feed(second, 3);
-  EXPECT_TRUE(probe.attached());
-  EXPECT_TRUE(probe.isRunning());
-  EXPECT_EQ(probe.tagsSeen(), 3u);
-
-  EXPECT_TRUE(freeZeptick(second));
-  // Destroyed: the measurement is an orphan that keeps its data.
-  EXPECT_FALSE(probe.attached());
-  EXPECT_FALSE(probe.isRunning());
-  EXPECT_EQ(probe.stops(), 1);
-  EXPECT_EQ(probe.tagsSeen(), 3u);
-  EXPECT_GE(probe.getCaptureDuration(), 1000);
-
-  Zeptick* reopened = createZeptick("");
-  EXPECT_EQ(hardware_calls.size(), 2u);
-  Probe fresh(reopened);
-  feed(reopened, 2);
-  EXPECT_EQ(fresh.tagsSeen(), 2u);
-}
-
-TEST_F(InstancesTest, SerialOfTheDefaultTaggerSharesIt) {
-  Zeptick* by_default = createZeptick("");
-  Zeptick* by_serial = createZeptick(kDefaultSerial);
-  EXPECT_EQ(by_serial, by_default);
-  EXPECT_EQ(hardware_calls.size(), 1u);
-
-  Zeptick* other = createZeptick("OTHER-2");
-  EXPECT_NE(other, by_default);
-  EXPECT_EQ(other->getSerial(), "OTHER-2");
-  EXPECT_EQ(createZeptick("OTHER-2"), other);
-  EXPECT_EQ(hardware_calls.size(), 2u);
-
-  // Both handles count: the empty serial finds the tagger while any is left.
-  EXPECT_FALSE(freeZeptick(by_default));
-  EXPECT_EQ(createZeptick(""), by_default);
-  EXPECT_FALSE(freeZeptick(by_default));
-  EXPECT_EQ(hardware_calls.size(), 2u);
-
-  // The last reference goes through the serial's handle; the default must go with it.
-  Probe probe(by_serial);
-  EXPECT_TRUE(freeZeptick(by_serial));
-  EXPECT_FALSE(probe.attached());
-  Zeptick* reopened = createZeptick("");
-  ASSERT_EQ(hardware_calls.size(), 3u);
-  EXPECT_EQ(hardware_calls.back(), "");
-  Probe fresh(reopened);
-  feed(reopened, 1);
-  EXPECT_EQ(fresh.tagsSeen(), 1u);
-
-  EXPECT_FALSE(freeZeptick(other));
-  EXPECT_TRUE(freeZeptick(other));
-}
-
-TEST_F(InstancesTest, FailedOpenLeavesTheRegistryAsItWas) {
-  fail_hardware = true;
-  try {
-    createZeptick("");
-    ADD_FAILURE() << "an open without an instrument returned";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "no instrument attached");
+// Random opens (some failing), replay opens and frees, with freed, unknown and null handles among
+// them, against a table of the open taggers and their counts. Each tagger carries a measurement,
+// orphaned exactly when its tagger goes; it may still be started, stopped and given channels.
+TEST_F(InstancesTest, OpensAndFreesFollowAReferenceCountTable) {
+  struct Entry {
+    std::string serial;  // empty for a replay tagger
+    int count = 1;
+    std::unique_ptr<Probe> probe;
+  };
+  std::map<ZeptickBase*, Entry> table;
+  ZeptickBase* default_tagger = nullptr;
+  TestZeptick stranger("LOOSE-4", 2);
+  std::vector<ZeptickBase*> handles{nullptr, &stranger};  // freed ones stay in the list
+  size_t constructions = 0;
+  auto added = [&](ZeptickBase* tagger, const std::string& serial) {
+    EXPECT_EQ(table.count(tagger), 0u);
+    table[tagger] = Entry{serial, 1, std::make_unique<Probe>(tagger)};
+    handles.push_back(tagger);
+    return tagger;
+  };
+  auto orphaned = [&](Entry& entry) {
+    EXPECT_FALSE(entry.probe->attached());
+    EXPECT_FALSE(entry.probe->isRunning());
+    EXPECT_EQ(entry.probe->stops(), 1);
+    entry.probe->start();
+    entry.probe->stop();
+    entry.probe->registerChannel(4);
+  };
+  std::mt19937_64 rng(11);
+  for (int step = 0; step < 300; ++step) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    const unsigned action = rng() % 6;  // 0-1 open, 2 replay, 3-4 free an open one, 5 any
+    const std::string serial = std::array<std::string, 3>{"", kDefaultSerial, "OTHER-2"}[rng() % 3];
+    // The default, or any tagger open under the serial: two may share one when the default
+    // was opened while a tagger of its serial was open.
+    std::set<ZeptickBase*> known;
+    if (serial.empty() && default_tagger != nullptr) known.insert(default_tagger);
+    for (auto& [tagger, entry] : table) {
+      if (!serial.empty() && entry.serial == serial) known.insert(tagger);
+    }
+    fail_hardware = rng() % 5 == 0;
+    if (action < 2 && known.empty() && fail_hardware) {
+      try {
+        createZeptick(serial);
+        ADD_FAILURE() << "an open without an instrument returned";
+      } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "no instrument attached");
+      }
+      ++constructions;
+    } else if (action < 2 && known.empty()) {
+      ZeptickBase* tagger = added(createZeptick(serial), serial.empty() ? kDefaultSerial : serial);
+      if (serial.empty()) default_tagger = tagger;
+      ++constructions;
+    } else if (action < 2) {
+      ZeptickBase* tagger = createZeptick(serial);
+      ASSERT_EQ(known.count(tagger), 1u);
+      ++table.at(tagger).count;
+    } else if (action == 2) {
+      added(createZeptickVirtual(), "");
+      ++constructions;
+    } else {
+      ZeptickBase* tagger = handles[rng() % handles.size()];
+      if (action < 5 && !table.empty())
+        tagger = std::next(table.begin(), rng() % table.size())->first;
+      const auto found = table.find(tagger);
+      const bool last = found != table.end() && --found->second.count == 0;
+      EXPECT_EQ(freeZeptick(tagger), last);
+      if (last) orphaned(found->second);
+      if (last) table.erase(found);
+      if (last && tagger == default_tagger) default_tagger = nullptr;
+    }
+    ASSERT_EQ(hardware_calls.size() + static_cast<size_t>(replay_calls), constructions);
   }
-  EXPECT_THROW(createZeptick("NAMED-3"), std::runtime_error);
-  EXPECT_EQ(hardware_calls.size(), 2u);
-
-  // Neither failure was remembered: both opens construct, each with one reference.
-  fail_hardware = false;
-  Zeptick* by_default = createZeptick("");
-  Zeptick* named = createZeptick("NAMED-3");
-  EXPECT_EQ(hardware_calls.size(), 4u);
-  EXPECT_NE(by_default, named);
-  EXPECT_TRUE(freeZeptick(by_default));
-  EXPECT_TRUE(freeZeptick(named));
-}
-
-TEST_F(InstancesTest, FreeingWhatTheRegistryDoesNotKnowChangesNothing) {
-  EXPECT_FALSE(freeZeptick(nullptr));
-
-  TestZeptick unregistered("LOOSE-4", 2);
-  // Converted while alive: reaching the virtual base of a freed tagger reads freed memory.
-  ZeptickBase* tagger = createZeptick("");
-  EXPECT_FALSE(freeZeptick(&unregistered));
-  EXPECT_FALSE(freeZeptick(nullptr));
-  // Neither the stranger was destroyed nor the registered tagger's count touched.
-  EXPECT_TRUE(unregistered.sync());
-  EXPECT_TRUE(freeZeptick(tagger));
-  EXPECT_FALSE(freeZeptick(tagger));
-}
-
-TEST_F(InstancesTest, EveryReplayTaggerIsNewAndFreedAtOnce) {
-  ZeptickVirtual* first = createZeptickVirtual();
-  ZeptickBase* second = createZeptickVirtual();
-  EXPECT_NE(first, second);
-  EXPECT_EQ(replay_calls, 2);
-
-  // A replay tagger is never the default instrument.
-  Zeptick* hardware = createZeptick("");
-  EXPECT_EQ(hardware_calls.size(), 1u);
-
-  Probe probe(second);
-  EXPECT_TRUE(freeZeptick(first));
-  feed(second, 2);
-  EXPECT_EQ(probe.tagsSeen(), 2u);
-  EXPECT_TRUE(freeZeptick(second));
-  EXPECT_FALSE(probe.attached());
-  EXPECT_FALSE(freeZeptick(second));
-  EXPECT_TRUE(freeZeptick(hardware));
-}
-
-TEST_F(InstancesTest, FreeAllDestroysEveryTaggerAndOrphansItsMeasurements) {
-  ZeptickBase* shared = createZeptick("");
-  createZeptick("");
-  createZeptick(kDefaultSerial);
-  Zeptick* other = createZeptick("OTHER-2");
-  ZeptickBase* replay = createZeptickVirtual();
-
-  auto on_shared = std::make_unique<Probe>(shared);
-  auto on_replay = std::make_unique<Probe>(replay);
-  feed(shared, 4);
-  feed(replay, 1);
-  // With no blocks flowing this one is most likely still waiting to be linked
-  // into the chain; an orphan must be handled in either state.
-  dynamic_cast<TestTaggerCore*>(other)->setIdleSpan(0);
-  auto on_other = std::make_unique<Probe>(other);
-
+  // Every tagger left still delivers; freeAll destroys them all, and the default opens anew.
+  for (auto& [tagger, entry] : table) {
+    feed(tagger, 3);
+    EXPECT_EQ(entry.probe->tagsSeen(), 3u);
+  }
   freeAllZeptick();
-  for (Probe* probe : {on_shared.get(), on_replay.get(), on_other.get()}) {
-    EXPECT_FALSE(probe->attached());
-    EXPECT_FALSE(probe->isRunning());
-    EXPECT_EQ(probe->stops(), 1);
-    // An orphan may be started, stopped and given channels, but gets nothing.
-    probe->start();
-    probe->stop();
-    probe->registerChannel(4);
-  }
-  EXPECT_EQ(on_shared->tagsSeen(), 4u);
-  EXPECT_EQ(on_replay->tagsSeen(), 1u);
-  EXPECT_EQ(on_other->tagsSeen(), 0u);
-  on_shared.reset();
-  on_replay.reset();
-  on_other.reset();
-
-  // Nothing is left over: old handles are unknown and the default opens anew.
-  EXPECT_FALSE(freeZeptick(shared));
-  EXPECT_FALSE(freeZeptick(replay));
-  Zeptick* reopened = createZeptick("");
-  EXPECT_EQ(hardware_calls.size(), 3u);
-  EXPECT_TRUE(freeZeptick(reopened));
+  for (auto& [tagger, entry] : table) orphaned(entry);
+  for (auto& [tagger, entry] : table) EXPECT_FALSE(freeZeptick(tagger));
+  EXPECT_TRUE(freeZeptick(createZeptick("")));
+  EXPECT_EQ(hardware_calls.size() + static_cast<size_t>(replay_calls), constructions + 1);
 }
 
 TEST_F(InstancesTest, ConcurrentOpensShareOneTagger) {

@@ -27,32 +27,6 @@ TEST(IteratorBase, ChannelsAreRegisteredOnceAndReleasedAtDestruction) {
   EXPECT_TRUE(log.messages().empty()) << log.messages().front();
 }
 
-TEST(IteratorBase, StartStopAndClearCallTheHooksOnlyOnChange) {
-  TestZeptick tagger("T", 2);
-  RecordingMeasurement m(&tagger);
-  EXPECT_TRUE(m.isRunning());
-  EXPECT_EQ(m.starts(), 1);
-
-  m.start();  // already running: no second on_start
-  m.startFor(1000000, false);
-  EXPECT_EQ(m.starts(), 1);
-  m.clear();
-  EXPECT_EQ(m.clears(), 1);
-  EXPECT_TRUE(m.isRunning());
-
-  m.stop();
-  m.stop();
-  EXPECT_EQ(m.stops(), 1);
-  EXPECT_FALSE(m.isRunning());
-
-  m.startFor(1000000, false);  // from stopped: on_start again, no clear
-  EXPECT_EQ(m.starts(), 2);
-  EXPECT_EQ(m.clears(), 1);
-  m.startFor(1000000, true);
-  EXPECT_EQ(m.clears(), 2);
-  EXPECT_EQ(m.starts(), 2);
-}
-
 class FailingStart : public IteratorBase {
  public:
   explicit FailingStart(ZeptickBase* tagger) : IteratorBase(tagger) {}

@@ -16,7 +16,7 @@
 namespace zeptick::testing {
 
 /// A measurement that keeps a copy of every block it is given, counts its
-/// life-cycle hooks, and can run a hook inside next_impl (to stall, throw or
+/// stops and clears, and can run a hook inside next_impl (to stall, throw or
 /// edit the block).
 class RecordingMeasurement : public IteratorBase {
  public:
@@ -33,10 +33,6 @@ class RecordingMeasurement : public IteratorBase {
   std::vector<Block> blocks() {
     auto guard = getLock();
     return seen;
-  }
-  int starts() {
-    auto guard = getLock();
-    return start_count;
   }
   int stops() {
     auto guard = getLock();
@@ -69,13 +65,11 @@ class RecordingMeasurement : public IteratorBase {
     ++clear_count;
     seen.clear();
   }
-  void on_start() override { ++start_count; }
   void on_stop() override { ++stop_count; }
 
  private:
   Hook hook;
   std::vector<Block> seen;
-  int start_count = 0;
   int stop_count = 0;
   int clear_count = 0;
   int max_delay_us = 0;
