@@ -713,19 +713,16 @@ using ::testing::_;
 using ::testing::NiceMock;
 using ::testing::Return;
 
-std::vector<int> channelList(size_t count) {
-  std::vector<int> list;
-  for (size_t i = 0; i < count; ++i) list.push_back(static_cast<int>(i / 2 + 1) * (i % 2 ? -1 : 1));
-  return list;
-}
-
 // A hardware tagger whose stream, fences and channel registry are those of the test tagger, with
 // mocked hardware operations and as many channels as the test asks for (the test tagger has too few
 // for this channel).
 class MockZeptick : public TestTaggerCore, public Zeptick {
  public:
   explicit MockZeptick(size_t channels = 36) {
-    ON_CALL(*this, getChannelList(_)).WillByDefault(Return(channelList(channels)));
+    std::vector<int> list;  // 1, -1, 2, -2, ...
+    for (int i = 0; i < static_cast<int>(channels); ++i)
+      list.push_back((i / 2 + 1) * (i % 2 ? -1 : 1));
+    ON_CALL(*this, getChannelList(_)).WillByDefault(Return(list));
   }
 
   MOCK_METHOD(void, reset, (), (override));
