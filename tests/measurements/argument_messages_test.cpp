@@ -1,5 +1,5 @@
-// Every message a measurement raises on bad constructor arguments, and the exception type it
-// comes in: callers match on both.
+// Every message a measurement raises on bad constructor arguments, and the exception type it comes
+// in: callers match on both.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The building blocks the measurements share, each against a plain reference: the channel
-// index against std::map, the ring queue against std::deque, fast binning against division.
+// The building blocks the measurements share, each against a plain reference: the channel index
+// against std::map, the ring queue against std::deque, fast binning against division.
 
 #include <gtest/gtest.h>
 
@@ -19,8 +19,8 @@
 namespace zeptick {
 namespace {
 
-// Against std::map, on narrow sets (the array path) and on wide ones with the
-// extremes of int (the hashed path), growing from empty.
+// Against std::map, on narrow sets (the array path) and on wide ones with the extremes of int (the
+// hashed path), growing from empty.
 TEST(ChannelIndexTest, AgreesWithAMapOnNarrowAndWideChannelSets) {
   std::mt19937_64 rng(5);
   for (int round = 0; round < 40; ++round) {
@@ -123,10 +123,9 @@ TEST(FastBinningTest, SelectsTheCheapestExactMode) {
       {3, 3000, FastBinning::ModeMul32, 1431655766},
       {1000, 1000000000, FastBinning::ModeMulHigh64, 18446744073709552},
       {1000000007, 1000000007000000000, FastBinning::ModeDiv64, 0},
-      // Limits worked out by hand: for 1000 the 32-bit reciprocal is exact
-      // below floor(2^32 / 704) = 6100805 and the 64-bit one below
-      // floor(M / 384); for 3 the 32-bit one below 2^31. A max_duration equal
-      // to a limit falls through.
+      // Limits worked out by hand: for 1000 the 32-bit reciprocal is exact below
+      // floor(2^32 / 704) = 6100805 and the 64-bit one below floor(M / 384); for 3 the 32-bit one
+      // below 2^31. A max_duration equal to a limit falls through.
       {1000, 6100804, FastBinning::ModeMul32, 4294968},
       {1000, 6100805, FastBinning::ModeMulHigh64, 18446744073709552},
       {1000, 48038396025285289, FastBinning::ModeMulHigh64, 18446744073709552},
@@ -151,8 +150,8 @@ TEST(FastBinningTest, SelectsTheCheapestExactMode) {
   }
 }
 
-// The limit of the 32-bit and 64-bit reciprocals for a divisor, so that the
-// property test can probe max_duration right at each side of them.
+// The limit of the 32-bit and 64-bit reciprocals for a divisor, so that the property test can probe
+// max_duration right at each side of them.
 std::vector<uint64_t> limitsOf(uint64_t d) {
   std::vector<uint64_t> limits;
   const uint64_t two32 = uint64_t{1} << 32;
@@ -166,8 +165,8 @@ std::vector<uint64_t> limitsOf(uint64_t d) {
   return limits;
 }
 
-// Every mode, every divisor size, every delta in range: the bin is exactly the
-// rounded-down quotient that a plain division gives.
+// Every mode, every divisor size, every delta in range: the bin is exactly the rounded-down
+// quotient that a plain division gives.
 TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
   std::mt19937_64 rng(20261122);
   auto logUniform = [&rng]() {

@@ -1,5 +1,5 @@
-// The histogramming measurements, each against a brute-force reference fed the same stream
-// through the runner however it is cut, plus the few behaviours no stream reaches.
+// The histogramming measurements, each against a brute-force reference fed the same stream through
+// the runner however it is cut, plus the few behaviours no stream reaches.
 
 #include <gtest/gtest.h>
 
@@ -44,8 +44,8 @@ struct Expected {
   uint64_t counts = 0;
 };
 
-// The counting rules worked tag by tag, with every start since the last reset
-// kept and compared by its age instead of a queue that expires starts.
+// The counting rules worked tag by tag, with every start since the last reset kept and compared by
+// its age instead of a queue that expires starts.
 Expected reference(const Config& c, const std::vector<Tag>& tags) {
   const int start = c.start == kUnused ? c.click : c.start;
   const bool has_next = c.next != kUnused;
@@ -107,8 +107,8 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
     for (uint64_t seed = 1; seed <= 2; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
-      // Odd seeds put every time on a grid of bin widths: ages then hit bin
-      // edges and the range itself.
+      // Odd seeds put every time on a grid of bin widths: ages then hit bin edges and the range
+      // itself.
       const TagStream stream = makeRandomStream(rng, {.tags = 3000,
                                                       .mean_gap = c.binwidth * c.n_bins / 6 + 1,
                                                       .error_percent = 1,
@@ -144,8 +144,15 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST(TimeDifferencesTest, SequenceWaitsForSyncAndTheLimitWaitsForPendingStarts) {
+TEST(TimeDifferencesTest, SequenceWaitsForSyncTheLimitWaitsForPendingStartsAndRolesRegister) {
   TestZeptick tagger("TEST-1", 2);
+  {
+    // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
+    TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
+    for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
+    EXPECT_EQ(collect(m, &TimeDifferences::getIndex), (std::vector<int64_t>{0, 7, 14, 21}));
+  }
+  for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
   // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
   testing::Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
   limited.setMaxCounts(1);
@@ -171,17 +178,6 @@ TEST(TimeDifferencesTest, SequenceWaitsForSyncAndTheLimitWaitsForPendingStarts) 
   EXPECT_EQ(limited.getCounts(), 1u);
 }
 
-TEST(TimeDifferencesTest, RegistersEveryRoleAndIndexesTheBins) {
-  TestZeptick tagger("TEST-1", 2);
-  {
-    // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
-    TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
-    for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
-    EXPECT_EQ(collect(m, &TimeDifferences::getIndex), (std::vector<int64_t>{0, 7, 14, 21}));
-  }
-  for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
-}
-
 }  // namespace time_differences
 
 namespace correlation {
@@ -197,9 +193,9 @@ struct Expected {
   int64_t overflow_time = 0;
 };
 
-// Every pair of tags on the two channels that no error separates and that lie
-// at most half the range apart, found by looking back from each tag. A tag on
-// both channels pairs with itself once, at offset 0.
+// Every pair of tags on the two channels that no error separates and that lie at most half the
+// range apart, found by looking back from each tag. A tag on both channels pairs with itself once,
+// at offset 0.
 Expected reference(const Config& c, const std::vector<Tag>& tags) {
   const int second = c.channel_2 == kUnused ? c.channel_1 : c.channel_2;
   const int64_t half_range = c.binwidth * c.n_bins / 2;
@@ -278,8 +274,7 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       const std::vector<int32_t> data = dataOf(correlation);
       ASSERT_EQ(data, expected.data);
 
-      // It saw idle blocks around the stream as well; their time counts, the
-      // overflows' does not.
+      // It saw idle blocks around the stream as well; their time counts, the overflows' does not.
       const double captured =
           static_cast<double>(correlation.getCaptureDuration() - expected.overflow_time);
       const double pairs_expected = static_cast<double>(c.binwidth) *
@@ -294,22 +289,19 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(CorrelationTest, IndexCentresTheRangeAndRegistersAnAutocorrelationOnce) {
+TEST_F(CorrelationTest, IndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
   // 3 bins of 5 ps: half range 7, the range 15 is odd.
   Correlation odd(&tagger, 1, 2, 5, 3);
   EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
   Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
-}
-
-TEST_F(CorrelationTest, NormalisationIsNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
   testing::Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   correlation.clear();  // forgets the capture time of idle blocks it saw
   // Before any tag every normalised bin is 0 x (0 / 0).
   for (double value : normalizedOf(correlation)) EXPECT_TRUE(std::isnan(value));
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
-  // An end with no begin (started inside an overflow) drops the capture time before it, but
-  // no counts.
+  // An end with no begin (started inside an overflow) drops the capture time before it, but no
+  // counts.
   correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
   EXPECT_EQ(dataOf(correlation), (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
   EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], 100.0 / (10.0 * 1 * 2));
@@ -320,9 +312,9 @@ TEST_F(CorrelationTest, NormalisationIsNanBeforeAnyTagAndAnOverflowEndAloneReset
 namespace start_stop {
 using Rows = std::vector<std::pair<int64_t, int64_t>>;
 
-// For each click, look back for what came last among starts, clicks and
-// non-time tags: only a start (other than one at time 0) makes a pair. A tag on
-// both channels is a start for the clicks after it, not for itself.
+// For each click, look back for what came last among starts, clicks and non-time tags: only a start
+// (other than one at time 0) makes a pair. A tag on both channels is a start for the clicks after
+// it, not for itself.
 Rows reference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
   if (start == kUnused) start = click;
   std::map<int64_t, int64_t> counts;
@@ -454,9 +446,8 @@ TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
   EXPECT_TRUE(grid(no_rows).empty());
 }
 
-// Every start, scanned forward on its own: its event completes at the first
-// tag by which both stops have been seen, and is lost if another start or a
-// tag other than a time tag comes first.
+// Every start, scanned forward on its own: its event completes at the first tag by which both stops
+// have been seen, and is lost if another start or a tag other than a time tag comes first.
 std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int stop_1, int stop_2,
                                 int64_t width_1, int64_t width_2, int rows, int columns) {
   std::vector<Tag> line;
@@ -480,43 +471,6 @@ std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int
     }
   }
   return cells;
-}
-
-TEST(Histogram2DStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
-  TestZeptick tagger("TEST-1", 3);
-  tagger.setIdleSpan(0);
-  struct Setup {
-    int start, stop_1, stop_2;
-    int64_t width_1, width_2;
-    int rows, columns;
-  };
-  const std::vector<Setup> setups = {
-      {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
-      {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
-      {1, 1, 2, 3, 50, 4, 6},     // start is stop 1: first axis always 0, small grid
-      {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
-      {2, 2, 2, 10, 10, 2, 2},    // one channel: every tag is its own event
-  };
-  for (uint64_t seed = 1; seed <= 10; ++seed) {
-    const Setup& s = setups[seed % setups.size()];
-    SCOPED_TRACE(::testing::Message() << "seed " << seed);
-    std::mt19937_64 rng(seed);
-    const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3, -1, 4},
-                                                    .tags = 4000,
-                                                    .mean_gap = 20,
-                                                    .error_percent = 0.5,
-                                                    .overflow_percent = 0.5});
-    for (size_t most_cuts : {0, 30, 900}) {
-      auto h = std::make_unique<Histogram2D>(&tagger, s.start, s.stop_1, s.stop_2, s.width_1,
-                                             s.width_2, s.rows, s.columns);
-      const std::vector<Block> seen = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const std::vector<int32_t> expected =
-          bruteForce(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
-      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 20);
-      EXPECT_EQ(grid(*h), expected) << most_cuts << " cuts";
-    }
-  }
 }
 
 }  // namespace histogram_2d
@@ -558,10 +512,10 @@ struct NDSetup {
   uint64_t n_bins;
 };
 
-// The stated rules in another form: a dimension's index is the number of its
-// next tags since its last sync or the last tag other than a time tag, minus
-// one; it wraps without a sync channel and is void past its end with one. Each
-// click then meets every valid start within range, with no queue.
+// The stated rules in another form: a dimension's index is the number of its next tags since its
+// last sync or the last tag other than a time tag, minus one; it wraps without a sync channel and
+// is void past its end with one. Each click then meets every valid start within range, with no
+// queue.
 std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& blocks) {
   const size_t dims = s.next.size();
   int64_t histograms = 1;
@@ -603,10 +557,25 @@ std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& bloc
   return data;
 }
 
-TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
+}  // namespace time_differences_nd
+
+// Both grids through the runner on one stream however cut, each against its brute force.
+TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
   TestZeptick tagger("TEST-1", 3);
   tagger.setIdleSpan(0);
-  const std::vector<NDSetup> setups = {
+  struct Setup {
+    int start, stop_1, stop_2;
+    int64_t width_1, width_2;
+    int rows, columns;
+  };
+  const std::vector<Setup> setups_2d = {
+      {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
+      {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
+      {1, 1, 2, 3, 50, 4, 6},     // start is stop 1: first axis always 0, small grid
+      {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
+      {2, 2, 2, 10, 10, 2, 2},    // one channel: every tag is its own event
+  };
+  const std::vector<time_differences_nd::NDSetup> setups_nd = {
       {1, 2, {3}, {}, {3}, 7, 20},                                   // one wrapping dimension
       {1, 2, {3, 4}, {5, -2}, {2, 3}, 8, 16},                        // both synced
       {1, 2, {3, 4, 3}, {5, CHANNEL_UNUSED, -2}, {2, 4, 3}, 1, 90},  // mixed, a shared next channel
@@ -614,27 +583,33 @@ TEST(TimeDifferencesNDStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
       {1, 2, {1}, {3}, {5}, 1000, 1000000},                          // the click steps; long range
   };
   for (uint64_t seed = 1; seed <= 10; ++seed) {
-    const NDSetup& s = setups[seed % setups.size()];
+    const Setup& s = setups_2d[seed % setups_2d.size()];
+    const time_differences_nd::NDSetup& nd = setups_nd[seed % setups_nd.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     const TagStream stream = makeRandomStream(rng, {.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2},
-                                                    .tags = 3000,
-                                                    .mean_gap = 15,
+                                                    .tags = 4000,
+                                                    .mean_gap = 18,
                                                     .error_percent = 0.5,
                                                     .overflow_percent = 0.5});
-    for (size_t most_cuts : {0, 25, 600}) {
-      auto h = std::make_unique<TimeDifferencesND>(&tagger, s.click, s.start, s.next, s.sync,
-                                                   s.n_histograms, s.binwidth, s.n_bins);
+    for (size_t most_cuts : {0, 30, 900}) {
+      SCOPED_TRACE(::testing::Message() << most_cuts << " cuts");
+      Histogram2D grid_2d(&tagger, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows,
+                          s.columns);
+      TimeDifferencesND grid_nd(&tagger, nd.click, nd.start, nd.next, nd.sync, nd.n_histograms,
+                                nd.binwidth, nd.n_bins);
       const std::vector<Block> seen = testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const std::vector<int32_t> expected = bruteForce(s, seen);
-      ASSERT_GT(std::accumulate(expected.begin(), expected.end(), 0), 100);
-      EXPECT_EQ(histograms(*h), expected) << most_cuts << " cuts";
+      const std::vector<int32_t> cells = histogram_2d::bruteForce(
+          seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
+      ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
+      EXPECT_EQ(histogram_2d::grid(grid_2d), cells);
+      const std::vector<int32_t> bins = time_differences_nd::bruteForce(nd, seen);
+      ASSERT_GT(std::accumulate(bins.begin(), bins.end(), 0), 100);
+      EXPECT_EQ(time_differences_nd::histograms(grid_nd), bins);
     }
   }
 }
-
-}  // namespace time_differences_nd
 
 namespace log_bins {
 using DirectLogBins = testing::Direct<HistogramLogBins>;
@@ -651,7 +626,7 @@ std::vector<double> g2(HistogramLogBins& h) {
 
 using HistogramLogBinsTest = QuietTaggerTest;
 
-TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
+TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
   DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
   EXPECT_EQ(edges(decades), (std::vector<int64_t>{1, 10, 100, 1000}));
   EXPECT_EQ(counts(decades).size(), 3u);
@@ -664,9 +639,7 @@ TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTen) {
   DirectLogBins none(&tagger, 1, 2, -12, -9, 0);
   EXPECT_EQ(edges(none), std::vector<int64_t>{1});
   EXPECT_TRUE(counts(none).empty());
-}
 
-TEST_F(HistogramLogBinsTest, ClearForgetsCountsAndStartsAndSettlesAgain) {
   DirectLogBins h(&tagger, 1, 2, -12, -9, 3);  // edges 1, 10, 100, 1000
   // The click at 600 falls within the first range after the reset at 1: settling, ignored.
   h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
@@ -681,8 +654,8 @@ TEST_F(HistogramLogBinsTest, ClearForgetsCountsAndStartsAndSettlesAgain) {
   EXPECT_EQ(g2(h)[2], 2 * ((30000.0 - 21000) / (2 * 1)) / 900);
 }
 
-// The stated rules, with each click compared against every start kept since
-// the last reset: no ring, no read indices.
+// The stated rules, with each click compared against every start kept since the last reset: no
+// ring, no read indices.
 struct LogReference {
   std::vector<uint64_t> counts;
   double clicks = 0;
@@ -781,7 +754,6 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
     const testing::TagStream stream = testing::makeRandomStream(rng, shape);
 
-    std::vector<std::vector<uint64_t>> results;
     for (size_t most_cuts : {3, 40, 700}) {
       auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
                                                   s.exp_stop, s.n_bins);
@@ -796,22 +768,15 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
           collect(*h, &HistogramLogBins::getDataNormalizedCountsPerPs);
       for (size_t i = 0; i < got.size(); ++i) {
         const double width = static_cast<double>(e[i + 1] - e[i]);
-        if (width != 0) {
-          EXPECT_DOUBLE_EQ(per_ps[i], ref.counts[i] / width) << i;
-        }
-        const double expected = ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width;
         if (width == 0) {
           EXPECT_TRUE(std::isnan(got[i]) || std::isinf(got[i]));
-        } else {
-          EXPECT_DOUBLE_EQ(got[i], expected) << i;
+          continue;
         }
+        EXPECT_DOUBLE_EQ(per_ps[i], ref.counts[i] / width) << i;
+        const double expected = ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width;
+        EXPECT_DOUBLE_EQ(got[i], expected) << i;
       }
-      results.push_back(counts(*h));
     }
-    // A different cut moves only the stream offset, so the counts are the same.
-    // (Capture time is not: an error drops the open time of its block only.)
-    EXPECT_EQ(results[0], results[1]);
-    EXPECT_EQ(results[0], results[2]);
   }
 }
 

@@ -20,8 +20,8 @@ namespace {
 
 using namespace testing;
 
-// Keeps a few dozen random blocks queued until destroyed, so that several
-// workers are always in flight while the test acts on the group.
+// Keeps a few dozen random blocks queued until destroyed, so that several workers are always in
+// flight while the test acts on the group.
 class BlockFeeder {
  public:
   explicit BlockFeeder(TestZeptick& tagger) : tagger(tagger) {
@@ -71,8 +71,8 @@ void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
 TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndStartFor) {
   TestZeptick tagger("TEST-1", 4);
   SynchronizedMeasurements group(&tagger);
-  // Members sit at different places in the chain, with slow outsiders between
-  // them, so that every group operation races with blocks in flight.
+  // Members sit at different places in the chain, with slow outsiders between them, so that every
+  // group operation races with blocks in flight.
   std::vector<std::unique_ptr<RecordingMeasurement>> members;
   std::vector<std::unique_ptr<RecordingMeasurement>> outsiders;
   for (int i = 0; i < 3; ++i) {
