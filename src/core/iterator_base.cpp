@@ -190,6 +190,10 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
   // A plain lock, since it is handed on to `lock` below.
   std::unique_lock<std::mutex> guard(node->measurement_mutex.native());
   measurement_mutex.assertHeld();
+  node->measurement_mutex.assertHeld();  // the same mutex, named through the node
+  // A block behind one that is stopping this measurement waits until that one is through:
+  // passing it now would reach the measurements behind first, and there be dropped as older.
+  while (node->stopping) node->stopped.wait(guard);
   // Running implies start() has run, so the constructor's stores are visible from here on.
   if (!running) return;
   // Blocks fetched before this measurement's fence was allocated are not ours.
@@ -205,8 +209,10 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
       // Whole block: hand the turnstile on so the next block may queue here.
       lock.unlock();
       lock = std::move(guard);
-      next_impl(tags, begin_time, end_time);
+      // Counted before the block is processed: a later block may enter while this one waits
+      // in an ordered stage, and must see the limit as this one left it.
       capture_duration += end_time - begin_time;
+      next_impl(tags, begin_time, end_time);
     } else {
       processCutBlock(tags, begin_time, begin_time + remaining);
       // Stopped below like stop(): ordered stages of earlier blocks finish before on_stop.
@@ -224,6 +230,7 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
   if (std::exchange(stop_after_block, false) && running) stop_requested = true;
   if (stop_requested) {
     running = false;
+    node->stopping = true;
     try {
       pre_stop();
       on_stop();
@@ -232,6 +239,8 @@ void IteratorBase::next(IteratorBaseListNode* node, std::unique_lock<std::mutex>
     } catch (...) {
       logUnhandledOnStop(this, nullptr);
     }
+    node->stopping = false;
+    node->stopped.notify_all();
   }
 }
 
@@ -240,8 +249,8 @@ void IteratorBase::processCutBlock(std::vector<Tag>& tags, int64_t begin_time,
   size_t seen = 0;
   while (seen < tags.size() && tags[seen].time < capture_end) ++seen;
   std::vector<Tag> copy(tags.begin(), tags.begin() + static_cast<ptrdiff_t>(seen));
-  const bool changed = next_impl(copy, begin_time, capture_end);
   capture_duration += capture_end - begin_time;
+  const bool changed = next_impl(copy, begin_time, capture_end);
   if (changed) {
     // The measurement's edits travel on together with the tags it never saw.
     copy.insert(copy.end(), tags.begin() + static_cast<ptrdiff_t>(seen), tags.end());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <list>
 #include <mutex>
 
@@ -27,6 +28,11 @@ struct IteratorBaseListNode {
   std::mutex turnstile_mutex;
   /// Ordered stages of the measurement, grown by parallelize().
   std::list<OrderedBarrier> barriers ZT_GUARDED_BY(measurement_mutex);
+  /// Set while a block's failure or capture limit stops the measurement from inside next(),
+  /// which lets go of measurement_mutex while earlier blocks finish their ordered stages.
+  bool stopping ZT_GUARDED_BY(measurement_mutex) = false;
+  /// Signalled when `stopping` falls.
+  std::condition_variable stopped;
 };
 
 }  // namespace zeptick
