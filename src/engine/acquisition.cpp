@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <thread>
+#include <utility>
 
 #include "core/log.h"
 #include "device/endpoints.h"
@@ -42,18 +43,19 @@ bool ZeptickImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lo
   // Members of a group in the order of their progress: with the first free one taken always,
   // the later members would fall behind, their buffers would overflow, and the merge, which
   // waits for the last of them, would hold the others' blocks meanwhile.
-  std::array<FPGA_DEVICE*, kMaxGroupSize> order{};
+  // The progress is read once: other workers move it on meanwhile, and a sort whose keys change
+  // under it has no consistent order and may run off its range.
+  std::array<std::pair<int64_t, FPGA_DEVICE*>, kMaxGroupSize> order{};
   const size_t count = std::min(devices.size(), order.size());
-  for (size_t i = 0; i < count; ++i) order[i] = devices[i].get();
+  for (size_t i = 0; i < count; ++i) {
+    order[i] = {devices[i]->decodedUntil.load(std::memory_order_relaxed), devices[i].get()};
+  }
   if (count > 1) {
     std::sort(order.begin(), order.begin() + static_cast<ptrdiff_t>(count),
-              [](const FPGA_DEVICE* a, const FPGA_DEVICE* b) {
-                return a->decodedUntil.load(std::memory_order_relaxed) <
-                       b->decodedUntil.load(std::memory_order_relaxed);
-              });
+              [](const auto& a, const auto& b) { return a.first < b.first; });
   }
   for (size_t i = 0; i < count; ++i) {
-    FPGA_DEVICE& device = *order[i];
+    FPGA_DEVICE& device = *order[i].second;
     std::unique_lock<std::mutex> reader(device.readerMutex, std::try_to_lock);
     if (!reader.owns_lock()) continue;
     // Giving up block_mutex here lets the next worker claim another device.
