@@ -140,7 +140,15 @@ TEST(StreamFramingTest, AnInjectedErrorTakesThePlaceOfOneRollover) {
   const auto after = decoder.decode(testing::readWords(model, 6000));
   all.insert(all.end(), after.begin(), after.end());
   int64_t boundary = kPeriod;
+  int64_t previous_event = -1;
   for (const Decoded& d : all) {
+    if (d.kind == Kind::Event) {
+      // The pulses keep their spacing of 400 cycles across the error: no period lost or added.
+      if (previous_event >= 0) {
+        ASSERT_EQ(d.clock - previous_event, 400);
+      }
+      previous_event = d.clock;
+    }
     if (d.kind != Kind::Rollover && d.kind != Kind::Error) continue;
     ASSERT_EQ(d.clock, boundary);
     EXPECT_EQ(d.kind == Kind::Error, boundary == next) << boundary;
