@@ -22,7 +22,6 @@ struct Decoded {
   uint32_t missed = 0;  // events counted by a missed-events word
   int fence = -1;       // fence byte of kind-1 rollovers
   int64_t periods = 0;  // rollover periods that a rollover word adds
-  size_t position = 0;  // word number in the stream
 };
 
 class ReferenceDecoder {
@@ -34,7 +33,6 @@ class ReferenceDecoder {
       const int code = static_cast<int>((w >> 24) & 0x3F);
       const int kind = static_cast<int>(w >> 30);
       Decoded d{Decoded::Kind::Filler};
-      d.position = position_++;
       if (kind != 0 && code == 62) {
         d.kind = Decoded::Kind::Rollover;
         d.periods = kind == 1 ? 1 : kind == 2 ? bin : bin * 256;
@@ -64,7 +62,6 @@ class ReferenceDecoder {
 
  private:
   int64_t base_ = 0;
-  size_t position_ = 0;
 };
 
 inline std::vector<uint32_t> readWords(StreamModel& model, size_t count) {
@@ -114,12 +111,6 @@ inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
   StreamParameters p;
   p.model = 36, p.inputs = 18, p.ps_per_clock = 2500, p.bin_count = 256;
   p.seed = seed, p.paced = paced, p.usb_words_per_second = 1e8;
-  return p;
-}
-
-inline StreamParameters model20(bool paced = false, uint64_t seed = 7) {
-  StreamParameters p = ultra(paced, seed);
-  p.model = 4, p.inputs = 8, p.ps_per_clock = 6000, p.bin_count = 180;
   return p;
 }
 

@@ -86,30 +86,6 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
   EXPECT_EQ(seen, expected);
 }
 
-TEST(StreamFramingTest, MissedCountsBeyondSixteenBitsArriveInFull) {
-  auto p = testing::ultra();
-  p.usb_words_per_second = 1e5;  // a quarter of a word every thousand cycles
-  StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 2, "period_ps": 5000}])"));
-  FirmwareSetup setup = testing::enable(p, {1});
-  setup.buffer_words = 100;
-  model.configure(setup);
-  ReferenceDecoder decoder;
-  std::vector<Decoded> all;
-  while (testing::only(all, Kind::OverflowEnd).empty()) {
-    const auto part = decoder.decode(testing::readWords(model, 4096));
-    all.insert(all.end(), part.begin(), part.end());
-  }
-  const auto begin = testing::only(all, Kind::OverflowBegin).at(0);
-  const auto end = testing::only(all, Kind::OverflowEnd).at(0);
-  uint64_t missed = 0;
-  for (const Decoded& d : testing::only(all, Kind::Missed, 1)) {
-    if (d.position < end.position) missed += d.missed;
-  }
-  // One pulse every 2 cycles from the first dropped one up to the end.
-  EXPECT_GT(missed, 100'000u);
-  EXPECT_NEAR(static_cast<double>(missed), static_cast<double>(end.clock - begin.clock) / 2, 1);
-}
-
 // A new fence comes back in the first kind-1 rollover after the words already
 // produced: at the boundary that ends the period of the last word read, moved
 // on by any multi-rollover words that were still waiting.
@@ -164,46 +140,21 @@ TEST(StreamFramingTest, AnInjectedErrorTakesThePlaceOfOneRollover) {
   const auto after = decoder.decode(testing::readWords(model, 6000));
   all.insert(all.end(), after.begin(), after.end());
   int64_t boundary = kPeriod;
+  int64_t previous_event = -1;
   for (const Decoded& d : all) {
+    if (d.kind == Kind::Event) {
+      // The pulses keep their spacing of 400 cycles across the error: no period lost or added.
+      if (previous_event >= 0) {
+        ASSERT_EQ(d.clock - previous_event, 400);
+      }
+      previous_event = d.clock;
+    }
     if (d.kind != Kind::Rollover && d.kind != Kind::Error) continue;
     ASSERT_EQ(d.clock, boundary);
     EXPECT_EQ(d.kind == Kind::Error, boundary == next) << boundary;
     boundary += kPeriod;
   }
   EXPECT_GT(boundary, next + 2 * kPeriod);
-}
-
-TEST(StreamFramingTest, EventsGetTheBinThatHoldsTheirOffset) {
-  for (const auto& p : {testing::ultra(), testing::model20()}) {
-    StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 2, "period_ps": 100007}])"));
-    model.configure(testing::enable(p, {1}));
-    ReferenceDecoder decoder;
-    const auto events = testing::only(testing::readFor(model, decoder, 2'000'000), Kind::Event, 1);
-    // An uneven profile over the whole cycle, and each input with its own.
-    const auto upper = model.binUpperEdges(1);
-    ASSERT_EQ(upper.size(), static_cast<size_t>(p.bin_count));
-    ASSERT_EQ(upper.back(), p.ps_per_clock);
-    const double mean = static_cast<double>(p.ps_per_clock) / p.bin_count;
-    int64_t narrowest = p.ps_per_clock, widest = 0;
-    for (size_t b = 0; b < upper.size(); ++b) {
-      const int64_t width = upper[b] - (b ? upper[b - 1] : 0);
-      narrowest = std::min(narrowest, width);
-      widest = std::max(widest, width);
-    }
-    EXPECT_GE(narrowest, 1);
-    EXPECT_LT(static_cast<double>(narrowest), 0.8 * mean);
-    EXPECT_GT(static_cast<double>(widest), 1.2 * mean);
-    EXPECT_NE(model.binUpperEdges(0), upper);
-
-    ASSERT_GT(events.size(), 1000u);
-    for (size_t k = 0; k < events.size(); ++k) {
-      const int64_t t = model.inputLatency(1) + 100007 * static_cast<int64_t>(k);
-      const int64_t offset = t % p.ps_per_clock;
-      ASSERT_EQ(events[k].clock, t / p.ps_per_clock) << k;
-      ASSERT_EQ(events[k].bin, std::upper_bound(upper.begin(), upper.end(), offset) - upper.begin())
-          << k;
-    }
-  }
 }
 
 // A 1 Hz source leaves more than 2^40 cycles between the first and the last
@@ -252,27 +203,10 @@ TEST(StreamFramingTest, LoopedRecordingRepeatsWithTheHostsFence) {
   expect(9, 0x80);
 }
 
-// Free-running boards deliver as fast as they are read, a busy paced board
-// fills its transfers before the flush wait runs out, and a quiet free-running
-// board passes one period per read: fences keep coming, the clock cannot race.
-TEST(StreamFramingTest, BusyOrFreeRunningStreamsCarryNoFillersAndQuietOnesNeverStall) {
-  auto fillers = [](StreamModel&& model, const FirmwareSetup& setup) {
-    model.configure(setup);
-    std::vector<uint32_t> words(65536);
-    EXPECT_EQ(model.read(reinterpret_cast<unsigned char*>(words.data()), 4 * 65536, 1024),
-              4 * 65536);
-    return std::count(words.begin(), words.end(), 0u);
-  };
-  const auto p = testing::ultra(false), q = testing::ultra(true);
-  EXPECT_EQ(fillers(StreamModel(p, json::parse(R"([{"type": "poisson", "input": 1,
-      "rate_hz": 1e5}])")),
-                    testing::enable(p, {0})),
-            0);
-  EXPECT_LT(fillers(StreamModel(q, json::parse(R"([{"type": "periodic", "input": 1,
-      "period_ps": 50000}])")),
-                    testing::enable(q, {0})),
-            65536 / 100);
-
+// A quiet free-running board passes one period per read: fences keep coming, and its clock
+// cannot race ahead of real time towards an overflow.
+TEST(StreamFramingTest, AQuietFreeRunningBoardPassesOnePeriodPerRead) {
+  const auto p = testing::ultra(false);
   StreamModel quiet(p, json::array());
   quiet.configure(testing::enable(p, {0}));
   ReferenceDecoder decoder;
