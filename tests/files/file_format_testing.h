@@ -346,6 +346,17 @@ inline std::vector<std::string> splitFiles(const std::string& base) {
   }
 }
 
+/// 20 ms of generated recording in blocks that do not line up with round numbers, with a long
+/// overflow span and one of a single picosecond.
+inline RecordingPlan smallPlan(uint64_t seed) {
+  RecordingPlan plan;
+  plan.seed = seed;
+  plan.duration = 20000000000;
+  plan.block_span = 700000000;
+  plan.overflow_spans = {{3000000000, 4500000000}, {9100000000, 9100000001}};
+  return plan;
+}
+
 /// The generator's whole stream in memory: the reference for what the files hold.
 inline std::vector<Tag> generatedTags(const RecordingPlan& plan) {
   RecordingGenerator generator(plan);
