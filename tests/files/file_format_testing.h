@@ -205,21 +205,14 @@ inline std::vector<Block> readRecording(const std::string& path, bool verify = t
   return blocks;
 }
 
-/// How many captured errors end with `text`; the file layer reports every fault as an error.
-inline size_t countMessages(LogCapture& log, const std::string& text) {
-  size_t count = 0;
-  for (const LogCapture::Entry& entry : log.entries()) {
-    count += entry.level == LOGGER_ERROR && entry.text.size() >= text.size() &&
-             entry.text.compare(entry.text.size() - text.size(), text.size(), text) == 0;
-  }
-  return count;
-}
-
-/// Every message of `expected` exactly once as an error, and nothing else.
+/// The messages of `expected` in this order, each as an error (the file layer reports every
+/// fault as one), and nothing else.
 inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
-  EXPECT_EQ(log.messages().size(), expected.size());
-  for (const std::string& message : expected) {
-    EXPECT_EQ(countMessages(log, message), 1u) << message;
+  const std::vector<LogCapture::Entry> entries = log.entries();
+  ASSERT_EQ(entries.size(), expected.size()) << (entries.empty() ? "" : entries[0].text);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    EXPECT_EQ(entries[i].level, LOGGER_ERROR) << entries[i].text;
+    EXPECT_TRUE(entries[i].text.ends_with(expected[i])) << entries[i].text;
   }
 }
 
