@@ -134,9 +134,9 @@ class FileBuilder {
     while (pad && bytes.size() % 16 != 0) bytes.push_back(0);
     return *this;
   }
-  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t id = 7, uint32_t alignment = 16) {
+  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t alignment = 16) {
     Bytes payload;
-    for (uint32_t word : {alignment, 1u, required_version, 0u, id, id + 1, id + 2, id + 3}) {
+    for (uint32_t word : {alignment, 1u, required_version, 0u, 7u, 8u, 9u, 10u}) {
       appendLittleEndian(payload, word, 4);
     }
     return block(2, payload);

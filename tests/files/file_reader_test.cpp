@@ -266,7 +266,7 @@ TEST(FileReader, MissingTooNewTooSmallAndUnalignedFiles) {
 
   // Alignment 0: no padding anywhere after the file header.
   FileBuilder unaligned;
-  unaligned.fileHeader(1, 7, 0);
+  unaligned.fileHeader(1, 0);
   unaligned.pad = false;
   unaligned.block(5, {'{', '}', ' '}).channelMap({{0, 3, -3}}).timeTags(0, 9, {shortTag(4, 0)});
   unaligned.end();
