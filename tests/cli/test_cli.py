@@ -21,63 +21,82 @@ def run(*args):
 
 
 class Cli(unittest.TestCase):
-    def test_inspect_counts_match_generator(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            path = f"{tmp}/rec.ztbin"
-            gen = run("zeptick-generate-recording", path, "--duration-ms", "30",
-                      "--max-file-size", "200000")
-            self.assertEqual(gen.returncode, 0, gen.stderr)
-            expected = {int(c): int(n) for c, n in
-                        re.findall(r"channel (\d+): (\d+) events", gen.stdout)}
-            out = run("zeptick", "inspect", path)
-            self.assertEqual(out.returncode, 0, out.stderr)
-            got = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
-            self.assertEqual(got, expected)
-            self.assertIn("overflow spans:  0", out.stdout)
+    @classmethod
+    def setUpClass(cls):
+        """30 ms of generated recording in split files, channel 2 lagging 1 by 3.7 ns."""
+        cls.tmp = tempfile.TemporaryDirectory()
+        cls.recording = f"{cls.tmp.name}/rec.ztbin"
+        gen = run("zeptick-generate-recording", cls.recording, "--duration-ms", "30",
+                  "--max-file-size", "200000", "--delay-ps", "3700")
+        assert gen.returncode == 0, gen.stderr
+        cls.counts = {int(c): int(n) for c, n in re.findall(r"channel (\d+): (\d+) events",
+                                                            gen.stdout)}
 
-            # Export all, then a channel/time window; the window must equal a brute-force
-            # filter of the full export (times count from the first tag).
-            full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
-            self.assertEqual(run("zeptick", "export", path, "--to", full).returncode, 0)
-            rows = [tuple(map(int, r.split(","))) for r in pathlib.Path(full).read_text().split()[1:]]
-            per_channel = {}
-            for kind, channel, _, _ in rows:
-                if kind == 0:
-                    per_channel[channel] = per_channel.get(channel, 0) + 1
-            self.assertEqual(per_channel, expected)
-            out = run("zeptick", "export", path, "--to", part, "--channels", "1,3",
-                      "--begin", "5ms", "--duration", "2.5ms")
-            self.assertEqual(out.returncode, 0, out.stderr)
-            t0 = rows[0][2]
-            want = [r for r in rows if r[1] in (1, 3) and t0 + 5e9 <= r[2] < t0 + 7.5e9]
-            got = [tuple(map(int, r.split(","))) for r in pathlib.Path(part).read_text().split()[1:]]
-            self.assertEqual(got, want)
-            self.assertTrue(want)
+    @classmethod
+    def tearDownClass(cls):
+        cls.tmp.cleanup()
 
-            # HDF5: the same tags as the full CSV export, field by field, read back by h5py.
-            h5 = f"{tmp}/all.h5"
-            out = run("zeptick", "export", path, "--to", h5)
-            self.assertEqual(out.returncode, 0, out.stderr)
-            import h5py
-            with h5py.File(h5, "r") as f:
-                columns = [f[k][:].tolist() for k in ("type", "channel", "time", "missed_events")]
-                self.assertEqual(list(zip(*columns)), rows)
-                self.assertEqual(f.attrs["time_unit"], "ps")
-                self.assertIn("generator", json.loads(f.attrs["configuration"]))
+    def test_inspect_and_export_match_the_generator(self):
+        path, tmp = self.recording, self.tmp.name
+        out = run("zeptick", "inspect", path)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        got = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
+        self.assertEqual(got, self.counts)
+        self.assertIn("overflow spans:  0", out.stdout)
 
-    def test_histogram_peak_at_generated_delay(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            path = f"{tmp}/rec.ztbin"
-            self.assertEqual(run("zeptick-generate-recording", path, "--duration-ms", "30",
-                                 "--delay-ps", "3700").returncode, 0)
-            out = run("zeptick", "histogram", path, "--binwidth", "20ps", "--bins", "500")
-            self.assertEqual(out.returncode, 0, out.stderr)
-            bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
-            self.assertEqual(len(bins), 500)
-            near = [(b, c) for b, c in bins if abs(b + 10 - 3700) < 200]
-            centroid = sum((b + 10) * c for b, c in near) / sum(c for _, c in near)
-            self.assertLess(abs(centroid - 3700), 10)
-            self.assertGreater(sum(c for _, c in near), 0.5 * sum(c for _, c in bins))
+        # Export all, then a channel/time window from one tag of channel 3 to a later one; the
+        # window must equal a brute-force filter of the full export (times count from the
+        # first tag), with the tag at its begin and without the one at its end.
+        full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
+        self.assertEqual(run("zeptick", "export", path, "--to", full).returncode, 0)
+        rows = [tuple(map(int, r.split(","))) for r in pathlib.Path(full).read_text().split()[1:]]
+        channels = [channel for kind, channel, _, _ in rows if kind == 0]
+        self.assertEqual({c: channels.count(c) for c in set(channels)}, self.counts)
+        t0 = rows[0][2]
+        begin, end = [r[2] for r in rows if r[1] == 3][100:401:300]
+        out = run("zeptick", "export", path, "--to", part, "--channels", "1,3",
+                  "--begin", f"{begin - t0}ps", "--duration", f"{end - begin}ps")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        want = [r for r in rows if r[1] in (1, 3) and begin <= r[2] < end]
+        got = [tuple(map(int, r.split(","))) for r in pathlib.Path(part).read_text().split()[1:]]
+        self.assertEqual(got, want)
+        self.assertEqual(got[0][2], begin)
+
+        # HDF5: the same tags as the full CSV export, field by field, read back by h5py.
+        h5 = f"{tmp}/all.h5"
+        out = run("zeptick", "export", path, "--to", h5)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        import h5py
+        with h5py.File(h5, "r") as f:
+            columns = [f[k][:].tolist() for k in ("type", "channel", "time", "missed_events")]
+            self.assertEqual(list(zip(*columns)), rows)
+            self.assertEqual(f.attrs["time_unit"], "ps")
+            self.assertIn("generator", json.loads(f.attrs["configuration"]))
+
+    def test_histogram_and_correlation_peak_at_the_generated_delay(self):
+        out = run("zeptick", "histogram", self.recording, "--binwidth", "20ps", "--bins", "500")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
+        self.assertEqual(len(bins), 500)
+        near = [(b, c) for b, c in bins if abs(b + 10 - 3700) < 200]
+        centroid = sum((b + 10) * c for b, c in near) / sum(c for _, c in near)
+        self.assertLess(abs(centroid - 3700), 10)
+        self.assertGreater(sum(c for _, c in near), 0.5 * sum(c for _, c in bins))
+
+        out = run("zeptick", "replay", self.recording, "--measure", "correlation", "--binwidth",
+                  "100ps", "--bins", "200")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
+        peak = max(bins, key=lambda b: b[1])[0]
+        # Channel 2 lags channel 1, so the peak sits at minus the delay.
+        self.assertLessEqual(abs(peak + 50 + 3700), 100)
+        # The same result drawn by matplotlib: a PNG beside the CSV file.
+        csv, png = f"{self.tmp.name}/c.csv", f"{self.tmp.name}/c.png"
+        out = run("zeptick", "replay", self.recording, "--measure", "correlation", "--out", csv,
+                  "--plot", png)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertEqual(pathlib.Path(png).read_bytes()[:4], b"\x89PNG")
+        self.assertEqual(len(pathlib.Path(csv).read_text().split()), 1001)
 
     def test_record_verify_and_replay_agree(self):
         with tempfile.TemporaryDirectory() as tmp:
@@ -136,25 +155,6 @@ class Cli(unittest.TestCase):
             self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
             self.assertEqual(int(re.search(r"channel\s+1:\s+(\d+)", check.stdout).group(1)),
                              written)
-
-    def test_replay_correlation_peak_at_generated_delay(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            path = f"{tmp}/rec.ztbin"
-            self.assertEqual(run("zeptick-generate-recording", path, "--duration-ms", "30",
-                                 "--delay-ps", "3700").returncode, 0)
-            out = run("zeptick", "replay", path, "--measure", "correlation", "--binwidth", "100ps",
-                      "--bins", "200")
-            self.assertEqual(out.returncode, 0, out.stderr)
-            bins = [tuple(map(int, r.split(","))) for r in out.stdout.split()[1:]]
-            peak = max(bins, key=lambda b: b[1])[0]
-            # Channel 2 lags channel 1, so the peak sits at minus the delay.
-            self.assertLessEqual(abs(peak + 50 + 3700), 100)
-            # The same result drawn by matplotlib: a PNG beside the CSV file.
-            out = run("zeptick", "replay", path, "--measure", "correlation", "--out",
-                      f"{tmp}/c.csv", "--plot", f"{tmp}/c.png")
-            self.assertEqual(out.returncode, 0, out.stderr)
-            self.assertEqual(pathlib.Path(f"{tmp}/c.png").read_bytes()[:4], b"\x89PNG")
-            self.assertEqual(len(pathlib.Path(f"{tmp}/c.csv").read_text().split()), 1001)
 
     def test_info_and_rates_on_the_emulator(self):
         out = run("zeptick", "--emulator", "default", "info")

@@ -134,9 +134,9 @@ class FileBuilder {
     while (pad && bytes.size() % 16 != 0) bytes.push_back(0);
     return *this;
   }
-  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t id = 7, uint32_t alignment = 16) {
+  FileBuilder& fileHeader(uint32_t required_version = 1, uint32_t alignment = 16) {
     Bytes payload;
-    for (uint32_t word : {alignment, 1u, required_version, 0u, id, id + 1, id + 2, id + 3}) {
+    for (uint32_t word : {alignment, 1u, required_version, 0u, 7u, 8u, 9u, 10u}) {
       appendLittleEndian(payload, word, 4);
     }
     return block(2, payload);
@@ -205,21 +205,14 @@ inline std::vector<Block> readRecording(const std::string& path, bool verify = t
   return blocks;
 }
 
-/// How many captured errors end with `text`; the file layer reports every fault as an error.
-inline size_t countMessages(LogCapture& log, const std::string& text) {
-  size_t count = 0;
-  for (const LogCapture::Entry& entry : log.entries()) {
-    count += entry.level == LOGGER_ERROR && entry.text.size() >= text.size() &&
-             entry.text.compare(entry.text.size() - text.size(), text.size(), text) == 0;
-  }
-  return count;
-}
-
-/// Every message of `expected` exactly once as an error, and nothing else.
+/// The messages of `expected` in this order, each as an error (the file layer reports every
+/// fault as one), and nothing else.
 inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
-  EXPECT_EQ(log.messages().size(), expected.size());
-  for (const std::string& message : expected) {
-    EXPECT_EQ(countMessages(log, message), 1u) << message;
+  const std::vector<LogCapture::Entry> entries = log.entries();
+  ASSERT_EQ(entries.size(), expected.size()) << (entries.empty() ? "" : entries[0].text);
+  for (size_t i = 0; i < entries.size(); ++i) {
+    EXPECT_EQ(entries[i].level, LOGGER_ERROR) << entries[i].text;
+    EXPECT_TRUE(entries[i].text.ends_with(expected[i])) << entries[i].text;
   }
 }
 
@@ -344,6 +337,17 @@ inline std::vector<std::string> splitFiles(const std::string& base) {
     if (!std::filesystem::exists(name)) return names;
     names.push_back(name);
   }
+}
+
+/// 20 ms of generated recording in blocks that do not line up with round numbers, with a long
+/// overflow span and one of a single picosecond.
+inline RecordingPlan smallPlan(uint64_t seed) {
+  RecordingPlan plan;
+  plan.seed = seed;
+  plan.duration = 20000000000;
+  plan.block_span = 700000000;
+  plan.overflow_spans = {{3000000000, 4500000000}, {9100000000, 9100000001}};
+  return plan;
 }
 
 /// The generator's whole stream in memory: the reference for what the files hold.

@@ -1,10 +1,10 @@
-// FileWriter on a live stream and FileReader on what it leaves: split sets read back whole, in
-// any chunk size, and replayed; damaged sets and names that cannot be opened.
-
-#include "zeptick/file_writer.h"
+// The measurements that move tags between a stream and files: FileWriter on a live stream and
+// FileReader on what it leaves (split sets read back whole, in any chunk size, and replayed;
+// damaged sets and names that cannot be opened), TimeTagStream, and the old raw Dump.
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
@@ -12,7 +12,10 @@
 #include <vector>
 
 #include "file_format_testing.h"
+#include "zeptick/dump.h"
 #include "zeptick/file_reader.h"
+#include "zeptick/file_writer.h"
+#include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
 namespace {
@@ -50,9 +53,9 @@ std::vector<int64_t> timesFrom(const std::vector<std::string>& bases, int64_t sh
   return times;
 }
 
-class FileWriterMeasurementTest : public ::testing::Test {
+class FileMeasurements : public ::testing::Test {
  protected:
-  FileWriterMeasurementTest() { tagger.setIdleSpan(0); }
+  FileMeasurements() { tagger.setIdleSpan(0); }
   ScratchDirectory dir;
   TestZeptick tagger{"TEST-1", 8};
   std::mt19937_64 rng{77};
@@ -60,7 +63,7 @@ class FileWriterMeasurementTest : public ::testing::Test {
 
 // Eight workers finish blocks in parallel while tiny files roll over all the time, so rollovers
 // keep replacing the writer under blocks still in flight.
-TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
+TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
   const std::string base = dir.file("run");
   FileWriter writer(&tagger, base, {1, 2, -1});
   writer.setMaxFileSize(3000);
@@ -89,7 +92,7 @@ TEST_F(FileWriterMeasurementTest, SplitRecordingReadsBackCompleteAndInOrder) {
   EXPECT_EQ(fields(Replay(4).play(base)), fields(shifted));
 }
 
-TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecording) {
+TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording) {
   const std::string base = dir.file("parts");
   FileWriter writer(&tagger, base, {1});
   const int64_t shift = tagger.pushBlocks({Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
@@ -121,7 +124,7 @@ TEST_F(FileWriterMeasurementTest, SplitClearAndMarkersStartFilesOfTheSameRecordi
   EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
 }
 
-TEST_F(FileWriterMeasurementTest, RejectsWhatTheFormatCannotHoldAndNeverSplitsWithoutLimit) {
+TEST_F(FileMeasurements, WriterRejectsWhatTheFormatCannotHoldAndNeverSplitsWithoutLimit) {
   std::vector<int> too_many(251, 1);
   EXPECT_THROW(FileWriter(&tagger, dir.file("x"), too_many), std::runtime_error);
   EXPECT_THROW(FileWriter(&tagger, dir.file("y"), {}), std::runtime_error);
@@ -138,19 +141,12 @@ TEST_F(FileWriterMeasurementTest, RejectsWhatTheFormatCannotHoldAndNeverSplitsWi
   EXPECT_EQ(splitFiles(dir.file("one")).size(), 2u);
 }
 
-RecordingPlan makePlan(uint64_t seed) {
-  RecordingPlan plan;
-  plan.seed = seed;
-  plan.duration = 15000000000;
-  plan.block_span = 800000000;
-  plan.overflow_spans = {{2000000000, 3100000000}};
-  return plan;
-}
-
-TEST(FileReaderMeasurement, ForeignSplitFileIsSkippedAndTheNextRecordingFollows) {
-  ScratchDirectory dir;
-  const RecordingPlan b = makePlan(42);
-  writeRecording(dir.file("a"), makePlan(41), 4000);
+TEST_F(FileMeasurements, ReaderRefusesMissingFilesAndSkipsAForeignSplitFile) {
+  RecordingPlan a = smallPlan(41);
+  a.overflow_spans = {{2000000000, 3100000000}};
+  RecordingPlan b = a;
+  b.seed = 42;
+  writeRecording(dir.file("a"), a, 4000);
   writeRecording(dir.file("b"), b, 4000);
   std::filesystem::copy_file(ZeptickFile::makeFileName(dir.file("b"), 2),
                              ZeptickFile::makeFileName(dir.file("a"), 2),
@@ -171,23 +167,115 @@ TEST(FileReaderMeasurement, ForeignSplitFileIsSkippedAndTheNextRecordingFollows)
   const std::vector<Tag> whole_b = generatedTags(b);
   expected.insert(expected.end(), whole_b.begin(), whole_b.end());
   EXPECT_EQ(fields(read), fields(expected));
-}
 
-TEST(FileReaderMeasurement, RefusesMissingFilesAndReadsNothingForZero) {
-  ScratchDirectory dir;
   EXPECT_THROW(FileReader(std::vector<std::string>{}), std::runtime_error);
-  writeRecording(dir.file("ok"), makePlan(51));
   try {
-    FileReader reader(std::vector<std::string>{dir.file("ok"), dir.file("missing")});
+    FileReader missing(std::vector<std::string>{dir.file("b"), dir.file("missing")});
     ADD_FAILURE() << "no exception";
   } catch (const std::runtime_error& e) {
     EXPECT_EQ(std::string(e.what()),
               "FileReader could not open file '" + dir.file("missing") + "'.");
   }
-  FileReader reader(dir.file("ok"));
-  EXPECT_EQ(reader.getData(0).size, 0u);
-  EXPECT_NE(reader.getConfiguration().find("generator"), std::string::npos);
-  EXPECT_EQ(reader.getData(5).size, 5u);
+  FileReader again(dir.file("b"));
+  EXPECT_EQ(again.getData(0).size, 0u);
+  EXPECT_NE(again.getConfiguration().find("generator"), std::string::npos);
+  EXPECT_EQ(again.getData(5).size, 5u);
+}
+
+// Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
+class DirectStream : public TimeTagStream {
+ public:
+  DirectStream(ZeptickBase* tagger, uint64_t n_max, std::vector<int> channels)
+      : TimeTagStream(tagger, n_max, std::move(channels)) {
+    stop();
+  }
+  void feed(Block block) {
+    lock();
+    next_impl(block.tags, block.begin_time, block.end_time);
+    unlock();
+  }
+};
+// With a channel filter and without, with and without a limit: what each span collects, and
+// that the overflow mark says that data are missing even when the tag that set it was dropped.
+TEST_F(FileMeasurements, StreamCollectsFilteredTagsUpToItsLimitAndChainsSpans) {
+  const std::vector<Block> blocks = randomStream(rng, 60, {1, 2, 3, -1});
+  using Setting = std::pair<std::vector<int>, uint64_t>;
+  for (const auto& [filter, limit] : {Setting{{2, -1}, 1 << 20}, Setting{{}, 7}, {{1, 2}, 7}}) {
+    SCOPED_TRACE(limit);
+    DirectStream stream(&tagger, limit, filter);
+    const TimeTagStreamBuffer empty = stream.getData();
+    EXPECT_TRUE(bufferTags(empty).empty());
+    EXPECT_FALSE(empty.hasOverflows);
+    std::vector<Tag> expected;
+    bool expect_overflow = false;
+    int64_t span_start = -1;
+    for (size_t i = 0; i < blocks.size(); ++i) {
+      stream.feed(blocks[i]);
+      if (span_start == -1) span_start = blocks[i].end_time;
+      for (const Tag& tag : blocks[i].tags) {
+        const bool on_channel = std::count(filter.begin(), filter.end(), tag.channel) > 0;
+        const bool counted = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
+        expect_overflow |= tag.type != Tag::Type::TimeTag;
+        if ((filter.empty() || on_channel || !counted) && expected.size() < limit) {
+          expected.push_back(tag);
+        }
+      }
+      if (i % 20 != 19) continue;
+      EXPECT_EQ(stream.getCounts(), expected.size());
+      const TimeTagStreamBuffer buffer = stream.getData();
+      EXPECT_EQ(fields(bufferTags(buffer)), fields(expected)) << "after block " << i;
+      EXPECT_EQ(buffer.hasOverflows, expect_overflow);
+      EXPECT_EQ(buffer.tGetData, blocks[i].end_time);
+      EXPECT_EQ(buffer.tStart, span_start);
+      span_start = blocks[i].end_time;  // the next span begins where this one ended
+      expected.clear();
+      expect_overflow = false;
+    }
+    EXPECT_EQ(stream.getCounts(), 0u);
+  }
+}
+
+std::vector<Tag> dumped(const std::string& path) {
+  const Bytes bytes = readBytes(path);
+  EXPECT_EQ(bytes.size() % sizeof(Tag), 0u);
+  std::vector<Tag> tags(bytes.size() / sizeof(Tag));
+  if (!tags.empty()) std::memcpy(tags.data(), bytes.data(), tags.size() * sizeof(Tag));
+  return tags;
+}
+
+TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
+  LogCapture log;
+  Dump all(&tagger, dir.file("all.bin"));
+  EXPECT_TRUE(log.contains(
+      LOGGER_ERROR,
+      "The Dump class is deprecated and will be removed soon. Please use FileWriter instead."));
+  Dump some(&tagger, dir.file("some.bin"), 150, {2});
+  Dump none(&tagger, dir.file("none.bin"), 0, {});
+  const std::vector<Tag> stream = concat(tagger.pushBlocks(randomStream(rng, 100, {1, 2, 3})));
+  ASSERT_TRUE(drain(tagger));
+  // At their limits they stop by themselves; without one it runs on.
+  EXPECT_FALSE(some.isRunning());
+  EXPECT_FALSE(none.isRunning());
+  EXPECT_TRUE(all.isRunning());
+  all.stop();
+
+  EXPECT_EQ(fields(dumped(dir.file("all.bin"))), fields(stream));
+  std::vector<Tag> expected;
+  for (const Tag& tag : stream) {
+    if (tag.type != Tag::Type::TimeTag || tag.channel == 2) expected.push_back(tag);
+  }
+  ASSERT_GT(expected.size(), 150u);
+  expected.resize(150);
+  EXPECT_EQ(fields(dumped(dir.file("some.bin"))), fields(expected));
+  EXPECT_TRUE(dumped(dir.file("none.bin")).empty());
+
+  // A clear starts the file afresh.
+  all.start();
+  all.clear();
+  tagger.pushBlocks({Block{{timeTag(1, 5)}, 0, 10}});
+  ASSERT_TRUE(drain(tagger));
+  all.stop();
+  EXPECT_EQ(dumped(dir.file("all.bin")).size(), 1u);
 }
 
 }  // namespace

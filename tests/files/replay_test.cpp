@@ -1,4 +1,5 @@
-#include "files/zeptick_virtual_impl.h"
+// The replay tagger: where it cuts, how it joins and paces recordings, what it does with damaged
+// or foreign files, and the delays, dead times and test signal it applies like an instrument.
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "file_format_testing.h"
+#include "files/replay_channel_stage.h"
 #include "zeptick/countrate.h"
 #include "zeptick/library.h"
 
@@ -25,15 +27,6 @@ std::vector<Tag> window(const std::vector<Tag>& tags, int64_t from, int64_t to, 
     out.push_back(tag);
   }
   return out;
-}
-
-RecordingPlan smallPlan(uint64_t seed) {
-  RecordingPlan plan;
-  plan.seed = seed;
-  plan.duration = 20000000000;  // 20 ms
-  plan.block_span = 700000000;  // blocks do not line up with round numbers
-  plan.overflow_spans = {{3000000000, 4500000000}, {9100000000, 9100000001}};
-  return plan;
 }
 
 std::vector<int64_t> countsTotal(Countrate& rates) {
@@ -197,42 +190,146 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   EXPECT_EQ(fields(tags), fields(window(all, 0, end_of_two, 0)));
 }
 
-TEST(Replay, WithoutAFileRefusesAndGuessesChannels) {
+// Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
+// there is none to guess with until a recorded channel map answers.
+TEST(Replay, WithoutAFileRefusesAndGuessesChannelsByTheNumberingScheme) {
   ScratchDirectory dir;
-  Replay replay(1);
-  ZeptickVirtualImpl& tagger = *replay.tagger;
-  EXPECT_THROW(tagger.replay(dir.file("absent")), std::runtime_error);
-  writeBytes(dir.file("junk.ztbin"), Bytes(64, 7));
-  EXPECT_THROW(tagger.replay(dir.file("junk")), std::runtime_error);
-  // Without a file, the sign flip is the best guess of the other edge.
-  EXPECT_EQ(tagger.getInvertedChannel(3), -3);
-  EXPECT_TRUE(tagger.isUnusedChannel(CHANNEL_UNUSED));
-  EXPECT_FALSE(tagger.isUnusedChannel(-1));
-  EXPECT_EQ(tagger.getConfiguration(), "");
-  EXPECT_THROW(tagger.setDeadtime(1, -1), std::invalid_argument);
-}
-
-TEST(Replay, ZeroBasedNumberingHasNoSignFlipToGuessWith) {
-  ScratchDirectory dir;
+  LogCapture log;
+  {
+    Replay replay(1);
+    ZeptickVirtualImpl& tagger = *replay.tagger;
+    EXPECT_THROW(tagger.replay(dir.file("absent")), std::runtime_error);
+    writeBytes(dir.file("junk.ztbin"), Bytes(64, 7));
+    EXPECT_THROW(tagger.replay(dir.file("junk")), std::runtime_error);
+    EXPECT_EQ(tagger.getInvertedChannel(3), -3);
+    EXPECT_TRUE(tagger.isUnusedChannel(CHANNEL_UNUSED));
+    EXPECT_FALSE(tagger.isUnusedChannel(-1));
+    EXPECT_EQ(tagger.getConfiguration(), "");
+    EXPECT_THROW(tagger.setDeadtime(1, -1), std::invalid_argument);
+  }
+  EXPECT_TRUE(log.messages().empty());
   const int scheme = getZeptickChannelNumberScheme();
   setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_ZERO);
-  LogCapture log;
   {
     Replay replay(1);
     ZeptickVirtualImpl& tagger = *replay.tagger;
     EXPECT_TRUE(tagger.isUnusedChannel(-1));
     EXPECT_EQ(tagger.getInvertedChannel(4), -4);
-    EXPECT_TRUE(log.contains(LOGGER_ERROR,
-                             "getInvertedChannel(4) called prior to replaying a file with the zero "
-                             "channel numbering scheme. How many inputs has your Zeptick?"));
+    expectMessages(log, {"getInvertedChannel(4) called prior to replaying a file with the zero "
+                         "channel numbering scheme. How many inputs has your Zeptick?"});
     EXPECT_THROW(tagger.setTestSignal(1, true), std::runtime_error);
-    // With a file, the recorded channel map answers.
     writeRecording(dir.file("zero"), smallPlan(14));
     replay.play(dir.file("zero"));
     EXPECT_EQ(tagger.getInvertedChannel(-3), 3);
     EXPECT_EQ(tagger.getInvertedChannel(7), CHANNEL_UNUSED);
   }
   setZeptickChannelNumberScheme(scheme);
+}
+
+// Dead time restarts after an error, and a tag exactly one dead time after the last one counts.
+// The end of an overflow moves by the largest delay, and delayed events that fall inside the
+// span are lost (1 at 1100); those after it come out in a later block (1 at 3000).
+TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverflowsAreLost) {
+  ReplayChannelStage stage;
+  ReplayChannelMap settings;
+  settings[2].deadtime = 100;
+  settings[1].delay = 1000;
+  stage.configure(settings);
+  const Tag error = specialTag(Tag::Type::Error, 160);
+  const Tag overflow_begin = specialTag(Tag::Type::OverflowBegin, 500);
+  std::vector<Tag> tags = {timeTag(2, 0),   timeTag(2, 50), timeTag(1, 60),
+                           timeTag(2, 100), error,          timeTag(2, 170),
+                           timeTag(2, 200), overflow_begin, specialTag(Tag::Type::OverflowEnd, 800),
+                           timeTag(1, 2000)};
+  stage.process(tags, 0, 2500);
+  EXPECT_EQ(fields(tags), fields({timeTag(2, 0), timeTag(2, 100), error, timeTag(2, 170),
+                                  overflow_begin, specialTag(Tag::Type::OverflowEnd, 1800)}));
+  std::vector<Tag> later;
+  stage.process(later, 2500, 5000);
+  EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));
+}
+
+class ReplaySettingsTest : public ::testing::Test {
+ protected:
+  ReplaySettingsTest() {
+    plan.overflow_spans.clear();  // the models below know nothing of overflows
+    writeRecording(base, plan, 7000);
+  }
+  ScratchDirectory dir;
+  RecordingPlan plan = smallPlan(21);
+  const std::string base = dir.file("settings");
+};
+
+TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
+  const int64_t late = 2345678;   // channel 1 later: crosses blocks
+  const int64_t early = -777777;  // channel 3 earlier: holds back the whole stream
+  const int64_t deadtime = 30000000;
+  Replay replay(3);
+  replay.tagger->setInputDelay(1, late);
+  replay.tagger->setInputDelay(3, early);
+  EXPECT_EQ(replay.tagger->setDeadtime(2, deadtime), deadtime);
+  EXPECT_EQ(replay.tagger->getInputDelay(1), late);
+  EXPECT_EQ(replay.tagger->getDeadtime(2), deadtime);
+  EXPECT_EQ(replay.tagger->getDeadtime(1), 0);
+  const std::vector<Tag> out = replay.play(base);
+
+  std::vector<Tag> expected;
+  int64_t last_kept = 0;
+  bool kept_any = false;
+  for (Tag tag : generatedTags(plan)) {
+    tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
+    if (tag.channel == 2) {
+      if (kept_any && tag.time - last_kept < deadtime) continue;
+      last_kept = tag.time;
+      kept_any = true;
+    }
+    // Held back beyond the end of the stream: still waiting when replay ends.
+    if (tag.time < plan.duration) expected.push_back(tag);
+  }
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  EXPECT_EQ(fields(out), fields(expected));
+}
+
+TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
+  Replay replay(3);
+  replay.tagger->seedTestSignal(3);
+  replay.tagger->setTestSignal(1, true);
+  EXPECT_TRUE(replay.tagger->getTestSignal(1));
+  EXPECT_TRUE(replay.tagger->getTestSignal(-1));
+  EXPECT_FALSE(replay.tagger->getTestSignal(2));
+  const std::vector<Tag> out = replay.play(base);
+  std::vector<Tag> others;
+  std::vector<int64_t> rising;
+  std::vector<int64_t> falling;
+  for (const Tag& tag : out) {
+    if (tag.channel == 1) {
+      rising.push_back(tag.time);
+    } else if (tag.channel == -1) {
+      falling.push_back(tag.time);
+    } else {
+      others.push_back(tag);
+    }
+  }
+  std::vector<Tag> expected_others;
+  for (const Tag& tag : generatedTags(plan)) {
+    if (tag.channel != 1) expected_others.push_back(tag);
+  }
+  EXPECT_EQ(fields(others), fields(expected_others));
+
+  // A square wave of about 1.256 us: edges alternate, each about 628 ns after the last.
+  const double cycles = static_cast<double>(plan.duration) / (2 * 628006.5);
+  EXPECT_NEAR(static_cast<double>(rising.size()), cycles, 3.0);
+  EXPECT_NEAR(static_cast<double>(falling.size()), cycles, 3.0);
+  ASSERT_FALSE(rising.empty());
+  EXPECT_TRUE(std::is_sorted(out.begin(), out.end(),
+                             [](const Tag& a, const Tag& b) { return a.time < b.time; }));
+  for (size_t i = 1; i < rising.size(); ++i) {
+    EXPECT_NEAR(static_cast<double>(rising[i] - rising[i - 1]), 1256013.0, 8000.0) << i;
+  }
+  for (size_t i = 0; i + 1 < rising.size() && i < falling.size(); ++i) {
+    EXPECT_NEAR(static_cast<double>(falling[i] - rising[i]), 628006.5, 6000.0) << i;
+  }
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 // reader must neither crash, nor read out of bounds, nor allocate more than the bytes justify
 // (scripts/fuzz runs this with a small malloc limit).
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,31 +9,9 @@
 #include <vector>
 
 #include "files/zeptick_file_reader.h"
-#include "zeptick/logging.h"
+#include "fuzz/fuzz_input.h"
 
 namespace {
-
-void quiet(zeptick::LogLevel, std::string) {}
-
-// The input lives in an in-memory file that the reader opens by name like any other.
-struct InputFile {
-  InputFile() : descriptor(memfd_create("zeptick-fuzz", 0)) {
-    if (descriptor < 0) std::abort();
-    path = "/proc/self/fd/" + std::to_string(descriptor);
-  }
-  void fill(const uint8_t* data, size_t size) {
-    if (ftruncate(descriptor, 0) != 0) std::abort();
-    size_t done = 0;
-    while (done < size) {
-      const ssize_t written =
-          pwrite(descriptor, data + done, size - done, static_cast<off_t>(done));
-      if (written <= 0) std::abort();
-      done += static_cast<size_t>(written);
-    }
-  }
-  int descriptor;
-  std::string path;
-};
 
 void readAll(const std::string& path, bool verify, size_t size) {
   zeptick::ZeptickFileReader reader(path, verify);
@@ -67,14 +42,14 @@ void readAll(const std::string& path, bool verify, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&quiet);
+  zeptick::setLogger(&zeptick::fuzz::quiet);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static InputFile file;
-  file.fill(data, size);
-  readAll(file.path, false, size);
-  readAll(file.path, true, size);
+  static zeptick::fuzz::MemoryFile file;
+  const std::string& path = file.fill(data, size);
+  readAll(path, false, size);
+  readAll(path, true, size);
   return 0;
 }

@@ -3,8 +3,6 @@
 // (scripts/fuzz runs this with a small malloc limit). The input is a PTU magic followed by the
 // fuzzer's bytes, so that every run reaches the tags.
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -15,16 +13,10 @@
 
 #include "files/foreign/ptu_header.h"
 #include "files/foreign/ptu_recording.h"
-#include "zeptick/logging.h"
-
-namespace {
-
-void quiet(zeptick::LogLevel, std::string) {}
-
-}  // namespace
+#include "fuzz/fuzz_input.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&quiet);
+  zeptick::setLogger(&zeptick::fuzz::quiet);
   return 0;
 }
 
@@ -43,17 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!parsed) return 0;
 
   // The records behind a header it accepts, through the reader that owns them.
-  static const std::string path = [] {
-    const int descriptor = memfd_create("ptu-fuzz", 0);
-    if (descriptor < 0) std::abort();
-    return "/proc/self/fd/" + std::to_string(descriptor);
-  }();
-  std::FILE* out = std::fopen(path.c_str(), "wb");
-  if (out == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), out) != bytes.size()) {
-    std::abort();
-  }
-  std::fclose(out);
-  zeptick::foreign::PtuRecording reader(path);
+  static zeptick::fuzz::MemoryFile records;
+  zeptick::foreign::PtuRecording reader(records.fill(bytes.data(), bytes.size()));
   std::vector<zeptick::Tag> tags;
   uint64_t errors = 0;
   int64_t begin = 0, end = 0;

@@ -1,5 +1,6 @@
-// Replays a recording through a set of measurements in C++ and writes each result as a .npy
-// file, so that the Python tests can compare the binding's arrays with the library's own.
+// Replays a recording through a set of measurements in C++ and writes each result as
+// NAME.bin: a text line "dtype extent..." and the raw values, so that the Python tests can
+// compare the binding's arrays with the library's own.
 // usage: zeptick-python-reference RECORDING OUTPUT_DIR
 
 #include <zeptick/zeptick.h>
@@ -11,65 +12,22 @@
 
 namespace {
 
-template <class T>
-const char* npyType();
-template <>
-const char* npyType<int32_t>() {
-  return "<i4";
-}
-template <>
-const char* npyType<int64_t>() {
-  return "<i8";
-}
-template <>
-const char* npyType<uint64_t>() {
-  return "<u8";
-}
-template <>
-const char* npyType<double>() {
-  return "<f8";
-}
-
-/// Collects one result through the allocator callback and writes it as NumPy's .npy.
-template <class T>
-class Result {
- public:
-  T* operator()(size_t n) { return allocate({n}); }
-  T* operator()(size_t a, size_t b) { return allocate({a, b}); }
-  T* operator()(size_t a, size_t b, size_t c) { return allocate({a, b, c}); }
-
-  void save(const std::string& path) const {
-    std::string shape;
-    for (size_t extent : shape_) shape += std::to_string(extent) + ",";
-    std::string header = "{'descr': '" + std::string(npyType<T>()) +
-                         "', 'fortran_order': False, 'shape': (" + shape + "), }";
-    header.append(63 - (10 + header.size()) % 64, ' ');
-    header += '\n';
-    std::ofstream out(path, std::ios::binary);
-    out.write("\x93NUMPY\x01\x00", 8);
-    const uint16_t length = static_cast<uint16_t>(header.size());
-    out.write(reinterpret_cast<const char*>(&length), 2);
-    out << header;
-    out.write(reinterpret_cast<const char*>(data_.data()), data_.size() * sizeof(T));
-  }
-
- private:
-  T* allocate(std::vector<size_t> shape) {
-    size_t total = 1;
-    for (size_t extent : shape) total *= extent;
-    data_.assign(total, T{});
-    shape_ = std::move(shape);
-    return data_.data();
-  }
-  std::vector<T> data_;
-  std::vector<size_t> shape_;
-};
-
+/// Collects one result through the allocator callback of `getter` and writes it.
 template <class T, class Getter>
-void save(const std::string& dir, const std::string& name, Getter&& getter) {
-  Result<T> result;
-  getter([&](auto... extents) { return result(extents...); });
-  result.save(dir + "/" + name + ".npy");
+void save(const std::string& dir, const std::string& name, const char* dtype, Getter&& getter) {
+  std::vector<T> data;
+  std::vector<size_t> shape;
+  getter([&](auto... extents) {
+    shape = {extents...};
+    data.assign((extents * ...), T{});
+    return data.data();
+  });
+  std::ofstream out(dir + "/" + name + ".bin", std::ios::binary);
+  out << dtype;
+  for (size_t extent : shape) out << ' ' << extent;
+  out << '\n';
+  out.write(reinterpret_cast<const char*>(data.data()),
+            static_cast<std::streamsize>(data.size() * sizeof(T)));
 }
 
 }  // namespace
@@ -95,16 +53,17 @@ int main(int argc, char** argv) {
     tagger->setReplaySpeed(-1);
     tagger->replay(argv[1]);
     tagger->waitForCompletion();
-    save<int64_t>(dir, "countrate_totals", [&](auto f) { countrate.getCountsTotal(f); });
-    save<int32_t>(dir, "counter", [&](auto f) { counter.getData(f); });
-    save<int32_t>(dir, "correlation", [&](auto f) { correlation.getData(f); });
-    save<double>(dir, "correlation_normalized", [&](auto f) { correlation.getDataNormalized(f); });
-    save<int32_t>(dir, "time_differences", [&](auto f) { differences.getData(f); });
-    save<int32_t>(dir, "time_differences_nd", [&](auto f) { nd.getData(f); });
-    save<int32_t>(dir, "histogram_2d", [&](auto f) { histogram_2d.getData(f); });
-    save<int64_t>(dir, "histogram_2d_index", [&](auto f) { histogram_2d.getIndex(f); });
-    save<int64_t>(dir, "start_stop", [&](auto f) { start_stop.getData(f); });
-    save<uint64_t>(dir, "log_bins", [&](auto f) { log_bins.getData(f); });
+    save<int64_t>(dir, "countrate_totals", "<i8", [&](auto f) { countrate.getCountsTotal(f); });
+    save<int32_t>(dir, "counter", "<i4", [&](auto f) { counter.getData(f); });
+    save<int32_t>(dir, "correlation", "<i4", [&](auto f) { correlation.getData(f); });
+    save<double>(dir, "correlation_normalized", "<f8",
+                 [&](auto f) { correlation.getDataNormalized(f); });
+    save<int32_t>(dir, "time_differences", "<i4", [&](auto f) { differences.getData(f); });
+    save<int32_t>(dir, "time_differences_nd", "<i4", [&](auto f) { nd.getData(f); });
+    save<int32_t>(dir, "histogram_2d", "<i4", [&](auto f) { histogram_2d.getData(f); });
+    save<int64_t>(dir, "histogram_2d_index", "<i8", [&](auto f) { histogram_2d.getIndex(f); });
+    save<int64_t>(dir, "start_stop", "<i8", [&](auto f) { start_stop.getData(f); });
+    save<uint64_t>(dir, "log_bins", "<u8", [&](auto f) { log_bins.getData(f); });
   }
   freeZeptick(tagger);
   return 0;

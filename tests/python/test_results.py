@@ -14,7 +14,13 @@ def reference(recording, tmp_path_factory):
     out = tmp_path_factory.mktemp("reference")
     subprocess.run([str(BUILD / "tests" / "zeptick-python-reference"), str(recording), str(out)],
                    check=True)
-    return {path.stem: np.load(path) for path in out.glob("*.npy")}
+    results = {}
+    for path in out.glob("*.bin"):
+        with open(path, "rb") as file:
+            dtype, *shape = file.readline().split()
+            values = np.frombuffer(file.read(), dtype=dtype.decode())
+        results[path.stem] = values.reshape([int(extent) for extent in shape])
+    return results
 
 
 def test_results_equal_the_library_results(recording, replay, reference):

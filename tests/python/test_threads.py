@@ -54,17 +54,30 @@ class ChannelCount(zeptick.CustomMeasurement):
         self.counts[:] = 0
 
 
-def test_custom_measurement_under_load_counts_every_tag(recording, replay):
+def test_custom_measurement_and_iterator_under_load_see_every_tag(recording, replay):
     rate = zeptick.Countrate(replay, [1, 2, 3])
     custom = ChannelCount(replay, [1, 2, 3])
+    iterator = zeptick.Iterator(replay, [1, 2, 3])
+    counted = []
+
+    def consume():
+        for tags, begin_time, end_time in iterator:
+            counted.append(np.count_nonzero(tags["type"] == 0))
+
+    consumer = threading.Thread(target=consume)
+    consumer.start()
     busy = threading.Thread(target=lambda: [np.sort(np.random.rand(20000)) for _ in range(50)])
     busy.start()  # another Python thread competes for the GIL meanwhile
     for _ in range(3):
         replay.replay(str(recording))
     assert replay.waitForCompletion(timeout=60_000)
     busy.join()
+    iterator.stop()  # ends the iteration once drained
+    consumer.join(timeout=60)
     np.testing.assert_array_equal(custom.counts, rate.getCountsTotal())
     assert custom.in_order and custom.counts.sum() > 0
+    assert sum(counted) == rate.getCountsTotal().sum()
+    assert iterator.getDroppedTags() == 0
     custom.clear()
     assert custom.counts.sum() == 0
 
@@ -99,22 +112,3 @@ def test_exceptions_map_to_python_types(replay):
     zeptick.detachEmulatedDevices()
     with pytest.raises(RuntimeError):
         zeptick.createZeptick("NO-SUCH-SERIAL")
-
-
-def test_iterator_hands_every_block_to_a_python_thread(recording, replay):
-    rate = zeptick.Countrate(replay, [1, 2, 3])
-    iterator = zeptick.Iterator(replay, [1, 2, 3])
-    counted = []
-
-    def consume():
-        for tags, begin_time, end_time in iterator:
-            counted.append(np.count_nonzero(tags["type"] == 0))
-
-    consumer = threading.Thread(target=consume)
-    consumer.start()
-    replay.replay(str(recording))
-    assert replay.waitForCompletion(timeout=60_000)
-    iterator.stop()  # ends the iteration once drained
-    consumer.join(timeout=60)
-    assert sum(counted) == rate.getCountsTotal().sum() > 0
-    assert iterator.getDroppedTags() == 0

@@ -1,7 +1,6 @@
-// Blocks checked ahead of the reader: a kept block may only ever stand for reading and checking
-// the same block with the same key.
-
-#include "files/checked_blocks.h"
+// Signed blocks: signing with the user's own key pair and verifying with its public key, and
+// blocks checked ahead of the reader, which may only ever stand for reading and checking the
+// same block with the same key.
 
 #include <gtest/gtest.h>
 #include <lz4.h>
@@ -9,10 +8,99 @@
 #include <openssl/pem.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
+
+#include "file_format_testing.h"
+#include "files/checked_blocks.h"
+#include "zeptick/file_signing.h"
 
 namespace zeptick::testing {
 namespace {
+
+struct KeyPair {
+  std::string private_pem;
+  std::string public_pem;
+  std::string traditional_pem;  // "BEGIN EC PRIVATE KEY"
+};
+
+KeyPair generateKeyPair(const char* curve) {
+  EVP_PKEY* key = EVP_EC_gen(curve);
+  EXPECT_NE(key, nullptr);
+  auto pem = [](auto write) {
+    BIO* bio = BIO_new(BIO_s_mem());
+    write(bio);
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio, &data);
+    std::string text(data, static_cast<size_t>(length));
+    BIO_free(bio);
+    return text;
+  };
+  KeyPair pair{pem([&](BIO* bio) {
+                 PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+               }),
+               pem([&](BIO* bio) { PEM_write_bio_PUBKEY(bio, key); }), pem([&](BIO* bio) {
+                 PEM_write_bio_PrivateKey_traditional(bio, key, nullptr, nullptr, 0, nullptr,
+                                                      nullptr);
+               })};
+  EVP_PKEY_free(key);
+  return pair;
+}
+
+class FileKeys : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    setFileSigningKey("");
+    setFileVerificationKey("");
+  }
+  // One block of three tags, signed with the key in force; how many blocks verify.
+  void write(const std::string& name) {
+    writeRecording(directory.file(name),
+                   {{{timeTag(1, 10), timeTag(1, 20), timeTag(1, 30)}, 0, 100}}, {{1, -1}});
+  }
+  size_t verified(const std::string& name) { return readRecording(directory.file(name)).size(); }
+
+  ScratchDirectory directory;
+};
+
+TEST_F(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
+  const KeyPair mine = generateKeyPair("P-256");
+  const KeyPair other_curve = generateKeyPair("P-384");
+  setFileSigningKey(mine.private_pem);
+  write("mine.ztbin");
+  {
+    LogCapture log;
+    EXPECT_EQ(verified("mine.ztbin"), 0u);
+    expectMessages(
+        log, {"ECC signature is wrong", "Time tag block data with invalid hash or signature"});
+  }
+  setFileVerificationKey(mine.public_pem);
+  setFileSigningKey(mine.traditional_pem);  // the "EC PRIVATE KEY" form serves as well
+  // What is not a P-256 key is refused, and the key in force stays.
+  for (const std::string& key :
+       {std::string("not a key"), other_curve.private_pem, mine.public_pem}) {
+    EXPECT_THROW(setFileSigningKey(key), std::invalid_argument);
+  }
+  for (const std::string& key :
+       {other_curve.public_pem,
+        std::string("-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n")}) {
+    EXPECT_THROW(setFileVerificationKey(key), std::invalid_argument);
+  }
+  write("still-mine.ztbin");
+  {
+    LogCapture log;
+    EXPECT_EQ(verified("mine.ztbin"), 1u);
+    EXPECT_EQ(verified("still-mine.ztbin"), 1u);
+    EXPECT_TRUE(log.messages().empty());
+  }
+  // Back to the built-in pair on both sides.
+  setFileSigningKey("");
+  setFileVerificationKey("");
+  write("builtin.ztbin");
+  LogCapture log;
+  EXPECT_EQ(verified("builtin.ztbin"), 1u);
+  EXPECT_EQ(verified("mine.ztbin"), 0u);
+}
 
 using detail::CheckedBlocks;
 using detail::VerifyingKey;
@@ -49,18 +137,6 @@ StoredBlock storedBlock(uint32_t first, bool compress) {
   return block;
 }
 
-std::shared_ptr<const VerifyingKey> otherKey() {
-  EVP_PKEY* pair = EVP_EC_gen("P-256");
-  BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_PUBKEY(bio, pair);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(bio, &data);
-  const std::string pem(data, static_cast<size_t>(length));
-  BIO_free(bio);
-  EVP_PKEY_free(pair);
-  return std::make_shared<const VerifyingKey>(pem);
-}
-
 bool sameWords(const std::vector<ShortTag>& a, const std::vector<ShortTag>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(ShortTag)) == 0;
 }
@@ -85,7 +161,9 @@ TEST(CheckedBlocks, KeepsOnlyBlocksThatPassEveryCheckForTheirKeyHeaderAndFile) {
 
   std::vector<ShortTag> words;
   // Neither another key nor another header, at the same place, takes a kept block.
-  EXPECT_FALSE(checked.take(otherKey(), 48, raw.header, words));
+  EXPECT_FALSE(
+      checked.take(std::make_shared<const VerifyingKey>(generateKeyPair("P-256").public_pem), 48,
+                   raw.header, words));
   TimeTagBlockHeader moved = packed.header;
   moved.begin_time += 1;
   EXPECT_FALSE(checked.take(key, 64, moved, words));

@@ -1,10 +1,14 @@
-// PTU recordings of PicoQuant instruments against the values other programs computed for them,
-// a lifetime histogram through the replay tagger, and damaged copies.
+// Other instruments' recordings against what other programs computed for them: PTU files of
+// PicoQuant instruments (a lifetime histogram through the replay tagger, damaged copies), a
+// Becker & Hickl SPC-150 FIFO file against its per-photon listing, and Photon-HDF5 files, written
+// here with several photon_data groups or a real file of a non-conformant variant.
 
 #include <gtest/gtest.h>
+#include <hdf5.h>
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -17,6 +21,7 @@
 #include "files/foreign/channel_mapping.h"
 #include "files/foreign/picosecond_scale.h"
 #include "foreign_testing.h"
+#include "zeptick/file_reader.h"
 #include "zeptick/histogram.h"
 
 namespace zeptick::testing {
@@ -280,6 +285,142 @@ TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {
   EXPECT_EQ((*foreign::PicosecondScale::fromSeconds(1.0 / 79999997))(1000000000), 12500000468750);
   EXPECT_FALSE(foreign::PicosecondScale::fromSeconds(0.0));
   EXPECT_FALSE(foreign::PicosecondScale::fromSeconds(std::nan("")));
+}
+
+const std::string kSpc = "06_bh_spc150_fifo/test_noise.spc";
+constexpr int64_t kClock = 9500;       // ps per macrotime unit, from the first word
+constexpr double kTacBin = 2.4430455;  // ps, SP_TAC_TC of the .set file
+
+TEST(SpcRecording, EveryPhotonMatchesTheListingWithReversedMicrotime) {
+  ZT_REQUIRE_REAL_DATA();
+  const ForeignRead read = readForeign(realData(kSpc));
+  ASSERT_TRUE(read.open);
+  // The listing: macrotime (unwrapped, in clock units) and microtime (natural direction).
+  std::ifstream listing(realData("06_bh_spc150_fifo/test_noise.asc"));
+  std::vector<std::pair<int64_t, int64_t>> rows;
+  int64_t macro = 0, micro = 0;
+  while (listing >> macro >> micro) rows.emplace_back(macro, micro);
+  ASSERT_EQ(rows.size(), 6114u);
+
+  size_t row = 0;
+  int64_t sync = -1;
+  for (const Tag& tag : read.tags) {
+    if (tag.channel == foreign::kSyncChannel) {
+      sync = tag.time;
+      continue;
+    }
+    if (tag.channel >= foreign::kMarkerChannelBase) continue;
+    ASSERT_LT(row, rows.size());
+    const auto [row_macro, row_micro] = rows[row++];
+    EXPECT_EQ(sync, row_macro * kClock) << "row " << row;
+    // The macrotime is whole picoseconds, so rounding the sum rounds the microtime part alone.
+    EXPECT_EQ(tag.time, row_macro * kClock + std::llround(row_micro * kTacBin)) << "row " << row;
+  }
+  EXPECT_EQ(row, rows.size());
+  EXPECT_EQ(sync, int64_t{1700018969} * kClock);  // the last macrotime, 16.15 s in
+
+  const auto settings = nlohmann::json::parse(read.configuration);
+  EXPECT_EQ(settings["macrotime_clock_ps"], kClock);
+  EXPECT_NEAR(settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
+  EXPECT_EQ(settings["parameters"]["SP_TAC_G"], 5);
+
+  // FileReader hands out the same stream.
+  FileReader reader(realData(kSpc));
+  EXPECT_EQ(bufferTags(reader.getData(1 << 20)).size(), read.tags.size());
+}
+
+const std::string kVariant = "07_photon_hdf5_variant/photon_hdf5_min.h5";
+
+// Writes `name` (parents created) as a dataset of `stored` type from native int64 values, or
+// from one native double as a scalar.
+void writeDataset(hid_t file, const std::string& name, const void* values, hsize_t size,
+                  hid_t stored, hid_t native = H5T_NATIVE_INT64) {
+  const hid_t links = H5Pcreate(H5P_LINK_CREATE);
+  H5Pset_create_intermediate_group(links, 1);
+  const hid_t space = size == 0 ? H5Screate(H5S_SCALAR) : H5Screate_simple(1, &size, nullptr);
+  const hid_t set = H5Dcreate2(file, name.c_str(), stored, space, links, H5P_DEFAULT, H5P_DEFAULT);
+  ASSERT_GE(set, 0) << name;
+  H5Dwrite(set, native, H5S_ALL, H5S_ALL, H5P_DEFAULT, values);
+  H5Dclose(set);
+  H5Sclose(space);
+  H5Pclose(links);
+}
+void writeScalar(hid_t file, const std::string& name, double value) {
+  writeDataset(file, name, &value, 0, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE);
+}
+
+using TagKey = std::pair<int64_t, int32_t>;
+std::vector<TagKey> keys(const std::vector<Tag>& tags) {
+  std::vector<TagKey> out;
+  for (const Tag& tag : tags) out.emplace_back(tag.time, tag.channel);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync) {
+  ScratchDirectory dir;
+  const std::string path = dir.file("multispot.h5");
+  constexpr int64_t kUnit = 12500, kTcspc = 16;  // ps
+  std::mt19937_64 rng(11);
+  std::vector<TagKey> expected;
+  const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+  // More photons than one chunk, so that groups are merged across several reads.
+  for (const auto& [group, photons] :
+       {std::pair{"photon_data0", 150000}, {"photon_data1", 90000}}) {
+    std::vector<int64_t> stamps, detectors, nanotimes;
+    int64_t stamp = 3;
+    for (int i = 0; i < photons; ++i) {
+      stamp += static_cast<int64_t>(rng() % 4);  // repeats: photons sharing a sync
+      stamps.push_back(stamp);
+      detectors.push_back(static_cast<int64_t>(rng() % 3));
+      nanotimes.push_back(static_cast<int64_t>(rng() % 4096));
+      if (i == 0 || stamps[i - 1] != stamp) expected.emplace_back(stamp * kUnit, 1000);
+      expected.emplace_back(stamp * kUnit + nanotimes.back() * kTcspc,
+                            static_cast<int32_t>(detectors.back() + 1));
+    }
+    const std::string name = group;
+    writeDataset(file, name + "/timestamps", stamps.data(), photons, H5T_STD_I64LE);
+    writeDataset(file, name + "/detectors", detectors.data(), photons, H5T_STD_U8LE);
+    writeDataset(file, name + "/nanotimes", nanotimes.data(), photons, H5T_STD_U16LE);
+    writeScalar(file, name + "/timestamps_specs/timestamps_unit", kUnit * 1e-12);
+    writeScalar(file, name + "/nanotimes_specs/tcspc_unit", kTcspc * 1e-12);
+  }
+  H5Fclose(file);
+  std::sort(expected.begin(), expected.end());
+
+  const ForeignRead read = readForeign(path);
+  ASSERT_TRUE(read.open);
+  EXPECT_GE(read.blocks, 3u);
+  EXPECT_EQ(keys(read.tags), expected);
+  const auto settings = nlohmann::json::parse(read.configuration);
+  EXPECT_EQ(settings["groups"]["photon_data1"]["photons"], 90000);
+}
+
+TEST(PhotonHdf5Recording, VariantWithoutTimestampUnitIsRefusedAndPlaysOnceGivenOne) {
+  ZT_REQUIRE_REAL_DATA();
+  {
+    LogCapture log;
+    const ForeignRead read = readForeign(realData(kVariant));
+    EXPECT_FALSE(read.open);
+    EXPECT_TRUE(read.tags.empty());
+    EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                             "is not playable Photon-HDF5: "
+                             "photon_data0/timestamps_specs/timestamps_unit is missing."));
+  }
+  // The unit its users pass by hand, added to a copy: int32 detectors in a numbered group.
+  ScratchDirectory dir;
+  const std::string copy = dir.file("variant.h5");
+  std::filesystem::copy_file(realData(kVariant), copy);
+  std::filesystem::permissions(copy, std::filesystem::perms::owner_write,
+                               std::filesystem::perm_options::add);
+  const hid_t file = H5Fopen(copy.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+  ASSERT_GE(file, 0);
+  writeScalar(file, "photon_data0/timestamps_specs/timestamps_unit", 5e-9);
+  H5Fclose(file);
+  const ForeignRead read = readForeign(copy);
+  ASSERT_TRUE(read.open);
+  EXPECT_EQ(countPerChannel(read.tags), (std::map<int32_t, size_t>{{1, 727}, {2, 553}}));
+  EXPECT_NEAR((read.tags.back().time - read.tags.front().time) * 1e-12, 6.535, 0.001);
 }
 
 }  // namespace
