@@ -130,7 +130,13 @@ void CountBetweenMarkers::onClick(const Tag& tag) {
 bool CountBetweenMarkers::next_impl(std::vector<Tag>& tags, int64_t, int64_t) {
   const uint64_t limit = static_cast<uint64_t>(n_values);
   for (const Tag& tag : tags) {
-    if (!wrap && completed >= limit) break;
+    if (!wrap && completed >= limit) {
+      // Full: nothing is counted, but the overflow state follows the stream, since the bins
+      // that a clear() lets in must know whether they begin inside an overflow.
+      if (tag.type == Tag::Type::OverflowBegin) in_overflow = true;
+      if (tag.type == Tag::Type::OverflowEnd) in_overflow = false;
+      continue;
+    }
     switch (tag.type) {
       case Tag::Type::OverflowBegin:
         in_overflow = true;

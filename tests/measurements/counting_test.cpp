@@ -284,6 +284,23 @@ std::vector<ReferenceBin> referenceBins(const std::vector<Tag>& tags, int click,
   return bins;
 }
 
+// Once full without wrapping nothing is counted, but an overflow that begins or ends meanwhile
+// must still be known to the bins that a clear() lets in.
+TEST_F(CountBetweenMarkersTest, OverflowsMetWhileFullFlagTheBinsAfterAClear) {
+  for (const bool ends : {false, true}) {
+    DirectCbm measurement(&tagger, 1, 2, CHANNEL_UNUSED, 1, false);
+    measurement.feed({timeTag(2, 100), timeTag(2, 200)}, 0, 300);
+    std::vector<Tag> overflow = {marker(Tag::Type::OverflowBegin, 310)};
+    if (ends) overflow.push_back(marker(Tag::Type::OverflowEnd, 320));
+    measurement.feed(overflow, 300, 400);
+    measurement.clear();
+    measurement.feed({timeTag(2, 500), timeTag(2, 600)}, 400, 700);
+    const uint8_t flagged = ends ? 0 : 1;
+    EXPECT_EQ(collect(measurement, &CountBetweenMarkers::getOverflows),
+              std::vector<uint8_t>{flagged});
+  }
+}
+
 TEST_F(CountBetweenMarkersTest, EqualsBruteForceOnRandomStreamsCutEveryWay) {
   std::mt19937_64 rng(11);
   for (int round = 0; round < 40; ++round) {
