@@ -31,7 +31,10 @@ add_custom_command(
   DEPENDS "${zeptick_web}/package-lock.json"
   WORKING_DIRECTORY "${zeptick_web}"
   COMMENT "Installing the page's npm packages")
-set(zeptick_web_files "${zeptick_web}/index.html" "${zeptick_web}/app.js" "${zeptick_web}/style.css"
+set(zeptick_page_files "${zeptick_web}/index.html" "${zeptick_web}/app.js" "${zeptick_web}/style.css")
+# The chart library's files exist only once npm has run, and keep the package's own old dates:
+# the build depends on npm's stamp for them, not on the files themselves.
+set(zeptick_web_files ${zeptick_page_files}
   "${zeptick_web}/node_modules/uplot/dist/uPlot.iife.min.js"
   "${zeptick_web}/node_modules/uplot/dist/uPlot.min.css")
 set(zeptick_web_source "${PROJECT_BINARY_DIR}/generated/serve_assets.cpp")
@@ -39,7 +42,7 @@ add_custom_command(
   OUTPUT "${zeptick_web_source}"
   COMMAND ${CMAKE_COMMAND} "-DOUTPUT=${zeptick_web_source}" "-DFILES=${zeptick_web_files}"
           -P "${PROJECT_SOURCE_DIR}/cmake/EmbedFiles.cmake"
-  DEPENDS ${zeptick_web_files} "${zeptick_web}/node_modules/.package-lock.json"
+  DEPENDS ${zeptick_page_files} "${zeptick_web}/node_modules/.package-lock.json"
           "${PROJECT_SOURCE_DIR}/cmake/EmbedFiles.cmake"
   COMMENT "Embedding the page of zeptick serve"
   VERBATIM)
