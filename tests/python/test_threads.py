@@ -30,7 +30,8 @@ def test_python_threads_run_during_a_blocking_wait(recording, replay):
     stop.set()
     thread.join()
     assert waited > 0.2
-    assert sum(start < t < start + waited for t in ticks) > 10
+    # A wait that held the GIL would let no tick in; a loaded machine still lets in several.
+    assert sum(start < t < start + waited for t in ticks) > 3
     rate.close()
 
 
