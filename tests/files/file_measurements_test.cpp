@@ -143,7 +143,6 @@ TEST_F(FileMeasurements, WriterRejectsWhatTheFormatCannotHoldAndNeverSplitsWitho
 
 TEST_F(FileMeasurements, ReaderRefusesMissingFilesAndSkipsAForeignSplitFile) {
   RecordingPlan a = smallPlan(41);
-  a.overflow_spans = {{2000000000, 3100000000}};
   RecordingPlan b = a;
   b.seed = 42;
   writeRecording(dir.file("a"), a, 4000);

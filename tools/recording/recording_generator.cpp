@@ -175,12 +175,15 @@ RecordingSummary writeRecording(const std::string& filename, const RecordingPlan
   int64_t end_time = 0;
   summary.begin_time = plan.start_time;
   summary.end_time = plan.start_time;
+  bool begins_in_overflow = false;  // the block at hand, as the last one ended
   while (generator.next(tags, begin_time, end_time)) {
-    // A new file starts outside overflow, so no missed-event count is lost at a split.
+    // A new file starts outside overflow, so no missed-event count is lost at a split. What
+    // matters is where the block begins: inOverflow() already tells where it ends.
     if (max_file_size >= 0 && writer->getBytesWritten() > static_cast<uint64_t>(max_file_size) &&
-        !generator.inOverflow()) {
+        !begins_in_overflow) {
       writer = open(writer->getBlockPool());
     }
+    begins_in_overflow = generator.inOverflow();
     auto* state = writer->encodeBlock(tags, begin_time, end_time);
     ZeptickFileWriter::finishBlock(state);
     writer->writeBlock(state);
