@@ -15,6 +15,10 @@ DeviceMerger::DeviceMerger(size_t members, int64_t horizon)
   for (DeviceQueue& queue : queues_) queue.endTime = horizon;
 }
 
+uint32_t DeviceMerger::queueFence(const DeviceQueue& queue) {
+  return queue.chunks.empty() ? queue.fence : queue.chunks.front().fence;
+}
+
 void DeviceMerger::recomputeSuppress() {
   suppress_ = std::any_of(queues_.begin(), queues_.end(),
                           [](const DeviceQueue& queue) { return queue.invalid; });
@@ -22,7 +26,7 @@ void DeviceMerger::recomputeSuppress() {
 
 void DeviceMerger::finishChunk(DeviceQueue& queue) {
   TagChunk& chunk = queue.chunks.front();
-  queue.fence = chunk.fence;
+  queue.fence = chunk.fenceAfter;
   queue.invalid = chunk.invalid;
   recomputeSuppress();
   pool_.push_back(std::move(chunk.tags));
@@ -61,15 +65,25 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
       fed.invalid = worker.streamInvalid;
       recomputeSuppress();
     } else {
-      fed.chunks.back().fence = worker.fence;
+      fed.chunks.back().fenceAfter = worker.fence;
       fed.chunks.back().invalid = worker.streamInvalid;
     }
   } else {
-    fed.chunks.push_back(TagChunk{std::move(worker.tags), worker.fence, worker.streamInvalid});
+    fed.chunks.push_back(
+        TagChunk{std::move(worker.tags), worker.fence, worker.fence, worker.streamInvalid});
     if (fed.cursor == nullptr) {
       fed.cursor = fed.chunks.front().tags.data();
       fed.chunkEnd = fed.cursor + fed.chunks.front().tags.size();
     }
+  }
+
+  // The merged block may take tags from any member's oldest waiting chunk on, so it carries the
+  // oldest fence among those chunks (or, for a member with nothing waiting, the fence its later
+  // tags will be under): a newer one would let a measurement started under it see tags that
+  // came before its settings.
+  uint32_t fence = queueFence(queues_.front());
+  for (const DeviceQueue& queue : queues_) {
+    if (static_cast<int32_t>(queueFence(queue) - fence) < 0) fence = queueFence(queue);
   }
 
   worker.blockBegin = horizon_;
@@ -102,10 +116,6 @@ void DeviceMerger::add(ZeptickRunner::Worker& worker, size_t ordinal, uint64_t m
       break;
   }
 
-  uint32_t fence = queues_.front().fence;
-  for (const DeviceQueue& queue : queues_) {
-    if (static_cast<int32_t>(queue.fence - fence) < 0) fence = queue.fence;
-  }
   worker.fence = fence;
 }
 

@@ -15,8 +15,9 @@ namespace zeptick {
 /// One decoded block of a group member, waiting to be merged.
 struct TagChunk {
   std::vector<Tag> tags;
-  uint32_t fence = 0;
-  bool invalid = false;
+  uint32_t fence = 0;       ///< the fence the member had confirmed when the block began
+  uint32_t fenceAfter = 0;  ///< the fence confirmed once the chunk is through
+  bool invalid = false;     ///< streamInvalid from the chunk's end on
 };
 
 /// The blocks of one group member that the merge has not passed yet.
@@ -25,7 +26,7 @@ struct DeviceQueue {
   const Tag* cursor = nullptr;    ///< the next tag of the front chunk; null when empty
   const Tag* chunkEnd = nullptr;  ///< the end of the front chunk
   int64_t endTime = 0;            ///< blockEnd of this member's last block
-  uint32_t fence = 0;             ///< fence of the last chunk fully merged
+  uint32_t fence = 0;             ///< fenceAfter of the last chunk fully merged
   bool overflow = false;          ///< this member is inside an overflow
   bool invalid = false;           ///< streamInvalid of the last chunk fully merged
 };
@@ -75,6 +76,8 @@ class DeviceMerger {
   /// Merges `count` runs, in member order, into `out`; returns the end of what it wrote.
   Tag* mergeRuns(const Run* runs, size_t count, Tag* out, size_t level);
   void finishChunk(DeviceQueue& queue);
+  /// The oldest fence any tag of `queue` still to be merged was decoded under.
+  static uint32_t queueFence(const DeviceQueue& queue);
   /// Everything but a time tag outside an overflow: overflow framing, errors, missed events.
   /// Rewrites `tag` as it leaves and says whether it leaves at all.
   bool passControl(DeviceQueue& queue, Tag& tag);

@@ -146,7 +146,8 @@ TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) 
 
 // 300 tags of one time pass in one block even with maxEvents 256, and the next block starts at
 // the cut; once a member's invalid chunk is merged only errors pass until its next valid block;
-// the merged fence is the oldest fence of the chunks fully merged.
+// a merged block carries the oldest fence among the chunks it may take tags from, even when it
+// takes several chunks of one member, or a chunk followed by an empty block with a newer fence.
 TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   DeviceMerger merger(2);
   struct Merged {
@@ -174,7 +175,7 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
            1800, 2, true);
   EXPECT_EQ(cut.tags.size(), 300u);
   EXPECT_EQ(cut.blockEnd, 1500) << "cut at the first later time";
-  EXPECT_EQ(cut.fence, 0u) << "no chunk fully merged yet";
+  EXPECT_EQ(cut.fence, 2u) << "member 1's waiting chunk";
 
   const auto invalid = feed(1, {}, 2500, 2, true);
   EXPECT_EQ(invalid.blockBegin, 1500);
@@ -187,6 +188,26 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   EXPECT_EQ(valid.tags[0].time, 3000);
   EXPECT_EQ(valid.blockEnd, 5000);
   EXPECT_EQ(valid.fence, 3u);
+
+  // Member 0 runs ahead under fence 4, then confirms 5 and 6 (the second time in an empty
+  // block); member 1 lets everything through at once: every tag of member 0 came before 5.
+  DeviceMerger ahead(2);
+  auto feedAhead = [&ahead](size_t member, std::vector<Tag> tags, int64_t end, uint32_t fence) {
+    ZeptickRunner::Worker worker;
+    worker.tags = std::move(tags);
+    worker.blockEnd = end;
+    worker.fence = fence;
+    ahead.add(worker, member, 256);
+    return Merged{worker.tags, worker.blockBegin, worker.blockEnd, worker.fence};
+  };
+  feedAhead(1, {}, 0, 6);
+  feedAhead(0, {Tag{Type::TimeTag, 0, 0, 101, 100}}, 200, 4);
+  feedAhead(0, {Tag{Type::TimeTag, 0, 0, 101, 300}}, 400, 5);
+  feedAhead(0, {}, 500, 6);
+  const auto all = feedAhead(1, {}, 1000, 6);
+  EXPECT_EQ(all.tags.size(), 2u);
+  EXPECT_EQ(all.fence, 4u);
+  EXPECT_EQ(feedAhead(1, {}, 1100, 6).fence, 6u) << "nothing of member 0 before 6 is left";
 }
 
 }  // namespace

@@ -41,9 +41,10 @@ class Group : public EmulatedTagger {
   // Every member's clock tags, once each, in time order, each member k behind the first by
   // k x kStep, whatever the member's place in the chain: each tag within a sixth of a clock
   // cycle of its channel's mean (the fine bins are still being learned), the members' means
-  // within 100 ps of each other: a clock always falls into the same bin of each board, whose
-  // learned centre may still be tens of ps off on a loaded machine, while a slip of the time
-  // axis would be a clock period (2500 ps) or a group delay (780 ps).
+  // within 350 ps of each other: a clock locked to the boards' own always falls into the same
+  // fine bin, which the code-density table, learning from these very events, widens the more
+  // the longer the run (past 150 ps on a loaded machine), while a slip of the time axis would
+  // be a clock period (2500 ps) or a group delay (780 ps).
   void expectOneTimeAxis(const std::map<int, int>& phase_step_of_channel) {
     std::vector<int> channels;
     for (const auto& [channel, step] : phase_step_of_channel) channels.push_back(channel);
@@ -67,7 +68,7 @@ class Group : public EmulatedTagger {
       mean /= std::max<size_t>(1, list.size());
       for (int64_t off : list) ASSERT_NEAR(static_cast<double>(off), mean, 400) << channel;
       if (channel == channels.front()) first_mean = mean;
-      EXPECT_NEAR(mean, first_mean, 100) << "channel " << channel << " against " << channels[0];
+      EXPECT_NEAR(mean, first_mean, 350) << "channel " << channel << " against " << channels[0];
     }
   }
 };
