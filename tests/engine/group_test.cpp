@@ -17,8 +17,11 @@
 namespace zeptick::testing {
 namespace {
 
-constexpr int64_t kPeriod = 1000000;  // 1 us clocks on input 1 of every member
-constexpr int64_t kStep = 100000;     // member k's clock runs k x 100 ns behind the first's
+// About 1 us clocks on input 1 of every member. Not a whole number of the boards' 2.5 ns clock
+// cycles: a clock locked to the boards' own would always land in the same fine bin, which the
+// code-density table, learning from the events themselves, would then take for a wide one.
+constexpr int64_t kPeriod = 1000003;
+constexpr int64_t kStep = 100000;  // member k's clock runs k x 100 ns behind the first's
 
 class Group : public EmulatedTagger {
  protected:
@@ -39,12 +42,10 @@ class Group : public EmulatedTagger {
     return *tagger;
   }
   // Every member's clock tags, once each, in time order, each member k behind the first by
-  // k x kStep, whatever the member's place in the chain: each tag within a sixth of a clock
-  // cycle of its channel's mean (the fine bins are still being learned), the members' means
-  // within 350 ps of each other: a clock locked to the boards' own always falls into the same
-  // fine bin, which the code-density table, learning from these very events, widens the more
-  // the longer the run (past 150 ps on a loaded machine), while a slip of the time axis would
-  // be a clock period (2500 ps) or a group delay (780 ps).
+  // k x kStep, whatever the member's place in the chain: each tag within 200 ps of its channel's
+  // mean and the members' means within 50 ps of each other (the fine bins, learned from test
+  // signal and clocks alike, are good to a few ps), while a slip of the time axis would be a
+  // clock period (2500 ps) or a group delay (780 ps).
   void expectOneTimeAxis(const std::map<int, int>& phase_step_of_channel) {
     std::vector<int> channels;
     for (const auto& [channel, step] : phase_step_of_channel) channels.push_back(channel);
@@ -66,9 +67,9 @@ class Group : public EmulatedTagger {
       double mean = 0;
       for (int64_t off : list) mean += static_cast<double>(off);
       mean /= std::max<size_t>(1, list.size());
-      for (int64_t off : list) ASSERT_NEAR(static_cast<double>(off), mean, 400) << channel;
+      for (int64_t off : list) ASSERT_NEAR(static_cast<double>(off), mean, 200) << channel;
       if (channel == channels.front()) first_mean = mean;
-      EXPECT_NEAR(mean, first_mean, 350) << "channel " << channel << " against " << channels[0];
+      EXPECT_NEAR(mean, first_mean, 50) << "channel " << channel << " against " << channels[0];
     }
   }
 };
