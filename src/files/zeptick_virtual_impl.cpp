@@ -79,10 +79,13 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
   // Measurements created before this call see the recording from its first tag.
   const uint32_t fence = getFence(true);
   std::unique_lock<std::mutex> claim(block_mutex, std::defer_lock);
-  if (!queue) claim.lock();  // no block step may be inside an entry we drop
+  if (!queue) {
+    claim.lock();  // no block step may be inside an entry we drop
+    handover.waitUntilFinished();
+  }
   std::lock_guard<std::mutex> guard(queue_mutex);
   if (!queue) {
-    drain();
+    settle();
     while (!file_queue.empty()) completeFront();
   }
   FileQueueEntry entry;
@@ -99,8 +102,9 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
 
 void ZeptickVirtualImpl::stop() {
   std::lock_guard<std::mutex> claim(block_mutex);
+  handover.waitUntilFinished();
   std::lock_guard<std::mutex> queue_guard(queue_mutex);
-  drain();
+  settle();
   installReader(nullptr);
   while (!file_queue.empty()) completeFront();
   wake_cv.notify_all();
@@ -299,8 +303,9 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
     queue_lock.unlock();
     lock.lock();
     worker->fence = takeFence();
+    handover.waitUntilFinished();
     queue_lock.lock();
-    drain();
+    settle();
     emptyBlock(worker, 0);
   } else {
     const std::chrono::nanoseconds ahead =
@@ -312,7 +317,18 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
       return true;
     }
     worker->fence = fence;
-    if (nextStep(worker, fence, current_speed, claim) == Step::Retry) {
+    nothing_in_flight = false;
+    Step step;
+    while ((step = nextStep(worker, fence, current_speed, claim)) == Step::Drain) {
+      // Without the queue lock: a measurement on its way through the chain, ahead of the blocks
+      // waited for, may want it (to queue a recording, to set the speed).
+      queue_lock.unlock();
+      handover.waitUntilFinished();
+      queue_lock.lock();
+      settle();
+      nothing_in_flight = true;
+    }
+    if (step == Step::Retry) {
       queue_lock.unlock();
       lock.unlock();
       return true;
@@ -378,11 +394,6 @@ bool ZeptickVirtualImpl::admit(const Claim& claim, bool passed, const detail::Bl
   return true;
 }
 
-void ZeptickVirtualImpl::drain() {
-  handover.waitUntilFinished();
-  settle();
-}
-
 void ZeptickVirtualImpl::settle() {
   std::optional<Rollback> rollback;
   {
@@ -437,7 +448,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t f
                            : block_period;
   if (file_queue.empty()) {
     // The clock runs on between recordings, as an instrument's would.
-    drain();
+    if (!nothing_in_flight) return Step::Drain;
     emptyBlock(worker, step);
     return Step::Block;
   }
@@ -447,7 +458,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t f
 
   if (entry.duration == 0) entry.has_data = false;
   if (entry.has_data && entry.begin < 0) {
-    drain();
+    if (!nothing_in_flight) return Step::Drain;
     int64_t gap = std::min(step, -entry.begin);
     if (entry.duration >= 0) gap = std::min(gap, entry.duration);
     if (entry.duration >= 0) entry.duration -= gap;
@@ -461,7 +472,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t f
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Worker* worker,
                                                        int64_t step, Claim& claim) {
   if (!entry.opened) {
-    drain();
+    if (!nothing_in_flight) return Step::Drain;
     entry.opened = true;
     std::unique_ptr<RecordingSource> next;
     if (entry.format == foreign::ForeignFormat::None) {
@@ -539,7 +550,7 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker, Claim&
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
                                                       int64_t step) {
   // Whether this file ended early rests on the checks of its blocks still in flight.
-  drain();
+  if (!nothing_in_flight) return Step::Drain;
   tellHeldFaults();
   // Only our own recordings are split into numbered files.
   const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);

@@ -38,6 +38,7 @@ namespace zeptick {
 ///
 /// Lock order: block_mutex (the runner's claim lock), queue_mutex, clock_mutex; a turn at the
 /// hand-over, then processing_mutex. reader_mutex, config_mutex and verdict_mutex are leaves.
+/// Waiting for the blocks in flight holds block_mutex alone.
 class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
  public:
   /// `workers` 0 starts one per hardware thread.
@@ -90,8 +91,10 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
     foreign::ForeignFormat format = foreign::ForeignFormat::None;  // None: a .ztbin set
   };
 
-  // What one call of the block step decided.
-  enum class Step { Block, Retry };
+  // What one call of the block step decided. Drain: wait until every claimed block has had its
+  // turn, then take the step again. Any step but the claim of the next recorded block asks for
+  // this first, so that nothing rests on a block whose checks are still to come.
+  enum class Step { Block, Retry, Drain };
 
   // What a claim of a recorded block changed, so that a block failing its checks can be undone.
   struct Rollback {
@@ -130,10 +133,6 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   /// At the block's turn: whether it may go on into the stream. A block that failed tells its
   /// faults and ends its file; the blocks claimed behind it from that file are dropped.
   bool admit(const Claim& claim, bool passed, const detail::BlockFaults& faults);
-  /// Waits until every block claimed has had its turn, then settles. Any step other than the
-  /// claim of the next recorded block comes after this, so nothing rests on an unchecked block.
-  /// REQUIRES: block_mutex and queue_mutex.
-  void drain();
   /// Undoes the claims from the block that failed its checks on, if one did, and ends its file.
   /// REQUIRES: block_mutex and queue_mutex.
   void settle();
@@ -163,6 +162,8 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   // Claim order, kept at the hand-over; tickets are drawn under block_mutex.
   OrderedBarrier handover;
   uint64_t generation = 0;  // of the reader; under block_mutex
+  // This block step has waited for every claimed block (see Step::Drain); under block_mutex.
+  bool nothing_in_flight = false;
 
   detail::Mutex verdict_mutex;  // blocks at their turn, and the claims that settle
   uint64_t failed_generation ZT_GUARDED_BY(verdict_mutex) = 0;
