@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstring>
 
 #include "core/log.h"
 #include "files/block_words.h"
@@ -19,11 +17,16 @@ constexpr size_t kMinStreamBufferSize = 4096;
 
 }  // namespace
 
-// A reader that looks ahead stays silent: the reader that delivers the data reports every fault.
-#define READER_ERROR(...)                        \
-  do {                                           \
-    if (!stored_only) ZT_LOG_ERROR(__VA_ARGS__); \
-  } while (false)
+void ZeptickFileReader::fault(const char* text) {
+  // A reader that looks ahead stays silent: the reader that delivers the data reports every
+  // fault. A reader with deferred checks tells its faults once the blocks before are settled.
+  if (stored_only) return;
+  if (deferred) {
+    held.push_back(text);
+  } else {
+    ZT_LOG_ERROR("%s", text);
+  }
+}
 
 ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify)
     : ZeptickFileReader(filename, verify, false) {}
@@ -73,13 +76,13 @@ bool ZeptickFileReader::available(uint64_t size) {
 bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
   if (size == 0) return true;
   if (remaining != nullptr && *remaining < size) {
-    READER_ERROR("Block is too small");
+    fault("Block is too small");
     return false;
   }
   if (buffer != nullptr) {
     // Checked first so that a short file never reaches a partial read.
     if (file == nullptr || !available(size) || std::fread(buffer, 1, size, file) != size) {
-      READER_ERROR("File access failed");
+      fault("File access failed");
       return false;
     }
   } else if (file != nullptr) {
@@ -92,7 +95,7 @@ bool ZeptickFileReader::read(void* buffer, uint64_t size, uint64_t* remaining) {
     const uint64_t pad = alignment - ((size + alignment - 1) % alignment) - 1;
     if (pad != 0) {
       if (file == nullptr || !available(pad)) {
-        READER_ERROR("File access failed");
+        fault("File access failed");
         return false;
       }
       fseeko(file, static_cast<off_t>(pad), SEEK_CUR);
@@ -108,11 +111,11 @@ template <class Container>
 bool ZeptickFileReader::readSized(Container& container, uint64_t count, uint64_t* remaining) {
   const uint64_t bytes = count * sizeof(typename Container::value_type);
   if (remaining != nullptr && *remaining < bytes) {
-    READER_ERROR("Block is too small");
+    fault("Block is too small");
     return false;
   }
   if (!available(bytes)) {
-    READER_ERROR("File access failed");
+    fault("File access failed");
     return false;
   }
   container.resize(count);
@@ -133,7 +136,7 @@ bool ZeptickFileReader::readBlock() {
   block_offset = position;
   ZeptickFile::BlockHeader header{};
   if (!read(&header, sizeof(header), nullptr) || header.magic != ZeptickFile::MAGIC) {
-    READER_ERROR("Incorrect Header");
+    fault("Incorrect Header");
     return false;
   }
   uint64_t remaining = header.size;
@@ -144,14 +147,14 @@ bool ZeptickFileReader::readBlock() {
     case ZeptickFile::BLOCK_FILE_HEADER: {
       ZeptickFile::FileHeader file_header{};
       if (!read(&file_header, sizeof(file_header), &remaining)) {
-        READER_ERROR("File header could not be loaded");
+        fault("File header could not be loaded");
         return false;
       }
       // Stored before the version test, so a too-new file still tells its recording.
       alignment = file_header.alignment;
       file_id = file_header.file_id;
       if (file_header.required_version > ZeptickFile::VERSION) {
-        READER_ERROR("This file is too new. Please update your Zeptick installation.");
+        fault("This file is too new. Please update your Zeptick installation.");
         return false;
       }
       version = file_header.version;
@@ -164,13 +167,13 @@ bool ZeptickFileReader::readBlock() {
       return readTimeTagBlock(remaining);
     case ZeptickFile::BLOCK_JSON_CONFIG:
       if (!readSized(configuration, header.size, &remaining)) {
-        READER_ERROR("JSON config could not be loaded");
+        fault("JSON config could not be loaded");
         return false;
       }
       break;
     case ZeptickFile::BLOCK_LAST_MARKER:
       if (!readSized(last_marker, header.size, &remaining)) {
-        READER_ERROR("last_marker could not be loaded");
+        fault("last_marker could not be loaded");
         return false;
       }
       break;
@@ -191,12 +194,12 @@ std::vector<int32_t> ZeptickFileReader::getRecordedChannels() const {
 bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
   ZeptickFile::ChannelMap head{};
   if (!read(&head, sizeof(head), &remaining)) {
-    READER_ERROR("Channel map could not be loaded");
+    fault("Channel map could not be loaded");
     return false;
   }
   std::vector<ZeptickFile::ChannelMap::Entry> entries;
   if (!readSized(entries, head.count, &remaining)) {
-    READER_ERROR("Channel map data could not be loaded");
+    fault("Channel map data could not be loaded");
     return false;
   }
   // Entries add to the tables without clearing them: a later map refines an earlier one.
@@ -210,7 +213,7 @@ bool ZeptickFileReader::readChannelMap(uint64_t& remaining) {
 
 bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
   if (!read(&block_header, sizeof(block_header), &remaining)) {
-    READER_ERROR("Time tag block header could not be loaded");
+    fault("Time tag block header could not be loaded");
     return false;
   }
   const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
@@ -220,6 +223,21 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
     has_block = readSized(compressed, stored_bytes, &remaining);
     return has_block && read(nullptr, remaining, &remaining);
   }
+  if (deferred) {
+    // Read as stored, with the same messages as below; unpacking and checks come later.
+    if (!raw && block_header.compression != ZeptickFile::COMPRESSION_LZ4) {
+      fault("Time tag block data with unknown compression");
+      return false;
+    }
+    if (!readSized(compressed, stored_bytes, &remaining)) {
+      fault(raw ? "Time tag block data could not be loaded"
+                : "Compressed time tag block data could not be loaded");
+      return false;
+    }
+    packed = true;
+    has_block = true;
+    return read(nullptr, remaining, &remaining);
+  }
   if (checked_blocks != nullptr && checked_blocks->take(key, block_offset, block_header, words)) {
     // Read and checked ahead: the same bytes need not be read again.
     has_block = read(nullptr, stored_bytes, &remaining);
@@ -227,46 +245,32 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
   }
   if (raw) {
     if (!readSized(words, block_header.word_count, &remaining)) {
-      READER_ERROR("Time tag block data could not be loaded");
+      fault("Time tag block data could not be loaded");
       return false;
     }
   } else if (block_header.compression == ZeptickFile::COMPRESSION_LZ4) {
     if (!readSized(compressed, block_header.stored_size, &remaining)) {
-      READER_ERROR("Compressed time tag block data could not be loaded");
+      fault("Compressed time tag block data could not be loaded");
       return false;
     }
     const bool unpacked = detail::decompressWords(block_header, compressed, words);
     compressed.clear();
     if (!unpacked) {
-      READER_ERROR("Time tag block data could not be decompressed");
+      fault("Time tag block data could not be decompressed");
       return false;
     }
   } else {
-    READER_ERROR("Time tag block data with unknown compression");
+    fault("Time tag block data with unknown compression");
     return false;
   }
-  if (verify && !verifyBlock()) {
-    READER_ERROR("Time tag block data with invalid hash or signature");
+  detail::BlockFaults faults;
+  if (verify && !detail::checkWords(block_header, words, key.get(), faults)) {
+    for (const char* text : faults) fault(text);
     return false;
   }
+  packed = false;
   has_block = true;
   return read(nullptr, remaining, &remaining);
-}
-
-bool ZeptickFileReader::verifyBlock() {
-  uint8_t digest[32];
-  if (!detail::sha1Digest(words.data(), words.size() * sizeof(ShortTag), digest)) {
-    READER_ERROR("Hashing with SHA1 was not successful");
-  }
-  if (std::memcmp(digest, block_header.hash, sizeof(digest)) != 0) {
-    READER_ERROR("Hash missmatch");
-    return false;
-  }
-  if (!key || !key->verify(block_header.hash, block_header.signature)) {
-    READER_ERROR("ECC signature is wrong");
-    return false;
-  }
-  return true;
 }
 
 bool ZeptickFileReader::getBlockRange(int64_t& begin_time, int64_t& end_time) const {
@@ -284,8 +288,29 @@ bool ZeptickFileReader::takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header,
   return true;
 }
 
+bool ZeptickFileReader::unpackLoaded() {
+  if (!packed) return true;
+  // Nothing taken before is still unchecked when a block is skipped or decoded here, so its
+  // faults are told at once.
+  detail::PackedBlock block;
+  block.header = block_header;
+  std::swap(block.stored, compressed);
+  std::swap(block.words, words);
+  block.verify = verify;
+  block.key = key;
+  detail::BlockFaults faults;
+  const bool passed = detail::unpackWords(block, faults);
+  std::swap(block.stored, compressed);
+  std::swap(block.words, words);
+  packed = false;
+  for (const char* text : faults) ZT_LOG_ERROR("%s", text);
+  if (!passed) endHere();
+  return passed;
+}
+
 bool ZeptickFileReader::skipBlock() {
   if (!has_block) return false;
+  if (!unpackLoaded()) return false;
   has_block = false;
   load();
   return true;
@@ -293,56 +318,39 @@ bool ZeptickFileReader::skipBlock() {
 
 bool ZeptickFileReader::decodeBlock(std::vector<Tag>& tags, int64_t start_time,
                                     uint64_t& overflows) {
-  if (!has_block) return false;
-  // At most one tag per word: size once, fill through a pointer, trim at the end.
-  tags.resize(words.size());
-  Tag* out = tags.data();
-  // Unsigned arithmetic: a forged delta may wrap, which must not be undefined.
-  uint64_t time = static_cast<uint64_t>(start_time);
-  const uint64_t unit = block_header.time_unit;
-  bool overflow = block_header.overflow_at_begin != 0;
-  for (const ShortTag word : words) {
-    const uint8_t code = word.code();
-    const uint64_t value = word.value();
-    if (code <= ZeptickFile::MAX_CHANNEL_INDEX) {
-      if (!overflow) {
-        time += value * unit;
-        *out++ = Tag{Tag::Type::TimeTag, 0, 0, channels[code], static_cast<int64_t>(time)};
-      } else {
-        *out++ = Tag{Tag::Type::MissedEvents, 0, static_cast<uint16_t>(value), channels[code],
-                     static_cast<int64_t>(time)};
-      }
-      continue;
-    }
-    Tag::Type type;
-    switch (code) {
-      case ZeptickFile::SHORT_TAG_TIME_BITS_24:
-        time += (value * unit) << 24;
-        continue;
-      case ZeptickFile::SHORT_TAG_TIME_BITS_48:
-        time += (value * unit) << 48;
-        continue;
-      case ZeptickFile::SHORT_TAG_OVERFLOW_BEGIN:
-        type = Tag::Type::OverflowBegin;
-        overflow = true;
-        ++overflows;
-        break;
-      case ZeptickFile::SHORT_TAG_OVERFLOW_END:
-        type = Tag::Type::OverflowEnd;
-        overflow = false;
-        break;
-      default:
-        type = Tag::Type::Error;
-        ++overflows;
-        break;
-    }
-    time += value * unit;
-    *out++ = Tag{type, 0, 0, CHANNEL_UNUSED, static_cast<int64_t>(time)};
-  }
-  tags.resize(static_cast<size_t>(out - tags.data()));
+  if (!has_block || !unpackLoaded()) return false;
+  detail::decodeWords(words, block_header, channels, start_time, tags, overflows);
   has_block = false;
   load();
   return true;
+}
+
+bool ZeptickFileReader::takePackedBlock(detail::PackedBlock& block) {
+  if (!has_block) return false;
+  block.header = block_header;
+  block.unpacked = !packed;
+  std::swap(block.stored, compressed);
+  std::swap(block.words, words);
+  block.channels = channels;
+  block.verify = verify;
+  block.key = key;
+  has_block = false;
+  packed = false;
+  load();
+  return true;
+}
+
+detail::BlockFaults ZeptickFileReader::takeHeldFaults() {
+  detail::BlockFaults faults;
+  std::swap(faults, held);
+  return faults;
+}
+
+void ZeptickFileReader::endHere() {
+  has_block = false;
+  packed = false;
+  held.clear();
+  close();
 }
 
 int32_t ZeptickFileReader::getInvertedChannel(int32_t channel) const {

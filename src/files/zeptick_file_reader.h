@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "files/block_signing.h"
+#include "files/block_words.h"
 #include "files/checked_blocks.h"
 #include "files/file_format.h"
 #include "files/recording_source.h"
@@ -51,7 +52,21 @@ class ZeptickFileReader final : public RecordingSource {
   /// Takes the blocks that `blocks` has read and checked ahead, with the same key, instead of
   /// reading and checking them again. Not owned; it must outlive this reader.
   void useCheckedBlocks(detail::CheckedBlocks* blocks) { checked_blocks = blocks; }
-  /// Drops the loaded block and loads the next; false if no block was loaded.
+  /// From now on loads each time tag block as stored, leaving its unpacking, checking and
+  /// decoding to takePackedBlock's caller, and holds the faults that loading finds (see
+  /// takeHeldFaults) instead of logging them: a block taken before may yet fail its checks, and
+  /// then the file ends there and nothing after it may be told. Only for a verifying reader.
+  void deferChecks() { deferred = true; }
+  /// Moves the loaded block into `block`, with the channel table and key it is to be decoded and
+  /// checked with, and loads the next. False if no block is loaded.
+  bool takePackedBlock(detail::PackedBlock& block);
+  /// The faults that loading found since the last call, in order; with deferChecks only.
+  detail::BlockFaults takeHeldFaults();
+  /// Ends the file at the loaded block, as if loading it had failed, and forgets held faults:
+  /// a block taken before it failed its checks.
+  void endHere();
+  /// Drops the loaded block and loads the next; false if no block was loaded. With
+  /// deferChecks, also false if the loaded block fails its checks, which ends the file there.
   bool skipBlock() override;
   /// Replaces `tags` with the loaded block's tags, its time running from `start_time` (usually
   /// the block's begin_time), adds one to `overflows` for each overflow begin and each error,
@@ -78,7 +93,8 @@ class ZeptickFileReader final : public RecordingSource {
   bool readBlock();
   bool readChannelMap(uint64_t& remaining);
   bool readTimeTagBlock(uint64_t& remaining);
-  bool verifyBlock();
+  bool unpackLoaded();
+  void fault(const char* text);
   bool available(uint64_t size);
   void refreshFileSize();
   void load();
@@ -89,12 +105,15 @@ class ZeptickFileReader final : public RecordingSource {
   uint32_t version = 0;
   bool verify = false;
   bool stored_only = false;
+  bool deferred = false;     // see deferChecks
+  bool packed = false;       // the loaded block is in `compressed` as stored, unchecked
+  detail::BlockFaults held;  // faults found in loading, with deferChecks
   std::shared_ptr<const detail::VerifyingKey> key;
   detail::CheckedBlocks* checked_blocks = nullptr;
   std::string configuration;
   std::string last_marker;
   bool at_end = false;
-  std::array<int32_t, ZeptickFile::MAX_CHANNEL_INDEX + 1> channels;
+  detail::ChannelTable channels;
   std::map<int32_t, int32_t> inverted_channels;
   bool has_block = false;
   ZeptickFile::TimeTagBlockHeader block_header{};

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "core/input_delay.h"
 #include "core/log.h"
@@ -21,11 +20,17 @@ constexpr int kFirstVirtualChannel = 1 << 16;
 
 bool fileExists(const std::string& name) { return std::ifstream(name, std::ios::binary).is_open(); }
 
+// The block a worker has claimed, from the claim to the hand-over; each worker keeps its
+// buffers, so that a stream of blocks allocates nothing.
+detail::PackedBlock& packedBlock() {
+  thread_local detail::PackedBlock block;
+  return block;
+}
+
 }  // namespace
 
 ZeptickVirtualImpl::ZeptickVirtualImpl(unsigned workers)
     : channel_number_scheme(getZeptickChannelNumberScheme()),
-      look_ahead((workers == 0 ? std::thread::hardware_concurrency() : workers) > 1),
       anchor_real(nowNs()),
       next_virtual_channel(kFirstVirtualChannel) {
   // Started last, so that workers never see a half-built object.
@@ -74,9 +79,13 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
   // Measurements created before this call see the recording from its first tag.
   const uint32_t fence = getFence(true);
   std::unique_lock<std::mutex> claim(block_mutex, std::defer_lock);
-  if (!queue) claim.lock();  // no block step may be inside an entry we drop
+  if (!queue) {
+    claim.lock();  // no block step may be inside an entry we drop
+    handover.waitUntilFinished();
+  }
   std::lock_guard<std::mutex> guard(queue_mutex);
   if (!queue) {
+    settle();
     while (!file_queue.empty()) completeFront();
   }
   FileQueueEntry entry;
@@ -93,7 +102,9 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
 
 void ZeptickVirtualImpl::stop() {
   std::lock_guard<std::mutex> claim(block_mutex);
+  handover.waitUntilFinished();
   std::lock_guard<std::mutex> queue_guard(queue_mutex);
+  settle();
   installReader(nullptr);
   while (!file_queue.empty()) completeFront();
   wake_cv.notify_all();
@@ -144,22 +155,24 @@ double ZeptickVirtualImpl::getReplaySpeed() {
   return speed;
 }
 
-void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next,
-                                       const std::string& file) {
-  checked_blocks.clear();
-  scout.reset();
-  // Blocks are checked ahead only in our own files, the ones that carry hashes and signatures.
-  auto* own = dynamic_cast<ZeptickFileReader*>(next.get());
-  if (own != nullptr && look_ahead) {
-    own->useCheckedBlocks(&checked_blocks);
-    scout = ZeptickFileReader::storedOnly(file);
-  }
+void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next) {
+  tellHeldFaults();
+  // Our own files are read as stored: workers unpack and check their blocks.
+  if (auto* own = dynamic_cast<ZeptickFileReader*>(next.get())) own->deferChecks();
+  ++generation;
   std::unique_ptr<RecordingSource> old;
   {
     detail::MutexLock guard(reader_mutex);
     old = std::move(reader);
     reader = std::move(next);
   }
+}
+
+void ZeptickVirtualImpl::tellHeldFaults() {
+  detail::MutexLock guard(reader_mutex);
+  auto* own = dynamic_cast<ZeptickFileReader*>(reader.get());
+  if (own == nullptr) return;
+  for (const char* text : own->takeHeldFaults()) ZT_LOG_ERROR("%s", text);
 }
 
 int ZeptickVirtualImpl::getInvertedChannel(int channel) {
@@ -273,50 +286,16 @@ void ZeptickVirtualImpl::seedTestSignal(uint64_t seed) {
 
 // --- The block step -------------------------------------------------------------------------
 
-bool ZeptickVirtualImpl::checkBlockAhead(std::unique_lock<std::mutex>& lock) {
-  if (!scout || !checked_blocks.hasRoom()) return false;
-  uint64_t reader_offset;
-  std::shared_ptr<const detail::VerifyingKey> key;
-  int64_t begin = 0;
-  int64_t end = 0;
-  {
-    detail::MutexLock guard(reader_mutex);
-    if (!reader || !reader->getBlockRange(begin, end)) return false;
-    // A scout exists only beside a reader of our own files (see installReader).
-    const auto* own = static_cast<const ZeptickFileReader*>(reader.get());
-    reader_offset = own->getBlockOffset();
-    key = own->getVerifyingKey();
-  }
-  // The reader has its loaded block and every one before it.
-  while (scout->getBlockRange(begin, end) && scout->getBlockOffset() <= reader_offset) {
-    scout->skipBlock();
-  }
-  // Each worker keeps its buffer for stored data, so that looking ahead allocates nothing.
-  thread_local std::vector<char> stored;
-  ZeptickFile::TimeTagBlockHeader header{};
-  const uint64_t offset = scout->getBlockOffset();
-  if (!scout->takeStoredBlock(header, stored)) return false;
-  const uint64_t file = checked_blocks.currentFile();
-  scout->skipBlock();
-  lock.unlock();
-  checked_blocks.checkAhead(file, key, offset, header, stored);
-  return true;
-}
-
 bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
                                        uint32_t fence, const std::function<void()>& ready) {
-  if (checkBlockAhead(lock)) {
-    // Back to claiming rather than retrying: a retry yields the core, which costs far more than
-    // the check on a busy machine. The fence is read again, as at the start of any claim.
-    lock.lock();
-    fence = takeFence();
-  }
   std::unique_lock<std::mutex> queue_lock(queue_mutex);
+  settle();
   double current_speed;
   {
     detail::MutexLock guard(clock_mutex);
     current_speed = speed;
   }
+  Claim claim;
   if (current_speed == 0.0 || (file_queue.empty() && current_speed < 0.0)) {
     // Nothing to play: an empty block now and then keeps fences, and so sync(), moving.
     lock.unlock();
@@ -324,6 +303,9 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
     queue_lock.unlock();
     lock.lock();
     worker->fence = takeFence();
+    handover.waitUntilFinished();
+    queue_lock.lock();
+    settle();
     emptyBlock(worker, 0);
   } else {
     const std::chrono::nanoseconds ahead =
@@ -335,19 +317,37 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
       return true;
     }
     worker->fence = fence;
-    if (nextStep(worker, fence, current_speed) == Step::Retry) {
+    nothing_in_flight = false;
+    Step step;
+    while ((step = nextStep(worker, fence, current_speed, claim)) == Step::Drain) {
+      // Without the queue lock: a measurement on its way through the chain, ahead of the blocks
+      // waited for, may want it (to queue a recording, to set the speed).
+      queue_lock.unlock();
+      handover.waitUntilFinished();
+      queue_lock.lock();
+      settle();
+      nothing_in_flight = true;
+    }
+    if (step == Step::Retry) {
       queue_lock.unlock();
       lock.unlock();
       return true;
     }
-    queue_lock.unlock();
   }
+  queue_lock.unlock();
 
-  // Hand over hand to the ordering stage, so that the next block can be read meanwhile.
-  std::unique_lock<std::mutex> processing(processing_mutex);
+  // The block has its place: the next worker may claim while this one finishes its own.
+  OrderedBarrier::OrderInstance turn = handover.queue();
   lock.unlock();
-  lock = std::move(processing);
   ready();
+  detail::BlockFaults faults;
+  const bool passed = finishBlock(worker, claim, faults);
+  turn.sync();
+  if (!admit(claim, passed, faults)) return true;  // the turn passes on as `turn` goes
+  // Hand over hand to the ordering stage, in claim order.
+  std::unique_lock<std::mutex> processing(processing_mutex);
+  turn.release();
+  lock = std::move(processing);
   {
     detail::MutexLock guard(config_mutex);
     if (config_dirty) {
@@ -357,6 +357,65 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
   }
   channel_stage.process(worker->tags, worker->blockBegin, worker->blockEnd);
   return false;
+}
+
+bool ZeptickVirtualImpl::finishBlock(Worker* worker, Claim& claim, detail::BlockFaults& faults) {
+  if (!claim.recorded) return true;
+  std::vector<Tag>& tags = worker->tags;
+  if (claim.packed) {
+    if (!detail::unpackBlock(packedBlock(), claim.start_time, tags, claim.counted, faults)) {
+      return false;
+    }
+  }
+  auto before = [](const Tag& tag, int64_t time) { return tag.time - time < 0; };
+  if (claim.cut_begin) {
+    tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), claim.from, before));
+  }
+  if (claim.cut_end) {
+    tags.erase(std::lower_bound(tags.begin(), tags.end(), claim.until, before), tags.end());
+  }
+  // Tags on either side of a gap do not belong together: say so, as the hardware would.
+  if (claim.gap) tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, claim.from});
+  return true;
+}
+
+bool ZeptickVirtualImpl::admit(const Claim& claim, bool passed, const detail::BlockFaults& faults) {
+  if (!claim.recorded) return true;
+  detail::MutexLock guard(verdict_mutex);
+  // Behind a block that failed: its file ended there.
+  if (claim.generation == failed_generation) return false;
+  if (!passed) {
+    for (const char* text : faults) ZT_LOG_ERROR("%s", text);
+    failed_generation = claim.generation;
+    failure = claim.before;
+    return false;
+  }
+  overflows += claim.counted + (claim.gap ? 1 : 0);
+  return true;
+}
+
+void ZeptickVirtualImpl::settle() {
+  std::optional<Rollback> rollback;
+  {
+    detail::MutexLock guard(verdict_mutex);
+    rollback.swap(failure);
+  }
+  // The failed block's entry is still the front one: no step leaves an entry before a drain.
+  if (!rollback || file_queue.empty()) return;
+  FileQueueEntry& entry = file_queue.front();
+  entry.begin = rollback->begin;
+  entry.duration = rollback->duration;
+  entry.has_data = false;
+  last_block_end = rollback->last_block_end;
+  last_file_id = rollback->last_file_id;
+  first_block = rollback->first_block;
+  {
+    detail::MutexLock guard(clock_mutex);
+    virtual_time = rollback->virtual_time;
+  }
+  detail::MutexLock guard(reader_mutex);
+  // Only our own files have blocks that fail at the hand-over.
+  static_cast<ZeptickFileReader*>(reader.get())->endHere();
 }
 
 std::chrono::nanoseconds ZeptickVirtualImpl::paceClock(double current_speed) {
@@ -383,12 +442,13 @@ void ZeptickVirtualImpl::emptyBlock(Worker* worker, int64_t length) {
 }
 
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t fence,
-                                                      double current_speed) {
+                                                      double current_speed, Claim& claim) {
   const int64_t step = current_speed > 0.0
                            ? static_cast<int64_t>(static_cast<double>(block_period) * current_speed)
                            : block_period;
   if (file_queue.empty()) {
     // The clock runs on between recordings, as an instrument's would.
+    if (!nothing_in_flight) return Step::Drain;
     emptyBlock(worker, step);
     return Step::Block;
   }
@@ -398,6 +458,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t f
 
   if (entry.duration == 0) entry.has_data = false;
   if (entry.has_data && entry.begin < 0) {
+    if (!nothing_in_flight) return Step::Drain;
     int64_t gap = std::min(step, -entry.begin);
     if (entry.duration >= 0) gap = std::min(gap, entry.duration);
     if (entry.duration >= 0) entry.duration -= gap;
@@ -405,29 +466,29 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextStep(Worker* worker, uint32_t f
     emptyBlock(worker, gap);
     return Step::Block;
   }
-  return playFiles(entry, worker, step);
+  return playFiles(entry, worker, step, claim);
 }
 
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::playFiles(FileQueueEntry& entry, Worker* worker,
-                                                       int64_t step) {
+                                                       int64_t step, Claim& claim) {
   if (!entry.opened) {
+    if (!nothing_in_flight) return Step::Drain;
     entry.opened = true;
     std::unique_ptr<RecordingSource> next;
-    std::string name = entry.file;
     if (entry.format == foreign::ForeignFormat::None) {
-      name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
-      next = std::make_unique<ZeptickFileReader>(name, true);
+      next = std::make_unique<ZeptickFileReader>(
+          ZeptickFile::makeFileName(entry.file, entry.file_index++), true);
     } else {
       next = foreign::openForeignRecording(entry.file, entry.format);
     }
     next->getFileId(current_file_id);
-    installReader(std::move(next), name);
+    installReader(std::move(next));
   }
-  if (entry.has_data && readBlock(entry, worker)) return Step::Block;
+  if (entry.has_data && readBlock(entry, worker, claim)) return Step::Block;
   return nextFile(entry, worker, step);
 }
 
-bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
+bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker, Claim& claim) {
   detail::MutexLock reader_guard(reader_mutex);
   int64_t block_begin = 0;
   int64_t block_end = 0;
@@ -437,38 +498,46 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
       return false;
     }
     if (entry.begin < block_end - block_begin) break;
-    reader->skipBlock();
+    // Skipped blocks come first in an entry, with nothing in flight; a skipped block that fails
+    // its checks ends the file.
+    if (!reader->skipBlock()) {
+      entry.has_data = false;
+      return false;
+    }
     entry.begin -= block_end - block_begin;
   }
 
   detail::MutexLock clock_guard(clock_mutex);
   const int64_t now = virtual_time;
-  uint64_t counted = 0;
-  std::vector<Tag>& tags = worker->tags;
-  entry.has_data = reader->decodeBlock(tags, now - entry.begin, counted);
-  overflows += counted;
-  if (!entry.has_data) return false;
+  claim.start_time = now - entry.begin;
+  if (auto* own = dynamic_cast<ZeptickFileReader*>(reader.get())) {
+    claim.packed = own->takePackedBlock(packedBlock());
+  } else {
+    entry.has_data = reader->decodeBlock(worker->tags, claim.start_time, claim.counted);
+    if (!entry.has_data) return false;
+  }
+  claim.recorded = true;
+  claim.generation = generation;
+  claim.before =
+      Rollback{entry.begin, entry.duration, now, last_block_end, last_file_id, first_block};
 
-  auto before = [](const Tag& tag, int64_t time) { return tag.time - time < 0; };
   int64_t length = block_end - block_begin;
+  claim.from = now;
   if (entry.begin != 0) {
     length -= entry.begin;
     entry.begin = 0;
-    tags.erase(tags.begin(), std::lower_bound(tags.begin(), tags.end(), now, before));
+    claim.cut_begin = true;
   }
   if (entry.duration >= 0) {
     if (entry.duration < length) {
       length = entry.duration;
-      tags.erase(std::lower_bound(tags.begin(), tags.end(), now + length, before), tags.end());
+      claim.cut_end = true;
+      claim.until = now + length;
     }
     entry.duration -= length;
   }
-  // Tags on either side of a gap do not belong together: say so, as the hardware would.
   const bool continues = last_block_end == block_begin && last_file_id == current_file_id;
-  if (!continues && !first_block) {
-    tags.insert(tags.begin(), Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, now});
-    ++overflows;
-  }
+  claim.gap = !continues && !first_block;
   last_block_end = block_end;
   last_file_id = current_file_id;
   first_block = false;
@@ -480,6 +549,9 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
 
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
                                                       int64_t step) {
+  // Whether this file ended early rests on the checks of its blocks still in flight.
+  if (!nothing_in_flight) return Step::Drain;
+  tellHeldFaults();
   // Only our own recordings are split into numbered files.
   const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
   if (entry.format == foreign::ForeignFormat::None && fileExists(name)) {
@@ -487,7 +559,7 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Wor
     ZeptickFile::FileId id{};
     next->getFileId(id);
     if (id == current_file_id) {
-      installReader(std::move(next), name);
+      installReader(std::move(next));
       entry.has_data = true;
       return Step::Retry;
     }

@@ -190,6 +190,113 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   EXPECT_EQ(fields(tags), fields(window(all, 0, end_of_two, 0)));
 }
 
+// What verifying readers give for `files` read one after another, joined as replay joins blocks,
+// and what they log, without the place in the source that tells it.
+struct FileByFile {
+  std::vector<Tag> tags;
+  int64_t overflows = 0;
+  std::vector<std::string> log;
+};
+
+std::vector<std::string> messageTexts(LogCapture& log) {
+  std::vector<std::string> texts;
+  for (const std::string& text : log.messages()) texts.push_back(text.substr(text.rfind(": ") + 2));
+  return texts;
+}
+
+FileByFile readFileByFile(const std::vector<std::string>& files) {
+  FileByFile out;
+  int64_t now = 0;
+  int64_t last_end = 0;
+  for (const std::string& name : files) {
+    LogCapture log;
+    for (const Block& block : readRecording(name)) {
+      if (!out.tags.empty() && block.begin_time != last_end) {
+        out.tags.push_back(specialTag(Tag::Type::Error, now));
+      }
+      for (Tag tag : block.tags) {
+        tag.time += now - block.begin_time;
+        out.tags.push_back(tag);
+      }
+      now += block.end_time - block.begin_time;
+      last_end = block.end_time;
+    }
+    for (const std::string& text : messageTexts(log)) out.log.push_back(text);
+  }
+  out.overflows = std::count_if(out.tags.begin(), out.tags.end(), [](const Tag& tag) {
+    return tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::Error;
+  });
+  return out;
+}
+
+void expectReplayReadsFileByFile(const std::string& base, const FileByFile& expected) {
+  for (const unsigned workers : {1u, 4u}) {
+    SCOPED_TRACE(workers);
+    LogCapture log;
+    Replay replay(workers);
+    EXPECT_EQ(fields(replay.play(base)), fields(expected.tags));
+    EXPECT_EQ(replay.tagger->getOverflows(), expected.overflows);
+    EXPECT_EQ(messageTexts(log), expected.log);
+  }
+}
+
+// Flips a byte of time tag block `block` at `at` in its payload, or cuts the file there.
+void damage(const std::string& name, size_t block, size_t at, bool cut) {
+  Bytes bytes = readBytes(name);
+  const std::vector<RawBlock> blocks = timeTagBlocks(bytes);
+  ASSERT_GT(blocks.size(), block);
+  const size_t offset = blocks[block].offset + 16 + at;
+  if (cut) {
+    bytes.resize(offset);
+  } else {
+    bytes[offset] ^= 0x20;
+  }
+  writeBytes(name, bytes);
+}
+
+// Workers unpack and check blocks side by side, yet the stream, the overflow count and the log
+// are those of reading the files one after another: a damaged block ends its file with its own
+// messages and nothing from a cut behind it, and the next file's faults follow in turn.
+TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
+  ScratchDirectory dir;
+  const std::string base = dir.file("rec");
+  writeRecording(base, smallPlan(14), 4000);
+  const std::vector<std::string> files = splitFiles(base);
+  ASSERT_GE(files.size(), 5u);
+  damage(files[1], 1, 144 + 3, false);  // in the data: the file ends at block 1
+  damage(files[2], 1, 80 + 5, false);   // in the signature, and
+  damage(files[2], 2, 150, true);       // a cut in the next block, which is never told
+  damage(files[3], 2, 100, true);       // a cut that is told
+  const FileByFile expected = readFileByFile(files);
+  ASSERT_EQ(expected.log,
+            (std::vector<std::string>{
+                "Hash missmatch", "Time tag block data with invalid hash or signature",
+                "ECC signature is wrong", "Time tag block data with invalid hash or signature",
+                "File access failed", "Time tag block header could not be loaded"}));
+  expectReplayReadsFileByFile(base, expected);
+
+  // A large block whose signature fails only after its digest: meanwhile other workers claim the
+  // blocks behind it, which must not pass.
+  std::vector<Block> blocks;
+  uint64_t state = 1;
+  for (int64_t b = 0; b < 5; ++b) {
+    Block block{{}, b * 1000000000, (b + 1) * 1000000000};
+    const int64_t count = b == 1 ? 2000000 : 50;
+    for (int64_t t = 0; t < count; ++t) {
+      state = state * 6364136223846793005u + 1442695040888963407u;
+      block.tags.push_back(timeTag(1 + static_cast<int>(state >> 63),
+                                   block.begin_time + t * 450 + static_cast<int64_t>(state >> 56)));
+    }
+    blocks.push_back(block);
+  }
+  const std::string large = dir.file("large.ztbin");
+  writeRecording(large, blocks, {{1, -1}, {2, -2}});
+  damage(large, 1, 80 + 9, false);
+  const FileByFile expected_large = readFileByFile({large});
+  ASSERT_EQ(expected_large.tags.size(), 50u);
+  expectReplayReadsFileByFile(dir.file("large"), expected_large);
+}
+
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
 // there is none to guess with until a recorded channel map answers.
 TEST(Replay, WithoutAFileRefusesAndGuessesChannelsByTheNumberingScheme) {
