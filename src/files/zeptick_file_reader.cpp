@@ -18,9 +18,7 @@ constexpr size_t kMinStreamBufferSize = 4096;
 }  // namespace
 
 void ZeptickFileReader::fault(const char* text) {
-  // A reader that looks ahead stays silent: the reader that delivers the data reports every
-  // fault. A reader with deferred checks tells its faults once the blocks before are settled.
-  if (stored_only) return;
+  // A reader with deferred checks tells its faults once the blocks before are settled.
   if (deferred) {
     held.push_back(text);
   } else {
@@ -28,15 +26,7 @@ void ZeptickFileReader::fault(const char* text) {
   }
 }
 
-ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify)
-    : ZeptickFileReader(filename, verify, false) {}
-
-std::unique_ptr<ZeptickFileReader> ZeptickFileReader::storedOnly(const std::string& filename) {
-  return std::unique_ptr<ZeptickFileReader>(new ZeptickFileReader(filename, false, true));
-}
-
-ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify, bool stored_only)
-    : verify(verify), stored_only(stored_only) {
+ZeptickFileReader::ZeptickFileReader(const std::string& filename, bool verify) : verify(verify) {
   channels.fill(CHANNEL_UNUSED);
   if (verify) key = detail::currentVerifyingKey();
   file = std::fopen(filename.c_str(), "rb");
@@ -133,7 +123,6 @@ void ZeptickFileReader::load() {
 
 bool ZeptickFileReader::readBlock() {
   if (at_end) return false;
-  block_offset = position;
   ZeptickFile::BlockHeader header{};
   if (!read(&header, sizeof(header), nullptr) || header.magic != ZeptickFile::MAGIC) {
     fault("Incorrect Header");
@@ -219,10 +208,6 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
   const bool raw = block_header.compression == ZeptickFile::COMPRESSION_NONE;
   const uint64_t stored_bytes =
       raw ? uint64_t{block_header.word_count} * sizeof(ShortTag) : block_header.stored_size;
-  if (stored_only) {
-    has_block = readSized(compressed, stored_bytes, &remaining);
-    return has_block && read(nullptr, remaining, &remaining);
-  }
   if (deferred) {
     // Read as stored, with the same messages as below; unpacking and checks come later.
     if (!raw && block_header.compression != ZeptickFile::COMPRESSION_LZ4) {
@@ -237,11 +222,6 @@ bool ZeptickFileReader::readTimeTagBlock(uint64_t& remaining) {
     packed = true;
     has_block = true;
     return read(nullptr, remaining, &remaining);
-  }
-  if (checked_blocks != nullptr && checked_blocks->take(key, block_offset, block_header, words)) {
-    // Read and checked ahead: the same bytes need not be read again.
-    has_block = read(nullptr, stored_bytes, &remaining);
-    return has_block && read(nullptr, remaining, &remaining);
   }
   if (raw) {
     if (!readSized(words, block_header.word_count, &remaining)) {
@@ -277,14 +257,6 @@ bool ZeptickFileReader::getBlockRange(int64_t& begin_time, int64_t& end_time) co
   if (!has_block) return false;
   begin_time = block_header.begin_time;
   end_time = block_header.end_time;
-  return true;
-}
-
-bool ZeptickFileReader::takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header,
-                                        std::vector<char>& stored) {
-  if (!has_block || !stored_only) return false;
-  header = block_header;
-  std::swap(stored, compressed);
   return true;
 }
 

@@ -10,7 +10,6 @@
 
 #include "files/block_signing.h"
 #include "files/block_words.h"
-#include "files/checked_blocks.h"
 #include "files/file_format.h"
 #include "files/recording_source.h"
 #include "zeptick/tag.h"
@@ -29,10 +28,6 @@ class ZeptickFileReader final : public RecordingSource {
   /// against the key of setFileVerificationKey at this moment, and a failure ends the file.
   /// A file that cannot be opened has no block (see isOpen).
   ZeptickFileReader(const std::string& filename, bool verify);
-  /// A reader that looks ahead for another one: it reads each time tag block's stored data but
-  /// neither unpacks nor checks it (see takeStoredBlock; decodeBlock yields no tags), and a
-  /// fault ends the file without a message, since the reader that delivers the data tells it.
-  static std::unique_ptr<ZeptickFileReader> storedOnly(const std::string& filename);
   ~ZeptickFileReader() override;
   ZeptickFileReader(const ZeptickFileReader&) = delete;
   ZeptickFileReader& operator=(const ZeptickFileReader&) = delete;
@@ -42,16 +37,6 @@ class ZeptickFileReader final : public RecordingSource {
 
   /// The loaded block's span; false if no block is left.
   bool getBlockRange(int64_t& begin_time, int64_t& end_time) const override;
-  /// Where the loaded block starts in the file; meaningful while a block is loaded.
-  uint64_t getBlockOffset() const { return block_offset; }
-  /// A storedOnly reader's loaded block: its header, and its stored data swapped into `stored`.
-  /// False if no block is loaded or the reader is not storedOnly.
-  bool takeStoredBlock(ZeptickFile::TimeTagBlockHeader& header, std::vector<char>& stored);
-  /// The key blocks are verified with; null without verification.
-  std::shared_ptr<const detail::VerifyingKey> getVerifyingKey() const { return key; }
-  /// Takes the blocks that `blocks` has read and checked ahead, with the same key, instead of
-  /// reading and checking them again. Not owned; it must outlive this reader.
-  void useCheckedBlocks(detail::CheckedBlocks* blocks) { checked_blocks = blocks; }
   /// From now on loads each time tag block as stored, leaving its unpacking, checking and
   /// decoding to takePackedBlock's caller, and holds the faults that loading finds (see
   /// takeHeldFaults) instead of logging them: a block taken before may yet fail its checks, and
@@ -86,7 +71,6 @@ class ZeptickFileReader final : public RecordingSource {
   void getFileId(ZeptickFile::FileId& file_id) const override { file_id = this->file_id; }
 
  private:
-  ZeptickFileReader(const std::string& filename, bool verify, bool stored_only);
   bool read(void* buffer, uint64_t size, uint64_t* remaining);
   template <class Container>
   bool readSized(Container& container, uint64_t count, uint64_t* remaining);
@@ -104,12 +88,10 @@ class ZeptickFileReader final : public RecordingSource {
   ZeptickFile::FileId file_id{};
   uint32_t version = 0;
   bool verify = false;
-  bool stored_only = false;
   bool deferred = false;     // see deferChecks
   bool packed = false;       // the loaded block is in `compressed` as stored, unchecked
   detail::BlockFaults held;  // faults found in loading, with deferChecks
   std::shared_ptr<const detail::VerifyingKey> key;
-  detail::CheckedBlocks* checked_blocks = nullptr;
   std::string configuration;
   std::string last_marker;
   bool at_end = false;
@@ -123,9 +105,8 @@ class ZeptickFileReader final : public RecordingSource {
   bool opened = false;
   std::FILE* file = nullptr;
   std::vector<char> file_buffer;
-  uint64_t position = 0;      // bytes consumed from the start of the file
-  uint64_t block_offset = 0;  // where the last block read began
-  uint64_t file_size = 0;     // as last looked up; refreshed before a read would pass it
+  uint64_t position = 0;   // bytes consumed from the start of the file
+  uint64_t file_size = 0;  // as last looked up; refreshed before a read would pass it
 };
 
 }  // namespace zeptick

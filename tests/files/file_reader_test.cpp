@@ -53,9 +53,6 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
   for (size_t length = 0; length < bytes.size(); ++length) {
     writeBytes(cut, Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length)));
     LogCapture log;
-    // A reader that looks ahead walks the same file without a word: the count below holds.
-    for (auto scout = ZeptickFileReader::storedOnly(cut); scout->skipBlock();) {
-    }
     const std::vector<Block> read = readRecording(cut);
     size_t complete = 0;
     for (const RawBlock& block : time_blocks) {
@@ -97,22 +94,6 @@ TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
           << "block " << block << " byte " << at << ": " << ::testing::PrintToString(messages);
     }
   }
-}
-
-TEST_F(RecordedFile, StoredOnlyGivesEveryBlocksPlaceHeaderAndStoredData) {
-  auto scout = ZeptickFileReader::storedOnly(path);
-  for (const RawBlock& block : time_blocks) {
-    ZeptickFile::TimeTagBlockHeader header{};
-    std::vector<char> stored;
-    EXPECT_EQ(scout->getBlockOffset(), block.offset);
-    ASSERT_TRUE(scout->takeStoredBlock(header, stored));
-    const auto* head = reinterpret_cast<const uint8_t*>(&header);
-    EXPECT_EQ(Bytes(head, head + sizeof(header)), Bytes(&block.payload[0], &block.payload[144]));
-    EXPECT_EQ(Bytes(stored.begin(), stored.end()),
-              Bytes(block.payload.begin() + 144, block.payload.end()));
-    scout->skipBlock();
-  }
-  EXPECT_FALSE(scout->skipBlock());
 }
 
 TEST_F(RecordedFile, DamagedBlocksEndTheFileWithTheirMessages) {

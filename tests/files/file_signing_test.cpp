@@ -3,7 +3,6 @@
 // same block with the same key.
 
 #include <gtest/gtest.h>
-#include <lz4.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -12,7 +11,6 @@
 #include <string>
 
 #include "file_format_testing.h"
-#include "files/checked_blocks.h"
 #include "zeptick/file_signing.h"
 
 namespace zeptick::testing {
@@ -100,88 +98,6 @@ TEST_F(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
   LogCapture log;
   EXPECT_EQ(verified("builtin.ztbin"), 1u);
   EXPECT_EQ(verified("mine.ztbin"), 0u);
-}
-
-using detail::CheckedBlocks;
-using detail::VerifyingKey;
-using ZeptickFile::ShortTag;
-using ZeptickFile::TimeTagBlockHeader;
-
-struct StoredBlock {
-  TimeTagBlockHeader header{};
-  std::vector<ShortTag> words;
-  std::vector<char> stored;
-};
-
-// A signed block of 600 words, stored raw or LZ4-compressed.
-StoredBlock storedBlock(uint32_t first, bool compress) {
-  static const detail::SigningKey key(detail::kBuiltinPrivateKeyPem);
-  StoredBlock block;
-  for (uint32_t i = 0; i < 600; ++i) block.words.push_back(ShortTag(first + i % 7));
-  const auto* bytes = reinterpret_cast<const char*>(block.words.data());
-  const int size = static_cast<int>(block.words.size() * sizeof(ShortTag));
-  block.stored.assign(bytes, bytes + size);
-  if (compress) {
-    std::vector<char> packed(static_cast<size_t>(LZ4_compressBound(size)));
-    packed.resize(static_cast<size_t>(
-        LZ4_compress_default(bytes, packed.data(), size, static_cast<int>(packed.size()))));
-    block.stored = packed;
-  }
-  block.header.begin_time = first;
-  block.header.word_count = static_cast<uint32_t>(block.words.size());
-  block.header.stored_size = static_cast<uint32_t>(block.stored.size());
-  block.header.compression =
-      compress ? ZeptickFile::COMPRESSION_LZ4 : ZeptickFile::COMPRESSION_NONE;
-  EXPECT_TRUE(detail::sha1Digest(block.words.data(), size, block.header.hash));
-  EXPECT_TRUE(key.sign(block.header.hash, block.header.signature));
-  return block;
-}
-
-bool sameWords(const std::vector<ShortTag>& a, const std::vector<ShortTag>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(ShortTag)) == 0;
-}
-
-TEST(CheckedBlocks, KeepsOnlyBlocksThatPassEveryCheckForTheirKeyHeaderAndFile) {
-  const auto key = std::make_shared<const VerifyingKey>(detail::kBuiltinPublicKeyPem);
-  const StoredBlock raw = storedBlock(100, false);
-  const StoredBlock packed = storedBlock(200, true);
-  StoredBlock bad_data = storedBlock(300, false);
-  bad_data.stored[5] ^= 0x10;
-  StoredBlock bad_signature = storedBlock(400, true);
-  bad_signature.header.signature[9] ^= 0x01;
-
-  CheckedBlocks checked(2);
-  const uint64_t file = checked.currentFile();
-  checked.checkAhead(file, key, 16, bad_data.header, bad_data.stored);
-  checked.checkAhead(file, key, 32, bad_signature.header, bad_signature.stored);
-  EXPECT_TRUE(checked.hasRoom()) << "a block that fails a check is not kept";
-  checked.checkAhead(file, key, 48, raw.header, raw.stored);
-  checked.checkAhead(file, key, 64, packed.header, packed.stored);
-  EXPECT_FALSE(checked.hasRoom());
-
-  std::vector<ShortTag> words;
-  // Neither another key nor another header, at the same place, takes a kept block.
-  EXPECT_FALSE(
-      checked.take(std::make_shared<const VerifyingKey>(generateKeyPair("P-256").public_pem), 48,
-                   raw.header, words));
-  TimeTagBlockHeader moved = packed.header;
-  moved.begin_time += 1;
-  EXPECT_FALSE(checked.take(key, 64, moved, words));
-  EXPECT_TRUE(checked.hasRoom()) << "the reader has passed both places";
-
-  checked.checkAhead(file, key, 80, raw.header, raw.stored);
-  checked.checkAhead(file, key, 96, packed.header, packed.stored);
-  ASSERT_TRUE(checked.take(key, 96, packed.header, words));
-  EXPECT_TRUE(sameWords(words, packed.words));
-  EXPECT_FALSE(checked.take(key, 80, raw.header, words)) << "dropped with the later one taken";
-
-  // A check that was under way when the reader moved on to another file is not kept.
-  checked.clear();
-  checked.checkAhead(file, key, 16, raw.header, raw.stored);
-  EXPECT_FALSE(checked.take(key, 16, raw.header, words));
-  checked.checkAhead(checked.currentFile(), key, 16, raw.header, raw.stored);
-  ASSERT_TRUE(checked.take(key, 16, raw.header, words));
-  EXPECT_TRUE(sameWords(words, raw.words));
 }
 
 }  // namespace
