@@ -1,0 +1,25 @@
+# The reliability campaign: programs that run the library end to end under load and faults, each
+# printing one row of the table that scripts/reliability (make reliability) shows. Their short
+# forms run in the test suite. Not installed.
+
+add_library(zeptick_reliability STATIC
+  "${PROJECT_SOURCE_DIR}/tools/reliability/report.cpp"
+  "${PROJECT_SOURCE_DIR}/tools/reliability/scratch_dir.cpp"
+  "${PROJECT_SOURCE_DIR}/tools/reliability/stream_digest.cpp")
+target_include_directories(zeptick_reliability PUBLIC "${PROJECT_SOURCE_DIR}/tools")
+target_link_libraries(zeptick_reliability PUBLIC zeptick_internal)
+zeptick_set_warnings(zeptick_reliability)
+
+# Beside tools/ in the build tree, so that the programs find the emulator's firmware in share/.
+foreach(program no_loss)
+  add_executable(reliability_${program} "${PROJECT_SOURCE_DIR}/tools/reliability/${program}.cpp")
+  target_link_libraries(reliability_${program} PRIVATE zeptick_reliability)
+  zeptick_set_warnings(reliability_${program})
+  set_target_properties(reliability_${program} PROPERTIES
+    OUTPUT_NAME ${program} RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/reliability")
+endforeach()
+
+if(ZEPTICK_BUILD_TESTS)
+  add_test(NAME reliability_no_loss COMMAND reliability_no_loss --tags 2e6 --split-mib 1)
+  set_tests_properties(reliability_no_loss PROPERTIES LABELS reliability TIMEOUT 120)
+endif()

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zeptick::reliability {
+
+/// One row of the reliability table that scripts/reliability prints: a
+/// Markdown table line, so that it pastes into the README as it stands.
+struct Row {
+  std::string run;
+  int64_t tags = 0;
+  std::string faults = "0";
+  int64_t losses = 0;
+  int64_t crashes = 0;
+  int64_t hangs = 0;
+  std::string memory_slope = "-";
+  bool passed = false;
+};
+
+/// The header lines of the table, matching Row.
+std::string tableHeader();
+/// `row` as one table line, without a newline.
+std::string tableLine(const Row& row);
+
+/// Resident memory of this process, sampled now and then; the slope of a least
+/// squares line through the samples tells a leak from a plateau.
+class MemorySampler {
+ public:
+  /// Takes a sample if `every` has passed since the last one.
+  void sample(std::chrono::milliseconds every = std::chrono::milliseconds(500));
+  /// KiB per minute over the samples after the first `skip` fraction (the warm-up);
+  /// "-" with fewer than four samples.
+  std::string slope(double skip = 0.2) const;
+
+ private:
+  struct Sample {
+    double seconds;
+    double kib;
+  };
+  std::vector<Sample> samples;
+  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point last{};
+};
+
+/// Resident set size of this process in KiB, from /proc/self/statm.
+int64_t residentKib();
+
+/// Parses "--name value" options: the value of `name`, or `fallback`. Accepts
+/// 1e9-style numbers. Throws std::invalid_argument for a malformed value.
+double numberOption(int argc, char** argv, const std::string& name, double fallback);
+std::string textOption(int argc, char** argv, const std::string& name, const std::string& fallback);
+
+}  // namespace zeptick::reliability
