@@ -11,7 +11,7 @@ target_link_libraries(zeptick_reliability PUBLIC zeptick_internal)
 zeptick_set_warnings(zeptick_reliability)
 
 # Beside tools/ in the build tree, so that the programs find the emulator's firmware in share/.
-foreach(program no_loss)
+foreach(program no_loss disk_faults overload)
   add_executable(reliability_${program} "${PROJECT_SOURCE_DIR}/tools/reliability/${program}.cpp")
   target_link_libraries(reliability_${program} PRIVATE zeptick_reliability)
   zeptick_set_warnings(reliability_${program})
@@ -21,5 +21,8 @@ endforeach()
 
 if(ZEPTICK_BUILD_TESTS)
   add_test(NAME reliability_no_loss COMMAND reliability_no_loss --tags 2e6 --split-mib 1)
-  set_tests_properties(reliability_no_loss PROPERTIES LABELS reliability TIMEOUT 120)
+  add_test(NAME reliability_disk_faults COMMAND reliability_disk_faults --mib 4 --kills 1)
+  add_test(NAME reliability_overload COMMAND reliability_overload --cycles 3)
+  set_tests_properties(reliability_no_loss reliability_disk_faults reliability_overload PROPERTIES
+    LABELS reliability TIMEOUT 120)
 endif()

@@ -486,15 +486,19 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Wor
     auto next = std::make_unique<ZeptickFileReader>(name, true);
     ZeptickFile::FileId id{};
     next->getFileId(id);
-    if (id == current_file_id) {
+    if (!next->hasFileHeader()) {
+      // Not another recording: this one was cut short there (a full disk, a killed recorder).
+      ZT_LOG_ERROR("File '%s' has no file header: the recording ends before it.", name.c_str());
+    } else if (id == current_file_id) {
       installReader(std::move(next), name);
       entry.has_data = true;
       return Step::Retry;
+    } else {
+      ZT_LOG_ERROR(
+          "File '%s' matches the naming schema, but was not written in the same FileWriter. "
+          "Skipped.",
+          name.c_str());
     }
-    ZT_LOG_ERROR(
-        "File '%s' matches the naming schema, but was not written in the same FileWriter. "
-        "Skipped.",
-        name.c_str());
   }
   if (entry.duration < 1) {
     completeFront();

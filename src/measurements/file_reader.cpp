@@ -67,6 +67,12 @@ bool FileReader::getDataRaw(std::vector<Tag>& tags) {
       const std::string name = ZeptickFile::makeFileName(current_name, file_counter++);
       if (fileExists(name)) {
         auto next = std::make_unique<ZeptickFileReader>(name, false);
+        if (!next->hasFileHeader()) {
+          // Not another recording: this one was cut short there (a full disk, a killed recorder).
+          ZT_LOG_ERROR("File '%s' has no file header: the recording ends before it.", name.c_str());
+          reader.reset();
+          continue;
+        }
         ZeptickFile::FileId id{};
         next->getFileId(id);
         if (id != file_id) {

@@ -181,6 +181,27 @@ TEST_F(FileMeasurements, ReaderRefusesMissingFilesAndSkipsAForeignSplitFile) {
   EXPECT_EQ(again.getData(5).size, 5u);
 }
 
+// A full disk or a killed recorder leaves an empty split file: the recording ends before it,
+// and the reader says so rather than calling it another recording's.
+TEST_F(FileMeasurements, ReaderEndsARecordingAtAnEmptySplitFile) {
+  RecordingPlan plan = smallPlan(43);
+  writeRecording(dir.file("cut"), plan, 4000);
+  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), 3)));
+  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("cut"), 2), 0);
+  LogCapture log;
+  FileReader reader(dir.file("cut"));
+  std::vector<Tag> read;
+  std::vector<Tag> block;
+  while (reader.hasData()) {
+    ASSERT_TRUE(reader.getDataRaw(block));
+    read.insert(read.end(), block.begin(), block.end());
+  }
+  EXPECT_EQ(fields(read),
+            fields(concat(readRecording(ZeptickFile::makeFileName(dir.file("cut"), 1)))));
+  expectMessages(log, {"File access failed", "Incorrect Header",
+                       "has no file header: the recording ends before it."});
+}
+
 // Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
 class DirectStream : public TimeTagStream {
  public:

@@ -188,6 +188,16 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   const int64_t end_of_two =
       readRecording(ZeptickFile::makeFileName(dir.file("foreign"), 2)).back().end_time;
   EXPECT_EQ(fields(tags), fields(window(all, 0, end_of_two, 0)));
+
+  // An empty file 3, as a full disk leaves it, ends the recording there too, and is not
+  // taken for another recording's.
+  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("foreign"), 3), 0);
+  LogCapture empty_log;
+  Replay again(2);
+  EXPECT_EQ(fields(again.play(dir.file("foreign"))), fields(window(all, 0, end_of_two, 0)));
+  EXPECT_TRUE(
+      empty_log.contains(LOGGER_ERROR, "has no file header: the recording ends before it."));
+  EXPECT_FALSE(empty_log.contains(LOGGER_ERROR, "matches the naming schema"));
 }
 
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering

@@ -183,18 +183,12 @@ int run(int argc, char** argv) {
   row.hangs = (live.hung ? 1 : 0) + (replay_hung ? 1 : 0);
   row.memory_slope = memory.slope() + " (live)";
   row.passed = problems.empty();
-  std::printf("%s\n", tableLine(row).c_str());
-  return row.passed ? 0 : 1;
+  return printRow(row);
 }
 
 }  // namespace
 }  // namespace zeptick::reliability
 
 int main(int argc, char** argv) {
-  try {
-    return zeptick::reliability::run(argc, argv);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "no_loss: %s\n", error.what());
-    return 2;
-  }
+  return zeptick::reliability::runProgram("no_loss", zeptick::reliability::run, argc, argv);
 }

@@ -22,6 +22,21 @@ std::string tableLine(const Row& row) {
   return line.str();
 }
 
+int printRow(const Row& row) {
+  std::printf("%s\n", tableLine(row).c_str());
+  std::fflush(stdout);
+  return row.passed ? 0 : 1;
+}
+
+int runProgram(const char* name, int (*run)(int, char**), int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", name, error.what());
+    return 2;
+  }
+}
+
 int64_t residentKib() {
   std::ifstream statm("/proc/self/statm");
   int64_t size = 0, resident = 0;

@@ -24,6 +24,12 @@ struct Row {
 std::string tableHeader();
 /// `row` as one table line, without a newline.
 std::string tableLine(const Row& row);
+/// Prints `row` as a line of its own; the exit status it stands for, 0 or 1.
+int printRow(const Row& row);
+
+/// Runs `run` as a program's main: an exception is reported under `name` with exit status 2,
+/// apart from the 1 of a failed check.
+int runProgram(const char* name, int (*run)(int, char**), int argc, char** argv);
 
 /// Resident memory of this process, sampled now and then; the slope of a least
 /// squares line through the samples tells a leak from a plateau.

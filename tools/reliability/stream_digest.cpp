@@ -1,6 +1,7 @@
 #include "reliability/stream_digest.h"
 
 #include <sstream>
+#include <utility>
 
 namespace zeptick::reliability {
 namespace {
@@ -86,8 +87,9 @@ std::vector<std::string> StreamDigest::differences(const StreamDigest& other,
   return out;
 }
 
-DigestMeasurement::DigestMeasurement(ZeptickBase* tagger, const std::vector<int>& channels)
-    : IteratorBase(tagger) {
+DigestMeasurement::DigestMeasurement(ZeptickBase* tagger, const std::vector<int>& channels,
+                                     BlockHook after_block)
+    : IteratorBase(tagger), after_block(std::move(after_block)) {
   for (int channel : channels) registerChannel(channel);
   finishInitialization();
 }
@@ -112,6 +114,7 @@ int64_t DigestMeasurement::streamTime() {
 bool DigestMeasurement::next_impl(std::vector<Tag>& tags, int64_t, int64_t end_time) {
   seen.add(tags);
   last_end = end_time;
+  if (after_block && !tags.empty()) after_block(seen);
   return false;
 }
 

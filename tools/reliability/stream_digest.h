@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -53,7 +54,10 @@ class StreamDigest {
 /// A measurement that digests every block it is given, in stream order.
 class DigestMeasurement : public IteratorBase {
  public:
-  DigestMeasurement(ZeptickBase* tagger, const std::vector<int>& channels);
+  /// Called under the measurement's lock after each block that held tags.
+  using BlockHook = std::function<void(const StreamDigest&)>;
+  DigestMeasurement(ZeptickBase* tagger, const std::vector<int>& channels,
+                    BlockHook after_block = nullptr);
   ~DigestMeasurement() override;
 
   StreamDigest digest();
@@ -68,6 +72,7 @@ class DigestMeasurement : public IteratorBase {
  private:
   StreamDigest seen;
   int64_t last_end = 0;
+  BlockHook after_block;
 };
 
 }  // namespace zeptick::reliability
