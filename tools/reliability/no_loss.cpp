@@ -172,6 +172,7 @@ int run(int argc, char** argv) {
       static_cast<double>(directory.bytes()) / 1048576.0,
       static_cast<double>(directory.bytes()) / tags, live_seconds, tags / live_seconds / 1e6,
       replay_seconds, tags / replay_seconds / 1e6, reader_seconds, tags / reader_seconds / 1e6);
+  std::fprintf(stderr, "  %s\n", memory.trajectory().c_str());
   for (const std::string& line : problems) std::fprintf(stderr, "  difference: %s\n", line.c_str());
 
   Row row;

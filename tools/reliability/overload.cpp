@@ -57,12 +57,19 @@ class OverflowChecker : public IteratorBase {
     bool in_overflow = false;
     int64_t begins = 0, ends = 0, last_begin = 0, last_end = 0;
     int64_t delivered[3] = {0, 0, 0}, missed[3] = {0, 0, 0};
-    std::vector<std::string> violations;
-    std::vector<Gap> gaps;
   };
+  /// Polled often: holds nothing that grows with the run.
   State state() {
     auto guard = getLock();
     return now;
+  }
+  std::vector<Gap> gaps() {
+    auto guard = getLock();
+    return gap_list;
+  }
+  std::vector<std::string> violations() {
+    auto guard = getLock();
+    return violation_list;
   }
 
  protected:
@@ -74,8 +81,8 @@ class OverflowChecker : public IteratorBase {
 
  private:
   void violation(const std::string& what, const Tag& tag) {
-    if (now.violations.size() < 20) {
-      now.violations.push_back(what + " at " + std::to_string(tag.time) + " ps");
+    if (violation_list.size() < 20) {
+      violation_list.push_back(what + " at " + std::to_string(tag.time) + " ps");
     }
   }
   void take(const Tag& tag) {
@@ -85,7 +92,7 @@ class OverflowChecker : public IteratorBase {
         if (now.in_overflow) violation("time tag inside an overflow", tag);
         ++now.delivered[channel];
         if (channel == 1) {
-          if (gap_missed >= 0 && last_one > 0) now.gaps.push_back({last_one, tag.time, gap_missed});
+          if (gap_missed >= 0 && last_one > 0) gap_list.push_back({last_one, tag.time, gap_missed});
           gap_missed = -1;
           last_one = tag.time;
         }
@@ -115,6 +122,8 @@ class OverflowChecker : public IteratorBase {
   }
 
   State now;
+  std::vector<Gap> gap_list;
+  std::vector<std::string> violation_list;
   int64_t last_one = 0;
   int64_t gap_missed = -1;  // missed on input 1 since its last tag; -1 without an overflow
 };
@@ -147,6 +156,7 @@ int run(int argc, char** argv) {
   std::vector<std::string> problems;
   std::vector<Window> windows;
   OverflowChecker::State end;
+  std::vector<OverflowChecker::Gap> gaps;
   std::vector<int64_t> counted;
   int64_t hangs = 0;
   double worst_recovery_ms = 0;
@@ -180,6 +190,8 @@ int run(int argc, char** argv) {
     }
     group.stop();
     end = checker.state();
+    gaps = checker.gaps();
+    for (const std::string& line : checker.violations()) problems.push_back(line);
     rates.getCountsTotal([&](size_t n) {
       counted.resize(n);
       return counted.data();
@@ -188,7 +200,6 @@ int run(int argc, char** argv) {
   freeZeptick(tagger);
   detachEmulatedDevices();
 
-  for (const std::string& line : end.violations) problems.push_back(line);
   if (end.begins != end.ends) problems.push_back("overflow begins and ends differ");
   for (int channel : {1, 2}) {
     const int64_t seen = end.delivered[channel] + end.missed[channel];
@@ -199,7 +210,7 @@ int run(int argc, char** argv) {
   }
   // Inside an undivided phase every pulse of input 1 is delivered or counted as missed.
   int64_t checked = 0, unaccounted = 0;
-  for (const OverflowChecker::Gap& gap : end.gaps) {
+  for (const OverflowChecker::Gap& gap : gaps) {
     const bool clean = std::any_of(windows.begin(), windows.end(), [&](const Window& w) {
       return gap.from >= w.from && gap.to < w.to;
     });
@@ -219,6 +230,7 @@ int run(int argc, char** argv) {
                cycles, static_cast<long long>(end.begins), static_cast<long long>(end.delivered[1]),
                static_cast<long long>(end.missed[1]), static_cast<long long>(checked),
                worst_recovery_ms);
+  std::fprintf(stderr, "  %s\n", memory.trajectory().c_str());
   for (const std::string& line : problems) std::fprintf(stderr, "  problem: %s\n", line.c_str());
 
   Row row;

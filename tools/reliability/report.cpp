@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -67,6 +68,19 @@ std::string MemorySampler::slope(double skip) const {
   char text[64];
   std::snprintf(text, sizeof text, "%+.0f KiB/min", per_second * 60.0);
   return text;
+}
+
+std::string MemorySampler::trajectory() const {
+  std::string out = "RSS";
+  if (samples.empty()) return out + " not sampled";
+  for (double at : {0.0, 0.25, 0.5, 0.75, 1.0}) {
+    const size_t i = std::min(samples.size() - 1, static_cast<size_t>(at * samples.size()));
+    char text[64];
+    std::snprintf(text, sizeof text, " %.1f MiB at %.0f s", samples[i].kib / 1024.0,
+                  samples[i].seconds);
+    out += text;
+  }
+  return out;
 }
 
 namespace {

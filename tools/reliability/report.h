@@ -40,6 +40,8 @@ class MemorySampler {
   /// KiB per minute over the samples after the first `skip` fraction (the warm-up);
   /// "-" with fewer than four samples.
   std::string slope(double skip = 0.2) const;
+  /// Resident memory at a few points of the run, in MiB, to tell a plateau from a climb.
+  std::string trajectory() const;
 
  private:
   struct Sample {
