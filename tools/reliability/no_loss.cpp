@@ -7,8 +7,10 @@
 //
 //   no_loss [--tags N] [--split-mib M] [--dir PARENT] [--keep 1]
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string>
 #include <thread>
