@@ -72,7 +72,7 @@ bench: deps
 	/usr/bin/python3 bench/python_bindings.py build-release | tee build/bench/python_bindings.txt
 
 # The long forms of the reliability campaign in the Release tree, as one table (README,
-# "Reliability"); about half an hour and some GiB of scratch files beside the build.
+# "Reliability"); about 20 minutes and 3.5 GiB of scratch files beside the build.
 reliability: deps
 	scripts/reliability build-release
 
