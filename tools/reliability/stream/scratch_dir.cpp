@@ -1,4 +1,4 @@
-#include "reliability/scratch_dir.h"
+#include "reliability/stream/scratch_dir.h"
 
 #include <stdlib.h>
 

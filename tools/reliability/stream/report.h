@@ -31,22 +31,25 @@ int printRow(const Row& row);
 /// apart from the 1 of a failed check.
 int runProgram(const char* name, int (*run)(int, char**), int argc, char** argv);
 
-/// Resident memory of this process, sampled now and then; the slope of a least
-/// squares line through the samples tells a leak from a plateau.
+/// Memory of this process, sampled now and then: the heap in use, which only a leak or a
+/// growing structure raises (unlike the resident size, which keeps freed pages), and the
+/// resident size beside it. The slope of a least squares line through the heap samples tells a
+/// leak from a plateau.
 class MemorySampler {
  public:
   /// Takes a sample if `every` has passed since the last one.
   void sample(std::chrono::milliseconds every = std::chrono::milliseconds(500));
-  /// KiB per minute over the samples after the first `skip` fraction (the warm-up);
+  /// Heap KiB per minute over the samples after the first `skip` fraction (the warm-up);
   /// "-" with fewer than four samples.
   std::string slope(double skip = 0.2) const;
-  /// Resident memory at a few points of the run, in MiB, to tell a plateau from a climb.
+  /// Heap in use and resident size at a few points of the run, in MiB.
   std::string trajectory() const;
 
  private:
   struct Sample {
     double seconds;
-    double kib;
+    double kib;  // heap in use
+    double resident_kib;
   };
   std::vector<Sample> samples;
   std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
@@ -55,6 +58,8 @@ class MemorySampler {
 
 /// Resident set size of this process in KiB, from /proc/self/statm.
 int64_t residentKib();
+/// Bytes of heap in use (mallinfo2: allocated chunks and mapped blocks), in KiB.
+int64_t heapKib();
 
 /// Parses "--name value" options: the value of `name`, or `fallback`. Accepts
 /// 1e9-style numbers. Throws std::invalid_argument for a malformed value.

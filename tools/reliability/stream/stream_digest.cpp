@@ -1,4 +1,4 @@
-#include "reliability/stream_digest.h"
+#include "reliability/stream/stream_digest.h"
 
 #include <sstream>
 #include <utility>

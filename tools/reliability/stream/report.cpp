@@ -1,5 +1,6 @@
-#include "reliability/report.h"
+#include "reliability/stream/report.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,12 +46,17 @@ int64_t residentKib() {
   return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+int64_t heapKib() {
+  const struct mallinfo2 info = mallinfo2();
+  return static_cast<int64_t>((info.uordblks + info.hblkhd) / 1024);
+}
+
 void MemorySampler::sample(std::chrono::milliseconds every) {
   const auto now = std::chrono::steady_clock::now();
   if (!samples.empty() && now - last < every) return;
   last = now;
-  samples.push_back(
-      {std::chrono::duration<double>(now - start).count(), static_cast<double>(residentKib())});
+  samples.push_back({std::chrono::duration<double>(now - start).count(),
+                     static_cast<double>(heapKib()), static_cast<double>(residentKib())});
 }
 
 std::string MemorySampler::slope(double skip) const {
@@ -66,18 +72,18 @@ std::string MemorySampler::slope(double skip) const {
   }
   const double per_second = (n * sxy - sx * sy) / (n * sxx - sx * sx);
   char text[64];
-  std::snprintf(text, sizeof text, "%+.0f KiB/min", per_second * 60.0);
+  std::snprintf(text, sizeof text, "%+.0f KiB/min heap", per_second * 60.0);
   return text;
 }
 
 std::string MemorySampler::trajectory() const {
-  std::string out = "RSS";
+  std::string out = "heap / RSS";
   if (samples.empty()) return out + " not sampled";
   for (double at : {0.0, 0.25, 0.5, 0.75, 1.0}) {
     const size_t i = std::min(samples.size() - 1, static_cast<size_t>(at * samples.size()));
-    char text[64];
-    std::snprintf(text, sizeof text, " %.1f MiB at %.0f s", samples[i].kib / 1024.0,
-                  samples[i].seconds);
+    char text[80];
+    std::snprintf(text, sizeof text, " %.1f / %.1f MiB at %.0f s", samples[i].kib / 1024.0,
+                  samples[i].resident_kib / 1024.0, samples[i].seconds);
     out += text;
   }
   return out;

@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "reliability/report.h"
-#include "reliability/scratch_dir.h"
-#include "reliability/stream_digest.h"
+#include "reliability/stream/report.h"
+#include "reliability/stream/scratch_dir.h"
+#include "reliability/stream/stream_digest.h"
 #include "zeptick/zeptick.h"
 
 namespace zeptick::reliability {
