@@ -83,11 +83,13 @@ int record(const Plan& plan, const std::string& base) {
   Zeptick* tagger = createZeptick("DISK1");
   {
     SynchronizedMeasurements group(tagger);
-    FileWriter writer(group.getTagger(), base, kChannels);
-    writer.setMaxFileSize(plan.fault == Fault::Failing ? plan.bytes : int64_t{1} << 40);
+    // Ahead of the writer in the chain, so that a block is reported before it can reach the
+    // disk: a kill between the two must not leave a block on disk that was never reported.
     DigestMeasurement live(group.getTagger(), kChannels, [](const StreamDigest& digest) {
       sendLine("B " + std::to_string(digest.tags()) + " " + std::to_string(digest.hash()));
     });
+    FileWriter writer(group.getTagger(), base, kChannels);
+    writer.setMaxFileSize(plan.fault == Fault::Failing ? plan.bytes : int64_t{1} << 40);
     group.start();
     // A disk fault stops the writer; a kill ends everything sooner.
     const auto deadline = Clock::now() + std::chrono::seconds(60);
