@@ -72,7 +72,8 @@ bench: deps
 	/usr/bin/python3 bench/python_bindings.py build-release | tee build/bench/python_bindings.txt
 
 # The long forms of the reliability campaign in the Release tree, as one table (README,
-# "Reliability"); about 20 minutes and 3.5 GiB of scratch files beside the build.
+# "Reliability"); its own runs take about 15 minutes and 3.5 GiB of scratch files beside the
+# build, and those of scripts/reliability-faults more (the churn soak alone is an hour).
 reliability: deps
 	scripts/reliability build-release
 
