@@ -72,6 +72,8 @@ class ZeptickFileReader final : public RecordingSource {
   /// Whether a file header was read. A file without one (empty, or cut before its first
   /// block, as a full disk or a killed recorder leaves it) belongs to no recording.
   bool hasFileHeader() const { return file_header_read; }
+  /// No block is left and the file's end block was never read: a fault ended it.
+  bool endedEarly() const override { return !has_block && !at_end; }
 
  private:
   ZeptickFileReader(const std::string& filename, bool verify, bool stored_only);

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "core/input_delay.h"
 #include "core/log.h"
@@ -159,6 +160,7 @@ void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next,
     detail::MutexLock guard(reader_mutex);
     old = std::move(reader);
     reader = std::move(next);
+    early_end_told = false;
   }
 }
 
@@ -480,6 +482,15 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
 
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
                                                       int64_t step) {
+  if (entry.format == foreign::ForeignFormat::None && entry.file_index > 0) {
+    detail::MutexLock reader_guard(reader_mutex);
+    if (reader && reader->endedEarly() && !std::exchange(early_end_told, true)) {
+      // The reader's own message says what failed; this one says where the data stop.
+      ZT_LOG_ERROR("File '%s' ends early, after the data up to %lld ps.",
+                   ZeptickFile::makeFileName(entry.file, entry.file_index - 1).c_str(),
+                   static_cast<long long>(last_block_end));
+    }
+  }
   // Only our own recordings are split into numbered files.
   const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
   if (entry.format == foreign::ForeignFormat::None && fileExists(name)) {

@@ -198,6 +198,23 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   EXPECT_TRUE(
       empty_log.contains(LOGGER_ERROR, "has no file header: the recording ends before it."));
   EXPECT_FALSE(empty_log.contains(LOGGER_ERROR, "matches the naming schema"));
+
+  // File 2 cut inside a block as well: replay says once where its data end.
+  const std::string second = ZeptickFile::makeFileName(dir.file("foreign"), 2);
+  std::filesystem::resize_file(second, std::filesystem::file_size(second) / 2);
+  const int64_t cut_end = readRecording(second).back().end_time;
+  LogCapture cut_log;
+  Replay cut(2);
+  cut.play(dir.file("foreign"));
+  const std::vector<std::string> told = cut_log.messages();
+  EXPECT_EQ(std::count_if(told.begin(), told.end(),
+                          [&](const std::string& m) {
+                            return m.ends_with("File '" + second +
+                                               "' ends early, after the data up to " +
+                                               std::to_string(cut_end) + " ps.");
+                          }),
+            1)
+      << ::testing::PrintToString(told);
 }
 
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
