@@ -483,8 +483,12 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker) {
 ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Worker* worker,
                                                       int64_t step) {
   if (entry.format == foreign::ForeignFormat::None && entry.file_index > 0) {
-    detail::MutexLock reader_guard(reader_mutex);
-    if (reader && reader->endedEarly() && !std::exchange(early_end_told, true)) {
+    bool ended_early;
+    {
+      detail::MutexLock reader_guard(reader_mutex);  // a leaf: not held while logging
+      ended_early = reader && reader->endedEarly() && !std::exchange(early_end_told, true);
+    }
+    if (ended_early) {
       // The reader's own message says what failed; this one says where the data stop.
       ZT_LOG_ERROR("File '%s' ends early, after the data up to %lld ps.",
                    ZeptickFile::makeFileName(entry.file, entry.file_index - 1).c_str(),
