@@ -20,7 +20,7 @@ TSAN_ENV := TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
 ASAN_ENV := ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
             UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-.PHONY: deps test sanitize thread-safety fuzz demo bench format format-check clean
+.PHONY: deps test sanitize thread-safety fuzz demo bench reliability format format-check clean
 
 deps:
 	scripts/install-deps
@@ -70,6 +70,12 @@ bench: deps
 	done
 	@echo "== python_bindings"
 	/usr/bin/python3 bench/python_bindings.py build-release | tee build/bench/python_bindings.txt
+
+# The long forms of the reliability campaign in the Release tree, as one table (README,
+# "Reliability"); its own runs take about 15 minutes and 3.5 GiB of scratch files beside the
+# build, and those of scripts/reliability-faults more (the churn soak alone is an hour).
+reliability: deps
+	scripts/reliability build-release
 
 format:
 	scripts/format

@@ -55,6 +55,7 @@ class ZEPTICK_API FileReader {
   std::vector<Tag> buffer;
   size_t read_position = 0;
   int64_t last_time = -1;
+  int64_t file_end = 0;  // end of the last block read from the open file
   uint32_t file_counter = 0;
   std::array<uint32_t, 4> file_id{};
   bool finished = false;

@@ -36,6 +36,8 @@ class RecordingSource {
   virtual int32_t getInvertedChannel(int32_t channel) const = 0;
   /// The recording's identifier: blocks of different identifiers do not join.
   virtual void getFileId(ZeptickFile::FileId& file_id) const = 0;
+  /// Once no block is left: true if reading stopped at a fault rather than at the file's end.
+  virtual bool endedEarly() const { return false; }
 };
 
 }  // namespace zeptick

@@ -142,6 +142,7 @@ bool ZeptickFileReader::readBlock() {
       // Stored before the version test, so a too-new file still tells its recording.
       alignment = file_header.alignment;
       file_id = file_header.file_id;
+      file_header_read = true;
       if (file_header.required_version > ZeptickFile::VERSION) {
         fault("This file is too new. Please update your Zeptick installation.");
         return false;

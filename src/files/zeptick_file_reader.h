@@ -69,6 +69,11 @@ class ZeptickFileReader final : public RecordingSource {
   std::vector<int32_t> getRecordedChannels() const;
   /// The recording's identifier from the file header; zero before one was read.
   void getFileId(ZeptickFile::FileId& file_id) const override { file_id = this->file_id; }
+  /// Whether a file header was read. A file without one (empty, or cut before its first
+  /// block, as a full disk or a killed recorder leaves it) belongs to no recording.
+  bool hasFileHeader() const { return file_header_read; }
+  /// No block is left and the file's end block was never read: a fault ended it.
+  bool endedEarly() const override { return !has_block && !at_end; }
 
  private:
   bool read(void* buffer, uint64_t size, uint64_t* remaining);
@@ -86,6 +91,7 @@ class ZeptickFileReader final : public RecordingSource {
 
   uint32_t alignment = 0;
   ZeptickFile::FileId file_id{};
+  bool file_header_read = false;
   uint32_t version = 0;
   bool verify = false;
   bool deferred = false;     // see deferChecks

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include "core/input_delay.h"
 #include "core/log.h"
@@ -165,6 +166,7 @@ void ZeptickVirtualImpl::installReader(std::unique_ptr<RecordingSource> next) {
     detail::MutexLock guard(reader_mutex);
     old = std::move(reader);
     reader = std::move(next);
+    early_end_told = false;
   }
 }
 
@@ -552,21 +554,38 @@ ZeptickVirtualImpl::Step ZeptickVirtualImpl::nextFile(FileQueueEntry& entry, Wor
   // Whether this file ended early rests on the checks of its blocks still in flight.
   if (!nothing_in_flight) return Step::Drain;
   tellHeldFaults();
+  if (entry.format == foreign::ForeignFormat::None && entry.file_index > 0) {
+    bool ended_early;
+    {
+      detail::MutexLock reader_guard(reader_mutex);  // a leaf: not held while logging
+      ended_early = reader && reader->endedEarly() && !std::exchange(early_end_told, true);
+    }
+    if (ended_early) {
+      // The reader's own message says what failed; this one says where the data stop.
+      ZT_LOG_ERROR("File '%s' ends early, after the data up to %lld ps.",
+                   ZeptickFile::makeFileName(entry.file, entry.file_index - 1).c_str(),
+                   static_cast<long long>(last_block_end));
+    }
+  }
   // Only our own recordings are split into numbered files.
   const std::string name = ZeptickFile::makeFileName(entry.file, entry.file_index++);
   if (entry.format == foreign::ForeignFormat::None && fileExists(name)) {
     auto next = std::make_unique<ZeptickFileReader>(name, true);
     ZeptickFile::FileId id{};
     next->getFileId(id);
-    if (id == current_file_id) {
+    if (!next->hasFileHeader()) {
+      // Not another recording: this one was cut short there (a full disk, a killed recorder).
+      ZT_LOG_ERROR("File '%s' has no file header: the recording ends before it.", name.c_str());
+    } else if (id == current_file_id) {
       installReader(std::move(next));
       entry.has_data = true;
       return Step::Retry;
+    } else {
+      ZT_LOG_ERROR(
+          "File '%s' matches the naming schema, but was not written in the same FileWriter. "
+          "Skipped.",
+          name.c_str());
     }
-    ZT_LOG_ERROR(
-        "File '%s' matches the naming schema, but was not written in the same FileWriter. "
-        "Skipped.",
-        name.c_str());
   }
   if (entry.duration < 1) {
     completeFront();

@@ -171,6 +171,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
 
   detail::Mutex reader_mutex;  // the block step reads, the callers query
   std::unique_ptr<RecordingSource> reader ZT_GUARDED_BY(reader_mutex);
+  bool early_end_told ZT_GUARDED_BY(reader_mutex) = false;  // for `reader`
 
   std::atomic<uint64_t> overflows{0};
 

@@ -61,12 +61,25 @@ bool FileReader::getDataRaw(std::vector<Tag>& tags) {
       uint64_t overflows = 0;
       reader->decodeBlock(tags, begin_time, overflows);
       if (last_time == -1) last_time = begin_time;
+      file_end = end_time;
       continue;
+    }
+    if (reader && !foreign_file && reader->endedEarly()) {
+      // The reader's own message says what failed; this one says where the data stop.
+      ZT_LOG_ERROR("File '%s' ends early, after the data up to %lld ps.",
+                   ZeptickFile::makeFileName(current_name, file_counter - 1).c_str(),
+                   static_cast<long long>(file_end));
     }
     if (reader && !foreign_file) {
       const std::string name = ZeptickFile::makeFileName(current_name, file_counter++);
       if (fileExists(name)) {
         auto next = std::make_unique<ZeptickFileReader>(name, false);
+        if (!next->hasFileHeader()) {
+          // Not another recording: this one was cut short there (a full disk, a killed recorder).
+          ZT_LOG_ERROR("File '%s' has no file header: the recording ends before it.", name.c_str());
+          reader.reset();
+          continue;
+        }
         ZeptickFile::FileId id{};
         next->getFileId(id);
         if (id != file_id) {

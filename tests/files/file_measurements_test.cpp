@@ -181,6 +181,59 @@ TEST_F(FileMeasurements, ReaderRefusesMissingFilesAndSkipsAForeignSplitFile) {
   EXPECT_EQ(again.getData(5).size, 5u);
 }
 
+// A full disk or a killed recorder leaves an empty split file: the recording ends before it,
+// and the reader says so rather than calling it another recording's.
+TEST_F(FileMeasurements, ReaderEndsARecordingAtAnEmptySplitFile) {
+  RecordingPlan plan = smallPlan(43);
+  writeRecording(dir.file("cut"), plan, 4000);
+  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), 3)));
+  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("cut"), 2), 0);
+  LogCapture log;
+  FileReader reader(dir.file("cut"));
+  std::vector<Tag> read;
+  std::vector<Tag> block;
+  while (reader.hasData()) {
+    ASSERT_TRUE(reader.getDataRaw(block));
+    read.insert(read.end(), block.begin(), block.end());
+  }
+  EXPECT_EQ(fields(read),
+            fields(concat(readRecording(ZeptickFile::makeFileName(dir.file("cut"), 1)))));
+  expectMessages(log, {"File access failed", "Incorrect Header",
+                       "has no file header: the recording ends before it."});
+}
+
+// A file cut inside a block (a full disk, a killed recorder) gives its complete blocks, says
+// where its data end, and the next file of the set is read on.
+TEST_F(FileMeasurements, ReaderSaysWhereACutFileEnds) {
+  RecordingPlan plan = smallPlan(44);
+  writeRecording(dir.file("cut"), plan, 4000);
+  const std::string first = ZeptickFile::makeFileName(dir.file("cut"), 1);
+  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), 2)));
+  std::filesystem::resize_file(first, std::filesystem::file_size(first) * 2 / 3);
+  const std::vector<Block> kept = readRecording(first);
+  ASSERT_FALSE(kept.empty());
+  std::vector<Tag> expected = concat(kept);
+  for (uint32_t index = 2;
+       std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), index)); ++index) {
+    const std::vector<Tag> more =
+        concat(readRecording(ZeptickFile::makeFileName(dir.file("cut"), index)));
+    expected.insert(expected.end(), more.begin(), more.end());
+  }
+  LogCapture log;
+  FileReader reader(dir.file("cut"));
+  std::vector<Tag> read;
+  std::vector<Tag> block;
+  while (reader.hasData() && reader.getDataRaw(block))
+    read.insert(read.end(), block.begin(), block.end());
+  EXPECT_EQ(fields(read), fields(expected));
+  const std::vector<std::string> messages = log.messages();
+  ASSERT_EQ(messages.size(), 3u) << ::testing::PrintToString(messages);
+  EXPECT_TRUE(messages[0].ends_with("File access failed"));
+  EXPECT_TRUE(messages[2].ends_with("File '" + first + "' ends early, after the data up to " +
+                                    std::to_string(kept.back().end_time) + " ps."))
+      << messages[2];
+}
+
 // Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
 class DirectStream : public TimeTagStream {
  public:

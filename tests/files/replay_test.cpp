@@ -188,6 +188,33 @@ TEST(Replay, CorruptedBlockOrForeignFileNeverReachesAMeasurement) {
   const int64_t end_of_two =
       readRecording(ZeptickFile::makeFileName(dir.file("foreign"), 2)).back().end_time;
   EXPECT_EQ(fields(tags), fields(window(all, 0, end_of_two, 0)));
+
+  // An empty file 3, as a full disk leaves it, ends the recording there too, and is not
+  // taken for another recording's.
+  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("foreign"), 3), 0);
+  LogCapture empty_log;
+  Replay again(2);
+  EXPECT_EQ(fields(again.play(dir.file("foreign"))), fields(window(all, 0, end_of_two, 0)));
+  EXPECT_TRUE(
+      empty_log.contains(LOGGER_ERROR, "has no file header: the recording ends before it."));
+  EXPECT_FALSE(empty_log.contains(LOGGER_ERROR, "matches the naming schema"));
+
+  // File 2 cut inside a block as well: replay says once where its data end.
+  const std::string second = ZeptickFile::makeFileName(dir.file("foreign"), 2);
+  std::filesystem::resize_file(second, std::filesystem::file_size(second) / 2);
+  const int64_t cut_end = readRecording(second).back().end_time;
+  LogCapture cut_log;
+  Replay cut(2);
+  cut.play(dir.file("foreign"));
+  const std::vector<std::string> told = cut_log.messages();
+  EXPECT_EQ(std::count_if(told.begin(), told.end(),
+                          [&](const std::string& m) {
+                            return m.ends_with("File '" + second +
+                                               "' ends early, after the data up to " +
+                                               std::to_string(cut_end) + " ps.");
+                          }),
+            1)
+      << ::testing::PrintToString(told);
 }
 
 // What verifying readers give for `files` read one after another, joined as replay joins blocks,
