@@ -320,6 +320,7 @@ detail::BlockFaults ZeptickFileReader::takeHeldFaults() {
 }
 
 void ZeptickFileReader::endHere() {
+  ended_here = true;
   has_block = false;
   packed = false;
   held.clear();

@@ -72,8 +72,9 @@ class ZeptickFileReader final : public RecordingSource {
   /// Whether a file header was read. A file without one (empty, or cut before its first
   /// block, as a full disk or a killed recorder leaves it) belongs to no recording.
   bool hasFileHeader() const { return file_header_read; }
-  /// No block is left and the file's end block was never read: a fault ended it.
-  bool endedEarly() const override { return !has_block && !at_end; }
+  /// No block is left and a fault ended the file: its end block was never read, or a block
+  /// taken before failed its checks (see endHere).
+  bool endedEarly() const override { return !has_block && (!at_end || ended_here); }
 
  private:
   bool read(void* buffer, uint64_t size, uint64_t* remaining);
@@ -101,6 +102,7 @@ class ZeptickFileReader final : public RecordingSource {
   std::string configuration;
   std::string last_marker;
   bool at_end = false;
+  bool ended_here = false;  // see endHere: a block taken before failed, whatever was read after
   detail::ChannelTable channels;
   std::map<int32_t, int32_t> inverted_channels;
   bool has_block = false;
