@@ -99,22 +99,38 @@ int64_t countsTotal(Countrate& rate) {
 
 // Once the stream flows again every error tag of the fault has arrived; a
 // missing or doubled one is a loss, and the count restarts from what was seen.
-void checkErrorTags(Run& run, StreamWatch& watch, uint64_t& expected_errors) {
+void checkErrorTags(Run& run, StreamWatch& watch, uint64_t& expected_errors, const char* after) {
   const uint64_t seen = watch.errorTags();
   if (seen == expected_errors) return;
   ++run.row.losses;
-  run.fail("error tags do not match the faults: " + std::to_string(seen) + " for " +
-           std::to_string(expected_errors));
+  std::fprintf(stderr, "after %s: %llu error tags for %llu faults\n", after,
+               static_cast<unsigned long long>(seen),
+               static_cast<unsigned long long>(expected_errors));
+  run.fail("error tags do not match the faults");
   expected_errors = seen;
 }
 
 void cycle(Run& run, Zeptick& tagger, emulator::BoardControl& board, StreamWatch& watch,
            Countrate& rate, Watchdog& watchdog, uint64_t& expected_errors) {
   const milliseconds limit(run.timeout_s * 1000);
-  const auto flowing = [&](uint64_t tags_before, int64_t counts_before) {
-    return waitFor(
-        [&] { return watch.timeTags() > tags_before + 100 && countsTotal(rate) > counts_before; },
-        limit);
+  // A fault's error tag may come after tags read before it (the board's buffer,
+  // the reads under way), so the run waits for it, and then for fresh tags and
+  // counts, before it checks that no second one came.
+  const auto settled = [&](const char* fault) {
+    waitFor([&] { return watch.errorTags() >= expected_errors; }, limit);
+    const uint64_t tags_before = watch.timeTags();
+    const int64_t counts_before = countsTotal(rate);
+    if (!waitFor(
+            [&] {
+              return watch.timeTags() > tags_before + 100 && countsTotal(rate) > counts_before;
+            },
+            limit)) {
+      ++run.row.hangs;
+      run.fail(std::string("measurements stopped after ") + fault);
+      return false;
+    }
+    checkErrorTags(run, watch, expected_errors, fault);
+    return true;
   };
 
   // Unplugged. The outage's error tag waits in the stream until later tags
@@ -141,23 +157,15 @@ void cycle(Run& run, Zeptick& tagger, emulator::BoardControl& board, StreamWatch
     ++run.row.hangs;
     return run.fail("no reconnection after a replug");
   }
-  if (!flowing(watch.timeTags(), countsTotal(rate))) {
-    ++run.row.hangs;
-    return run.fail("measurements stopped after a reconnection");
-  }
+  if (!settled("an unplug")) return;
   if (!configurationSentAgain(board)) run.fail("the reloaded board did not get its configuration");
-  checkErrorTags(run, watch, expected_errors);
 
   // An error word: one error tag, no reconnection.
   watchdog.beat("error word");
   board.injectError();
   ++run.row.faults;
   ++expected_errors;
-  if (!flowing(watch.timeTags(), countsTotal(rate))) {
-    ++run.row.hangs;
-    return run.fail("measurements stopped after an error word");
-  }
-  checkErrorTags(run, watch, expected_errors);
+  if (!settled("an error word")) return;
   if (reconnects != reconnects_before + 1) run.fail("an error word made the tagger reconnect");
 }
 
@@ -190,7 +198,7 @@ int execute(Run& run) {
     watchdog.beat("last checks");
     // Late or doubled error tags would arrive within a few reads.
     std::this_thread::sleep_for(milliseconds(300));
-    checkErrorTags(run, watch, expected_errors);
+    checkErrorTags(run, watch, expected_errors, "the last fault");
     run.row.losses += watch.disorders();
     if (watch.disorders() > 0) run.fail("blocks out of order");
     run.row.tags = watch.timeTags();
@@ -222,7 +230,8 @@ int main(int argc, char** argv) {
                 run.memory.first(), run.memory.last());
   run.row.slope = slope;
   if (unexpected_logs > 0) run.fail("unexpected error messages");
-  if (per_cycle > 1.0) run.fail("resident memory grows with the cycles");
+  // A handful of cycles only reports the figure: warming up dominates it.
+  if (run.cycles >= 100 && per_cycle > 1.0) run.fail("resident memory grows with the cycles");
   run.row.passed = run.failure.empty();
   if (!run.failure.empty()) std::fprintf(stderr, "instrument faults: %s\n", run.failure.c_str());
   run.row.print();
