@@ -26,11 +26,20 @@ zeptick_set_warnings(zeptick_fuzz_objects)
 
 add_custom_target(fuzzers)
 
+# Targets that check code of a tool rather than of the library build that code in.
+set(zeptick_fuzz_tool_serve_request
+  "${PROJECT_SOURCE_DIR}/tools/zeptick/serve_request.cpp" "${PROJECT_SOURCE_DIR}/tools/zeptick/units.cpp")
+
 file(GLOB zeptick_fuzzer_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/tests/fuzz/*_fuzzer.cpp")
 foreach(source IN LISTS zeptick_fuzzer_sources)
   get_filename_component(target "${source}" NAME_WE)
   add_executable(${target} "${source}")
   target_link_libraries(${target} PRIVATE zeptick_fuzz_objects)
+  string(REGEX REPLACE "_fuzzer$" "" stem "${target}")
+  if(DEFINED zeptick_fuzz_tool_${stem})
+    target_sources(${target} PRIVATE ${zeptick_fuzz_tool_${stem}})
+    target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/tools/zeptick")
+  endif()
   # Fuzzers may check against the plain models that the tests use.
   target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
   target_compile_options(${target} PRIVATE -fsanitize=fuzzer ${zeptick_fuzz_sanitizers})

@@ -94,7 +94,10 @@ TEST(BoardConfigTest, AttachingReplacesBoardsAndABadConfigurationChangesNothing)
   EXPECT_NE(findBoard("A2"), nullptr);
   EXPECT_THROW(attachBoards({{"devices", {{{"serial", "A3"}, {"model", 7}}}}}),
                std::invalid_argument);
-  EXPECT_THROW(zeptick::attachEmulatedDevices("{\"devices\": ["), std::invalid_argument);
+  // Text the JSON parser refuses, for its syntax or for a number beyond a double.
+  for (const char* text : {"{\"devices\": [", "{\"devices\": [{\"seed\": 1e400}]}"}) {
+    EXPECT_THROW(zeptick::attachEmulatedDevices(text), std::invalid_argument) << text;
+  }
   EXPECT_NE(findBoard("A1"), nullptr);  // the failed calls left the old boards
   zeptick::attachDefaultEmulatedDevice();
   EXPECT_EQ(findBoard("A1"), nullptr);

@@ -147,6 +147,12 @@ TEST(StreamSourcesTest, BadDescriptionsAreRefusedWithClearMessages) {
        "at least one input of this board"},
       {R"([{"type": "pairs", "inputs": [1, 2], "delays_ps": [0, 1], "rate_hz": 1, "seed": -3}])",
        "seed must be a whole number"},
+      // More occurrences in flight than the emulator can keep: found stalling a read.
+      {R"([{"type": "pairs", "inputs": [1, 3], "delays_ps": [0, 15000], "rate_hz": 1e9,
+            "jitter_ps": 30e6}])",
+       "jitter_ps is too large for the rate"},
+      {R"([{"type": "bursts", "input": 1, "rate_hz": 1e6, "events": 3, "spacing_ps": 1e15}])",
+       "the delays span too long for the rate"},
   };
   for (const auto& [text, message] : cases) {
     try {

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -20,6 +22,7 @@
 #include "file_format_testing.h"
 #include "files/foreign/channel_mapping.h"
 #include "files/foreign/picosecond_scale.h"
+#include "files/foreign/ptu_header.h"
 #include "foreign_testing.h"
 #include "zeptick/file_reader.h"
 #include "zeptick/histogram.h"
@@ -260,6 +263,42 @@ TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
   renamed[0] = 'X';
   writeBytes(path, renamed);
   EXPECT_THROW(replay.tagger->replay(path), std::runtime_error);
+}
+
+// Header numbers written as reals: whole ones count, others (here beyond any integer, which the
+// conversion once met undefined) read as the absent value that the reader refuses.
+TEST(PtuHeader, RealNumbersCountOnlyWhenWhole) {
+  struct {
+    const char* name;
+    double value;
+  } const reals[] = {{"TTResultFormat_TTTRRecType", -4.0e173},
+                     {"TTResult_NumberOfRecords", 1e300},
+                     {"TTResultFormat_BitsPerRecord", 32.0}};
+  std::string bytes(
+      "PQTTTR\0\0"
+      "1.0\0\0\0\0\0",
+      16);
+  const auto tag = [&bytes](const char* name, uint32_t type, double value) {
+    char raw[48] = {};
+    std::strncpy(raw, name, 31);
+    const int32_t index = -1;
+    std::memcpy(raw + 32, &index, 4);
+    std::memcpy(raw + 36, &type, 4);
+    std::memcpy(raw + 40, &value, 8);
+    bytes.append(raw, sizeof(raw));
+  };
+  for (const auto& real : reals) tag(real.name, 0x20000008, real.value);  // Float8
+  tag("Header_End", 0xFFFF0008, 0);                                       // Empty8
+  std::FILE* file = fmemopen(bytes.data(), bytes.size(), "rb");
+  ASSERT_NE(file, nullptr);
+  foreign::PtuHeader header;
+  std::string error;
+  EXPECT_TRUE(foreign::parsePtuHeader(file, header, error)) << error;
+  std::fclose(file);
+  EXPECT_EQ(header.record_type, -1);
+  EXPECT_EQ(header.record_count, -1);
+  EXPECT_TRUE(header.has_record_count);
+  EXPECT_EQ(header.bits_per_record, 32);
 }
 
 TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {

@@ -79,6 +79,11 @@ class Api(unittest.TestCase):
         for panel in (corr, startstop):
             self.assertEqual(self.server.request("DELETE", f"/api/panels/{panel['id']}")[0], 200)
             self.assertEqual(self.server.get(f"/api/panels/{panel['id']}")[0], 404)
+        # The widest bins over the longest range: the bin count must not overflow on the way.
+        s, wide = self.server.post("/api/panels", {"channels": [a, b], "binwidth": 92233720368548,
+                                                   "range": 2**63 - 1})
+        self.assertEqual(s, 200, wide)
+        self.assertEqual(wide["bins"], 100000)
 
     def test_settings_round_trip_and_reach_the_stream(self):
         s, before = self.server.get("/api/channels")

@@ -40,7 +40,8 @@ Panel::Panel(Zeptick* tagger, int64_t id, const nlohmann::json& body) : id(id) {
   if (range / binwidth > kMaxPanelBins)
     throw ApiError(400, "range",
                    "range holds more than " + std::to_string(kMaxPanelBins) + " bins");
-  n_bins = (range + binwidth - 1) / binwidth;
+  // Rounded up without adding first: range + binwidth could pass the largest time.
+  n_bins = range / binwidth + (range % binwidth != 0 ? 1 : 0);
   if (kind == "correlation") {
     // Correlation centres its bins on zero, so an odd count would leave zero mid-bin.
     n_bins += n_bins % 2;

@@ -1,6 +1,7 @@
 #include "serve_request.h"
 
 #include <charconv>
+#include <cmath>
 
 #include "units.h"
 
@@ -33,8 +34,8 @@ int64_t timeField(const nlohmann::json& body, const char* field) {
   if (value.is_number_integer()) return value.get<int64_t>();
   if (value.is_number_float()) {
     const double ps = value.get<double>();
-    if (ps == static_cast<double>(static_cast<int64_t>(ps)) && ps > -9e18 && ps < 9e18)
-      return static_cast<int64_t>(ps);
+    // The range first: converting a double beyond int64_t is undefined.
+    if (ps > -9e18 && ps < 9e18 && ps == std::trunc(ps)) return static_cast<int64_t>(ps);
     refuse(field, "must be whole picoseconds or a string with a unit such as \"1.5ns\"");
   }
   if (!value.is_string()) refuse(field, "must be picoseconds or a string such as \"1.5ns\"");

@@ -43,18 +43,24 @@ Board::Board(BoardConfig config) : fixed(std::move(config)) {
 
 Board::~Board() = default;
 
-StreamParameters Board::streamParameters() const {
+StreamParameters streamParametersOf(const BoardConfig& config) {
   StreamParameters parameters;
-  parameters.model = fixed.model;
-  parameters.inputs = fixed.inputs;
-  parameters.ps_per_clock = fixed.model == kModel20 ? 6000 : 2500;
-  parameters.bin_count = fixed.model == kModel20 ? 180 : 256;
-  parameters.seed = fixed.seed;
-  parameters.paced = fixed.paced;
-  parameters.pace = fixed.pace;
-  if (fixed.usb_words_per_second > 0) parameters.usb_words_per_second = fixed.usb_words_per_second;
+  parameters.model = config.model;
+  parameters.inputs = config.inputs;
+  parameters.ps_per_clock = config.model == kModel20 ? 6000 : 2500;
+  parameters.bin_count = config.model == kModel20 ? 180 : 256;
+  parameters.seed = config.seed;
+  parameters.paced = config.paced;
+  parameters.pace = config.pace;
+  if (config.usb_words_per_second > 0)
+    parameters.usb_words_per_second = config.usb_words_per_second;
+  parameters.serial = config.serial;
+  return parameters;
+}
+
+StreamParameters Board::streamParameters() const {
+  StreamParameters parameters = streamParametersOf(fixed);
   parameters.synchronizer = synchronizer;
-  parameters.serial = fixed.serial;
   return parameters;
 }
 

@@ -17,6 +17,9 @@
 
 namespace zeptick::emulator {
 
+/// The stream facts of a board as configured, without a Synchronizer.
+StreamParameters streamParametersOf(const BoardConfig& config);
+
 /// Who is talking to a board: an opaque owner (the FrontPanel handle) and the
 /// connection generation it opened. A board that is unplugged, detached or
 /// closed moves on, and every call with an old session fails.

@@ -13,7 +13,8 @@ void attachEmulatedDevices(const std::string& configuration) {
   nlohmann::json parsed;
   try {
     parsed = nlohmann::json::parse(configuration);
-  } catch (const nlohmann::json::parse_error& error) {
+  } catch (const nlohmann::json::exception& error) {
+    // Not only syntax: a number too large for a double is an out_of_range.
     throw std::invalid_argument(std::string("emulator configuration: not valid JSON: ") +
                                 error.what());
   }

@@ -18,6 +18,11 @@ constexpr double kMaxTimePs = 1e15;
 constexpr double kMaxRateHz = 1e11;
 constexpr double kMaxJitterPs = 1e12;
 constexpr int kMaxBurstEvents = 65536;
+// Occurrences a source may have in flight. Jitter (cut at six standard deviations either way)
+// reorders the edges of those within its spread, each put in place one by one; the widest delay
+// holds back those within it. Past these the emulator would stall or run out of memory.
+constexpr double kMaxReordered = 1000;
+constexpr double kMaxHeld = 1e6;
 
 class Reader {
  public:
@@ -113,6 +118,25 @@ void readPoisson(const Reader& r, SourceDescription& description) {
   description.rate_hz = r.number("rate_hz", 0.0, kMaxRateHz, true);
 }
 
+void checkInFlight(const Reader& r, const SourceDescription& description) {
+  const double per_ps = description.occurrenceRate() * 1e-12;
+  if (per_ps * 12 * description.jitter_ps > kMaxReordered) {
+    r.fail(
+        "jitter_ps is too large for the rate: more than 1000 occurrences would fall within "
+        "12 times the jitter");
+  }
+  double earliest = 0, latest = 0;
+  for (const SourceMember& member : description.members) {
+    earliest = std::min(earliest, member.delay_ps);
+    latest = std::max(latest, member.delay_ps);
+  }
+  if (per_ps * (latest - earliest) > kMaxHeld) {
+    r.fail(
+        "the delays span too long for the rate: more than a million occurrences would fall "
+        "within it");
+  }
+}
+
 SourceDescription readSource(const json& object, int number, int inputs) {
   if (!object.is_object()) {
     throw std::invalid_argument("emulated source " + std::to_string(number) +
@@ -197,6 +221,7 @@ SourceDescription readSource(const json& object, int number, int inputs) {
   } else {
     r.fail("unknown type; use periodic, poisson, pairs, cascade, pulses or bursts");
   }
+  checkInFlight(r, description);
   return description;
 }
 

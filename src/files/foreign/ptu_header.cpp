@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cmath>
 #include <cstring>
 
 namespace zeptick::foreign {
@@ -155,14 +156,22 @@ class HeaderParser {
     return true;
   }
 
+  // A whole number from a tag of any numeric type; -1, which every use refuses, for a real
+  // value that is not one (converting it would be undefined beyond the range).
+  static int64_t wholeNumber(const nlohmann::json& value) {
+    if (!value.is_number_float()) return value.get<int64_t>();
+    const double v = value.get<double>();
+    return v > -9e18 && v < 9e18 && v == std::trunc(v) ? static_cast<int64_t>(v) : -1;
+  }
+
   void remember(const std::string& name, const nlohmann::json& value) {
     if (!value.is_number()) return;
-    if (name == "TTResultFormat_TTTRRecType") header.record_type = value.get<int64_t>();
+    if (name == "TTResultFormat_TTTRRecType") header.record_type = wholeNumber(value);
     if (name == "TTResult_NumberOfRecords") {
-      header.record_count = value.get<int64_t>();
+      header.record_count = wholeNumber(value);
       header.has_record_count = true;
     }
-    if (name == "TTResultFormat_BitsPerRecord") header.bits_per_record = value.get<int64_t>();
+    if (name == "TTResultFormat_BitsPerRecord") header.bits_per_record = wholeNumber(value);
     if (name == "MeasDesc_GlobalResolution") header.global_resolution = value.get<double>();
     if (name == "MeasDesc_Resolution") header.resolution = value.get<double>();
     if (name == "TTResult_SyncRate") header.sync_rate = value.get<double>();
