@@ -151,8 +151,9 @@ TEST(ForgedBlocks, ReplayRefusesOrMarksEachWithItsMessage) {
   for (const Tag& tag : played(path, resume, blocks.back().end_time)) moved_in.push_back(tag);
 
   const detail::SigningKey stranger(generateKeyPair("P-256").private_pem);
-  const std::vector<std::string> refused = {"ECC signature is wrong",
-                                            "Time tag block data with invalid hash or signature"};
+  const std::vector<std::string> refused = {
+      "ECC signature is wrong", "Time tag block data with invalid hash or signature",
+      "ends early, after the data up to " + std::to_string(blocks[victim - 1].end_time) + " ps."};
   struct Forgery {
     const char* what;
     std::function<void(Bytes&)> edit;
