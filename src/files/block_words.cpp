@@ -117,7 +117,10 @@ bool unpackWords(PackedBlock& block, BlockFaults& faults) {
   } else {
     // The reader stores raw words only, and exactly word_count of them.
     block.words.resize(block.stored.size() / sizeof(ShortTag));
-    std::memcpy(block.words.data(), block.stored.data(), block.words.size() * sizeof(ShortTag));
+    // An empty block has no data to copy, and no pointer memcpy may be given.
+    if (!block.words.empty()) {
+      std::memcpy(block.words.data(), block.stored.data(), block.words.size() * sizeof(ShortTag));
+    }
   }
   return !block.verify || checkWords(header, block.words, block.key.get(), faults);
 }

@@ -56,11 +56,14 @@ Panel::Panel(Zeptick* tagger, int64_t id, const nlohmann::json& body) : id(id) {
 Panel::~Panel() = default;
 
 nlohmann::json Panel::describe() const {
+  // Whole bins may reach past the largest time when the range asked for was near it.
+  int64_t covered;
+  if (__builtin_mul_overflow(n_bins, binwidth, &covered)) covered = INT64_MAX;
   return {{"id", id},
           {"kind", kind},
           {"channels", {channels[0], channels[1]}},
           {"binwidth", binwidth},
-          {"range", n_bins * binwidth},
+          {"range", covered},
           {"first_bin", first_bin},
           {"bins", n_bins}};
 }
