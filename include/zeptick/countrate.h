@@ -3,11 +3,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "zeptick/iterator_base.h"
 
 namespace zeptick {
+
+namespace detail {
+class ChannelIndex;
+}  // namespace detail
 
 /// Average event rate per channel since the last clear, and total counts.
 /// Missed events inside overflows count as events; an Error tag restarts the
@@ -33,8 +38,20 @@ class ZEPTICK_API Countrate : public IteratorBase {
   std::vector<int> channels;
   int64_t last_time = 0;
   int64_t first_time = 0;  // 0 means not yet set
-  std::vector<int64_t> counts;
-  std::vector<int64_t> counts_total;
+  // Counted per distinct channel, so that a tag costs one lookup however many channels are
+  // listed; an entry reads its channel's slot. The slot after the last distinct channel takes
+  // the tags of every other channel, which keeps the loop free of a "listed?" branch.
+  // Channels close together are looked up in `near_slots` (by channel - lowest_channel),
+  // others (virtual channels far from the inputs) in `far_slots`.
+  std::vector<uint32_t> near_slots;
+  int32_t lowest_channel = 0;
+  std::unique_ptr<detail::ChannelIndex> far_slots;
+  std::vector<size_t> slot_of_entry;
+  std::vector<int64_t> counts;        // per slot, since the last Error
+  std::vector<int64_t> counts_total;  // per slot
+  // Four interleaved copies of the per-slot totals for one block, so that tags of one
+  // channel in a row do not wait on each other's read-modify-write.
+  std::vector<int64_t> lanes;
 };
 
 }  // namespace zeptick
