@@ -41,8 +41,9 @@ class ZEPTICK_API Countrate : public IteratorBase {
   // Counted per distinct channel, so that a tag costs one lookup however many channels are
   // listed; an entry reads its channel's slot. The slot after the last distinct channel takes
   // the tags of every other channel, which keeps the loop free of a "listed?" branch.
-  // Channels close together are looked up in `near_slots` (by channel - lowest_channel),
-  // others (virtual channels far from the inputs) in `far_slots`.
+  // Channels close together are looked up in `near_slots` (by channel - lowest_channel; the
+  // last entry for any channel beyond), others (virtual channels far from the inputs) in
+  // `far_slots`.
   std::vector<uint32_t> near_slots;
   int32_t lowest_channel = 0;
   std::unique_ptr<detail::ChannelIndex> far_slots;

@@ -34,7 +34,8 @@ Countrate::Countrate(ZeptickBase* tagger, std::vector<int> channels)
   const auto spare = static_cast<uint32_t>(distinct);
   if (int64_t{highest} - int64_t{lowest} < kNearSpan) {
     lowest_channel = lowest;
-    near_slots.assign(static_cast<size_t>(int64_t{highest} - lowest + 1), spare);
+    // One entry more than the span, for every channel outside it.
+    near_slots.assign(static_cast<size_t>(int64_t{highest} - lowest + 2), spare);
     for (size_t i = 0; i < this->channels.size(); ++i) {
       near_slots[static_cast<size_t>(this->channels[i] - lowest)] =
           static_cast<uint32_t>(slot_of_entry[i]);
@@ -142,11 +143,13 @@ bool Countrate::next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t en
   };
 
   const uint32_t* const near = near_slots.data();
-  const auto near_size = static_cast<uint32_t>(near_slots.size());
+  const auto outside = static_cast<uint32_t>(near_slots.size()) - 1;
   const auto lowest = static_cast<uint32_t>(lowest_channel);
   auto near_slot = [=](int32_t channel) {
     const uint32_t offset = static_cast<uint32_t>(channel) - lowest;
-    return offset < near_size ? near[offset] : spare;
+    // Clamped rather than tested: tags of unlisted channels (a virtual channel's among the
+    // inputs', say) come in no order a branch could predict.
+    return near[std::min(offset, outside)];
   };
   const detail::ChannelIndex* const far = far_slots.get();
   auto far_slot = [=](int32_t channel) {
