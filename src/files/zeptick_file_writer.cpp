@@ -180,6 +180,7 @@ ZeptickFileWriter::TimeTagBlockState* ZeptickFileWriter::encodeBlock(const std::
   int64_t last = begin_time;
   int64_t valid = 0;
   int64_t mark = begin_time;
+  bool marked = false;
   for (const Tag& tag : tags) {
     // Nearly every tag: a time tag outside an overflow, a short step after the one before, of a
     // written channel or of one to skip (a virtual channel's among the inputs', say). Either
@@ -244,9 +245,11 @@ ZeptickFileWriter::TimeTagBlockState* ZeptickFileWriter::encodeBlock(const std::
     } else if (code == ZeptickFile::SHORT_TAG_OVERFLOW_BEGIN) {
       valid += tag.time - mark;
       overflow = true;
+      marked = true;
     } else if (code == ZeptickFile::SHORT_TAG_OVERFLOW_END) {
       mark = tag.time;
       overflow = false;
+      marked = true;
     }
     *out++ = ShortTag::make(static_cast<uint32_t>(delta), code);
     last = tag.time;
@@ -256,6 +259,8 @@ ZeptickFileWriter::TimeTagBlockState* ZeptickFileWriter::encodeBlock(const std::
   if (!overflow) valid += end_time - mark;
 
   in_overflow = overflow;
+  state->overflow_marked = marked;
+  state->overflow_at_end = overflow;
   events_written += events;
   ZeptickFile::TimeTagBlockHeader& header = state->header;
   header.begin_time = begin_time;
@@ -321,6 +326,8 @@ void ZeptickFileWriter::recycleBlock(TimeTagBlockState* state) {
   state->header = ZeptickFile::TimeTagBlockHeader{};
   state->data.clear();
   state->is_compressed = false;
+  state->overflow_marked = false;
+  state->overflow_at_end = false;
   pool->give(state);
 }
 

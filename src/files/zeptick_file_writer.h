@@ -37,6 +37,8 @@ class ZeptickFileWriter {
     std::vector<ZeptickFile::ShortTag> data;        ///< the uncompressed words
     std::vector<char> compressed;                   ///< output of the compressor
     bool is_compressed = false;                     ///< `compressed` holds the stored bytes
+    bool overflow_marked = false;                   ///< the block holds an overflow begin or end
+    bool overflow_at_end = false;                   ///< the encoding ended inside an overflow
     std::shared_ptr<const detail::SigningKey> key;  ///< the encoding writer's key
   };
 

@@ -123,14 +123,10 @@ bool FileWriter::next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t e
     on_start();
   }
   if (!writer) return false;
-  for (auto tag = tags.rbegin(); tag != tags.rend(); ++tag) {
-    if (tag->type == Tag::Type::OverflowBegin || tag->type == Tag::Type::OverflowEnd) {
-      stream_in_overflow = tag->type == Tag::Type::OverflowBegin;
-      break;
-    }
-  }
   std::shared_ptr<ZeptickFileWriter> encoder = writer;
   ZeptickFileWriter::TimeTagBlockState* state = encoder->encodeBlock(tags, begin_time, end_time);
+  // Read off the encoding rather than by a second scan of the block.
+  if (state->overflow_marked) stream_in_overflow = state->overflow_at_end;
   OrderedPipeline pipeline;
   OrderedBarrier::OrderInstance turn = parallelize(pipeline);
   unlock();
