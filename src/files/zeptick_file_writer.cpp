@@ -22,14 +22,6 @@ constexpr uint64_t kBits48 = uint64_t{1} << 48;
 constexpr char kWriteError[] = "FileWriter: Error on writing to the disk.";
 constexpr uint8_t kZeros[ZeptickFile::ALIGNMENT] = {};
 
-// Left opaque to the compiler, which would otherwise turn a select on it into a branch: right
-// for a rare case, but tags of written and skipped channels mix in no predictable order.
-template <class T>
-T unpredictable(T value) {
-  asm("" : "+r"(value));
-  return value;
-}
-
 std::string tooManyChannels() {
   return "Too many channels. This format does not support more than " +
          std::to_string(ZeptickFile::MAX_CHANNELS) + " channels.";
@@ -153,7 +145,6 @@ void ZeptickFileWriter::writeChannelMap(const std::vector<std::pair<int32_t, int
       far_index.emplace_back(channel, channel_code);  // already sorted: the map is ordered
     }
   }
-  direct_index.back() = far_index.empty() ? kNoIndex : kFarIndex;
 }
 
 uint32_t ZeptickFileWriter::lookupIndex(int32_t channel) const {
@@ -182,24 +173,20 @@ ZeptickFileWriter::TimeTagBlockState* ZeptickFileWriter::encodeBlock(const std::
   int64_t mark = begin_time;
   bool marked = false;
   for (const Tag& tag : tags) {
-    // Nearly every tag: a time tag outside an overflow, a short step after the one before, of a
-    // written channel or of one to skip (a virtual channel's among the inputs', say). Either
-    // way it needs no branch that its channel decides, so their mix costs no mispredictions.
+    // Nearly every tag: a time tag outside an overflow, of a channel written or skipped, a short
+    // step after the one before. It takes one word, or none; anything else takes the general
+    // path below.
     if (tag.type == Tag::Type::TimeTag && !overflow) {
       const uint32_t near = static_cast<uint32_t>(tag.channel) + uint32_t{kDirectChannels};
-      const uint32_t beyond = 0U - unpredictable(uint32_t{near > 2 * kDirectChannels});
-      uint32_t index = direct_index[(near & ~beyond) | (2 * kDirectChannels & beyond)];
-      if (index == kFarIndex) index = lookupIndex(tag.channel);
-      const bool written = index != kNoIndex;
+      const uint32_t index =
+          near < 2 * kDirectChannels ? direct_index[near] : lookupIndex(tag.channel);
+      if (index == kNoIndex) continue;
       // A time before `last` wraps to a huge step, so it takes the general path too.
       const uint64_t delta = static_cast<uint64_t>(tag.time) - static_cast<uint64_t>(last);
-      if (unpredictable((delta < kBits24) | !written)) {
-        // Written always, kept only for a written channel.
-        *out = ShortTag::make(static_cast<uint32_t>(delta), static_cast<uint8_t>(index));
-        const uint64_t keep = unpredictable(uint64_t{written});
-        out += keep;
-        events += keep;
-        last = static_cast<int64_t>(static_cast<uint64_t>(last) + (delta & (0 - keep)));
+      if (delta < kBits24) {
+        *out++ = ShortTag::make(static_cast<uint32_t>(delta), static_cast<uint8_t>(index));
+        last = tag.time;
+        ++events;
         continue;
       }
     }

@@ -109,13 +109,10 @@ class ZeptickFileWriter {
   // Channels near zero (the inputs) are looked up by table, others by binary search, since a
   // map lookup per tag would dominate the encoding.
   static constexpr int32_t kDirectChannels = 256;
-  static constexpr uint8_t kNoIndex = 0xFF;   // never an index: they end at MAX_CHANNEL_INDEX
-  static constexpr uint8_t kFarIndex = 0xFE;  // look in far_index
+  static constexpr uint8_t kNoIndex = 0xFF;  // never an index: they end at MAX_CHANNEL_INDEX
 
   std::map<int32_t, uint32_t> channel_index;
-  // By channel + kDirectChannels; the last entry stands for every channel beyond, kNoIndex
-  // when none of those is written and kFarIndex otherwise.
-  std::array<uint8_t, 2 * kDirectChannels + 1> direct_index;
+  std::array<uint8_t, 2 * kDirectChannels> direct_index;
   std::vector<std::pair<int32_t, uint32_t>> far_index;  // sorted by channel
   bool in_overflow = false;
   std::atomic<uint64_t> bytes_written{0};
