@@ -13,8 +13,8 @@
 namespace zeptick {
 
 namespace detail {
-template <typename T>
-class RingQueue;
+template <typename T, size_t kLookback>
+class StampHistory;
 }
 
 /// Start-click histograms: each click counts the time since every start within
@@ -70,8 +70,15 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
     size_t offset;  // the start's histogram x n_bins: where its counts go
   };
 
+  // How many starts each click looks at without a loop; a click with more in
+  // range takes a slower path for the rest.
+  static constexpr size_t kLookback = 8;
+  using Pending = detail::StampHistory<PendingStart, kLookback>;
+
   template <FastBinning::Mode M>
   void processBlock(const std::vector<Tag>& tags);
+  template <FastBinning::Mode M>
+  void processSequenceTag(const Tag& tag);
   void dropExpired(int64_t now);
 
   int click_channel;
@@ -85,7 +92,7 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
   int64_t binwidth;
   int64_t range;  // n_bins x binwidth, saturated at the largest time difference
   std::vector<int32_t> data;
-  std::unique_ptr<detail::RingQueue<PendingStart>> pending;
+  std::unique_ptr<Pending> pending;
   bool waiting_for_sync = false;
   int histogram_index = -1;
   std::atomic<uint64_t> counts{0};

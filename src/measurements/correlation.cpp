@@ -4,15 +4,12 @@
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
-#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
 Correlation::Correlation(ZeptickBase* tagger, int channel_1, int channel_2, int64_t binwidth,
                          int n_bins)
-    : IteratorBase(tagger),
-      stamps{std::make_unique<detail::RingQueue<int64_t>>(),
-             std::make_unique<detail::RingQueue<int64_t>>()} {
+    : IteratorBase(tagger), stamps{std::make_unique<Stamps>(), std::make_unique<Stamps>()} {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
 
@@ -63,7 +60,7 @@ void Correlation::clear_impl() {
   in_overflow = false;
 }
 
-void Correlation::trimOlderThan(detail::RingQueue<int64_t>& queue, int64_t now) {
+void Correlation::trimOlderThan(Stamps& queue, int64_t now) {
   // A stamp exactly half_range old still pairs.
   while (!queue.empty() && detail::timeDifference(now, queue.front()) > half_range) {
     queue.pop_front();
@@ -80,55 +77,31 @@ bool Correlation::next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t 
 
 template <FastBinning::Mode M>
 void Correlation::processBlock(const std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-  detail::RingQueue<int64_t>& first = *stamps[0];
-  detail::RingQueue<int64_t>& second = *stamps[1];
-  const int channel_1 = channels[0];
-  const int channel_2 = channels[1];
-  const int64_t shift = half_range;
-  const int64_t bins = n_bins;
-  int32_t* const counters = data.data();
   int64_t segment_begin = begin_time;
-
-  // A queue is trimmed only just before a tag of the other channel scans it,
-  // and at the end of the block: the pairs come out the same as with a trim on
-  // every tag, for a test less per tag. The scanned offsets then run from
-  // -half_range to +half_range, so offset + half_range is a non-negative delta
-  // within the binner's range; only the top edge can give bin n_bins, dropped.
-  auto count = [&](int64_t offset) {
-    const uint64_t bin = binner.template divide<M>(static_cast<uint64_t>(offset + shift));
-    if (static_cast<int64_t>(bin) < bins) detail::wrappingIncrement(counters[bin]);
-  };
-
-  for (const Tag& tag : tags) {
-    switch (tag.type) {
-      case Tag::Type::TimeTag: {
-        const int64_t time = tag.time;
-        if (tag.channel == channel_1) {
-          trimOlderThan(second, time);
-          ++counts[0];
-          first.push_back(time);
-          second.forEach([&](int64_t stamp) { count(detail::timeDifference(time, stamp)); });
-        }
-        if (tag.channel == channel_2) {
-          trimOlderThan(first, time);
-          // Against channel 1's stamps, which hold this very tag in an autocorrelation.
-          ++counts[1];
-          second.push_back(time);
-          first.forEach([&](int64_t stamp) { count(detail::timeDifference(stamp, time)); });
-        }
-        break;
-      }
+  const Tag* tag = tags.data();
+  const Tag* const last = tag + tags.size();
+  while (tag != last) {
+    // Time tags go in runs through the pair counting; the other types are rare
+    // and only touch the bookkeeping.
+    const Tag* run_end = tag;
+    while (run_end != last && run_end->type == Tag::Type::TimeTag) ++run_end;
+    if (run_end != tag) {
+      countPairs<M>(tag, run_end);
+      tag = run_end;
+      continue;
+    }
+    switch (tag->type) {
       case Tag::Type::Error:
-        first.clear();
-        second.clear();
+        stamps[0]->clear();
+        stamps[1]->clear();
         break;
       case Tag::Type::OverflowBegin:
-        capture_duration += tag.time - segment_begin;
+        capture_duration += tag->time - segment_begin;
         in_overflow = true;
         break;
       case Tag::Type::OverflowEnd:
         if (in_overflow) {
-          segment_begin = tag.time;
+          segment_begin = tag->time;
           in_overflow = false;
         } else {
           // Began inside an overflow: the time before this end is not trustworthy.
@@ -138,8 +111,106 @@ void Correlation::processBlock(const std::vector<Tag>& tags, int64_t begin_time,
       default:
         break;
     }
+    ++tag;
   }
   if (!in_overflow) capture_duration += end_time - segment_begin;
+}
+
+template <FastBinning::Mode M>
+void Correlation::countPairs(const Tag* tag, const Tag* const end) {
+  // Two passes over chunks of up to kChunk time tags. The first files each tag's
+  // time under its channel without a branch on the channel (a store that the
+  // next one overwrites unless the tag is on that channel), since the channels
+  // of successive tags are as good as random and a mispredicted branch costs
+  // more than the work; with it, each tag notes how many stamps of the other
+  // channel came before it. The second pairs each filed tag with the kLookback
+  // newest of those, again without a branch per pair, and the counters are
+  // bumped last from the list of bins hit. Stamps are in time order, so those
+  // within half_range of a tag are the newest ones: the lanes are valid up to
+  // the first that is not, and a tag whose lanes are all valid goes on in a loop.
+  constexpr size_t kChunk = 256;
+  struct Filed {
+    int64_t time;
+    size_t other_end;  // stamps of the other channel before it
+  };
+  Filed filed[2][kChunk];
+  size_t bins_hit[2 * kChunk * kLookback];
+
+  Stamps& first = *stamps[0];
+  Stamps& second = *stamps[1];
+  const int channel_1 = channels[0];
+  const int channel_2 = channels[1];
+  const int64_t shift = half_range;
+  const int64_t bins = n_bins;
+  int32_t* const counters = data.data();
+  // offset + half_range in two's complement, so any lane, even one past the
+  // stamps in range, computes without overflow.
+  auto offsetOf = [shift](int64_t d, bool flip) {
+    const uint64_t offset = flip ? 0 - static_cast<uint64_t>(d) : static_cast<uint64_t>(d);
+    return offset + static_cast<uint64_t>(shift);
+  };
+
+  while (tag != end) {
+    const size_t room = std::min<size_t>(kChunk, static_cast<size_t>(end - tag));
+    first.reserve(room);
+    second.reserve(room);
+    int64_t* const at[2] = {first.at(), second.at()};
+    size_t ends[2] = {first.end(), second.end()};
+    size_t n_filed[2] = {0, 0};
+    for (const Tag* const chunk_end = tag + room; tag != chunk_end; ++tag) {
+      const int64_t time = tag->time;
+      const bool on_1 = tag->channel == channel_1;
+      const bool on_2 = tag->channel == channel_2;
+      // In an autocorrelation the tag pairs with the first channel's stamps
+      // including itself, and with the second's before it.
+      at[0][ends[0]] = time;
+      ends[0] += on_1;
+      filed[0][n_filed[0]] = Filed{time, ends[1]};
+      n_filed[0] += on_1;
+      at[1][ends[1]] = time;
+      ends[1] += on_2;
+      filed[1][n_filed[1]] = Filed{time, ends[0]};
+      n_filed[1] += on_2;
+    }
+    first.setEnd(ends[0]);
+    second.setEnd(ends[1]);
+    counts[0] += n_filed[0];
+    counts[1] += n_filed[1];
+
+    // offset = (channel 1 time) - (channel 2 time), whichever came later: for a
+    // channel 1 tag d, for a channel 2 tag -d.
+    size_t n_hit = 0;
+    for (size_t side = 0; side < 2; ++side) {
+      const int64_t* const other = at[1 - side];
+      const ptrdiff_t head = static_cast<ptrdiff_t>(stamps[1 - side]->head());
+      const bool flip = side == 1;
+      for (size_t f = 0; f < n_filed[side]; ++f) {
+        const int64_t time = filed[side][f].time;
+        const ptrdiff_t newest = static_cast<ptrdiff_t>(filed[side][f].other_end) - 1;
+        bool in_range = false;
+        for (size_t back = 0; back < kLookback; ++back) {
+          const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
+          const int64_t d = detail::timeDifference(time, other[i]);
+          const uint64_t bin = binner.template divide<M>(offsetOf(d, flip));
+          in_range = (i >= head) & (d <= shift);
+          bins_hit[n_hit] = bin;
+          n_hit += in_range & (static_cast<int64_t>(bin) < bins);
+        }
+        if (in_range) {
+          for (ptrdiff_t i = newest - static_cast<ptrdiff_t>(kLookback);
+               i >= head && detail::timeDifference(time, other[i]) <= shift; --i) {
+            const uint64_t bin =
+                binner.template divide<M>(offsetOf(detail::timeDifference(time, other[i]), flip));
+            if (static_cast<int64_t>(bin) < bins) detail::wrappingIncrement(counters[bin]);
+          }
+        }
+      }
+    }
+    for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
+    // No later tag can reach a stamp out of range of the chunk's last tag.
+    trimOlderThan(first, tag[-1].time);
+    trimOlderThan(second, tag[-1].time);
+  }
 }
 
 }  // namespace zeptick

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
+#include <type_traits>
 
 namespace zeptick::detail {
 
@@ -26,5 +30,74 @@ inline int64_t timeDifference(int64_t a, int64_t b) {
 inline void wrappingIncrement(int32_t& counter) {
   counter = static_cast<int32_t>(static_cast<uint32_t>(counter) + 1u);
 }
+
+}  // namespace zeptick::detail
+
+namespace zeptick::detail {
+
+/// The recent stamps of a histogram kernel, oldest first, in one run of memory that
+/// a hot loop indexes directly: entries live at [head(), end()), and kLookback
+/// slots before index 0 always exist, so a loop may read up to kLookback entries
+/// back from any end without a bounds test (it must still mask entries before
+/// head()). Storage only grows, and is value-initialised, so no read sees
+/// indeterminate memory; in the steady state nothing allocates.
+template <typename T, size_t kLookback>
+class StampHistory {
+  static_assert(std::is_trivially_copyable_v<T>);
+
+ public:
+  bool empty() const { return head_ == end_; }
+  size_t size() const { return end_ - head_; }
+  size_t head() const { return head_; }
+  size_t end() const { return end_; }
+  /// Entry i is at(i); valid for i in [head() - kLookback, end() + room reserved).
+  T* at() { return storage.get() + kLookback; }
+  const T* at() const { return storage.get() + kLookback; }
+  const T& front() const { return at()[head_]; }
+
+  void pop_front() { ++head_; }
+  /// Drops the entries before `head`, which must lie in [head(), end()].
+  void setHead(size_t head) { head_ = head; }
+  /// Takes the entries written at [end(), end) by a caller that reserved room for them.
+  void setEnd(size_t end) { end_ = end; }
+
+  /// Makes room for `more` entries after end(). May move the entries (head()
+  /// becomes 0), so indices taken before do not survive it.
+  void reserve(size_t more) {
+    if (end_ + more <= capacity) return;
+    const size_t live = size();
+    if (2 * (live + more) <= capacity) {
+      std::copy(at() + head_, at() + end_, at());
+    } else {
+      const size_t larger = std::max<size_t>(64, 2 * (live + more));
+      std::unique_ptr<T[]> bigger = std::make_unique<T[]>(larger + kLookback);
+      if (live != 0) std::copy(at() + head_, at() + end_, bigger.get() + kLookback);
+      storage = std::move(bigger);
+      capacity = larger;
+    }
+    head_ = 0;
+    end_ = live;
+  }
+
+  void push_back(const T& value) {
+    reserve(1);
+    at()[end_++] = value;
+  }
+
+  void clear() { head_ = end_ = 0; }
+
+  /// Empties the history and gives its storage back.
+  void release() {
+    clear();
+    storage.reset();
+    capacity = 0;
+  }
+
+ private:
+  std::unique_ptr<T[]> storage;
+  size_t capacity = 0;
+  size_t head_ = 0;
+  size_t end_ = 0;
+};
 
 }  // namespace zeptick::detail

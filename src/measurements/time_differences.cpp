@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
-#include "measurements/ring_queue.h"
 
 namespace zeptick {
 
@@ -19,7 +18,7 @@ TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int sta
 TimeDifferences::TimeDifferences(DeferStart, ZeptickBase* tagger, int click_channel,
                                  int start_channel, int next_channel, int sync_channel,
                                  int64_t binwidth, int n_bins, int n_histograms)
-    : IteratorBase(tagger), pending(std::make_unique<detail::RingQueue<PendingStart>>()) {
+    : IteratorBase(tagger), pending(std::make_unique<Pending>()) {
   if (binwidth < 1) throw std::invalid_argument("binwidth must be at least 1 ps");
   if (n_bins < 1) throw std::invalid_argument("n_bins must be at least 1");
   if (n_histograms < 1) throw std::invalid_argument("n_histograms must be at least 1");
@@ -100,71 +99,137 @@ bool TimeDifferences::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, 
 
 template <FastBinning::Mode M>
 void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
-  // The sequence state lives in locals for the loop: the counters share their
-  // type with histogram_index, so the compiler could not keep it in a register.
-  int index = histogram_index;
-  bool waiting = waiting_for_sync;
-  uint64_t completed = counts.load(std::memory_order_relaxed);
-  const uint64_t limit = max_counts;
+  // Two passes over runs of up to kChunk tags. The first files each start and
+  // each click without a branch on its channel (a store that the next one
+  // overwrites unless the tag has that role), since the roles of successive tags
+  // are as good as random and a mispredicted branch costs more than the work. The
+  // second bins each click against the kLookback newest starts filed before it,
+  // again without a branch per start, and the counters are bumped last from the
+  // list of bins hit. A run stops at any tag that can change the sequence (not a
+  // time tag, or on the next or sync channel), which takes the exact tag-by-tag
+  // path, so within a run whether a start counts, and in which histogram, is fixed.
+  constexpr size_t kChunk = 256;
+  struct Click {
+    int64_t time;
+    size_t starts_end;  // the starts filed before it, itself included
+  };
+  Click clicks[kChunk];
+  size_t bins_hit[kChunk * kLookback];
+
   const bool has_next = !next_unused;
   const bool has_sync = !sync_unused;
   const size_t bins = static_cast<size_t>(n_bins);
   int32_t* const counters = data.data();
-  detail::RingQueue<PendingStart>& starts = *pending;
+  Pending& starts = *pending;
 
-  for (const Tag& tag : tags) {
-    if (tag.type != Tag::Type::TimeTag) {
-      histogram_index = index;
-      waiting_for_sync = waiting;
-      on_start();
-      index = histogram_index;
-      waiting = waiting_for_sync;
-      continue;
-    }
-    const int channel = tag.channel;
-    const int64_t time = tag.time;
+  const Tag* tag = tags.data();
+  const Tag* const last = tag + tags.size();
+  while (tag != last) {
+    const uint64_t completed = counts.load(std::memory_order_relaxed);
+    const bool open = !waiting_for_sync && (max_counts == 0 || max_counts > completed) &&
+                      histogram_index >= 0 && histogram_index < n_histograms;
+    const size_t offset = open ? static_cast<size_t>(histogram_index) * bins : 0;
+    const size_t room = std::min<size_t>(kChunk, static_cast<size_t>(last - tag));
+    starts.reserve(room);
+    PendingStart* const at = starts.at();
 
-    if (has_sync && channel == sync_channel && (limit == 0 || limit > completed)) {
-      if (!waiting) ++completed;
-      waiting = false;
-      index = has_next ? -1 : 0;
+    const Tag* const run_begin = tag;
+    const Tag* const run_limit = tag + room;
+    size_t end = starts.end();
+    size_t n_clicks = 0;
+    for (; tag != run_limit; ++tag) {
+      const int channel = tag->channel;
+      if ((tag->type != Tag::Type::TimeTag) | (has_next & (channel == next_channel)) |
+          (has_sync & (channel == sync_channel))) {
+        break;
+      }
+      at[end] = PendingStart{tag->time, offset};
+      end += open & (channel == start_channel);
+      clicks[n_clicks] = Click{tag->time, end};
+      n_clicks += channel == click_channel;
     }
-    if (has_next && channel == next_channel && !waiting && (limit == 0 || limit > completed)) {
-      const int stepped = index + 1;
-      if (stepped < n_histograms) {
-        index = stepped;
-      } else {
-        ++completed;
-        if (has_sync) {
-          index = stepped;
-          waiting = true;
-        } else {
-          index = 0;
+    starts.setEnd(end);
+
+    // Starts are in time order, so those still in range at a click are the
+    // newest ones: the lanes below are valid up to the first that is not.
+    const ptrdiff_t head = static_cast<ptrdiff_t>(starts.head());
+    size_t n_hit = 0;
+    for (size_t c = 0; c < n_clicks; ++c) {
+      const int64_t time = clicks[c].time;
+      const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
+      bool in_range = false;
+      for (size_t back = 0; back < kLookback; ++back) {
+        const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
+        const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+        in_range = (i >= head) & (static_cast<int64_t>(delta) < range);
+        bins_hit[n_hit] = at[i].offset + binner.template divide<M>(delta);
+        n_hit += in_range;
+      }
+      if (in_range) {
+        for (ptrdiff_t i = newest - static_cast<ptrdiff_t>(kLookback);
+             i >= head && detail::timeDifference(time, at[i].timestamp) < range; --i) {
+          const uint64_t delta =
+              static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+          detail::wrappingIncrement(counters[at[i].offset + binner.template divide<M>(delta)]);
         }
       }
     }
-    if (channel == start_channel && !waiting && (limit == 0 || limit > completed) && index >= 0 &&
-        index < n_histograms) {
-      starts.push_back(PendingStart{time, static_cast<size_t>(index) * bins});
-    }
-    if (channel == click_channel) {
-      // Starts expire only here and at the end of the block: between clicks
-      // nothing reads them, and the clicks see the same starts as if every tag
-      // expired them. All that remain are younger than the range, so every bin
-      // is in bounds.
-      while (!starts.empty() && detail::timeDifference(time, starts.front().timestamp) >= range) {
-        starts.pop_front();
-      }
-      starts.forEach([&](const PendingStart& start) {
-        const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(start.timestamp);
-        detail::wrappingIncrement(counters[start.offset + binner.template divide<M>(delta)]);
-      });
+    for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
+    // No later click can reach a start out of range of the run's last tag.
+    if (tag != run_begin) dropExpired(tag[-1].time);
+
+    if (tag != run_limit) {
+      processSequenceTag<M>(*tag);
+      ++tag;
     }
   }
+}
 
-  histogram_index = index;
-  waiting_for_sync = waiting;
+template <FastBinning::Mode M>
+void TimeDifferences::processSequenceTag(const Tag& tag) {
+  if (tag.type != Tag::Type::TimeTag) {
+    on_start();
+    return;
+  }
+  const int channel = tag.channel;
+  const int64_t time = tag.time;
+  uint64_t completed = counts.load(std::memory_order_relaxed);
+  auto open = [&] { return max_counts == 0 || max_counts > completed; };
+
+  if (!sync_unused && channel == sync_channel && open()) {
+    if (!waiting_for_sync) ++completed;
+    waiting_for_sync = false;
+    histogram_index = next_unused ? 0 : -1;
+  }
+  if (!next_unused && channel == next_channel && !waiting_for_sync && open()) {
+    const int stepped = histogram_index + 1;
+    if (stepped < n_histograms) {
+      histogram_index = stepped;
+    } else {
+      ++completed;
+      if (!sync_unused) {
+        histogram_index = stepped;
+        waiting_for_sync = true;
+      } else {
+        histogram_index = 0;
+      }
+    }
+  }
   counts.store(completed, std::memory_order_relaxed);
+  if (channel == start_channel && !waiting_for_sync && open() && histogram_index >= 0 &&
+      histogram_index < n_histograms) {
+    pending->push_back(
+        PendingStart{time, static_cast<size_t>(histogram_index) * static_cast<size_t>(n_bins)});
+  }
+  if (channel == click_channel) {
+    dropExpired(time);
+    if (pending->empty()) return;
+    const PendingStart* const at = pending->at();
+    for (size_t i = pending->head(); i != pending->end(); ++i) {
+      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+      detail::wrappingIncrement(data[at[i].offset + binner.template divide<M>(delta)]);
+    }
+  }
 }
 
 }  // namespace zeptick
