@@ -47,9 +47,8 @@ class ZEPTICK_API Correlation : public IteratorBase {
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
 
  private:
-  // How many stamps of the other channel each tag looks at without a loop; a tag
-  // with more in range takes a slower path for the rest.
-  static constexpr size_t kLookback = 4;
+  // How far back from its newest stamp a kernel may read without a bounds test.
+  static constexpr size_t kLookback = 8;
   using Stamps = detail::StampHistory<int64_t, kLookback>;
 
   template <FastBinning::Mode M>

@@ -1,11 +1,118 @@
 #include "zeptick/correlation.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
 
 namespace zeptick {
+
+namespace {
+
+// Runs of at most this many time tags go through the two passes.
+constexpr size_t kChunk = 256;
+// Stamps that the plain form looks at per tag without a loop, and the AVX-512 form, one per lane.
+constexpr size_t kWindow = 4;
+constexpr size_t kLanes = 8;
+
+struct Filed {
+  int64_t time;
+  size_t other_end;  // stamps of the other channel before it
+};
+
+struct PairBinning {
+  const FastBinning& binner;
+  int64_t half_range;
+  int64_t n_bins;
+  int32_t* counters;
+};
+
+// offset + half_range in two's complement, where the offset is d for a channel 1
+// tag and -d for a channel 2 one; any lane, even one past the stamps in range,
+// computes without overflow.
+inline uint64_t shiftedOffset(int64_t d, bool flip, int64_t half_range) {
+  const uint64_t offset = flip ? 0 - static_cast<uint64_t>(d) : static_cast<uint64_t>(d);
+  return offset + static_cast<uint64_t>(half_range);
+}
+
+// The stamps in range of a tag are the newest ones, as stamps are in time order:
+// each tag looks at a fixed window of them, valid up to the first that is not,
+// and goes on in a loop only when the whole window is valid. Returns how many
+// bins it listed in bins_hit; those past the window are counted directly.
+template <FastBinning::Mode M>
+void countBeyondWindow(const PairBinning& pairs, int64_t time, bool flip, ptrdiff_t from,
+                       const int64_t* other, ptrdiff_t head) {
+  for (ptrdiff_t i = from; i >= head && detail::timeDifference(time, other[i]) <= pairs.half_range;
+       --i) {
+    const uint64_t bin = pairs.binner.template divide<M>(
+        shiftedOffset(detail::timeDifference(time, other[i]), flip, pairs.half_range));
+    if (static_cast<int64_t>(bin) < pairs.n_bins) detail::wrappingIncrement(pairs.counters[bin]);
+  }
+}
+
+template <FastBinning::Mode M, size_t kSize>
+size_t binPairs(const PairBinning& pairs, const Filed* filed, size_t n_filed, bool flip,
+                const int64_t* other, ptrdiff_t head, size_t* bins_hit) {
+  size_t n_hit = 0;
+  for (size_t f = 0; f < n_filed; ++f) {
+    const int64_t time = filed[f].time;
+    const ptrdiff_t newest = static_cast<ptrdiff_t>(filed[f].other_end) - 1;
+    bool in_range = false;
+    for (size_t back = 0; back < kSize; ++back) {
+      const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
+      const int64_t d = detail::timeDifference(time, other[i]);
+      const uint64_t bin =
+          pairs.binner.template divide<M>(shiftedOffset(d, flip, pairs.half_range));
+      in_range = (i >= head) & (d <= pairs.half_range);
+      bins_hit[n_hit] = bin;
+      n_hit += in_range & (static_cast<int64_t>(bin) < pairs.n_bins);
+    }
+    if (in_range) {
+      countBeyondWindow<M>(pairs, time, flip, newest - static_cast<ptrdiff_t>(kSize), other, head);
+    }
+  }
+  return n_hit;
+}
+
+#if defined(__x86_64__)
+// The same with one stamp per lane. bins_hit needs kLanes slots of slack.
+template <FastBinning::Mode M>
+ZEPTICK_AVX512 size_t binPairsWide(const PairBinning& pairs, const Filed* filed, size_t n_filed,
+                                   bool flip, const int64_t* other, ptrdiff_t head,
+                                   size_t* bins_hit) {
+  const __m512i lane = _mm512_setr_epi64(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m512i half_range = _mm512_set1_epi64(pairs.half_range);
+  const __m512i n_bins = _mm512_set1_epi64(pairs.n_bins);
+  size_t n_hit = 0;
+  for (size_t f = 0; f < n_filed; ++f) {
+    const int64_t time = filed[f].time;
+    const ptrdiff_t newest = static_cast<ptrdiff_t>(filed[f].other_end) - 1;
+    const ptrdiff_t oldest = newest - static_cast<ptrdiff_t>(kLanes - 1);
+    const __m512i d =
+        _mm512_sub_epi64(_mm512_set1_epi64(time),
+                         _mm512_loadu_si512(reinterpret_cast<const long long*>(other + oldest)));
+    const __mmask8 in_range = _mm512_cmple_epi64_mask(d, half_range) &
+                              _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
+    const __m512i shifted =
+        flip ? _mm512_sub_epi64(half_range, d) : _mm512_add_epi64(d, half_range);
+    const __m512i bins = detail::divideLanes<M>(pairs.binner, shifted);
+    const __mmask8 hit = in_range & _mm512_cmplt_epi64_mask(bins, n_bins);
+    _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(hit, bins));
+    n_hit += static_cast<size_t>(__builtin_popcount(hit));
+    if (in_range & 1) countBeyondWindow<M>(pairs, time, flip, oldest - 1, other, head);
+  }
+  return n_hit;
+}
+#else
+template <FastBinning::Mode M>
+size_t binPairsWide(const PairBinning& pairs, const Filed* filed, size_t n_filed, bool flip,
+                    const int64_t* other, ptrdiff_t head, size_t* bins_hit) {
+  return binPairs<M, kLanes>(pairs, filed, n_filed, flip, other, head, bins_hit);
+}
+#endif
+
+}  // namespace
 
 Correlation::Correlation(ZeptickBase* tagger, int channel_1, int channel_2, int64_t binwidth,
                          int n_bins)
@@ -128,27 +235,15 @@ void Correlation::countPairs(const Tag* tag, const Tag* const end) {
   // bumped last from the list of bins hit. Stamps are in time order, so those
   // within half_range of a tag are the newest ones: the lanes are valid up to
   // the first that is not, and a tag whose lanes are all valid goes on in a loop.
-  constexpr size_t kChunk = 256;
-  struct Filed {
-    int64_t time;
-    size_t other_end;  // stamps of the other channel before it
-  };
   Filed filed[2][kChunk];
-  size_t bins_hit[2 * kChunk * kLookback];
+  size_t bins_hit[2 * kChunk * kLanes + kLanes];
+  const bool wide = detail::hasWideBinning(M) && detail::wideHistogramKernels();
 
   Stamps& first = *stamps[0];
   Stamps& second = *stamps[1];
   const int channel_1 = channels[0];
   const int channel_2 = channels[1];
-  const int64_t shift = half_range;
-  const int64_t bins = n_bins;
   int32_t* const counters = data.data();
-  // offset + half_range in two's complement, so any lane, even one past the
-  // stamps in range, computes without overflow.
-  auto offsetOf = [shift](int64_t d, bool flip) {
-    const uint64_t offset = flip ? 0 - static_cast<uint64_t>(d) : static_cast<uint64_t>(d);
-    return offset + static_cast<uint64_t>(shift);
-  };
 
   while (tag != end) {
     const size_t room = std::min<size_t>(kChunk, static_cast<size_t>(end - tag));
@@ -177,34 +272,21 @@ void Correlation::countPairs(const Tag* tag, const Tag* const end) {
     counts[0] += n_filed[0];
     counts[1] += n_filed[1];
 
-    // offset = (channel 1 time) - (channel 2 time), whichever came later: for a
-    // channel 1 tag d, for a channel 2 tag -d.
+    // A channel 1 tag pairs with channel 2's stamps, and the reverse with the sign flipped.
+    const PairBinning pairs{binner, half_range, n_bins, counters};
     size_t n_hit = 0;
     for (size_t side = 0; side < 2; ++side) {
-      const int64_t* const other = at[1 - side];
       const ptrdiff_t head = static_cast<ptrdiff_t>(stamps[1 - side]->head());
       const bool flip = side == 1;
-      for (size_t f = 0; f < n_filed[side]; ++f) {
-        const int64_t time = filed[side][f].time;
-        const ptrdiff_t newest = static_cast<ptrdiff_t>(filed[side][f].other_end) - 1;
-        bool in_range = false;
-        for (size_t back = 0; back < kLookback; ++back) {
-          const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
-          const int64_t d = detail::timeDifference(time, other[i]);
-          const uint64_t bin = binner.template divide<M>(offsetOf(d, flip));
-          in_range = (i >= head) & (d <= shift);
-          bins_hit[n_hit] = bin;
-          n_hit += in_range & (static_cast<int64_t>(bin) < bins);
-        }
-        if (in_range) {
-          for (ptrdiff_t i = newest - static_cast<ptrdiff_t>(kLookback);
-               i >= head && detail::timeDifference(time, other[i]) <= shift; --i) {
-            const uint64_t bin =
-                binner.template divide<M>(offsetOf(detail::timeDifference(time, other[i]), flip));
-            if (static_cast<int64_t>(bin) < bins) detail::wrappingIncrement(counters[bin]);
-          }
+      if constexpr (detail::hasWideBinning(M)) {
+        if (wide) {
+          n_hit += binPairsWide<M>(pairs, filed[side], n_filed[side], flip, at[1 - side], head,
+                                   bins_hit + n_hit);
+          continue;
         }
       }
+      n_hit += binPairs<M, kWindow>(pairs, filed[side], n_filed[side], flip, at[1 - side], head,
+                                    bins_hit + n_hit);
     }
     for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
     // No later tag can reach a stamp out of range of the chunk's last tag.

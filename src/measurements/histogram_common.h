@@ -7,6 +7,8 @@
 #include <memory>
 #include <type_traits>
 
+#include "zeptick/fast_binning.h"
+
 namespace zeptick::detail {
 
 /// n_bins x binwidth for positive arguments, saturated at the largest signed
@@ -101,3 +103,70 @@ class StampHistory {
 };
 
 }  // namespace zeptick::detail
+
+namespace zeptick::detail {
+
+/// Whether the histogram kernels may use their AVX-512 forms: the processor has
+/// them, and forcePlainHistogramKernels has not switched them off. Read per block.
+bool wideHistogramKernels();
+/// Makes every histogram kernel take its plain form (true) or the fastest the
+/// processor has (false), so that tests can hold the two against each other.
+void forcePlainHistogramKernels(bool plain);
+
+/// Whether binning mode `mode` has an eight-lane form (every mode but the two divisions).
+constexpr bool hasWideBinning(FastBinning::Mode mode) { return mode <= FastBinning::ModeMulHigh64; }
+
+}  // namespace zeptick::detail
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+
+/// On the functions that hold AVX-512 code; callers check wideHistogramKernels() first.
+#define ZEPTICK_AVX512 __attribute__((target("avx512f,avx512dq,avx512vl,avx512bw,popcnt")))
+
+namespace zeptick::detail {
+
+/// FastBinning::divide<M> on eight deltas at once, exact in the same modes
+/// (hasWideBinning(M)). ModeMulHigh64 builds the high half of the 128-bit
+/// product from four 32 x 32-bit products.
+// Every lane. The zero-masked forms of the intrinsics are used throughout, as the
+// plain ones of GCC 12 trip its maybe-uninitialized warning.
+constexpr __mmask8 kAll = 0xFF;
+
+template <FastBinning::Mode M>
+ZEPTICK_AVX512 inline __m512i divideLanes(const FastBinning& binner, __m512i delta) {
+  if constexpr (M == FastBinning::ModeZero) {
+    return _mm512_setzero_si512();
+  } else if constexpr (M == FastBinning::ModeIdentity) {
+    return delta;
+  } else if constexpr (M == FastBinning::ModeShift) {
+    return _mm512_maskz_srl_epi64(kAll, delta,
+                                  _mm_cvtsi32_si128(static_cast<int>(binner.getShift())));
+  } else if constexpr (M == FastBinning::ModeMul32) {
+    return _mm512_maskz_srli_epi64(
+        kAll,
+        _mm512_maskz_mullo_epi64(kAll, delta,
+                                 _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()))),
+        32);
+  } else {
+    static_assert(M == FastBinning::ModeMulHigh64, "no eight-lane form of this mode");
+    const __m512i factor = _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()));
+    const __m512i low_mask = _mm512_set1_epi64(0xFFFFFFFF);
+    const __m512i delta_high = _mm512_maskz_srli_epi64(kAll, delta, 32);
+    const __m512i factor_high = _mm512_maskz_srli_epi64(kAll, factor, 32);
+    const __m512i low_low = _mm512_maskz_mul_epu32(kAll, delta, factor);
+    const __m512i low_high = _mm512_maskz_mul_epu32(kAll, delta, factor_high);
+    const __m512i high_low = _mm512_maskz_mul_epu32(kAll, delta_high, factor);
+    const __m512i high_high = _mm512_maskz_mul_epu32(kAll, delta_high, factor_high);
+    const __m512i middle =
+        _mm512_add_epi64(_mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_low, 32),
+                                          _mm512_and_si512(low_high, low_mask)),
+                         _mm512_and_si512(high_low, low_mask));
+    return _mm512_add_epi64(_mm512_add_epi64(high_high, _mm512_maskz_srli_epi64(kAll, middle, 32)),
+                            _mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_high, 32),
+                                             _mm512_maskz_srli_epi64(kAll, high_low, 32)));
+  }
+}
+
+}  // namespace zeptick::detail
+#endif

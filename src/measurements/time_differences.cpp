@@ -1,11 +1,104 @@
 #include "zeptick/time_differences.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <stdexcept>
 
 #include "measurements/histogram_common.h"
 
 namespace zeptick {
+
+namespace {
+
+// Runs of at most this many tags go through the two passes.
+constexpr size_t kChunk = 256;
+// Starts that the AVX-512 form looks at per click, one per lane.
+constexpr size_t kLanes = 8;
+
+struct Click {
+  int64_t time;
+  size_t starts_end;  // the starts filed before it, itself included
+};
+
+// Starts are in time order, so those still in range at a click are the newest
+// ones: each click looks at a fixed window of them, valid up to the first that is
+// not, and goes on in a loop only when the whole window is valid. Returns how
+// many bins it listed in bins_hit; those past the window are counted directly.
+template <FastBinning::Mode M, typename Start>
+void countBeyondWindow(const FastBinning& binner, int64_t range, int64_t time, ptrdiff_t from,
+                       const Start* at, ptrdiff_t head, int32_t* counters) {
+  for (ptrdiff_t i = from; i >= head && detail::timeDifference(time, at[i].timestamp) < range;
+       --i) {
+    const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+    detail::wrappingIncrement(counters[at[i].offset + binner.template divide<M>(delta)]);
+  }
+}
+
+template <FastBinning::Mode M, size_t kWindow, typename Start>
+size_t binClicks(const FastBinning& binner, int64_t range, const Click* clicks, size_t n_clicks,
+                 const Start* at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
+  size_t n_hit = 0;
+  for (size_t c = 0; c < n_clicks; ++c) {
+    const int64_t time = clicks[c].time;
+    const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
+    bool in_range = false;
+    for (size_t back = 0; back < kWindow; ++back) {
+      const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
+      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+      in_range = (i >= head) & (static_cast<int64_t>(delta) < range);
+      bins_hit[n_hit] = at[i].offset + binner.template divide<M>(delta);
+      n_hit += in_range;
+    }
+    if (in_range) {
+      countBeyondWindow<M>(binner, range, time, newest - static_cast<ptrdiff_t>(kWindow), at, head,
+                           counters);
+    }
+  }
+  return n_hit;
+}
+
+#if defined(__x86_64__)
+// The same with one start per lane. bins_hit needs kLanes slots of slack.
+template <FastBinning::Mode M, typename Start>
+ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks,
+                                    size_t n_clicks, const Start* at, ptrdiff_t head,
+                                    int32_t* counters, size_t* bins_hit) {
+  static_assert(sizeof(Start) == 16 && offsetof(Start, timestamp) == 0);
+  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
+  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
+  const __m512i lane = _mm512_setr_epi64(0, 1, 2, 3, 4, 5, 6, 7);
+  const __m512i range_lanes = _mm512_set1_epi64(range);
+  size_t n_hit = 0;
+  for (size_t c = 0; c < n_clicks; ++c) {
+    const int64_t time = clicks[c].time;
+    const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
+    const ptrdiff_t oldest = newest - static_cast<ptrdiff_t>(kLanes - 1);
+    const auto* pairs = reinterpret_cast<const long long*>(at + oldest);
+    const __m512i low = _mm512_loadu_si512(pairs);
+    const __m512i high = _mm512_loadu_si512(pairs + 8);
+    const __m512i stamps = _mm512_maskz_permutex2var_epi64(detail::kAll, low, even, high);
+    const __m512i offsets = _mm512_maskz_permutex2var_epi64(detail::kAll, low, odd, high);
+    const __m512i delta = _mm512_sub_epi64(_mm512_set1_epi64(time), stamps);
+    const __mmask8 in_range = _mm512_cmplt_epi64_mask(delta, range_lanes) &
+                              _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
+    const __m512i bins = _mm512_add_epi64(offsets, detail::divideLanes<M>(binner, delta));
+    _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(in_range, bins));
+    n_hit += static_cast<size_t>(__builtin_popcount(in_range));
+    if (in_range & 1) {
+      countBeyondWindow<M>(binner, range, time, oldest - 1, at, head, counters);
+    }
+  }
+  return n_hit;
+}
+#else
+template <FastBinning::Mode M, typename Start>
+size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks, size_t n_clicks,
+                     const Start* at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
+  return binClicks<M, kLanes>(binner, range, clicks, n_clicks, at, head, counters, bins_hit);
+}
+#endif
+
+}  // namespace
 
 TimeDifferences::TimeDifferences(ZeptickBase* tagger, int click_channel, int start_channel,
                                  int next_channel, int sync_channel, int64_t binwidth, int n_bins,
@@ -108,13 +201,9 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   // list of bins hit. A run stops at any tag that can change the sequence (not a
   // time tag, or on the next or sync channel), which takes the exact tag-by-tag
   // path, so within a run whether a start counts, and in which histogram, is fixed.
-  constexpr size_t kChunk = 256;
-  struct Click {
-    int64_t time;
-    size_t starts_end;  // the starts filed before it, itself included
-  };
   Click clicks[kChunk];
-  size_t bins_hit[kChunk * kLookback];
+  size_t bins_hit[kChunk * kLookback + kLanes];
+  const bool wide = detail::hasWideBinning(M) && detail::wideHistogramKernels();
 
   const bool has_next = !next_unused;
   const bool has_sync = !sync_unused;
@@ -150,29 +239,15 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     }
     starts.setEnd(end);
 
-    // Starts are in time order, so those still in range at a click are the
-    // newest ones: the lanes below are valid up to the first that is not.
     const ptrdiff_t head = static_cast<ptrdiff_t>(starts.head());
-    size_t n_hit = 0;
-    for (size_t c = 0; c < n_clicks; ++c) {
-      const int64_t time = clicks[c].time;
-      const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
-      bool in_range = false;
-      for (size_t back = 0; back < kLookback; ++back) {
-        const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
-        const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
-        in_range = (i >= head) & (static_cast<int64_t>(delta) < range);
-        bins_hit[n_hit] = at[i].offset + binner.template divide<M>(delta);
-        n_hit += in_range;
-      }
-      if (in_range) {
-        for (ptrdiff_t i = newest - static_cast<ptrdiff_t>(kLookback);
-             i >= head && detail::timeDifference(time, at[i].timestamp) < range; --i) {
-          const uint64_t delta =
-              static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
-          detail::wrappingIncrement(counters[at[i].offset + binner.template divide<M>(delta)]);
-        }
-      }
+    size_t n_hit;
+    if constexpr (detail::hasWideBinning(M)) {
+      n_hit = wide ? binClicksWide<M>(binner, range, clicks, n_clicks, at, head, counters, bins_hit)
+                   : binClicks<M, kLookback>(binner, range, clicks, n_clicks, at, head, counters,
+                                             bins_hit);
+    } else {
+      n_hit =
+          binClicks<M, kLookback>(binner, range, clicks, n_clicks, at, head, counters, bins_hit);
     }
     for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
     // No later click can reach a start out of range of the run's last tag.
