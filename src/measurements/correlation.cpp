@@ -290,8 +290,10 @@ void Correlation::countPairs(const Tag* tag, const Tag* const end) {
     }
     for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
     // No later tag can reach a stamp out of range of the chunk's last tag.
-    trimOlderThan(first, tag[-1].time);
-    trimOlderThan(second, tag[-1].time);
+    const int64_t now = tag[-1].time;
+    auto in_range = [&](int64_t stamp) { return detail::timeDifference(now, stamp) <= half_range; };
+    first.keepNewestWhile(in_range);
+    second.keepNewestWhile(in_range);
   }
 }
 

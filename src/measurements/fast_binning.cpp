@@ -75,7 +75,7 @@ bool wideHistogramKernels() {
   static const bool supported =
       __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
       __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("popcnt");
+      __builtin_cpu_supports("avx512vpopcntdq") && __builtin_cpu_supports("popcnt");
   return supported && !force_plain.load(std::memory_order_relaxed);
 #else
   return false;

@@ -58,6 +58,16 @@ class StampHistory {
   const T& front() const { return at()[head_]; }
 
   void pop_front() { ++head_; }
+  /// Keeps the newest entries for which keep(entry) holds, back to the first for
+  /// which it fails, and drops that one and everything older. In a history kept
+  /// in time order, with a test on age, this drops what popping every too-old
+  /// entry from the front would, while touching only the entries kept.
+  template <typename Keep>
+  void keepNewestWhile(Keep&& keep) {
+    size_t first = end_;
+    while (first != head_ && keep(at()[first - 1])) --first;
+    head_ = first;
+  }
   /// Drops the entries before `head`, which must lie in [head(), end()].
   void setHead(size_t head) { head_ = head; }
   /// Takes the entries written at [end(), end) by a caller that reserved room for them.
@@ -122,7 +132,8 @@ constexpr bool hasWideBinning(FastBinning::Mode mode) { return mode <= FastBinni
 #include <immintrin.h>
 
 /// On the functions that hold AVX-512 code; callers check wideHistogramKernels() first.
-#define ZEPTICK_AVX512 __attribute__((target("avx512f,avx512dq,avx512vl,avx512bw,popcnt")))
+#define ZEPTICK_AVX512 \
+  __attribute__((target("avx512f,avx512dq,avx512vl,avx512bw,avx512vpopcntdq,popcnt")))
 
 namespace zeptick::detail {
 

@@ -90,11 +90,86 @@ ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, co
   }
   return n_hit;
 }
+
+// The channels that sort a run's tags.
+struct Roles {
+  int click, start, next, sync;
+  bool has_next, has_sync;
+};
+
+// The first pass eight tags at a time, as far as whole groups of plain tags go:
+// returns the first tag not filed, at a group holding a tag that may change the
+// sequence or at fewer than eight before `limit`. Needs room for eight entries
+// past each group in `at` and `clicks`.
+template <typename Start>
+ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Roles& roles,
+                                      bool open, size_t offset, Start* at, size_t& end,
+                                      Click* clicks, size_t& n_clicks) {
+  static_assert(sizeof(Tag) == 16 && offsetof(Tag, type) == 0 && offsetof(Tag, channel) == 4 &&
+                offsetof(Tag, time) == 8);
+  static_assert(sizeof(Click) == 16 && sizeof(Start) == 16);
+  using detail::kAll;
+  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
+  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
+  const __m512i pairs_low = _mm512_setr_epi64(0, 8, 1, 9, 2, 10, 3, 11);
+  const __m512i pairs_high = _mm512_setr_epi64(4, 12, 5, 13, 6, 14, 7, 15);
+  // Lane j's mask of lanes 0 to j, for the count of starts up to each click.
+  const __m512i up_to_lane = _mm512_setr_epi64(1, 3, 7, 15, 31, 63, 127, 255);
+  // A channel as the tag's upper 32 bits read unsigned.
+  const __m512i click = _mm512_set1_epi64(static_cast<uint32_t>(roles.click));
+  const __m512i start = _mm512_set1_epi64(static_cast<uint32_t>(roles.start));
+  const __m512i next = _mm512_set1_epi64(static_cast<uint32_t>(roles.next));
+  const __m512i sync = _mm512_set1_epi64(static_cast<uint32_t>(roles.sync));
+  const __m512i offsets = _mm512_set1_epi64(static_cast<int64_t>(offset));
+  for (; limit - tag >= 8; tag += 8) {
+    const auto* words = reinterpret_cast<const long long*>(tag);
+    const __m512i low = _mm512_loadu_si512(words);
+    const __m512i high = _mm512_loadu_si512(words + 8);
+    const __m512i head = _mm512_maskz_permutex2var_epi64(kAll, low, even, high);
+    const __m512i times = _mm512_maskz_permutex2var_epi64(kAll, low, odd, high);
+    const __m512i channel = _mm512_maskz_srli_epi64(kAll, head, 32);
+    __mmask8 sequence = _mm512_test_epi64_mask(head, _mm512_set1_epi64(0xFF));  // not time tags
+    if (roles.has_next) sequence |= _mm512_cmpeq_epi64_mask(channel, next);
+    if (roles.has_sync) sequence |= _mm512_cmpeq_epi64_mask(channel, sync);
+    if (sequence != 0) break;
+    const __mmask8 starts = open ? _mm512_cmpeq_epi64_mask(channel, start) : 0;
+    const __mmask8 clicked = _mm512_cmpeq_epi64_mask(channel, click);
+
+    const __m512i start_times = _mm512_maskz_compress_epi64(starts, times);
+    _mm512_storeu_si512(at + end,
+                        _mm512_maskz_permutex2var_epi64(kAll, start_times, pairs_low, offsets));
+    _mm512_storeu_si512(at + end + 4,
+                        _mm512_maskz_permutex2var_epi64(kAll, start_times, pairs_high, offsets));
+    const __m512i ends = _mm512_add_epi64(
+        _mm512_set1_epi64(static_cast<int64_t>(end)),
+        _mm512_popcnt_epi64(_mm512_and_si512(_mm512_set1_epi64(starts), up_to_lane)));
+    const __m512i click_times = _mm512_maskz_compress_epi64(clicked, times);
+    const __m512i click_ends = _mm512_maskz_compress_epi64(clicked, ends);
+    _mm512_storeu_si512(clicks + n_clicks,
+                        _mm512_maskz_permutex2var_epi64(kAll, click_times, pairs_low, click_ends));
+    _mm512_storeu_si512(clicks + n_clicks + 4,
+                        _mm512_maskz_permutex2var_epi64(kAll, click_times, pairs_high, click_ends));
+    end += static_cast<size_t>(__builtin_popcount(starts));
+    n_clicks += static_cast<size_t>(__builtin_popcount(clicked));
+  }
+  return tag;
+}
 #else
 template <FastBinning::Mode M, typename Start>
 size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks, size_t n_clicks,
                      const Start* at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
   return binClicks<M, kLanes>(binner, range, clicks, n_clicks, at, head, counters, bins_hit);
+}
+
+struct Roles {
+  int click, start, next, sync;
+  bool has_next, has_sync;
+};
+
+template <typename Start>
+const Tag* fileRunWide(const Tag* tag, const Tag*, const Roles&, bool, size_t, Start*, size_t&,
+                       Click*, size_t&) {
+  return tag;
 }
 #endif
 
@@ -203,7 +278,10 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   // path, so within a run whether a start counts, and in which histogram, is fixed.
   Click clicks[kChunk];
   size_t bins_hit[kChunk * kLookback + kLanes];
-  const bool wide = detail::hasWideBinning(M) && detail::wideHistogramKernels();
+  const bool wide_filing = detail::wideHistogramKernels();
+  const bool wide = detail::hasWideBinning(M) && wide_filing;
+  const Roles roles{click_channel, start_channel, next_channel,
+                    sync_channel,  !next_unused,  !sync_unused};
 
   const bool has_next = !next_unused;
   const bool has_sync = !sync_unused;
@@ -226,6 +304,9 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     const Tag* const run_limit = tag + room;
     size_t end = starts.end();
     size_t n_clicks = 0;
+    if (wide_filing) {
+      tag = fileRunWide(tag, run_limit, roles, open, offset, at, end, clicks, n_clicks);
+    }
     for (; tag != run_limit; ++tag) {
       const int channel = tag->channel;
       if ((tag->type != Tag::Type::TimeTag) | (has_next & (channel == next_channel)) |
@@ -251,7 +332,12 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     }
     for (size_t i = 0; i < n_hit; ++i) detail::wrappingIncrement(counters[bins_hit[i]]);
     // No later click can reach a start out of range of the run's last tag.
-    if (tag != run_begin) dropExpired(tag[-1].time);
+    if (tag != run_begin) {
+      const int64_t now = tag[-1].time;
+      starts.keepNewestWhile([&](const PendingStart& start) {
+        return detail::timeDifference(now, start.timestamp) < range;
+      });
+    }
 
     if (tag != run_limit) {
       processSequenceTag<M>(*tag);
