@@ -117,46 +117,22 @@ struct Filing {
 // the first tag not filed. Needs room for eight entries past each group.
 ZEPTICK_AVX512 const Tag* fileTagsWide(const Tag* tag, const Tag* limit, int channel_1,
                                        int channel_2, Filing& out) {
-  static_assert(sizeof(Tag) == 16 && offsetof(Tag, channel) == 4 && offsetof(Tag, time) == 8);
   static_assert(sizeof(Filed) == 16);
-  using detail::kAll;
-  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
-  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
-  const __m512i pairs_low = _mm512_setr_epi64(0, 8, 1, 9, 2, 10, 3, 11);
-  const __m512i pairs_high = _mm512_setr_epi64(4, 12, 5, 13, 6, 14, 7, 15);
-  // Lane j's mask of lanes 0 to j, and of lanes before j.
-  const __m512i up_to_lane = _mm512_setr_epi64(1, 3, 7, 15, 31, 63, 127, 255);
-  const __m512i before_lane = _mm512_setr_epi64(0, 1, 3, 7, 15, 31, 63, 127);
-  // A channel as the tag's upper 32 bits read unsigned.
-  const __m512i on_1 = _mm512_set1_epi64(static_cast<uint32_t>(channel_1));
-  const __m512i on_2 = _mm512_set1_epi64(static_cast<uint32_t>(channel_2));
+  const __m512i on[2] = {detail::channelLanes(channel_1), detail::channelLanes(channel_2)};
   for (; limit - tag >= 8; tag += 8) {
-    const auto* words = reinterpret_cast<const long long*>(tag);
-    const __m512i low = _mm512_loadu_si512(words);
-    const __m512i high = _mm512_loadu_si512(words + 8);
-    const __m512i channel =
-        _mm512_maskz_srli_epi64(kAll, _mm512_maskz_permutex2var_epi64(kAll, low, even, high), 32);
-    const __m512i times = _mm512_maskz_permutex2var_epi64(kAll, low, odd, high);
-    const __mmask8 of[2] = {_mm512_cmpeq_epi64_mask(channel, on_1),
-                            _mm512_cmpeq_epi64_mask(channel, on_2)};
+    const detail::TagLanes tags = detail::loadTags(tag);
+    const __m512i channel = detail::channelsOf(tags);
+    const __mmask8 of[2] = {_mm512_cmpeq_epi64_mask(channel, on[0]),
+                            _mm512_cmpeq_epi64_mask(channel, on[1])};
     // As in the plain loop: a tag pairs with the first channel's stamps up to
     // and including itself, and with the second's before it.
-    const __m512i other_ends[2] = {
-        _mm512_add_epi64(
-            _mm512_set1_epi64(static_cast<int64_t>(out.ends[1])),
-            _mm512_popcnt_epi64(_mm512_and_si512(_mm512_set1_epi64(of[1]), before_lane))),
-        _mm512_add_epi64(
-            _mm512_set1_epi64(static_cast<int64_t>(out.ends[0])),
-            _mm512_popcnt_epi64(_mm512_and_si512(_mm512_set1_epi64(of[0]), up_to_lane)))};
+    const __m512i other_ends[2] = {detail::countLanes(of[1], false, out.ends[1]),
+                                   detail::countLanes(of[0], true, out.ends[0])};
     for (size_t side = 0; side < 2; ++side) {
-      const __m512i filed_times = _mm512_maskz_compress_epi64(of[side], times);
-      const __m512i filed_ends = _mm512_maskz_compress_epi64(of[side], other_ends[side]);
+      const __m512i filed_times = _mm512_maskz_compress_epi64(of[side], tags.time);
       _mm512_storeu_si512(out.stamps[side] + out.ends[side], filed_times);
-      Filed* const filed = out.filed[side] + out.n_filed[side];
-      _mm512_storeu_si512(
-          filed, _mm512_maskz_permutex2var_epi64(kAll, filed_times, pairs_low, filed_ends));
-      _mm512_storeu_si512(
-          filed + 4, _mm512_maskz_permutex2var_epi64(kAll, filed_times, pairs_high, filed_ends));
+      detail::storePairs(out.filed[side] + out.n_filed[side], filed_times,
+                         _mm512_maskz_compress_epi64(of[side], other_ends[side]));
       const auto count = static_cast<size_t>(__builtin_popcount(of[side]));
       out.ends[side] += count;
       out.n_filed[side] += count;

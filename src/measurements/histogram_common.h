@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "zeptick/fast_binning.h"
+#include "zeptick/tag.h"
 
 namespace zeptick::detail {
 
@@ -177,6 +178,52 @@ ZEPTICK_AVX512 inline __m512i divideLanes(const FastBinning& binner, __m512i del
                             _mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_high, 32),
                                              _mm512_maskz_srli_epi64(kAll, high_low, 32)));
   }
+}
+
+/// Eight tags as lanes: each one's first word (type in the low byte, channel in
+/// the high half) and its time.
+struct TagLanes {
+  __m512i head;
+  __m512i time;
+};
+
+ZEPTICK_AVX512 inline TagLanes loadTags(const Tag* tags) {
+  static_assert(sizeof(Tag) == 16 && offsetof(Tag, type) == 0 && offsetof(Tag, channel) == 4 &&
+                offsetof(Tag, time) == 8);
+  const auto* words = reinterpret_cast<const long long*>(tags);
+  const __m512i low = _mm512_loadu_si512(words);
+  const __m512i high = _mm512_loadu_si512(words + 8);
+  return {_mm512_maskz_permutex2var_epi64(kAll, low, _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14),
+                                          high),
+          _mm512_maskz_permutex2var_epi64(kAll, low, _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15),
+                                          high)};
+}
+
+/// The lanes' channels, and a channel to compare them with: both read unsigned.
+ZEPTICK_AVX512 inline __m512i channelsOf(const TagLanes& tags) {
+  return _mm512_maskz_srli_epi64(kAll, tags.head, 32);
+}
+ZEPTICK_AVX512 inline __m512i channelLanes(int channel) {
+  return _mm512_set1_epi64(static_cast<uint32_t>(channel));
+}
+
+/// Stores sixteen words at `out`: first[0], second[0], first[1], second[1] and so on.
+ZEPTICK_AVX512 inline void storePairs(void* out, __m512i first, __m512i second) {
+  auto* words = static_cast<long long*>(out);
+  _mm512_storeu_si512(words, _mm512_maskz_permutex2var_epi64(
+                                 kAll, first, _mm512_setr_epi64(0, 8, 1, 9, 2, 10, 3, 11), second));
+  _mm512_storeu_si512(words + 8,
+                      _mm512_maskz_permutex2var_epi64(
+                          kAll, first, _mm512_setr_epi64(4, 12, 5, 13, 6, 14, 7, 15), second));
+}
+
+/// In lane j, base plus the number of lanes of `mask` before j (and with `inclusive`, at j).
+ZEPTICK_AVX512 inline __m512i countLanes(__mmask8 mask, bool inclusive, size_t base) {
+  const __m512i before = _mm512_setr_epi64(0, 1, 3, 7, 15, 31, 63, 127);
+  const __m512i up_to = _mm512_setr_epi64(1, 3, 7, 15, 31, 63, 127, 255);
+  return _mm512_add_epi64(
+      _mm512_set1_epi64(static_cast<int64_t>(base)),
+      _mm512_popcnt_epi64(_mm512_and_si512(_mm512_set1_epi64(mask), inclusive ? up_to : before)));
 }
 
 }  // namespace zeptick::detail

@@ -105,50 +105,25 @@ template <typename Start>
 ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Roles& roles,
                                       bool open, size_t offset, Start* at, size_t& end,
                                       Click* clicks, size_t& n_clicks) {
-  static_assert(sizeof(Tag) == 16 && offsetof(Tag, type) == 0 && offsetof(Tag, channel) == 4 &&
-                offsetof(Tag, time) == 8);
   static_assert(sizeof(Click) == 16 && sizeof(Start) == 16);
-  using detail::kAll;
-  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
-  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
-  const __m512i pairs_low = _mm512_setr_epi64(0, 8, 1, 9, 2, 10, 3, 11);
-  const __m512i pairs_high = _mm512_setr_epi64(4, 12, 5, 13, 6, 14, 7, 15);
-  // Lane j's mask of lanes 0 to j, for the count of starts up to each click.
-  const __m512i up_to_lane = _mm512_setr_epi64(1, 3, 7, 15, 31, 63, 127, 255);
-  // A channel as the tag's upper 32 bits read unsigned.
-  const __m512i click = _mm512_set1_epi64(static_cast<uint32_t>(roles.click));
-  const __m512i start = _mm512_set1_epi64(static_cast<uint32_t>(roles.start));
-  const __m512i next = _mm512_set1_epi64(static_cast<uint32_t>(roles.next));
-  const __m512i sync = _mm512_set1_epi64(static_cast<uint32_t>(roles.sync));
+  const __m512i click = detail::channelLanes(roles.click);
+  const __m512i start = detail::channelLanes(roles.start);
+  const __m512i next = detail::channelLanes(roles.next);
+  const __m512i sync = detail::channelLanes(roles.sync);
   const __m512i offsets = _mm512_set1_epi64(static_cast<int64_t>(offset));
   for (; limit - tag >= 8; tag += 8) {
-    const auto* words = reinterpret_cast<const long long*>(tag);
-    const __m512i low = _mm512_loadu_si512(words);
-    const __m512i high = _mm512_loadu_si512(words + 8);
-    const __m512i head = _mm512_maskz_permutex2var_epi64(kAll, low, even, high);
-    const __m512i times = _mm512_maskz_permutex2var_epi64(kAll, low, odd, high);
-    const __m512i channel = _mm512_maskz_srli_epi64(kAll, head, 32);
-    __mmask8 sequence = _mm512_test_epi64_mask(head, _mm512_set1_epi64(0xFF));  // not time tags
+    const detail::TagLanes tags = detail::loadTags(tag);
+    const __m512i channel = detail::channelsOf(tags);
+    __mmask8 sequence =
+        _mm512_test_epi64_mask(tags.head, _mm512_set1_epi64(0xFF));  // not time tags
     if (roles.has_next) sequence |= _mm512_cmpeq_epi64_mask(channel, next);
     if (roles.has_sync) sequence |= _mm512_cmpeq_epi64_mask(channel, sync);
     if (sequence != 0) break;
     const __mmask8 starts = open ? _mm512_cmpeq_epi64_mask(channel, start) : 0;
     const __mmask8 clicked = _mm512_cmpeq_epi64_mask(channel, click);
-
-    const __m512i start_times = _mm512_maskz_compress_epi64(starts, times);
-    _mm512_storeu_si512(at + end,
-                        _mm512_maskz_permutex2var_epi64(kAll, start_times, pairs_low, offsets));
-    _mm512_storeu_si512(at + end + 4,
-                        _mm512_maskz_permutex2var_epi64(kAll, start_times, pairs_high, offsets));
-    const __m512i ends = _mm512_add_epi64(
-        _mm512_set1_epi64(static_cast<int64_t>(end)),
-        _mm512_popcnt_epi64(_mm512_and_si512(_mm512_set1_epi64(starts), up_to_lane)));
-    const __m512i click_times = _mm512_maskz_compress_epi64(clicked, times);
-    const __m512i click_ends = _mm512_maskz_compress_epi64(clicked, ends);
-    _mm512_storeu_si512(clicks + n_clicks,
-                        _mm512_maskz_permutex2var_epi64(kAll, click_times, pairs_low, click_ends));
-    _mm512_storeu_si512(clicks + n_clicks + 4,
-                        _mm512_maskz_permutex2var_epi64(kAll, click_times, pairs_high, click_ends));
+    detail::storePairs(at + end, _mm512_maskz_compress_epi64(starts, tags.time), offsets);
+    detail::storePairs(clicks + n_clicks, _mm512_maskz_compress_epi64(clicked, tags.time),
+                       _mm512_maskz_compress_epi64(clicked, detail::countLanes(starts, true, end)));
     end += static_cast<size_t>(__builtin_popcount(starts));
     n_clicks += static_cast<size_t>(__builtin_popcount(clicked));
   }
