@@ -155,11 +155,12 @@ ZEPTICK_AVX512 inline __m512i divideLanes(const FastBinning& binner, __m512i del
     return _mm512_maskz_srl_epi64(kAll, delta,
                                   _mm_cvtsi32_si128(static_cast<int>(binner.getShift())));
   } else if constexpr (M == FastBinning::ModeMul32) {
-    return _mm512_maskz_srli_epi64(
-        kAll,
-        _mm512_maskz_mullo_epi64(kAll, delta,
-                                 _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()))),
-        32);
+    // This mode is picked only for ranges below 2^32 / (divisor - 2^32 mod
+    // divisor), so every delta fits in 32 bits, and so does the factor of any
+    // divisor of 3 or more: the cheap 32 x 32-bit multiply is exact.
+    const __m512i product = _mm512_maskz_mul_epu32(
+        kAll, delta, _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor())));
+    return _mm512_maskz_srli_epi64(kAll, product, 32);
   } else {
     static_assert(M == FastBinning::ModeMulHigh64, "no eight-lane form of this mode");
     const __m512i factor = _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()));
