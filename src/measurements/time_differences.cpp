@@ -20,23 +20,75 @@ struct Click {
   size_t starts_end;  // the starts filed before it, itself included
 };
 
+// The pending starts as the kernels index them: entry i's time and where its
+// counts go (its histogram x n_bins).
+struct StartColumns {
+  int64_t* time;
+  size_t* offset;
+};
+
+}  // namespace
+
+/// The pending starts, oldest first, in two columns kept in step, so that the
+/// AVX-512 forms load eight times or eight offsets at once.
+class TimeDifferences::Pending {
+ public:
+  bool empty() const { return times.empty(); }
+  size_t head() const { return times.head(); }
+  size_t end() const { return times.end(); }
+  StartColumns columns() { return {times.at(), offsets.at()}; }
+
+  void reserve(size_t more) {
+    times.reserve(more);
+    offsets.reserve(more);
+  }
+  void setEnd(size_t end) {
+    times.setEnd(end);
+    offsets.setEnd(end);
+  }
+  void push_back(int64_t time, size_t offset) {
+    times.push_back(time);
+    offsets.push_back(offset);
+  }
+  /// Drops the starts at least `range` older than `now`, as popping from the
+  /// front would; `from_back` walks back over the ones kept instead.
+  void dropOlderThan(int64_t now, int64_t range, bool from_back) {
+    auto in_range = [&](int64_t time) { return detail::timeDifference(now, time) < range; };
+    if (from_back) {
+      times.keepNewestWhile(in_range);
+    } else {
+      while (!times.empty() && !in_range(times.front())) times.pop_front();
+    }
+    offsets.setHead(times.head());
+  }
+  void release() {
+    times.release();
+    offsets.release();
+  }
+
+ private:
+  detail::StampHistory<int64_t, kLookback> times;
+  detail::StampHistory<size_t, kLookback> offsets;
+};
+
+namespace {
+
 // Starts are in time order, so those still in range at a click are the newest
 // ones: each click looks at a fixed window of them, valid up to the first that is
 // not, and goes on in a loop only when the whole window is valid. Returns how
 // many bins it listed in bins_hit; those past the window are counted directly.
-template <FastBinning::Mode M, typename Start>
+template <FastBinning::Mode M>
 void countBeyondWindow(const FastBinning& binner, int64_t range, int64_t time, ptrdiff_t from,
-                       const Start* at, ptrdiff_t head, int32_t* counters) {
-  for (ptrdiff_t i = from; i >= head && detail::timeDifference(time, at[i].timestamp) < range;
-       --i) {
-    const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
-    detail::wrappingIncrement(counters[at[i].offset + binner.template divide<M>(delta)]);
+                       const StartColumns& at, ptrdiff_t head, int32_t* counters) {
+  for (ptrdiff_t i = from; i >= head && detail::timeDifference(time, at.time[i]) < range; --i) {
+    const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
+    detail::wrappingIncrement(counters[at.offset[i] + binner.template divide<M>(delta)]);
   }
 }
 
-template <FastBinning::Mode M, size_t kWindow, typename Start>
+template <FastBinning::Mode M, size_t kWindow>
 size_t binClicks(const FastBinning& binner, int64_t range, const Click* clicks, size_t n_clicks,
-                 const Start* at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
+                 const StartColumns& at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
   size_t n_hit = 0;
   for (size_t c = 0; c < n_clicks; ++c) {
     const int64_t time = clicks[c].time;
@@ -44,9 +96,9 @@ size_t binClicks(const FastBinning& binner, int64_t range, const Click* clicks, 
     bool in_range = false;
     for (size_t back = 0; back < kWindow; ++back) {
       const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
-      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
+      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
       in_range = (i >= head) & (static_cast<int64_t>(delta) < range);
-      bins_hit[n_hit] = at[i].offset + binner.template divide<M>(delta);
+      bins_hit[n_hit] = at.offset[i] + binner.template divide<M>(delta);
       n_hit += in_range;
     }
     if (in_range) {
@@ -59,13 +111,10 @@ size_t binClicks(const FastBinning& binner, int64_t range, const Click* clicks, 
 
 #if defined(__x86_64__)
 // The same with one start per lane. bins_hit needs kLanes slots of slack.
-template <FastBinning::Mode M, typename Start>
+template <FastBinning::Mode M>
 ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks,
-                                    size_t n_clicks, const Start* at, ptrdiff_t head,
+                                    size_t n_clicks, const StartColumns& at, ptrdiff_t head,
                                     int32_t* counters, size_t* bins_hit) {
-  static_assert(sizeof(Start) == 16 && offsetof(Start, timestamp) == 0);
-  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
-  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
   const __m512i lane = _mm512_setr_epi64(0, 1, 2, 3, 4, 5, 6, 7);
   const __m512i range_lanes = _mm512_set1_epi64(range);
   size_t n_hit = 0;
@@ -73,11 +122,8 @@ ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, co
     const int64_t time = clicks[c].time;
     const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
     const ptrdiff_t oldest = newest - static_cast<ptrdiff_t>(kLanes - 1);
-    const auto* pairs = reinterpret_cast<const long long*>(at + oldest);
-    const __m512i low = _mm512_loadu_si512(pairs);
-    const __m512i high = _mm512_loadu_si512(pairs + 8);
-    const __m512i stamps = _mm512_maskz_permutex2var_epi64(detail::kAll, low, even, high);
-    const __m512i offsets = _mm512_maskz_permutex2var_epi64(detail::kAll, low, odd, high);
+    const __m512i stamps = _mm512_loadu_si512(at.time + oldest);
+    const __m512i offsets = _mm512_loadu_si512(at.offset + oldest);
     const __m512i delta = _mm512_sub_epi64(_mm512_set1_epi64(time), stamps);
     const __mmask8 in_range = _mm512_cmplt_epi64_mask(delta, range_lanes) &
                               _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
@@ -101,11 +147,10 @@ struct Roles {
 // returns the first tag not filed, at a group holding a tag that may change the
 // sequence or at fewer than eight before `limit`. Needs room for eight entries
 // past each group in `at` and `clicks`.
-template <typename Start>
 ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Roles& roles,
-                                      bool open, size_t offset, Start* at, size_t& end,
+                                      bool open, size_t offset, const StartColumns& at, size_t& end,
                                       Click* clicks, size_t& n_clicks) {
-  static_assert(sizeof(Click) == 16 && sizeof(Start) == 16);
+  static_assert(sizeof(Click) == 16);
   const __m512i click = detail::channelLanes(roles.click);
   const __m512i start = detail::channelLanes(roles.start);
   const __m512i next = detail::channelLanes(roles.next);
@@ -121,7 +166,8 @@ ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Ro
     if (sequence != 0) break;
     const __mmask8 starts = open ? _mm512_cmpeq_epi64_mask(channel, start) : 0;
     const __mmask8 clicked = _mm512_cmpeq_epi64_mask(channel, click);
-    detail::storePairs(at + end, _mm512_maskz_compress_epi64(starts, tags.time), offsets);
+    _mm512_storeu_si512(at.time + end, _mm512_maskz_compress_epi64(starts, tags.time));
+    _mm512_storeu_si512(at.offset + end, offsets);
     detail::storePairs(clicks + n_clicks, _mm512_maskz_compress_epi64(clicked, tags.time),
                        _mm512_maskz_compress_epi64(clicked, detail::countLanes(starts, true, end)));
     end += static_cast<size_t>(__builtin_popcount(starts));
@@ -130,9 +176,9 @@ ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Ro
   return tag;
 }
 #else
-template <FastBinning::Mode M, typename Start>
+template <FastBinning::Mode M>
 size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks, size_t n_clicks,
-                     const Start* at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
+                     const StartColumns& at, ptrdiff_t head, int32_t* counters, size_t* bins_hit) {
   return binClicks<M, kLanes>(binner, range, clicks, n_clicks, at, head, counters, bins_hit);
 }
 
@@ -141,9 +187,8 @@ struct Roles {
   bool has_next, has_sync;
 };
 
-template <typename Start>
-const Tag* fileRunWide(const Tag* tag, const Tag*, const Roles&, bool, size_t, Start*, size_t&,
-                       Click*, size_t&) {
+const Tag* fileRunWide(const Tag* tag, const Tag*, const Roles&, bool, size_t, const StartColumns&,
+                       size_t&, Click*, size_t&) {
   return tag;
 }
 #endif
@@ -227,11 +272,7 @@ void TimeDifferences::on_start() {
   pending->release();
 }
 
-void TimeDifferences::dropExpired(int64_t now) {
-  while (!pending->empty() && detail::timeDifference(now, pending->front().timestamp) >= range) {
-    pending->pop_front();
-  }
-}
+void TimeDifferences::dropExpired(int64_t now) { pending->dropOlderThan(now, range, false); }
 
 bool TimeDifferences::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, int64_t end_time) {
   withBinningMode(binner, [&](auto mode) { processBlock<decltype(mode)::value>(tags); });
@@ -273,7 +314,7 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     const size_t offset = open ? static_cast<size_t>(histogram_index) * bins : 0;
     const size_t room = std::min<size_t>(kChunk, static_cast<size_t>(last - tag));
     starts.reserve(room);
-    PendingStart* const at = starts.at();
+    const StartColumns at = starts.columns();
 
     const Tag* const run_begin = tag;
     const Tag* const run_limit = tag + room;
@@ -288,7 +329,8 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
           (has_sync & (channel == sync_channel))) {
         break;
       }
-      at[end] = PendingStart{tag->time, offset};
+      at.time[end] = tag->time;
+      at.offset[end] = offset;
       end += open & (channel == start_channel);
       clicks[n_clicks] = Click{tag->time, end};
       n_clicks += channel == click_channel;
@@ -309,9 +351,7 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     // No later click can reach a start out of range of the run's last tag.
     if (tag != run_begin) {
       const int64_t now = tag[-1].time;
-      starts.keepNewestWhile([&](const PendingStart& start) {
-        return detail::timeDifference(now, start.timestamp) < range;
-      });
+      starts.dropOlderThan(now, range, true);
     }
 
     if (tag != run_limit) {
@@ -354,16 +394,15 @@ void TimeDifferences::processSequenceTag(const Tag& tag) {
   counts.store(completed, std::memory_order_relaxed);
   if (channel == start_channel && !waiting_for_sync && open() && histogram_index >= 0 &&
       histogram_index < n_histograms) {
-    pending->push_back(
-        PendingStart{time, static_cast<size_t>(histogram_index) * static_cast<size_t>(n_bins)});
+    pending->push_back(time, static_cast<size_t>(histogram_index) * static_cast<size_t>(n_bins));
   }
   if (channel == click_channel) {
     dropExpired(time);
     if (pending->empty()) return;
-    const PendingStart* const at = pending->at();
+    const StartColumns at = pending->columns();
     for (size_t i = pending->head(); i != pending->end(); ++i) {
-      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at[i].timestamp);
-      detail::wrappingIncrement(data[at[i].offset + binner.template divide<M>(delta)]);
+      const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
+      detail::wrappingIncrement(data[at.offset[i] + binner.template divide<M>(delta)]);
     }
   }
 }
