@@ -81,6 +81,8 @@ template <FastBinning::Mode M>
 ZEPTICK_AVX512 size_t binPairsWide(const PairBinning& pairs, const Filed* filed, size_t n_filed,
                                    bool flip, const int64_t* other, ptrdiff_t head,
                                    size_t* bins_hit) {
+  // Locals, not loads through pointers: the vector stores may alias anything.
+  const detail::LaneDivider<M> divide(pairs.binner);
   const __m512i lane = _mm512_setr_epi64(0, 1, 2, 3, 4, 5, 6, 7);
   const __m512i half_range = _mm512_set1_epi64(pairs.half_range);
   const __m512i n_bins = _mm512_set1_epi64(pairs.n_bins);
@@ -96,7 +98,7 @@ ZEPTICK_AVX512 size_t binPairsWide(const PairBinning& pairs, const Filed* filed,
                               _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
     const __m512i shifted =
         flip ? _mm512_sub_epi64(half_range, d) : _mm512_add_epi64(d, half_range);
-    const __m512i bins = detail::divideLanes<M>(pairs.binner, shifted);
+    const __m512i bins = divide(shifted);
     const __mmask8 hit = in_range & _mm512_cmplt_epi64_mask(bins, n_bins);
     _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(hit, bins));
     n_hit += static_cast<size_t>(__builtin_popcount(hit));

@@ -138,48 +138,62 @@ constexpr bool hasWideBinning(FastBinning::Mode mode) { return mode <= FastBinni
 
 namespace zeptick::detail {
 
-/// FastBinning::divide<M> on eight deltas at once, exact in the same modes
-/// (hasWideBinning(M)). ModeMulHigh64 builds the high half of the 128-bit
-/// product from four 32 x 32-bit products.
 // Every lane. The zero-masked forms of the intrinsics are used throughout, as the
 // plain ones of GCC 12 trip its maybe-uninitialized warning.
 constexpr __mmask8 kAll = 0xFF;
 
+/// FastBinning::divide<M> on eight deltas at once, exact in the same modes
+/// (hasWideBinning(M)). Made once before a loop, which then keeps the binner's
+/// parameters in registers. ModeMulHigh64 builds the high half of the 128-bit
+/// product from four 32 x 32-bit products.
 template <FastBinning::Mode M>
-ZEPTICK_AVX512 inline __m512i divideLanes(const FastBinning& binner, __m512i delta) {
-  if constexpr (M == FastBinning::ModeZero) {
-    return _mm512_setzero_si512();
-  } else if constexpr (M == FastBinning::ModeIdentity) {
-    return delta;
-  } else if constexpr (M == FastBinning::ModeShift) {
-    return _mm512_maskz_srl_epi64(kAll, delta,
-                                  _mm_cvtsi32_si128(static_cast<int>(binner.getShift())));
-  } else if constexpr (M == FastBinning::ModeMul32) {
-    // This mode is picked only for ranges below 2^32 / (divisor - 2^32 mod
-    // divisor), so every delta fits in 32 bits, and so does the factor of any
-    // divisor of 3 or more: the cheap 32 x 32-bit multiply is exact.
-    const __m512i product = _mm512_maskz_mul_epu32(
-        kAll, delta, _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor())));
-    return _mm512_maskz_srli_epi64(kAll, product, 32);
-  } else {
-    static_assert(M == FastBinning::ModeMulHigh64, "no eight-lane form of this mode");
-    const __m512i factor = _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()));
-    const __m512i low_mask = _mm512_set1_epi64(0xFFFFFFFF);
-    const __m512i delta_high = _mm512_maskz_srli_epi64(kAll, delta, 32);
-    const __m512i factor_high = _mm512_maskz_srli_epi64(kAll, factor, 32);
-    const __m512i low_low = _mm512_maskz_mul_epu32(kAll, delta, factor);
-    const __m512i low_high = _mm512_maskz_mul_epu32(kAll, delta, factor_high);
-    const __m512i high_low = _mm512_maskz_mul_epu32(kAll, delta_high, factor);
-    const __m512i high_high = _mm512_maskz_mul_epu32(kAll, delta_high, factor_high);
-    const __m512i middle =
-        _mm512_add_epi64(_mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_low, 32),
-                                          _mm512_and_si512(low_high, low_mask)),
-                         _mm512_and_si512(high_low, low_mask));
-    return _mm512_add_epi64(_mm512_add_epi64(high_high, _mm512_maskz_srli_epi64(kAll, middle, 32)),
-                            _mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_high, 32),
-                                             _mm512_maskz_srli_epi64(kAll, high_low, 32)));
+class LaneDivider {
+ public:
+  ZEPTICK_AVX512 explicit LaneDivider(const FastBinning& binner)
+      : factor(_mm512_setzero_si512()), shift(_mm_setzero_si128()) {
+    if constexpr (M == FastBinning::ModeShift) {
+      shift = _mm_cvtsi32_si128(static_cast<int>(binner.getShift()));
+    } else if constexpr (M == FastBinning::ModeMul32 || M == FastBinning::ModeMulHigh64) {
+      factor = _mm512_set1_epi64(static_cast<int64_t>(binner.getFactor()));
+    }
   }
-}
+
+  ZEPTICK_AVX512 __m512i operator()(__m512i delta) const {
+    if constexpr (M == FastBinning::ModeZero) {
+      return _mm512_setzero_si512();
+    } else if constexpr (M == FastBinning::ModeIdentity) {
+      return delta;
+    } else if constexpr (M == FastBinning::ModeShift) {
+      return _mm512_maskz_srl_epi64(kAll, delta, shift);
+    } else if constexpr (M == FastBinning::ModeMul32) {
+      // This mode is picked only for ranges below 2^32 / (divisor - 2^32 mod
+      // divisor), so every delta fits in 32 bits, and so does the factor of any
+      // divisor of 3 or more: the cheap 32 x 32-bit multiply is exact.
+      return _mm512_maskz_srli_epi64(kAll, _mm512_maskz_mul_epu32(kAll, delta, factor), 32);
+    } else {
+      static_assert(M == FastBinning::ModeMulHigh64, "no eight-lane form of this mode");
+      const __m512i low_mask = _mm512_set1_epi64(0xFFFFFFFF);
+      const __m512i delta_high = _mm512_maskz_srli_epi64(kAll, delta, 32);
+      const __m512i factor_high = _mm512_maskz_srli_epi64(kAll, factor, 32);
+      const __m512i low_low = _mm512_maskz_mul_epu32(kAll, delta, factor);
+      const __m512i low_high = _mm512_maskz_mul_epu32(kAll, delta, factor_high);
+      const __m512i high_low = _mm512_maskz_mul_epu32(kAll, delta_high, factor);
+      const __m512i high_high = _mm512_maskz_mul_epu32(kAll, delta_high, factor_high);
+      const __m512i middle =
+          _mm512_add_epi64(_mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_low, 32),
+                                            _mm512_and_si512(low_high, low_mask)),
+                           _mm512_and_si512(high_low, low_mask));
+      return _mm512_add_epi64(
+          _mm512_add_epi64(high_high, _mm512_maskz_srli_epi64(kAll, middle, 32)),
+          _mm512_add_epi64(_mm512_maskz_srli_epi64(kAll, low_high, 32),
+                           _mm512_maskz_srli_epi64(kAll, high_low, 32)));
+    }
+  }
+
+ private:
+  __m512i factor;
+  __m128i shift;
+};
 
 /// Eight tags as lanes: each one's first word (type in the low byte, channel in
 /// the high half) and its time.

@@ -115,6 +115,10 @@ template <FastBinning::Mode M>
 ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, const Click* clicks,
                                     size_t n_clicks, const StartColumns& at, ptrdiff_t head,
                                     int32_t* counters, size_t* bins_hit) {
+  // Locals, not loads through pointers: the vector stores may alias anything.
+  const detail::LaneDivider<M> divide(binner);
+  const int64_t* const times = at.time;
+  const size_t* const offsets = at.offset;
   const __m512i lane = _mm512_setr_epi64(0, 1, 2, 3, 4, 5, 6, 7);
   const __m512i range_lanes = _mm512_set1_epi64(range);
   size_t n_hit = 0;
@@ -122,12 +126,11 @@ ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, co
     const int64_t time = clicks[c].time;
     const ptrdiff_t newest = static_cast<ptrdiff_t>(clicks[c].starts_end) - 1;
     const ptrdiff_t oldest = newest - static_cast<ptrdiff_t>(kLanes - 1);
-    const __m512i stamps = _mm512_loadu_si512(at.time + oldest);
-    const __m512i offsets = _mm512_loadu_si512(at.offset + oldest);
-    const __m512i delta = _mm512_sub_epi64(_mm512_set1_epi64(time), stamps);
+    const __m512i delta =
+        _mm512_sub_epi64(_mm512_set1_epi64(time), _mm512_loadu_si512(times + oldest));
     const __mmask8 in_range = _mm512_cmplt_epi64_mask(delta, range_lanes) &
                               _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
-    const __m512i bins = _mm512_add_epi64(offsets, detail::divideLanes<M>(binner, delta));
+    const __m512i bins = _mm512_add_epi64(_mm512_loadu_si512(offsets + oldest), divide(delta));
     _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(in_range, bins));
     n_hit += static_cast<size_t>(__builtin_popcount(in_range));
     if (in_range & 1) {
