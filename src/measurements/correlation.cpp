@@ -120,6 +120,11 @@ struct Filing {
 ZEPTICK_AVX512 const Tag* fileTagsWide(const Tag* tag, const Tag* limit, int channel_1,
                                        int channel_2, Filing& out) {
   static_assert(sizeof(Filed) == 16);
+  // Locals, not loads through `out`: the vector stores may alias anything.
+  int64_t* const stamps[2] = {out.stamps[0], out.stamps[1]};
+  Filed* const filed[2] = {out.filed[0], out.filed[1]};
+  size_t ends[2] = {out.ends[0], out.ends[1]};
+  size_t n_filed[2] = {out.n_filed[0], out.n_filed[1]};
   const __m512i on[2] = {detail::channelLanes(channel_1), detail::channelLanes(channel_2)};
   for (; limit - tag >= 8; tag += 8) {
     const detail::TagLanes tags = detail::loadTags(tag);
@@ -128,17 +133,21 @@ ZEPTICK_AVX512 const Tag* fileTagsWide(const Tag* tag, const Tag* limit, int cha
                             _mm512_cmpeq_epi64_mask(channel, on[1])};
     // As in the plain loop: a tag pairs with the first channel's stamps up to
     // and including itself, and with the second's before it.
-    const __m512i other_ends[2] = {detail::countLanes(of[1], false, out.ends[1]),
-                                   detail::countLanes(of[0], true, out.ends[0])};
+    const __m512i other_ends[2] = {detail::countLanes(of[1], false, ends[1]),
+                                   detail::countLanes(of[0], true, ends[0])};
     for (size_t side = 0; side < 2; ++side) {
       const __m512i filed_times = _mm512_maskz_compress_epi64(of[side], tags.time);
-      _mm512_storeu_si512(out.stamps[side] + out.ends[side], filed_times);
-      detail::storePairs(out.filed[side] + out.n_filed[side], filed_times,
+      _mm512_storeu_si512(stamps[side] + ends[side], filed_times);
+      detail::storePairs(filed[side] + n_filed[side], filed_times,
                          _mm512_maskz_compress_epi64(of[side], other_ends[side]));
       const auto count = static_cast<size_t>(__builtin_popcount(of[side]));
-      out.ends[side] += count;
-      out.n_filed[side] += count;
+      ends[side] += count;
+      n_filed[side] += count;
     }
+  }
+  for (size_t side = 0; side < 2; ++side) {
+    out.ends[side] = ends[side];
+    out.n_filed[side] = n_filed[side];
   }
   return tag;
 }

@@ -154,6 +154,13 @@ ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Ro
                                       bool open, size_t offset, const StartColumns& at, size_t& end,
                                       Click* clicks, size_t& n_clicks) {
   static_assert(sizeof(Click) == 16);
+  // Locals, not loads through the arguments: the vector stores may alias anything.
+  const bool has_next = roles.has_next;
+  const bool has_sync = roles.has_sync;
+  int64_t* const times = at.time;
+  size_t* const start_offsets = at.offset;
+  size_t n_starts = end;
+  size_t n_clicked = n_clicks;
   const __m512i click = detail::channelLanes(roles.click);
   const __m512i start = detail::channelLanes(roles.start);
   const __m512i next = detail::channelLanes(roles.next);
@@ -164,18 +171,21 @@ ZEPTICK_AVX512 const Tag* fileRunWide(const Tag* tag, const Tag* limit, const Ro
     const __m512i channel = detail::channelsOf(tags);
     __mmask8 sequence =
         _mm512_test_epi64_mask(tags.head, _mm512_set1_epi64(0xFF));  // not time tags
-    if (roles.has_next) sequence |= _mm512_cmpeq_epi64_mask(channel, next);
-    if (roles.has_sync) sequence |= _mm512_cmpeq_epi64_mask(channel, sync);
+    if (has_next) sequence |= _mm512_cmpeq_epi64_mask(channel, next);
+    if (has_sync) sequence |= _mm512_cmpeq_epi64_mask(channel, sync);
     if (sequence != 0) break;
     const __mmask8 starts = open ? _mm512_cmpeq_epi64_mask(channel, start) : 0;
     const __mmask8 clicked = _mm512_cmpeq_epi64_mask(channel, click);
-    _mm512_storeu_si512(at.time + end, _mm512_maskz_compress_epi64(starts, tags.time));
-    _mm512_storeu_si512(at.offset + end, offsets);
-    detail::storePairs(clicks + n_clicks, _mm512_maskz_compress_epi64(clicked, tags.time),
-                       _mm512_maskz_compress_epi64(clicked, detail::countLanes(starts, true, end)));
-    end += static_cast<size_t>(__builtin_popcount(starts));
-    n_clicks += static_cast<size_t>(__builtin_popcount(clicked));
+    _mm512_storeu_si512(times + n_starts, _mm512_maskz_compress_epi64(starts, tags.time));
+    _mm512_storeu_si512(start_offsets + n_starts, offsets);
+    detail::storePairs(
+        clicks + n_clicked, _mm512_maskz_compress_epi64(clicked, tags.time),
+        _mm512_maskz_compress_epi64(clicked, detail::countLanes(starts, true, n_starts)));
+    n_starts += static_cast<size_t>(__builtin_popcount(starts));
+    n_clicked += static_cast<size_t>(__builtin_popcount(clicked));
   }
+  end = n_starts;
+  n_clicks = n_clicked;
   return tag;
 }
 #else
