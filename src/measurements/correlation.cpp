@@ -286,11 +286,10 @@ void Correlation::countPairs(const Tag* tag, const Tag* const end) {
   // next one overwrites unless the tag is on that channel), since the channels
   // of successive tags are as good as random and a mispredicted branch costs
   // more than the work; with it, each tag notes how many stamps of the other
-  // channel came before it. The second pairs each filed tag with the kLookback
-  // newest of those, again without a branch per pair, and the counters are
-  // bumped last from the list of bins hit. Stamps are in time order, so those
-  // within half_range of a tag are the newest ones: the lanes are valid up to
-  // the first that is not, and a tag whose lanes are all valid goes on in a loop.
+  // channel came before it. The second pairs each filed tag with a fixed window
+  // of the newest of those, again without a branch per pair, and the counters
+  // are bumped last from the list of bins hit. Both passes have an AVX-512 form,
+  // taken when the processor has it.
   Filed filed[2][kChunk];
   size_t bins_hit[2 * kChunk * kLanes + kLanes];
   const bool wide_filing = detail::wideHistogramKernels();

@@ -300,9 +300,10 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   // each click without a branch on its channel (a store that the next one
   // overwrites unless the tag has that role), since the roles of successive tags
   // are as good as random and a mispredicted branch costs more than the work. The
-  // second bins each click against the kLookback newest starts filed before it,
-  // again without a branch per start, and the counters are bumped last from the
-  // list of bins hit. A run stops at any tag that can change the sequence (not a
+  // second bins each click against a fixed window of the newest starts filed
+  // before it, again without a branch per start, and the counters are bumped last
+  // from the list of bins hit. Both passes have an AVX-512 form, taken when the
+  // processor has it. A run stops at any tag that can change the sequence (not a
   // time tag, or on the next or sync channel), which takes the exact tag-by-tag
   // path, so within a run whether a start counts, and in which histogram, is fixed.
   Click clicks[kChunk];
@@ -312,8 +313,6 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
   const Roles roles{click_channel, start_channel, next_channel,
                     sync_channel,  !next_unused,  !sync_unused};
 
-  const bool has_next = !next_unused;
-  const bool has_sync = !sync_unused;
   const size_t bins = static_cast<size_t>(n_bins);
   int32_t* const counters = data.data();
   Pending& starts = *pending;
@@ -338,8 +337,8 @@ void TimeDifferences::processBlock(const std::vector<Tag>& tags) {
     }
     for (; tag != run_limit; ++tag) {
       const int channel = tag->channel;
-      if ((tag->type != Tag::Type::TimeTag) | (has_next & (channel == next_channel)) |
-          (has_sync & (channel == sync_channel))) {
+      if ((tag->type != Tag::Type::TimeTag) | (roles.has_next & (channel == next_channel)) |
+          (roles.has_sync & (channel == sync_channel))) {
         break;
       }
       at.time[end] = tag->time;
