@@ -34,10 +34,6 @@ inline void wrappingIncrement(int32_t& counter) {
   counter = static_cast<int32_t>(static_cast<uint32_t>(counter) + 1u);
 }
 
-}  // namespace zeptick::detail
-
-namespace zeptick::detail {
-
 /// The recent stamps of a histogram kernel, oldest first, in one run of memory that
 /// a hot loop indexes directly: entries live at [head(), end()), and kLookback
 /// slots before index 0 always exist, so a loop may read up to kLookback entries
@@ -112,10 +108,6 @@ class StampHistory {
   size_t head_ = 0;
   size_t end_ = 0;
 };
-
-}  // namespace zeptick::detail
-
-namespace zeptick::detail {
 
 /// Whether the histogram kernels may use their AVX-512 forms: the processor has
 /// them, and forcePlainHistogramKernels has not switched them off. Read per block.
