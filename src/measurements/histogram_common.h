@@ -199,9 +199,9 @@ ZEPTICK_AVX512 inline TagLanes loadTags(const Tag* tags) {
                 offsetof(Tag, time) == 8);
   const auto* words = reinterpret_cast<const long long*>(tags);
   // A block has mostly left the nearest caches by the time a measurement reads
-  // it: ask for the lines 1 KiB ahead (an address, past the end or not; a
+  // it: ask for the lines 2 KiB ahead (an address, past the end or not; a
   // prefetch never faults).
-  const uintptr_t ahead = reinterpret_cast<uintptr_t>(tags) + 1024;
+  const uintptr_t ahead = reinterpret_cast<uintptr_t>(tags) + 2048;
   __builtin_prefetch(reinterpret_cast<const void*>(ahead));
   __builtin_prefetch(reinterpret_cast<const void*>(ahead + 64));
   const __m512i low = _mm512_loadu_si512(words);
