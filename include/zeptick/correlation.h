@@ -12,8 +12,8 @@
 namespace zeptick {
 
 namespace detail {
-template <typename T>
-class RingQueue;
+template <typename T, size_t kLookback>
+class StampHistory;
 }
 
 /// Cross-correlation of two channels: a histogram of (time on channel 1) minus
@@ -47,9 +47,15 @@ class ZEPTICK_API Correlation : public IteratorBase {
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
 
  private:
+  // How far back from its newest stamp a kernel may read without a bounds test.
+  static constexpr size_t kLookback = 8;
+  using Stamps = detail::StampHistory<int64_t, kLookback>;
+
   template <FastBinning::Mode M>
   void processBlock(const std::vector<Tag>& tags, int64_t begin_time, int64_t end_time);
-  void trimOlderThan(detail::RingQueue<int64_t>& stamps, int64_t now);
+  template <FastBinning::Mode M>
+  void countPairs(const Tag* begin, const Tag* end);
+  void trimOlderThan(Stamps& stamps, int64_t now);
 
   int channels[2];
   int n_bins;
@@ -58,7 +64,7 @@ class ZEPTICK_API Correlation : public IteratorBase {
   int64_t capture_duration = 0;  // stream time outside overflows, for the normalisation
   bool in_overflow = false;
   std::vector<int32_t> data;
-  std::unique_ptr<detail::RingQueue<int64_t>> stamps[2];
+  std::unique_ptr<Stamps> stamps[2];
   uint64_t counts[2] = {0, 0};
   FastBinning binner;
 };

@@ -12,11 +12,6 @@
 
 namespace zeptick {
 
-namespace detail {
-template <typename T>
-class RingQueue;
-}
-
 /// Start-click histograms: each click counts the time since every start within
 /// the last n_bins x binwidth ps, into one of n_histograms histograms of n_bins
 /// bins. A next-channel tag steps the histogram that new starts go to, a
@@ -65,13 +60,16 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
   bool next_impl(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) override;
 
  private:
-  struct PendingStart {
-    int64_t timestamp;
-    size_t offset;  // the start's histogram x n_bins: where its counts go
-  };
+  // How many starts each click looks at without a loop; a click with more in
+  // range takes a slower path for the rest.
+  static constexpr size_t kLookback = 8;
+  // The starts still in range, oldest first, with the histogram each counts in.
+  class Pending;
 
   template <FastBinning::Mode M>
   void processBlock(const std::vector<Tag>& tags);
+  template <FastBinning::Mode M>
+  void processSequenceTag(const Tag& tag);
   void dropExpired(int64_t now);
 
   int click_channel;
@@ -85,7 +83,7 @@ class ZEPTICK_API TimeDifferences : public IteratorBase {
   int64_t binwidth;
   int64_t range;  // n_bins x binwidth, saturated at the largest time difference
   std::vector<int32_t> data;
-  std::unique_ptr<detail::RingQueue<PendingStart>> pending;
+  std::unique_ptr<Pending> pending;
   bool waiting_for_sync = false;
   int histogram_index = -1;
   std::atomic<uint64_t> counts{0};

@@ -1,7 +1,10 @@
 #include "zeptick/fast_binning.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
+
+#include "measurements/histogram_common.h"
 
 namespace zeptick {
 
@@ -60,5 +63,27 @@ FastBinning::FastBinning(uint64_t divisor, uint64_t max_duration)
 
   mode = max_duration > 0xFFFFFFFFu ? ModeDiv64 : ModeDiv32;
 }
+
+namespace detail {
+
+namespace {
+std::atomic<bool> force_plain{false};
+}  // namespace
+
+bool wideHistogramKernels() {
+#if defined(__x86_64__)
+  static const bool supported =
+      __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+      __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vpopcntdq") && __builtin_cpu_supports("popcnt");
+  return supported && !force_plain.load(std::memory_order_relaxed);
+#else
+  return false;
+#endif
+}
+
+void forcePlainHistogramKernels(bool plain) { force_plain.store(plain, std::memory_order_relaxed); }
+
+}  // namespace detail
 
 }  // namespace zeptick
