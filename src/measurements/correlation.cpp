@@ -47,7 +47,7 @@ void countBeyondWindow(const PairBinning& pairs, int64_t time, bool flip, ptrdif
        --i) {
     const uint64_t bin = pairs.binner.template divide<M>(
         shiftedOffset(detail::timeDifference(time, other[i]), flip, pairs.half_range));
-    if (static_cast<int64_t>(bin) < pairs.n_bins) detail::wrappingIncrement(pairs.counters[bin]);
+    if (bin < static_cast<uint64_t>(pairs.n_bins)) detail::wrappingIncrement(pairs.counters[bin]);
   }
 }
 
@@ -66,7 +66,7 @@ size_t binPairs(const PairBinning& pairs, const Filed* filed, size_t n_filed, bo
           pairs.binner.template divide<M>(shiftedOffset(d, flip, pairs.half_range));
       in_range = (i >= head) & (d <= pairs.half_range);
       bins_hit[n_hit] = bin;
-      n_hit += in_range & (static_cast<int64_t>(bin) < pairs.n_bins);
+      n_hit += in_range & (bin < static_cast<uint64_t>(pairs.n_bins));
     }
     if (in_range) {
       countBeyondWindow<M>(pairs, time, flip, newest - static_cast<ptrdiff_t>(kSize), other, head);
@@ -99,7 +99,7 @@ ZEPTICK_AVX512 size_t binPairsWide(const PairBinning& pairs, const Filed* filed,
     const __m512i shifted =
         flip ? _mm512_sub_epi64(half_range, d) : _mm512_add_epi64(d, half_range);
     const __m512i bins = divide(shifted);
-    const __mmask8 hit = in_range & _mm512_cmplt_epi64_mask(bins, n_bins);
+    const __mmask8 hit = in_range & _mm512_cmplt_epu64_mask(bins, n_bins);
     _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(hit, bins));
     n_hit += static_cast<size_t>(__builtin_popcount(hit));
     if (in_range & 1) countBeyondWindow<M>(pairs, time, flip, oldest - 1, other, head);

@@ -80,8 +80,9 @@ namespace {
 template <FastBinning::Mode M>
 void countBeyondWindow(const FastBinning& binner, int64_t range, int64_t time, ptrdiff_t from,
                        const StartColumns& at, ptrdiff_t head, int32_t* counters) {
-  for (ptrdiff_t i = from; i >= head && detail::timeDifference(time, at.time[i]) < range; --i) {
+  for (ptrdiff_t i = from; i >= head; --i) {
     const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
+    if (delta >= static_cast<uint64_t>(range)) break;
     detail::wrappingIncrement(counters[at.offset[i] + binner.template divide<M>(delta)]);
   }
 }
@@ -97,7 +98,7 @@ size_t binClicks(const FastBinning& binner, int64_t range, const Click* clicks, 
     for (size_t back = 0; back < kWindow; ++back) {
       const ptrdiff_t i = newest - static_cast<ptrdiff_t>(back);
       const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
-      in_range = (i >= head) & (static_cast<int64_t>(delta) < range);
+      in_range = (i >= head) & (delta < static_cast<uint64_t>(range));
       bins_hit[n_hit] = at.offset[i] + binner.template divide<M>(delta);
       n_hit += in_range;
     }
@@ -128,7 +129,7 @@ ZEPTICK_AVX512 size_t binClicksWide(const FastBinning& binner, int64_t range, co
     const ptrdiff_t oldest = newest - static_cast<ptrdiff_t>(kLanes - 1);
     const __m512i delta =
         _mm512_sub_epi64(_mm512_set1_epi64(time), _mm512_loadu_si512(times + oldest));
-    const __mmask8 in_range = _mm512_cmplt_epi64_mask(delta, range_lanes) &
+    const __mmask8 in_range = _mm512_cmplt_epu64_mask(delta, range_lanes) &
                               _mm512_cmpge_epi64_mask(lane, _mm512_set1_epi64(head - oldest));
     const __m512i bins = _mm512_add_epi64(_mm512_loadu_si512(offsets + oldest), divide(delta));
     _mm512_storeu_si512(bins_hit + n_hit, _mm512_maskz_compress_epi64(in_range, bins));
@@ -414,6 +415,9 @@ void TimeDifferences::processSequenceTag(const Tag& tag) {
     const StartColumns at = pending->columns();
     for (size_t i = pending->head(); i != pending->end(); ++i) {
       const uint64_t delta = static_cast<uint64_t>(time) - static_cast<uint64_t>(at.time[i]);
+      // A start later than the click only comes from a stream out of order: no bin, and no
+      // write outside the counters.
+      if (delta >= static_cast<uint64_t>(range)) continue;
       detail::wrappingIncrement(data[at.offset[i] + binner.template divide<M>(delta)]);
     }
   }
