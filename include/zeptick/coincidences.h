@@ -66,25 +66,44 @@ class ZEPTICK_API Coincidences : public IteratorBase {
     std::vector<int> group_channels;  // as listed, repeats kept
     std::vector<int> bits;            // the entry of each of group_channels
   };
+  // One group of an entry's channel: it fires when `mask` lies within the mask
+  // of entries inside the window.
+  struct Fire {
+    uint64_t mask;
+    int virtual_channel;
+    int group;
+  };
 
-  // Marks `last_times` of the tag's entry and returns the mask of entries
-  // inside the window. REQUIRES: lock held.
-  uint64_t updateMask(int entry, int64_t time, int64_t window_now);
+  // Builds the per-entry tables of the tag loops from each group's mask and
+  // each entry's groups.
+  void layOutTests(const std::vector<uint64_t>& group_masks,
+                   const std::vector<std::vector<int>>& groups_of);
+  // Sets the entry's last time and returns the mask of the entries, among
+  // those its groups hold, that lie inside the window. REQUIRES: lock held.
+  uint64_t windowMask(int entry, int64_t time, int64_t window_now);
   void forgetAll(int64_t window_now);
-  // Runs the coincidence test for one tag and calls `fire` for each group
-  // that fires, in ascending order. REQUIRES: lock held.
-  template <class Fire>
-  void testTag(const Tag& tag, int64_t window_now, Fire fire);
+  template <CoincidenceTimestamp Stamp>
   int64_t groupTime(const Group& group, int64_t time) const;
+  // Makes `output` hold at least `size` tags and returns its data.
+  Tag* room(size_t size);
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
+  template <CoincidenceTimestamp Stamp>
   void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
 
   std::vector<Tag> output;
   std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)
   std::vector<int64_t> last_times;                 // per entry
-  std::vector<std::vector<int>> group_indices;     // per entry, ascending
-  std::vector<uint64_t> group_masks;
-  std::vector<uint64_t> relevant_masks;  // per entry, the union of its groups' masks
+  // Per entry, the other entries of its groups, at check_stride per entry; padded
+  // with the entry itself, whose test adds nothing, so that every loop is as long.
+  std::vector<int> checks;
+  std::vector<int> check_counts;
+  size_t check_stride = 0;
+  // Per entry, its groups in ascending order, at fire_stride per entry. Where
+  // padded, by groups that never fire, so that the loop length does not vary.
+  std::vector<Fire> fires;
+  std::vector<int> fire_counts;  // the real ones
+  size_t fire_stride = 0;
+  bool fires_padded = false;
   std::vector<Group> groups;
   // Read without the lock by setCoincidenceWindow's early return.
   std::atomic<int64_t> window;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <set>
 #include <stdexcept>
 
@@ -47,9 +48,9 @@ Coincidences::Coincidences(DeferStart, ZeptickBase* tagger,
       last_times.push_back(-window);
     }
   }
-  group_indices.resize(last_times.size());
-  relevant_masks.assign(last_times.size(), 0);
-  group_masks.assign(groups_in.size(), 0);
+  const size_t entries = last_times.size();
+  std::vector<uint64_t> group_masks(groups_in.size(), 0);
+  std::vector<std::vector<int>> groups_of(entries);  // ascending
   groups.resize(groups_in.size());
   for (size_t g = 0; g < groups_in.size(); ++g) {
     Group& group = groups[g];
@@ -61,12 +62,48 @@ Coincidences::Coincidences(DeferStart, ZeptickBase* tagger,
       group_masks[g] |= uint64_t{1} << entry;
       group.group_channels.push_back(channel);
       group.bits.push_back(entry);
-      std::vector<int>& indices = group_indices[entry];
+      std::vector<int>& indices = groups_of[static_cast<size_t>(entry)];
       if (indices.empty() || indices.back() != static_cast<int>(g)) {
         indices.push_back(static_cast<int>(g));
       }
     }
-    for (int entry : group.bits) relevant_masks[entry] |= group_masks[g];
+  }
+  layOutTests(group_masks, groups_of);
+}
+
+void Coincidences::layOutTests(const std::vector<uint64_t>& group_masks,
+                               const std::vector<std::vector<int>>& groups_of) {
+  const size_t entries = last_times.size();
+  // Only the entries of a channel's groups can decide whether they fire.
+  std::vector<std::vector<int>> others(entries);
+  for (size_t e = 0; e < entries; ++e) {
+    uint64_t relevant = 0;
+    for (int g : groups_of[e]) relevant |= group_masks[static_cast<size_t>(g)];
+    relevant &= ~(uint64_t{1} << e);
+    for (; relevant != 0; relevant &= relevant - 1) others[e].push_back(std::countr_zero(relevant));
+    check_stride = std::max(check_stride, others[e].size());
+    fire_stride = std::max(fire_stride, groups_of[e].size());
+  }
+  // Loops of one length for every channel keep the branch predictor right
+  // when channels alternate at random; past a few the padding costs more.
+  const bool checks_padded = check_stride <= 8;
+  fires_padded = fire_stride <= 4 && entries < 64;
+  checks.assign(entries * check_stride, 0);
+  check_counts.assign(entries, 0);
+  // A mask with the bit of no entry never lies within the window mask.
+  fires.assign(entries * fire_stride, Fire{uint64_t{1} << (entries % 64), 0, 0});
+  fire_counts.assign(entries, 0);
+  for (size_t e = 0; e < entries; ++e) {
+    for (size_t k = 0; k < check_stride; ++k) {
+      checks[e * check_stride + k] = k < others[e].size() ? others[e][k] : static_cast<int>(e);
+    }
+    check_counts[e] = static_cast<int>(checks_padded ? check_stride : others[e].size());
+    for (size_t k = 0; k < groups_of[e].size(); ++k) {
+      const int g = groups_of[e][k];
+      fires[e * fire_stride + k] = Fire{group_masks[static_cast<size_t>(g)],
+                                        groups[static_cast<size_t>(g)].virtual_channel, g};
+    }
+    fire_counts[e] = static_cast<int>(groups_of[e].size());
   }
 }
 
@@ -80,15 +117,36 @@ void Coincidences::setCoincidenceWindow(int64_t new_window) {
   window.store(new_window, std::memory_order_relaxed);
 }
 
-[[gnu::always_inline]] inline uint64_t Coincidences::updateMask(int entry, int64_t time,
+namespace {
+
+// Input tags per step of the output's growth: enough to make the check rare,
+// few enough that the room made for coincidences that do not happen stays small.
+constexpr size_t kChunk = 256;
+
+// Tags ahead to fetch the input from: a few hundred bytes, a few tags' work.
+constexpr size_t kPrefetchAhead = 48;
+
+// Puts `value` into the pending tags q[head, tail) behind every one of earlier
+// or equal time; `tail` grows by one. Room for it is the caller's duty.
+[[gnu::always_inline]] inline void insertPending(Tag* q, size_t head, size_t& tail,
+                                                 const Tag& value) {
+  size_t i = tail++;
+  for (; i > head && value.time - q[i - 1].time < 0; --i) q[i] = q[i - 1];
+  q[i] = value;
+}
+
+}  // namespace
+
+[[gnu::always_inline]] inline uint64_t Coincidences::windowMask(int entry, int64_t time,
                                                                 int64_t window_now) {
-  last_times[entry] = time;
-  // Only the entries of this channel's groups can decide whether they fire:
-  // one pass over their union builds the mask all of them are checked against.
-  uint64_t mask = 0;
-  const int64_t* const last = last_times.data();
-  for (uint64_t rest = relevant_masks[entry]; rest != 0; rest &= rest - 1) {
-    const int i = std::countr_zero(rest);
+  int64_t* const last = last_times.data();
+  last[entry] = time;
+  // The entry's own test: its tag is 0 old.
+  uint64_t mask = static_cast<uint64_t>(window_now > 0) << entry;
+  const int* const other = checks.data() + static_cast<size_t>(entry) * check_stride;
+  const int count = check_counts[static_cast<size_t>(entry)];
+  for (int k = 0; k < count; ++k) {
+    const int i = other[k];
     mask |= static_cast<uint64_t>(time - last[i] < window_now) << i;
   }
   return mask;
@@ -98,86 +156,158 @@ void Coincidences::forgetAll(int64_t window_now) {
   std::fill(last_times.begin(), last_times.end(), -window_now);
 }
 
+template <CoincidenceTimestamp Stamp>
 int64_t Coincidences::groupTime(const Group& group, int64_t time) const {
-  switch (timestamp) {
-    case CoincidenceTimestamp::Average: {
-      // Offsets from the completing tag stay within the window, so their sum
-      // cannot overflow as a sum of absolute times could.
-      int64_t sum = 0;
-      for (int bit : group.bits) sum += last_times[bit] - time;
-      return time + sum / static_cast<int64_t>(group.bits.size());
+  if constexpr (Stamp == CoincidenceTimestamp::Average) {
+    // Offsets from the completing tag stay within the window, so their sum
+    // cannot overflow as a sum of absolute times could.
+    int64_t sum = 0;
+    for (int bit : group.bits) sum += last_times[static_cast<size_t>(bit)] - time;
+    return time + sum / static_cast<int64_t>(group.bits.size());
+  } else if constexpr (Stamp == CoincidenceTimestamp::First) {
+    int64_t earliest = 0;
+    for (int bit : group.bits) {
+      earliest = std::min(earliest, last_times[static_cast<size_t>(bit)] - time);
     }
-    case CoincidenceTimestamp::First: {
-      int64_t earliest = 0;
-      for (int bit : group.bits) earliest = std::min(earliest, last_times[bit] - time);
-      return time + earliest;
-    }
-    default:
-      return last_times[group.bits.front()];
+    return time + earliest;
+  } else {
+    return last_times[static_cast<size_t>(group.bits.front())];
   }
 }
 
-template <class Fire>
-[[gnu::always_inline]] inline void Coincidences::testTag(const Tag& tag, int64_t window_now,
-                                                         Fire fire) {
-  if (tag.type != Tag::Type::TimeTag) {
-    forgetAll(window_now);
-    return;
-  }
-  const int entry = channels->find(tag.channel);
-  if (entry < 0) return;
-  const uint64_t mask = updateMask(entry, tag.time, window_now);
-  for (int g : group_indices[entry]) {
-    if ((mask & group_masks[g]) == group_masks[g]) fire(groups[g]);
-  }
+Tag* Coincidences::room(size_t size) {
+  // The vector swapped in last time already holds a block's worth of tags, so
+  // this mostly constructs only the few that coincidences add.
+  if (output.size() < size) output.resize(size);
+  return output.data();
 }
 
 void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
-  for (const Tag& tag : tags) {
-    output.push_back(tag);
-    testTag(tag, window_now, [&](const Group& group) {
-      Tag copy = tag;
-      copy.channel = group.virtual_channel;
-      output.push_back(copy);
-    });
+  // Everything the loop reads stays in locals: a Tag store may alias any
+  // member, which would make the compiler reload them after each.
+  const detail::ChannelIndex& index = *channels;
+  const Tag* const in = tags.data();
+  const size_t n = tags.size();
+  const Fire* const all_fires = fires.data();
+  const int* const fire_count = fire_counts.data();
+  const size_t stride = fire_stride;
+  const bool padded = fires_padded;
+  const size_t per_tag = 1 + stride;
+  size_t written = 0;
+  for (size_t i = 0; i < n;) {
+    const size_t chunk_end = std::min(n, i + kChunk);
+    Tag* const out = room(written + (chunk_end - i) * per_tag);
+    for (; i < chunk_end; ++i) {
+      const Tag* const tag = in + i;
+      // The loop is too long for the processor to run far enough ahead on its own.
+      __builtin_prefetch(tag + kPrefetchAhead);
+      // Whole-tag copies as one 16-byte move each.
+      std::memcpy(out + written++, tag, sizeof(Tag));
+      if (tag->type != Tag::Type::TimeTag) {
+        forgetAll(window_now);
+        continue;
+      }
+      const int entry = index.find(tag->channel);
+      if (entry < 0) continue;
+      const uint64_t mask = windowMask(entry, tag->time, window_now);
+      const Fire* fire = all_fires + static_cast<size_t>(entry) * stride;
+      const Fire* const end = fire + (padded ? stride : static_cast<size_t>(fire_count[entry]));
+      // Each group's tag is written in any case and kept only if it fires.
+      for (; fire != end; ++fire) {
+        std::memcpy(out + written, tag, sizeof(Tag));
+        out[written].channel = fire->virtual_channel;
+        written += (mask & fire->mask) == fire->mask;
+      }
+    }
   }
+  output.resize(written);
 }
 
+// The output vector is the delayed stream itself: tags that left are
+// q[0, head), those still pending q[head, tail). So a tag that leaves moves
+// nowhere; only those left pending at the block's end go to `pending`.
+template <CoincidenceTimestamp Stamp>
 void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
-  detail::RingQueue<Tag>& pending = *this->pending;
-  for (const Tag& tag : tags) {
-    while (!pending.empty() && pending.front().time - tag.time < 0) {
-      output.push_back(pending.front());
-      pending.pop_front();
+  const detail::ChannelIndex& index = *channels;
+  const Tag* const in = tags.data();
+  const size_t n = tags.size();
+  const size_t per_tag = 1 + fire_stride;
+  size_t head = 0;
+  size_t tail = 0;
+  {
+    Tag* const q = room(pending->size());
+    pending->forEach([&](const Tag& tag) { q[tail++] = tag; });
+    pending->clear();
+  }
+  // Tags leave once a later tag's time passes theirs. Finding them on every
+  // tag costs a branch that mispredicts, so `head` may lag behind `passed`, the
+  // latest such time: while times rise and every new tag lands after the one
+  // that brings it (a positive window), the tags it lags by are earlier than
+  // any new one, so no insertion passes them and the lag changes nothing.
+  bool lagging = false;
+  int64_t passed = 0;
+  const auto catchUp = [&](const Tag* q) {
+    if (lagging) {
+      while (head != tail && q[head].time - passed < 0) ++head;
     }
-    Tag shifted = tag;
-    shifted.time += window_now;
-    // A plain append unless the window shrank since the queued tags were shifted.
-    pending.insertSorted(shifted);
-    testTag(tag, window_now, [&](const Group& group) {
-      Tag coincidence = tag;
-      coincidence.channel = group.virtual_channel;
-      coincidence.time = groupTime(group, tag.time) + window_now;
-      pending.insertSorted(coincidence);
-    });
+    lagging = false;
+  };
+  for (size_t i = 0; i < n;) {
+    const size_t chunk_end = std::min(n, i + kChunk);
+    Tag* const q = room(tail + (chunk_end - i) * per_tag);
+    for (; i < chunk_end; ++i) {
+      const Tag tag = in[i];
+      if (window_now > 0 && (!lagging || tag.time - passed >= 0)) {
+        lagging = true;
+      } else {
+        catchUp(q);
+        while (head != tail && q[head].time - tag.time < 0) ++head;
+      }
+      passed = tag.time;
+      Tag shifted = tag;
+      shifted.time += window_now;
+      // A plain append unless the window shrank since the queued tags were shifted.
+      insertPending(q, head, tail, shifted);
+      if (tag.type != Tag::Type::TimeTag) {
+        forgetAll(window_now);
+        continue;
+      }
+      const int entry = index.find(tag.channel);
+      if (entry < 0) continue;
+      const uint64_t mask = windowMask(entry, tag.time, window_now);
+      const Fire* fire = fires.data() + static_cast<size_t>(entry) * fire_stride;
+      const Fire* const end = fire + fire_counts[static_cast<size_t>(entry)];
+      for (; fire != end; ++fire) {
+        if ((mask & fire->mask) != fire->mask) continue;
+        Tag coincidence = tag;
+        coincidence.channel = fire->virtual_channel;
+        coincidence.time =
+            groupTime<Stamp>(groups[static_cast<size_t>(fire->group)], tag.time) + window_now;
+        insertPending(q, head, tail, coincidence);
+      }
+    }
   }
-  while (!pending.empty() && pending.front().time - end_time < 0) {
-    output.push_back(pending.front());
-    pending.pop_front();
-  }
+  const Tag* const q = output.data();
+  catchUp(q);
+  while (head != tail && q[head].time - end_time < 0) ++head;
+  for (size_t k = head; k < tail; ++k) pending->push_back(q[k]);
+  output.resize(head);
 }
 
 bool Coincidences::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, int64_t end_time) {
-  output.clear();
   const int64_t window_now = window.load(std::memory_order_relaxed);
   switch (timestamp) {
     case CoincidenceTimestamp::Last:
       runLast(tags, window_now);
       break;
     case CoincidenceTimestamp::Average:
+      runDelayed<CoincidenceTimestamp::Average>(tags, end_time, window_now);
+      break;
     case CoincidenceTimestamp::First:
+      runDelayed<CoincidenceTimestamp::First>(tags, end_time, window_now);
+      break;
     case CoincidenceTimestamp::ListedFirst:
-      runDelayed(tags, end_time, window_now);
+      runDelayed<CoincidenceTimestamp::ListedFirst>(tags, end_time, window_now);
       break;
     default:
       throw std::runtime_error("invalid timestamp type for Coincidences Measurement");
