@@ -78,28 +78,34 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   // each entry's groups.
   void layOutTests(const std::vector<uint64_t>& group_masks,
                    const std::vector<std::vector<int>>& groups_of);
-  // Sets the entry's last time and returns the mask of the entries, among
-  // those its groups hold, that lie inside the window. REQUIRES: lock held.
-  uint64_t windowMask(int entry, int64_t time, int64_t window_now);
   void forgetAll(int64_t window_now);
   template <CoincidenceTimestamp Stamp>
   int64_t groupTime(const Group& group, int64_t time) const;
   // Makes `output` hold at least `size` tags and returns its data.
   Tag* room(size_t size);
+  // Calls fn.operator()<kChecks>() with the padded width of the check table, or 0.
+  template <class Fn>
+  void withCheckCount(Fn&& fn);
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
-  template <CoincidenceTimestamp Stamp>
+  // With kChecks and kFires the padded table widths, or 0 for each entry's own count.
+  template <int kChecks, int kFires>
+  void runLastWith(const std::vector<Tag>& tags, int64_t window_now);
+  template <CoincidenceTimestamp Stamp, int kChecks>
   void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
 
   std::vector<Tag> output;
   std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)
   std::vector<int64_t> last_times;                 // per entry
   // Per entry, the other entries of its groups, at check_stride per entry; padded
-  // with the entry itself, whose test adds nothing, so that every loop is as long.
+  // with the entry itself, whose test adds nothing, so that every loop is as long
+  // (1, 2, 4 or 8: the tag loop is compiled for each).
   std::vector<int> checks;
   std::vector<int> check_counts;
   size_t check_stride = 0;
+  bool checks_padded = false;
   // Per entry, its groups in ascending order, at fire_stride per entry. Where
-  // padded, by groups that never fire, so that the loop length does not vary.
+  // padded, by groups that never fire, so that the loop length does not vary
+  // (1, 2 or 4).
   std::vector<Fire> fires;
   std::vector<int> fire_counts;  // the real ones
   size_t fire_stride = 0;

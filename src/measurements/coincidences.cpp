@@ -86,8 +86,10 @@ void Coincidences::layOutTests(const std::vector<uint64_t>& group_masks,
   }
   // Loops of one length for every channel keep the branch predictor right
   // when channels alternate at random; past a few the padding costs more.
-  const bool checks_padded = check_stride <= 8;
+  checks_padded = check_stride <= 8;
+  if (checks_padded) check_stride = std::bit_ceil(std::max<size_t>(check_stride, 1));
   fires_padded = fire_stride <= 4 && entries < 64;
+  if (fires_padded) fire_stride = std::bit_ceil(fire_stride);
   checks.assign(entries * check_stride, 0);
   check_counts.assign(entries, 0);
   // A mask with the bit of no entry never lies within the window mask.
@@ -123,9 +125,6 @@ namespace {
 // few enough that the room made for coincidences that do not happen stays small.
 constexpr size_t kChunk = 256;
 
-// Tags ahead to fetch the input from: a few hundred bytes, a few tags' work.
-constexpr size_t kPrefetchAhead = 48;
-
 // Puts `value` into the pending tags q[head, tail) behind every one of earlier
 // or equal time; `tail` grows by one. Room for it is the caller's duty.
 [[gnu::always_inline]] inline void insertPending(Tag* q, size_t head, size_t& tail,
@@ -135,22 +134,24 @@ constexpr size_t kPrefetchAhead = 48;
   q[i] = value;
 }
 
-}  // namespace
-
-[[gnu::always_inline]] inline uint64_t Coincidences::windowMask(int entry, int64_t time,
-                                                                int64_t window_now) {
-  int64_t* const last = last_times.data();
+// Sets the entry's last time and returns the mask of the entries, among those
+// its groups hold, that lie inside the window. `other` lists those entries
+// but the entry itself, `count` of them, or kChecks where kChecks is not 0.
+template <int kChecks>
+[[gnu::always_inline]] inline uint64_t windowMask(int64_t* last, const int* other, int count,
+                                                  int entry, int64_t time, int64_t window_now) {
   last[entry] = time;
   // The entry's own test: its tag is 0 old.
   uint64_t mask = static_cast<uint64_t>(window_now > 0) << entry;
-  const int* const other = checks.data() + static_cast<size_t>(entry) * check_stride;
-  const int count = check_counts[static_cast<size_t>(entry)];
-  for (int k = 0; k < count; ++k) {
+  const int n = kChecks > 0 ? kChecks : count;
+  for (int k = 0; k < n; ++k) {
     const int i = other[k];
     mask |= static_cast<uint64_t>(time - last[i] < window_now) << i;
   }
   return mask;
 }
+
+}  // namespace
 
 void Coincidences::forgetAll(int64_t window_now) {
   std::fill(last_times.begin(), last_times.end(), -window_now);
@@ -182,25 +183,56 @@ Tag* Coincidences::room(size_t size) {
   return output.data();
 }
 
+template <class Fn>
+void Coincidences::withCheckCount(Fn&& fn) {
+  if (!checks_padded) return fn.template operator()<0>();
+  switch (check_stride) {
+    case 1:
+      return fn.template operator()<1>();
+    case 2:
+      return fn.template operator()<2>();
+    case 4:
+      return fn.template operator()<4>();
+    default:
+      return fn.template operator()<8>();
+  }
+}
+
 void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
+  withCheckCount([&]<int kChecks>() {
+    if (!fires_padded) return runLastWith<kChecks, 0>(tags, window_now);
+    switch (fire_stride) {
+      case 1:
+        return runLastWith<kChecks, 1>(tags, window_now);
+      case 2:
+        return runLastWith<kChecks, 2>(tags, window_now);
+      default:
+        return runLastWith<kChecks, 4>(tags, window_now);
+    }
+  });
+}
+
+template <int kChecks, int kFires>
+void Coincidences::runLastWith(const std::vector<Tag>& tags, int64_t window_now) {
   // Everything the loop reads stays in locals: a Tag store may alias any
   // member, which would make the compiler reload them after each.
   const detail::ChannelIndex& index = *channels;
   const Tag* const in = tags.data();
   const size_t n = tags.size();
+  int64_t* const last = last_times.data();
+  const int* const all_checks = checks.data();
+  const int* const check_count = check_counts.data();
   const Fire* const all_fires = fires.data();
   const int* const fire_count = fire_counts.data();
-  const size_t stride = fire_stride;
-  const bool padded = fires_padded;
-  const size_t per_tag = 1 + stride;
+  const size_t checks_per_entry = kChecks > 0 ? kChecks : check_stride;
+  const size_t fires_per_entry = kFires > 0 ? kFires : fire_stride;
+  const size_t per_tag = 1 + fires_per_entry;
   size_t written = 0;
   for (size_t i = 0; i < n;) {
     const size_t chunk_end = std::min(n, i + kChunk);
     Tag* const out = room(written + (chunk_end - i) * per_tag);
     for (; i < chunk_end; ++i) {
       const Tag* const tag = in + i;
-      // The loop is too long for the processor to run far enough ahead on its own.
-      __builtin_prefetch(tag + kPrefetchAhead);
       // Whole-tag copies as one 16-byte move each.
       std::memcpy(out + written++, tag, sizeof(Tag));
       if (tag->type != Tag::Type::TimeTag) {
@@ -209,14 +241,16 @@ void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
       }
       const int entry = index.find(tag->channel);
       if (entry < 0) continue;
-      const uint64_t mask = windowMask(entry, tag->time, window_now);
-      const Fire* fire = all_fires + static_cast<size_t>(entry) * stride;
-      const Fire* const end = fire + (padded ? stride : static_cast<size_t>(fire_count[entry]));
+      const uint64_t mask =
+          windowMask<kChecks>(last, all_checks + static_cast<size_t>(entry) * checks_per_entry,
+                              check_count[entry], entry, tag->time, window_now);
+      const Fire* const fire = all_fires + static_cast<size_t>(entry) * fires_per_entry;
+      const int count = kFires > 0 ? kFires : fire_count[entry];
       // Each group's tag is written in any case and kept only if it fires.
-      for (; fire != end; ++fire) {
+      for (int k = 0; k < count; ++k) {
         std::memcpy(out + written, tag, sizeof(Tag));
-        out[written].channel = fire->virtual_channel;
-        written += (mask & fire->mask) == fire->mask;
+        out[written].channel = fire[k].virtual_channel;
+        written += (mask & fire[k].mask) == fire[k].mask;
       }
     }
   }
@@ -226,12 +260,19 @@ void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
 // The output vector is the delayed stream itself: tags that left are
 // q[0, head), those still pending q[head, tail). So a tag that leaves moves
 // nowhere; only those left pending at the block's end go to `pending`.
-template <CoincidenceTimestamp Stamp>
+template <CoincidenceTimestamp Stamp, int kChecks>
 void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
   const detail::ChannelIndex& index = *channels;
   const Tag* const in = tags.data();
   const size_t n = tags.size();
   const size_t per_tag = 1 + fire_stride;
+  int64_t* const last = last_times.data();
+  const int* const all_checks = checks.data();
+  const int* const check_count = check_counts.data();
+  const size_t checks_per_entry = kChecks > 0 ? kChecks : check_stride;
+  const Fire* const all_fires = fires.data();
+  const int* const fire_count = fire_counts.data();
+  const size_t fires_per_entry = fire_stride;
   size_t head = 0;
   size_t tail = 0;
   {
@@ -274,9 +315,11 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
       }
       const int entry = index.find(tag.channel);
       if (entry < 0) continue;
-      const uint64_t mask = windowMask(entry, tag.time, window_now);
-      const Fire* fire = fires.data() + static_cast<size_t>(entry) * fire_stride;
-      const Fire* const end = fire + fire_counts[static_cast<size_t>(entry)];
+      const uint64_t mask =
+          windowMask<kChecks>(last, all_checks + static_cast<size_t>(entry) * checks_per_entry,
+                              check_count[entry], entry, tag.time, window_now);
+      const Fire* fire = all_fires + static_cast<size_t>(entry) * fires_per_entry;
+      const Fire* const end = fire + fire_count[entry];
       for (; fire != end; ++fire) {
         if ((mask & fire->mask) != fire->mask) continue;
         Tag coincidence = tag;
@@ -301,13 +344,19 @@ bool Coincidences::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, int
       runLast(tags, window_now);
       break;
     case CoincidenceTimestamp::Average:
-      runDelayed<CoincidenceTimestamp::Average>(tags, end_time, window_now);
+      withCheckCount([&]<int kChecks>() {
+        runDelayed<CoincidenceTimestamp::Average, kChecks>(tags, end_time, window_now);
+      });
       break;
     case CoincidenceTimestamp::First:
-      runDelayed<CoincidenceTimestamp::First>(tags, end_time, window_now);
+      withCheckCount([&]<int kChecks>() {
+        runDelayed<CoincidenceTimestamp::First, kChecks>(tags, end_time, window_now);
+      });
       break;
     case CoincidenceTimestamp::ListedFirst:
-      runDelayed<CoincidenceTimestamp::ListedFirst>(tags, end_time, window_now);
+      withCheckCount([&]<int kChecks>() {
+        runDelayed<CoincidenceTimestamp::ListedFirst, kChecks>(tags, end_time, window_now);
+      });
       break;
     default:
       throw std::runtime_error("invalid timestamp type for Coincidences Measurement");
