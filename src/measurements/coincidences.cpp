@@ -273,6 +273,7 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
   const Fire* const all_fires = fires.data();
   const int* const fire_count = fire_counts.data();
   const size_t fires_per_entry = fire_stride;
+  const bool padded = fires_padded;
   size_t head = 0;
   size_t tail = 0;
   {
@@ -319,7 +320,8 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
           windowMask<kChecks>(last, all_checks + static_cast<size_t>(entry) * checks_per_entry,
                               check_count[entry], entry, tag.time, window_now);
       const Fire* fire = all_fires + static_cast<size_t>(entry) * fires_per_entry;
-      const Fire* const end = fire + fire_count[entry];
+      const Fire* const end =
+          fire + (padded ? fires_per_entry : static_cast<size_t>(fire_count[entry]));
       for (; fire != end; ++fire) {
         if ((mask & fire->mask) != fire->mask) continue;
         Tag coincidence = tag;
