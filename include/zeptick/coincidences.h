@@ -105,7 +105,7 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   bool checks_padded = false;
   // Per entry, its groups in ascending order, at fire_stride per entry. Where
   // padded, by groups that never fire, so that the loop length does not vary
-  // (1, 2 or 4).
+  // (up to 4).
   std::vector<Fire> fires;
   std::vector<int> fire_counts;  // the real ones
   size_t fire_stride = 0;

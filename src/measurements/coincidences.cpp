@@ -89,7 +89,6 @@ void Coincidences::layOutTests(const std::vector<uint64_t>& group_masks,
   checks_padded = check_stride <= 8;
   if (checks_padded) check_stride = std::bit_ceil(std::max<size_t>(check_stride, 1));
   fires_padded = fire_stride <= 4 && entries < 64;
-  if (fires_padded) fire_stride = std::bit_ceil(fire_stride);
   checks.assign(entries * check_stride, 0);
   check_counts.assign(entries, 0);
   // A mask with the bit of no entry never lies within the window mask.
@@ -206,6 +205,8 @@ void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
         return runLastWith<kChecks, 1>(tags, window_now);
       case 2:
         return runLastWith<kChecks, 2>(tags, window_now);
+      case 3:
+        return runLastWith<kChecks, 3>(tags, window_now);
       default:
         return runLastWith<kChecks, 4>(tags, window_now);
     }
