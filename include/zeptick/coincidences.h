@@ -78,20 +78,22 @@ class ZEPTICK_API Coincidences : public IteratorBase {
   // each entry's groups.
   void layOutTests(const std::vector<uint64_t>& group_masks,
                    const std::vector<std::vector<int>>& groups_of);
-  void forgetAll(int64_t window_now);
+  // The time a firing group stamps, from the last times by entry.
   template <CoincidenceTimestamp Stamp>
-  int64_t groupTime(const Group& group, int64_t time) const;
+  static int64_t groupTime(const Group& group, const int64_t* last, int64_t time);
   // Makes `output` hold at least `size` tags and returns its data.
   Tag* room(size_t size);
-  // Calls fn.operator()<kChecks>() with the padded width of the check table, or 0.
+  // Calls fn(window) with the fastest window test the processor has for these
+  // entries; the plain one is compiled for the padded width of the check table.
   template <class Fn>
-  void withCheckCount(Fn&& fn);
+  void withWindow(Fn&& fn);
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
-  // With kChecks and kFires the padded table widths, or 0 for each entry's own count.
-  template <int kChecks, int kFires>
-  void runLastWith(const std::vector<Tag>& tags, int64_t window_now);
-  template <CoincidenceTimestamp Stamp, int kChecks>
-  void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
+  // With kFires the padded width of the group table, or 0 for each entry's own count.
+  template <int kFires, class Window>
+  void runLastWith(const std::vector<Tag>& tags, int64_t window_now, Window& window);
+  template <CoincidenceTimestamp Stamp, class Window>
+  void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now,
+                  Window& window);
 
   std::vector<Tag> output;
   std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)

@@ -1,15 +1,42 @@
 #include "zeptick/coincidences.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstring>
 #include <set>
 #include <stdexcept>
 
 #include "measurements/channel_index.h"
+#include "measurements/coincidence_windows.h"
 #include "measurements/ring_queue.h"
 
 namespace zeptick {
+
+namespace detail {
+
+namespace {
+std::atomic<WindowForm> fastest_allowed{WindowForm::Avx512};
+}  // namespace
+
+WindowForm coincidenceWindowForm(size_t entries) {
+  if (entries > 8) return WindowForm::Plain;
+#if defined(__x86_64__)
+  static const WindowForm supported =
+      __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") ? WindowForm::Avx512
+      : __builtin_cpu_supports("avx2")                                        ? WindowForm::Avx2
+                                                                              : WindowForm::Plain;
+  return std::min(supported, fastest_allowed.load(std::memory_order_relaxed));
+#else
+  return WindowForm::Plain;
+#endif
+}
+
+void limitCoincidenceWindows(WindowForm fastest) {
+  fastest_allowed.store(fastest, std::memory_order_relaxed);
+}
+
+}  // namespace detail
 
 Coincidences::Coincidences(ZeptickBase* tagger, const std::vector<std::vector<int>>& groups_in,
                            int64_t window, CoincidenceTimestamp timestamp)
@@ -133,45 +160,24 @@ constexpr size_t kChunk = 256;
   q[i] = value;
 }
 
-// Sets the entry's last time and returns the mask of the entries, among those
-// its groups hold, that lie inside the window. `other` lists those entries
-// but the entry itself, `count` of them, or kChecks where kChecks is not 0.
-template <int kChecks>
-[[gnu::always_inline]] inline uint64_t windowMask(int64_t* last, const int* other, int count,
-                                                  int entry, int64_t time, int64_t window_now) {
-  last[entry] = time;
-  // The entry's own test: its tag is 0 old.
-  uint64_t mask = static_cast<uint64_t>(window_now > 0) << entry;
-  const int n = kChecks > 0 ? kChecks : count;
-  for (int k = 0; k < n; ++k) {
-    const int i = other[k];
-    mask |= static_cast<uint64_t>(time - last[i] < window_now) << i;
-  }
-  return mask;
-}
-
 }  // namespace
 
-void Coincidences::forgetAll(int64_t window_now) {
-  std::fill(last_times.begin(), last_times.end(), -window_now);
-}
-
 template <CoincidenceTimestamp Stamp>
-int64_t Coincidences::groupTime(const Group& group, int64_t time) const {
+int64_t Coincidences::groupTime(const Group& group, const int64_t* last, int64_t time) {
   if constexpr (Stamp == CoincidenceTimestamp::Average) {
     // Offsets from the completing tag stay within the window, so their sum
     // cannot overflow as a sum of absolute times could.
     int64_t sum = 0;
-    for (int bit : group.bits) sum += last_times[static_cast<size_t>(bit)] - time;
+    for (int bit : group.bits) sum += last[bit] - time;
     return time + sum / static_cast<int64_t>(group.bits.size());
   } else if constexpr (Stamp == CoincidenceTimestamp::First) {
     int64_t earliest = 0;
     for (int bit : group.bits) {
-      earliest = std::min(earliest, last_times[static_cast<size_t>(bit)] - time);
+      earliest = std::min(earliest, last[bit] - time);
     }
     return time + earliest;
   } else {
-    return last_times[static_cast<size_t>(group.bits.front())];
+    return last[group.bits.front()];
   }
 }
 
@@ -183,49 +189,62 @@ Tag* Coincidences::room(size_t size) {
 }
 
 template <class Fn>
-void Coincidences::withCheckCount(Fn&& fn) {
-  if (!checks_padded) return fn.template operator()<0>();
+void Coincidences::withWindow(Fn&& fn) {
+  int64_t* const last = last_times.data();
+  const size_t entries = last_times.size();
+  switch (detail::coincidenceWindowForm(entries)) {
+#if defined(__x86_64__)
+    case detail::WindowForm::Avx512:
+      return detail::withAvx512Window(last, entries, fn);
+    case detail::WindowForm::Avx2:
+      return detail::withAvx2Window(last, entries, fn);
+#endif
+    default:
+      break;
+  }
+  const auto plain = [&]<int kChecks>() {
+    detail::ListedWindow<kChecks> window(last, entries, checks.data(), check_counts.data(),
+                                         check_stride);
+    fn(window);
+  };
+  if (!checks_padded) return plain.template operator()<0>();
   switch (check_stride) {
     case 1:
-      return fn.template operator()<1>();
+      return plain.template operator()<1>();
     case 2:
-      return fn.template operator()<2>();
+      return plain.template operator()<2>();
     case 4:
-      return fn.template operator()<4>();
+      return plain.template operator()<4>();
     default:
-      return fn.template operator()<8>();
+      return plain.template operator()<8>();
   }
 }
 
 void Coincidences::runLast(const std::vector<Tag>& tags, int64_t window_now) {
-  withCheckCount([&]<int kChecks>() {
-    if (!fires_padded) return runLastWith<kChecks, 0>(tags, window_now);
+  withWindow([&](auto& window) {
+    if (!fires_padded) return runLastWith<0>(tags, window_now, window);
     switch (fire_stride) {
       case 1:
-        return runLastWith<kChecks, 1>(tags, window_now);
+        return runLastWith<1>(tags, window_now, window);
       case 2:
-        return runLastWith<kChecks, 2>(tags, window_now);
+        return runLastWith<2>(tags, window_now, window);
       case 3:
-        return runLastWith<kChecks, 3>(tags, window_now);
+        return runLastWith<3>(tags, window_now, window);
       default:
-        return runLastWith<kChecks, 4>(tags, window_now);
+        return runLastWith<4>(tags, window_now, window);
     }
   });
 }
 
-template <int kChecks, int kFires>
-void Coincidences::runLastWith(const std::vector<Tag>& tags, int64_t window_now) {
+template <int kFires, class Window>
+void Coincidences::runLastWith(const std::vector<Tag>& tags, int64_t window_now, Window& window) {
   // Everything the loop reads stays in locals: a Tag store may alias any
   // member, which would make the compiler reload them after each.
   const detail::ChannelIndex& index = *channels;
   const Tag* const in = tags.data();
   const size_t n = tags.size();
-  int64_t* const last = last_times.data();
-  const int* const all_checks = checks.data();
-  const int* const check_count = check_counts.data();
   const Fire* const all_fires = fires.data();
   const int* const fire_count = fire_counts.data();
-  const size_t checks_per_entry = kChecks > 0 ? kChecks : check_stride;
   const size_t fires_per_entry = kFires > 0 ? kFires : fire_stride;
   const size_t per_tag = 1 + fires_per_entry;
   size_t written = 0;
@@ -237,14 +256,12 @@ void Coincidences::runLastWith(const std::vector<Tag>& tags, int64_t window_now)
       // Whole-tag copies as one 16-byte move each.
       std::memcpy(out + written++, tag, sizeof(Tag));
       if (tag->type != Tag::Type::TimeTag) {
-        forgetAll(window_now);
+        window.forget(window_now);
         continue;
       }
       const int entry = index.find(tag->channel);
       if (entry < 0) continue;
-      const uint64_t mask =
-          windowMask<kChecks>(last, all_checks + static_cast<size_t>(entry) * checks_per_entry,
-                              check_count[entry], entry, tag->time, window_now);
+      const uint64_t mask = window.mask(entry, tag->time, window_now);
       const Fire* const fire = all_fires + static_cast<size_t>(entry) * fires_per_entry;
       const int count = kFires > 0 ? kFires : fire_count[entry];
       // Each group's tag is written in any case and kept only if it fires.
@@ -261,16 +278,13 @@ void Coincidences::runLastWith(const std::vector<Tag>& tags, int64_t window_now)
 // The output vector is the delayed stream itself: tags that left are
 // q[0, head), those still pending q[head, tail). So a tag that leaves moves
 // nowhere; only those left pending at the block's end go to `pending`.
-template <CoincidenceTimestamp Stamp, int kChecks>
-void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now) {
+template <CoincidenceTimestamp Stamp, class Window>
+void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now,
+                              Window& window) {
   const detail::ChannelIndex& index = *channels;
   const Tag* const in = tags.data();
   const size_t n = tags.size();
   const size_t per_tag = 1 + fire_stride;
-  int64_t* const last = last_times.data();
-  const int* const all_checks = checks.data();
-  const int* const check_count = check_counts.data();
-  const size_t checks_per_entry = kChecks > 0 ? kChecks : check_stride;
   const Fire* const all_fires = fires.data();
   const int* const fire_count = fire_counts.data();
   const size_t fires_per_entry = fire_stride;
@@ -312,14 +326,12 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
       // A plain append unless the window shrank since the queued tags were shifted.
       insertPending(q, head, tail, shifted);
       if (tag.type != Tag::Type::TimeTag) {
-        forgetAll(window_now);
+        window.forget(window_now);
         continue;
       }
       const int entry = index.find(tag.channel);
       if (entry < 0) continue;
-      const uint64_t mask =
-          windowMask<kChecks>(last, all_checks + static_cast<size_t>(entry) * checks_per_entry,
-                              check_count[entry], entry, tag.time, window_now);
+      const uint64_t mask = window.mask(entry, tag.time, window_now);
       const Fire* fire = all_fires + static_cast<size_t>(entry) * fires_per_entry;
       const Fire* const end =
           fire + (padded ? fires_per_entry : static_cast<size_t>(fire_count[entry]));
@@ -328,7 +340,8 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
         Tag coincidence = tag;
         coincidence.channel = fire->virtual_channel;
         coincidence.time =
-            groupTime<Stamp>(groups[static_cast<size_t>(fire->group)], tag.time) + window_now;
+            groupTime<Stamp>(groups[static_cast<size_t>(fire->group)], window.times(), tag.time) +
+            window_now;
         insertPending(q, head, tail, coincidence);
       }
     }
@@ -347,18 +360,18 @@ bool Coincidences::next_impl(std::vector<Tag>& tags, int64_t /*begin_time*/, int
       runLast(tags, window_now);
       break;
     case CoincidenceTimestamp::Average:
-      withCheckCount([&]<int kChecks>() {
-        runDelayed<CoincidenceTimestamp::Average, kChecks>(tags, end_time, window_now);
+      withWindow([&](auto& window) {
+        runDelayed<CoincidenceTimestamp::Average>(tags, end_time, window_now, window);
       });
       break;
     case CoincidenceTimestamp::First:
-      withCheckCount([&]<int kChecks>() {
-        runDelayed<CoincidenceTimestamp::First, kChecks>(tags, end_time, window_now);
+      withWindow([&](auto& window) {
+        runDelayed<CoincidenceTimestamp::First>(tags, end_time, window_now, window);
       });
       break;
     case CoincidenceTimestamp::ListedFirst:
-      withCheckCount([&]<int kChecks>() {
-        runDelayed<CoincidenceTimestamp::ListedFirst, kChecks>(tags, end_time, window_now);
+      withWindow([&](auto& window) {
+        runDelayed<CoincidenceTimestamp::ListedFirst>(tags, end_time, window_now, window);
       });
       break;
     default:
