@@ -56,7 +56,6 @@ class ListedWindow {
   void forget(int64_t window) { std::fill(last, last + entries, -window); }
   /// The last times by entry, up to date.
   const int64_t* times() const { return last; }
-  void save() const {}
 
  private:
   int64_t* last;
@@ -71,7 +70,8 @@ class ListedWindow {
 #define ZEPTICK_WINDOW_AVX2 __attribute__((target("avx2")))
 #define ZEPTICK_WINDOW_AVX512 __attribute__((target("avx512f,avx512vl")))
 
-/// Up to eight last times in one register. Its functions are not forced inline:
+/// Up to eight last times in one register, and in memory as well, where a
+/// single store keeps them for the stamps. Its functions are not forced inline:
 /// only a caller built for AVX-512 takes them in, and it must (flatten).
 class Avx512Window {
  public:
@@ -80,17 +80,17 @@ class Avx512Window {
         valid(static_cast<__mmask8>((1u << entries) - 1)),
         held(_mm512_maskz_loadu_epi64(valid, last)) {}
   ZEPTICK_WINDOW_AVX512 uint64_t mask(int entry, int64_t time, int64_t window) {
+    last[entry] = time;
     const __m512i now = _mm512_set1_epi64(time);
     held = _mm512_mask_mov_epi64(held, static_cast<__mmask8>(1u << entry), now);
     return _mm512_mask_cmplt_epi64_mask(valid, _mm512_sub_epi64(now, held),
                                         _mm512_set1_epi64(window));
   }
-  ZEPTICK_WINDOW_AVX512 void forget(int64_t window) { held = _mm512_set1_epi64(-window); }
-  ZEPTICK_WINDOW_AVX512 const int64_t* times() {
+  ZEPTICK_WINDOW_AVX512 void forget(int64_t window) {
+    held = _mm512_set1_epi64(-window);
     _mm512_mask_storeu_epi64(last, valid, held);
-    return last;
   }
-  ZEPTICK_WINDOW_AVX512 void save() { times(); }
+  const int64_t* times() const { return last; }
 
  private:
   int64_t* last;
@@ -109,6 +109,7 @@ class Avx2Window {
     high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lanes + 4));
   }
   ZEPTICK_WINDOW_AVX2 uint64_t mask(int entry, int64_t time, int64_t window) {
+    last[entry] = time;
     const __m256i now = _mm256_set1_epi64x(time);
     const __m256i which = _mm256_set1_epi64x(entry);
     low = _mm256_blendv_epi8(low, now, _mm256_cmpeq_epi64(which, _mm256_setr_epi64x(0, 1, 2, 3)));
@@ -116,15 +117,11 @@ class Avx2Window {
     const __m256i limit = _mm256_set1_epi64x(window);
     return (inside(now, low, limit) | inside(now, high, limit) << 4) & valid;
   }
-  ZEPTICK_WINDOW_AVX2 void forget(int64_t window) { low = high = _mm256_set1_epi64x(-window); }
-  ZEPTICK_WINDOW_AVX2 const int64_t* times() {
-    int64_t lanes[8];
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), low);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes + 4), high);
-    std::copy(lanes, lanes + entries, last);
-    return last;
+  ZEPTICK_WINDOW_AVX2 void forget(int64_t window) {
+    low = high = _mm256_set1_epi64x(-window);
+    std::fill(last, last + entries, -window);
   }
-  ZEPTICK_WINDOW_AVX2 void save() { times(); }
+  const int64_t* times() const { return last; }
 
  private:
   // Bit k for lane k of `held` less than `limit` old at `now`.
@@ -141,13 +138,12 @@ class Avx2Window {
 };
 
 /// Runs fn(window) with the last times held in an AVX-512 window, all of it
-/// built for AVX-512, and writes the times back.
+/// built for AVX-512.
 template <class Fn>
 ZEPTICK_WINDOW_AVX512 __attribute__((flatten)) void withAvx512Window(int64_t* last, size_t entries,
                                                                      Fn&& fn) {
   Avx512Window window(last, entries);
   fn(window);
-  window.save();
 }
 
 template <class Fn>
@@ -155,7 +151,6 @@ ZEPTICK_WINDOW_AVX2 __attribute__((flatten)) void withAvx2Window(int64_t* last, 
                                                                  Fn&& fn) {
   Avx2Window window(last, entries);
   fn(window);
-  window.save();
 }
 
 #endif
