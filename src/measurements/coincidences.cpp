@@ -303,9 +303,14 @@ void Coincidences::runDelayed(const std::vector<Tag>& tags, int64_t end_time, in
   // any new one, so no insertion passes them and the lag changes nothing.
   bool lagging = false;
   int64_t passed = 0;
+  // Insertion keeps q[head, tail) in time order, so the tags that left over a
+  // long lag are found by bisection rather than by a walk over the block.
   const auto catchUp = [&](const Tag* q) {
     if (lagging) {
-      while (head != tail && q[head].time - passed < 0) ++head;
+      head = static_cast<size_t>(
+          std::partition_point(q + head, q + tail,
+                               [&](const Tag& queued) { return queued.time - passed < 0; }) -
+          q);
     }
     lagging = false;
   };

@@ -171,8 +171,9 @@ TEST_F(CoincidencesTest, TagAtEndMinusWindowWaitsAndWindowChangesApplyFromTheNex
   // Queued tags leave before a later tag goes in behind them when times go back, or when a
   // window that fell to 0 or below puts the new tag before them.
   testing::Direct<Coincidences> back(&tagger, Groups{{1, 2}}, 50, Stamp::First);
-  EXPECT_TRUE(sameTags(back.feed({timeTag(3, 100), timeTag(3, 200), timeTag(3, 90)}, 0, 230),
-                       {timeTag(3, 150), timeTag(3, 140)}));
+  EXPECT_TRUE(sameTags(
+      back.feed({timeTag(3, 100), timeTag(3, 150), timeTag(3, 200), timeTag(3, 90)}, 0, 230),
+      {timeTag(3, 150), timeTag(3, 140), timeTag(3, 200)}));
   back.setCoincidenceWindow(-10);
   EXPECT_TRUE(sameTags(back.feed({timeTag(3, 255)}, 300), {timeTag(3, 250), timeTag(3, 245)}));
 }
