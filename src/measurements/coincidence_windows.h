@@ -75,10 +75,14 @@ class ListedWindow {
 /// only a caller built for AVX-512 takes them in, and it must (flatten).
 class Avx512Window {
  public:
+  // Whole-width copies through a local array, so that no access reaches past
+  // the last times, even masked off.
   ZEPTICK_WINDOW_AVX512 Avx512Window(int64_t* last, size_t entries)
-      : last(last),
-        valid(static_cast<__mmask8>((1u << entries) - 1)),
-        held(_mm512_maskz_loadu_epi64(valid, last)) {}
+      : last(last), entries(entries), valid(static_cast<__mmask8>((1u << entries) - 1)) {
+    int64_t lanes[8] = {};
+    std::copy(last, last + entries, lanes);
+    held = _mm512_loadu_si512(lanes);
+  }
   ZEPTICK_WINDOW_AVX512 uint64_t mask(int entry, int64_t time, int64_t window) {
     last[entry] = time;
     const __m512i now = _mm512_set1_epi64(time);
@@ -88,12 +92,13 @@ class Avx512Window {
   }
   ZEPTICK_WINDOW_AVX512 void forget(int64_t window) {
     held = _mm512_set1_epi64(-window);
-    _mm512_mask_storeu_epi64(last, valid, held);
+    std::fill(last, last + entries, -window);
   }
   const int64_t* times() const { return last; }
 
  private:
   int64_t* last;
+  size_t entries;
   __mmask8 valid;
   __m512i held;
 };
