@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "bench_tagger.h"
+#include "measurements/coincidence_windows.h"
 #include "thread_cpu_clock.h"
 #include "zeptick/coincidences.h"
 #include "zeptick/delayed_channel.h"
@@ -126,8 +127,11 @@ void compareWithCopy(benchmark::State& state, Channel& channel) {
 }
 
 // Arguments: the stamp, 0 Last to 3 ListedFirst; 0 for four pairs, 1 for the
-// pairs with a four-fold group and one of all eight inputs beside them.
+// pairs with a four-fold group and one of all eight inputs beside them; 1 to
+// force the plain window test, as a processor without AVX2 runs it.
 void BM_Coincidences(benchmark::State& state) {
+  detail::limitCoincidenceWindows(state.range(2) == 1 ? detail::WindowForm::Plain
+                                                      : detail::WindowForm::Avx512);
   BenchTagger tagger({}, kBlockSpan, 1);
   std::vector<std::vector<int>> groups = {{1, 2}, {3, 4}, {5, 6}, {7, 8}};
   if (state.range(1) == 1) {
@@ -137,8 +141,9 @@ void BM_Coincidences(benchmark::State& state) {
   Fed<Coincidences> coincidences(&tagger, groups, 1500,
                                  static_cast<CoincidenceTimestamp>(state.range(0)));
   compareWithCopy(state, coincidences);
+  detail::limitCoincidenceWindows(detail::WindowForm::Avx512);
 }
-BENCHMARK(BM_Coincidences)->ArgsProduct({{0, 1, 2, 3}, {0, 1}})->UseManualTime();
+BENCHMARK(BM_Coincidences)->ArgsProduct({{0, 1, 2, 3}, {0, 1}, {0, 1}})->UseManualTime();
 
 // Arguments: delay in ps, number of input channels (3 or fewer scan, more hash).
 void BM_DelayedChannel(benchmark::State& state) {

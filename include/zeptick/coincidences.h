@@ -66,25 +66,52 @@ class ZEPTICK_API Coincidences : public IteratorBase {
     std::vector<int> group_channels;  // as listed, repeats kept
     std::vector<int> bits;            // the entry of each of group_channels
   };
+  // One group of an entry's channel: it fires when `mask` lies within the mask
+  // of entries inside the window.
+  struct Fire {
+    uint64_t mask;
+    int virtual_channel;
+    int group;
+  };
 
-  // Marks `last_times` of the tag's entry and returns the mask of entries
-  // inside the window. REQUIRES: lock held.
-  uint64_t updateMask(int entry, int64_t time, int64_t window_now);
-  void forgetAll(int64_t window_now);
-  // Runs the coincidence test for one tag and calls `fire` for each group
-  // that fires, in ascending order. REQUIRES: lock held.
-  template <class Fire>
-  void testTag(const Tag& tag, int64_t window_now, Fire fire);
-  int64_t groupTime(const Group& group, int64_t time) const;
+  // Builds the per-entry tables of the tag loops from each group's mask and
+  // each entry's groups.
+  void layOutTests(const std::vector<uint64_t>& group_masks,
+                   const std::vector<std::vector<int>>& groups_of);
+  // The time a firing group stamps, from the last times by entry.
+  template <CoincidenceTimestamp Stamp>
+  static int64_t groupTime(const Group& group, const int64_t* last, int64_t time);
+  // Makes `output` hold at least `size` tags and returns its data.
+  Tag* room(size_t size);
+  // Calls fn(window) with the fastest window test the processor has for these
+  // entries; the plain one is compiled for the padded width of the check table.
+  template <class Fn>
+  void withWindow(Fn&& fn);
   void runLast(const std::vector<Tag>& tags, int64_t window_now);
-  void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now);
+  // With kFires the padded width of the group table, or 0 for each entry's own count.
+  template <int kFires, class Window>
+  void runLastWith(const std::vector<Tag>& tags, int64_t window_now, Window& window);
+  template <CoincidenceTimestamp Stamp, class Window>
+  void runDelayed(const std::vector<Tag>& tags, int64_t end_time, int64_t window_now,
+                  Window& window);
 
   std::vector<Tag> output;
   std::unique_ptr<detail::ChannelIndex> channels;  // channel to entry (its bit)
   std::vector<int64_t> last_times;                 // per entry
-  std::vector<std::vector<int>> group_indices;     // per entry, ascending
-  std::vector<uint64_t> group_masks;
-  std::vector<uint64_t> relevant_masks;  // per entry, the union of its groups' masks
+  // Per entry, the other entries of its groups, at check_stride per entry; padded
+  // with the entry itself, whose test adds nothing, so that every loop is as long
+  // (1, 2, 4 or 8: the tag loop is compiled for each).
+  std::vector<int> checks;
+  std::vector<int> check_counts;
+  size_t check_stride = 0;
+  bool checks_padded = false;
+  // Per entry, its groups in ascending order, at fire_stride per entry. Where
+  // padded, by groups that never fire, so that the loop length does not vary
+  // (up to 4).
+  std::vector<Fire> fires;
+  std::vector<int> fire_counts;  // the real ones
+  size_t fire_stride = 0;
+  bool fires_padded = false;
   std::vector<Group> groups;
   // Read without the lock by setCoincidenceWindow's early return.
   std::atomic<int64_t> window;

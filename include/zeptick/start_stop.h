@@ -38,9 +38,17 @@ class ZEPTICK_API StartStop : public IteratorBase {
  private:
   template <FastBinning::Mode M>
   void processBlock(const std::vector<Tag>& tags);
+  // A pair that the dense array cannot count yet: one past its present end, or
+  // a difference beyond the near binner's range. REQUIRES: lock held.
+  void countOutside(uint64_t delta);
+  void countDense(uint64_t bin);
 
-  FastBinning binner;
-  std::unordered_map<uint64_t, int64_t> bins;
+  FastBinning binner;       // the whole range of a time difference; for far pairs
+  FastBinning near_binner;  // differences whose bins the dense array can hold
+  // Counts of bins 0 .. size - 1, grown on demand up to a bound; bins past the
+  // bound, rare and possibly far apart, go to the hash map.
+  std::vector<int64_t> dense;
+  std::unordered_map<uint64_t, int64_t> far_bins;
   int click_channel;
   int start_channel;
   int64_t binwidth;
