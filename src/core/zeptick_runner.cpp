@@ -312,6 +312,11 @@ uint32_t ZeptickRunner::takeFence() {
   return current_fence;
 }
 
+bool ZeptickRunner::fencePending() {
+  detail::MutexLock guard(fence_mutex);
+  return fence_pending;
+}
+
 bool ZeptickRunner::waitForFence(uint32_t fence, int timeout) {
   detail::MutexLock guard(fence_mutex);
   auto passed = [this, fence]() ZT_REQUIRES(fence_mutex) {

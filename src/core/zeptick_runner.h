@@ -72,6 +72,8 @@ class ZeptickRunner : public virtual ZeptickBase {
   /// The current fence, marked as taken the way a claimed block takes it: for
   /// a tagger that stamps data with the fence of its arrival, not of its claim.
   uint32_t takeFence();
+  /// Whether a fence was asked for that no block has taken yet.
+  bool fencePending();
 
  private:
   struct CallbacksReturnArguments {

@@ -41,6 +41,7 @@ ZeptickVirtualImpl::ZeptickVirtualImpl(unsigned workers)
 ZeptickVirtualImpl::~ZeptickVirtualImpl() {
   {
     std::lock_guard<std::mutex> guard(queue_mutex);
+    ++wakes;
     wake_cv.notify_all();
   }
   stopWorkers();
@@ -56,8 +57,8 @@ int64_t ZeptickVirtualImpl::nowNs() const {
 
 uint32_t ZeptickVirtualImpl::getFence(bool alloc_fence) {
   const uint32_t fence = ZeptickRunner::getFence(alloc_fence);
-  // Without the queue lock, as a callback on a worker may ask: a wake-up lost to a worker not
-  // yet waiting costs no more than the idle sleep it would have waited anyway.
+  // Without the queue lock, as a callback on a worker may ask. An idle worker that was not yet
+  // waiting sees the pending fence in its wait's predicate instead.
   if (alloc_fence) wake_cv.notify_all();
   return fence;
 }
@@ -97,6 +98,7 @@ uint64_t ZeptickVirtualImpl::replay(const std::string& file, int64_t begin, int6
   entry.fence = fence;
   entry.format = format;
   file_queue.push_back(std::move(entry));
+  ++wakes;
   wake_cv.notify_all();
   return last_id;
 }
@@ -108,6 +110,7 @@ void ZeptickVirtualImpl::stop() {
   settle();
   installReader(nullptr);
   while (!file_queue.empty()) completeFront();
+  ++wakes;
   wake_cv.notify_all();
 }
 
@@ -148,6 +151,7 @@ void ZeptickVirtualImpl::setReplaySpeed(double value) {
     anchor_real = nowNs();
   }
   std::lock_guard<std::mutex> guard(queue_mutex);
+  ++wakes;
   wake_cv.notify_all();
 }
 
@@ -299,12 +303,20 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
   }
   Claim claim;
   if (current_speed == 0.0 || (file_queue.empty() && current_speed < 0.0)) {
-    // Nothing to play: an empty block now and then keeps fences, and so sync(), moving.
+    // Nothing to play: an empty block now and then keeps fences, and so sync(), moving. A
+    // fence no block carries yet goes out at once: sync() right after a recording ends asks
+    // for one while this worker is still on its way here, and would otherwise wait out the
+    // whole idle sleep.
+    const bool owed = fence != carried_fence;
     lock.unlock();
-    wake_cv.wait_for(queue_lock, idle_sleep);
+    const uint64_t seen = wakes;
+    if (!owed) {
+      wake_cv.wait_for(queue_lock, idle_sleep, [&] { return wakes != seen || fencePending(); });
+    }
     queue_lock.unlock();
     lock.lock();
     worker->fence = takeFence();
+    carried_fence = worker->fence;
     handover.waitUntilFinished();
     queue_lock.lock();
     settle();
@@ -319,6 +331,7 @@ bool ZeptickVirtualImpl::readNextBlock(Worker* worker, std::unique_lock<std::mut
       return true;
     }
     worker->fence = fence;
+    carried_fence = fence;
     nothing_in_flight = false;
     Step step;
     while ((step = nextStep(worker, fence, current_speed, claim)) == Step::Drain) {

@@ -158,6 +158,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   ZeptickFile::FileId last_file_id{};
   int64_t last_block_end = 0;
   bool first_block = true;
+  uint32_t carried_fence = 0;  // the fence of the last block handed out
 
   // Claim order, kept at the hand-over; tickets are drawn under block_mutex.
   OrderedBarrier handover;
@@ -184,6 +185,7 @@ class ZeptickVirtualImpl final : public ZeptickRunner, public ZeptickVirtual {
   std::mutex queue_mutex;
   std::condition_variable completion_cv;
   std::condition_variable wake_cv;  // cuts idle and pacing sleeps short
+  uint64_t wakes = 0;               // wake_cv's notifications made under queue_mutex
   uint64_t last_id = 0;
   uint64_t completed_id = 0;
   std::deque<FileQueueEntry> file_queue;
