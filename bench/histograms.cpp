@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench_lap.h"
 #include "bench_tagger.h"
 #include "measurements/histogram_common.h"
 #include "thread_cpu_clock.h"
@@ -36,7 +37,7 @@ constexpr int kBins = 1000;
 
 int64_t binwidthFor(const benchmark::State& state) { return state.range(0) == 0 ? 10 : 1000; }
 
-std::vector<std::vector<Tag>> makeLap() {
+Lap makeLap() {
   std::mt19937_64 rng(2026);
   std::vector<Tag> tags;
   auto poisson = [&](int channel, double rate_hz) {
@@ -56,64 +57,24 @@ std::vector<std::vector<Tag>> makeLap() {
     }
   }
   poisson(2, 2e6 - 1e6);
-  std::sort(tags.begin(), tags.end(), [](const Tag& a, const Tag& b) { return a.time < b.time; });
-
-  std::vector<std::vector<Tag>> blocks(kBlocksPerLap);
-  for (const Tag& tag : tags) {
-    const auto block = static_cast<size_t>(tag.time / kBlockSpan);
-    if (block < blocks.size()) blocks[block].push_back(tag);
-  }
-  return blocks;
+  return Lap(std::move(tags), kBlockSpan, kBlocksPerLap);
 }
-
-// What every measurement must do at least: look at each tag's type and channel.
-__attribute__((noinline)) int64_t scanTags(const std::vector<Tag>& tags) {
-  int64_t first = 0;
-  int64_t second = 0;
-  for (const Tag& tag : tags) {
-    if (tag.type == Tag::Type::TimeTag) {
-      first += tag.channel == 1;
-      second += tag.channel == 2;
-    }
-  }
-  return first + 2 * second;
-}
-
-// A measurement fed by the benchmark itself, so the figures hold its own work
-// and nothing of the runner's.
-template <typename Measurement>
-class Driven : public Measurement {
- public:
-  template <typename... Args>
-  explicit Driven(Args&&... args) : Measurement(std::forward<Args>(args)...) {
-    this->stop();
-    this->clear();
-  }
-  void feed(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-    this->lock();
-    this->next_impl(tags, begin_time, end_time);
-    this->unlock();
-  }
-};
 
 template <typename Measurement, typename... Args>
 void runAgainstScan(benchmark::State& state, Args&&... args) {
   using Clock = ThreadCpuClock;
   detail::forcePlainHistogramKernels(state.range(1) == 1);
-  std::vector<std::vector<Tag>> lap = makeLap();
+  Lap lap = makeLap();
   BenchTagger tagger({}, kBlockSpan, 1);  // no block is ever granted
   Driven<Measurement> measurement(&tagger, std::forward<Args>(args)...);
 
   int64_t tags_done = 0;
-  int64_t lap_offset = 0;
-  size_t block = 0;
   double measurement_seconds = 0;
   double scan_seconds = 0;
   for (auto _ : state) {
-    std::vector<Tag>& tags = lap[block];
-    const int64_t begin = lap_offset + static_cast<int64_t>(block) * kBlockSpan;
+    std::vector<Tag>& tags = lap.tags();
     const auto start = Clock::now();
-    measurement.feed(tags, begin, begin + kBlockSpan);
+    measurement.feed(tags, lap.begin(), lap.end());
     const auto measured = Clock::now();
     benchmark::DoNotOptimize(scanTags(tags));
     const auto scanned = Clock::now();
@@ -122,14 +83,7 @@ void runAgainstScan(benchmark::State& state, Args&&... args) {
     scan_seconds += std::chrono::duration<double>(scanned - measured).count();
     state.SetIterationTime(seconds);
     tags_done += static_cast<int64_t>(tags.size());
-    if (++block == lap.size()) {
-      // The next lap goes on later in time, as a stream does.
-      block = 0;
-      lap_offset += kBlockSpan * kBlocksPerLap;
-      for (auto& lap_block : lap) {
-        for (Tag& tag : lap_block) tag.time += kBlockSpan * kBlocksPerLap;
-      }
-    }
+    lap.advance();
   }
   state.SetItemsProcessed(tags_done);
   state.counters["scan_tags_per_s"] = static_cast<double>(tags_done) / scan_seconds;

@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench_lap.h"
 #include "bench_tagger.h"
 #include "thread_cpu_clock.h"
 #include "zeptick/start_stop.h"
@@ -24,7 +25,7 @@ namespace {
 constexpr int64_t kBlockSpan = 10000000000;  // 10 ms, about 100000 tags
 constexpr int kBlocksPerLap = 10;
 
-std::vector<std::vector<Tag>> makeLap() {
+Lap makeLap() {
   std::mt19937_64 rng(2027);
   std::vector<Tag> tags;
   for (int channel : {1, 2}) {
@@ -33,22 +34,7 @@ std::vector<std::vector<Tag>> makeLap() {
       tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, channel, static_cast<int64_t>(t)});
     }
   }
-  std::sort(tags.begin(), tags.end(), [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  std::vector<std::vector<Tag>> blocks(kBlocksPerLap);
-  for (const Tag& tag : tags) blocks[static_cast<size_t>(tag.time / kBlockSpan)].push_back(tag);
-  return blocks;
-}
-
-__attribute__((noinline)) int64_t scanTags(const std::vector<Tag>& tags) {
-  int64_t clicks = 0;
-  int64_t starts = 0;
-  for (const Tag& tag : tags) {
-    if (tag.type == Tag::Type::TimeTag) {
-      clicks += tag.channel == 2;
-      starts += tag.channel == 1;
-    }
-  }
-  return clicks + 2 * starts;
+  return Lap(std::move(tags), kBlockSpan, kBlocksPerLap);
 }
 
 class HashDivision {
@@ -74,32 +60,18 @@ class HashDivision {
   std::unordered_map<uint64_t, int64_t> bins;
 };
 
-class Driven : public StartStop {
- public:
-  using StartStop::StartStop;
-  void feed(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-    lock();
-    next_impl(tags, begin_time, end_time);
-    unlock();
-  }
-};
-
 void BM_StartStop(benchmark::State& state) {
   using Clock = ThreadCpuClock;
-  std::vector<std::vector<Tag>> lap = makeLap();
+  Lap lap = makeLap();
   BenchTagger tagger({}, kBlockSpan, 1);
-  Driven measurement(&tagger, 2, 1, state.range(0));
-  measurement.stop();
+  Driven<StartStop> measurement(&tagger, 2, 1, state.range(0));
   HashDivision reference(state.range(0));
   int64_t tags_done = 0;
-  int64_t lap_offset = 0;
-  size_t block = 0;
   std::chrono::duration<double> measured{0}, scanned{0}, referenced{0};
   for (auto _ : state) {
-    std::vector<Tag>& tags = lap[block];
-    const int64_t begin = lap_offset + static_cast<int64_t>(block) * kBlockSpan;
+    std::vector<Tag>& tags = lap.tags();
     const auto t0 = Clock::now();
-    measurement.feed(tags, begin, begin + kBlockSpan);
+    measurement.feed(tags, lap.begin(), lap.end());
     const auto t1 = Clock::now();
     benchmark::DoNotOptimize(scanTags(tags));
     const auto t2 = Clock::now();
@@ -110,13 +82,7 @@ void BM_StartStop(benchmark::State& state) {
     referenced += t3 - t2;
     state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
     tags_done += static_cast<int64_t>(tags.size());
-    if (++block == lap.size()) {
-      block = 0;
-      lap_offset += kBlockSpan * kBlocksPerLap;
-      for (auto& lap_block : lap) {
-        for (Tag& tag : lap_block) tag.time += kBlockSpan * kBlocksPerLap;
-      }
-    }
+    lap.advance();
   }
   state.SetItemsProcessed(tags_done);
   state.counters["vs_scan"] = scanned.count() / measured.count();
