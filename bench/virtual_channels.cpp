@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench_lap.h"
 #include "bench_tagger.h"
 #include "measurements/coincidence_windows.h"
 #include "thread_cpu_clock.h"
@@ -49,21 +50,6 @@ std::vector<Tag> busyPattern() {
   }
   return tags;
 }
-
-// A channel fed on the benchmark's thread, as a worker would feed it.
-template <class Channel>
-class Fed : public Channel {
- public:
-  template <class... Args>
-  explicit Fed(Args&&... args) : Channel(std::forward<Args>(args)...) {
-    this->stop();
-  }
-  void feed(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-    this->lock();
-    this->next_impl(tags, begin_time, end_time);
-    this->unlock();
-  }
-};
 
 // The floor of every virtual channel: the block copied into a new vector.
 class PassThrough {
@@ -138,8 +124,8 @@ void BM_Coincidences(benchmark::State& state) {
     groups.push_back({1, 3, 5, 7});
     groups.push_back({1, 2, 3, 4, 5, 6, 7, 8});
   }
-  Fed<Coincidences> coincidences(&tagger, groups, 1500,
-                                 static_cast<CoincidenceTimestamp>(state.range(0)));
+  Driven<Coincidences> coincidences(&tagger, groups, 1500,
+                                    static_cast<CoincidenceTimestamp>(state.range(0)));
   compareWithCopy(state, coincidences);
   detail::limitCoincidenceWindows(detail::WindowForm::Avx512);
 }
@@ -150,7 +136,7 @@ void BM_DelayedChannel(benchmark::State& state) {
   BenchTagger tagger({}, kBlockSpan, 1);
   std::vector<int> inputs;
   for (int c = 1; c <= state.range(1); ++c) inputs.push_back(c);
-  Fed<DelayedChannel> delayed(&tagger, inputs, state.range(0));
+  Driven<DelayedChannel> delayed(&tagger, inputs, state.range(0));
   compareWithCopy(state, delayed);
 }
 BENCHMARK(BM_DelayedChannel)

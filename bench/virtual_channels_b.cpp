@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench_lap.h"
 #include "bench_tagger.h"
 #include "thread_cpu_clock.h"
 #include "zeptick/constant_fraction_discriminator.h"
@@ -50,20 +51,6 @@ std::vector<Tag> pulsePattern() {
                Tag{Tag::Type::OverflowEnd, 0, 0, CHANNEL_UNUSED, middle}});
   return tags;
 }
-
-template <class Channel>
-class Direct : public Channel {
- public:
-  template <class... Args>
-  explicit Direct(Args&&... args) : Channel(std::forward<Args>(args)...) {
-    this->stop();
-  }
-  void feed(std::vector<Tag>& tags, int64_t begin_time, int64_t end_time) {
-    this->lock();
-    this->next_impl(tags, begin_time, end_time);
-    this->unlock();
-  }
-};
 
 // Alternates channel and copy over the same blocks and reports both rates.
 template <class Channel>
@@ -107,7 +94,7 @@ void runAgainstCopy(benchmark::State& state, Channel& channel) {
 
 void BM_ConstantFractionDiscriminator(benchmark::State& state) {
   BenchTagger tagger({}, kBlockSpan, 1);
-  Direct<ConstantFractionDiscriminator> cfd(&tagger, std::vector<int>{1, 2}, state.range(0));
+  Driven<ConstantFractionDiscriminator> cfd(&tagger, std::vector<int>{1, 2}, state.range(0));
   runAgainstCopy(state, cfd);
 }
 // Argument: search window in ps.
@@ -118,7 +105,7 @@ void BM_EventGenerator(benchmark::State& state) {
   // One trigger in six tags, four offsets each: the block grows by two thirds.
   std::vector<int64_t> pattern = {0, 1000, 20000, 300000};
   if (state.range(0) != 0) pattern.front() = -state.range(0);  // holds the stream back
-  Direct<EventGenerator> generator(&tagger, 1, pattern, 1, 0, CHANNEL_UNUSED);
+  Driven<EventGenerator> generator(&tagger, 1, pattern, 1, 0, CHANNEL_UNUSED);
   runAgainstCopy(state, generator);
 }
 // Argument: 0 for a pattern without negative offsets, else the lag in ps.
