@@ -230,11 +230,12 @@ ZeptickFileWriter::TimeTagBlockState* ZeptickFileWriter::encodeBlock(const std::
       // The high words stay: they moved `last`, and the next delta counts from there.
       if (overflow) continue;
     } else if (code == ZeptickFile::SHORT_TAG_OVERFLOW_BEGIN) {
-      valid += tag.time - mark;
+      // A repeated mark changes no state: only the edges count towards the valid time.
+      if (!overflow) valid += tag.time - mark;
       overflow = true;
       marked = true;
     } else if (code == ZeptickFile::SHORT_TAG_OVERFLOW_END) {
-      mark = tag.time;
+      if (overflow) mark = tag.time;
       overflow = false;
       marked = true;
     }

@@ -507,18 +507,23 @@ bool ZeptickVirtualImpl::readBlock(FileQueueEntry& entry, Worker* worker, Claim&
   detail::MutexLock reader_guard(reader_mutex);
   int64_t block_begin = 0;
   int64_t block_end = 0;
+  int64_t skipped_end = -1;
   for (;;) {
     if (!reader->getBlockRange(block_begin, block_end)) {
+      // Where the data end, for the message of a file that ends early: after the blocks skipped.
+      if (skipped_end >= 0) last_block_end = skipped_end;
       entry.has_data = false;
       return false;
     }
     if (entry.begin < block_end - block_begin) break;
     // Skipped blocks come first in an entry, with nothing in flight; a skipped block that fails
-    // its checks ends the file.
+    // its checks ends the file, and the data end where it begins.
     if (!reader->skipBlock()) {
+      last_block_end = block_begin;
       entry.has_data = false;
       return false;
     }
+    skipped_end = block_end;
     entry.begin -= block_end - block_begin;
   }
 
