@@ -31,6 +31,7 @@ namespace {
 
 using namespace testing;
 constexpr int kUnused = CHANNEL_UNUSED;
+using HistogramTest = QuietTaggerTest;
 
 // Holds the histogram kernels to their plain form, or lets them take the
 // processor's fastest, for one scope.
@@ -154,8 +155,7 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST(TimeDifferencesTest, SequenceWaitsForSyncTheLimitWaitsForPendingStartsAndRolesRegister) {
-  TestZeptick tagger("TEST-1", 2);
+TEST_F(HistogramTest, TimeDifferencesSequenceWaitsForSyncAndTheLimitForPendingStarts) {
   {
     // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
     TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
@@ -239,19 +239,7 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-std::vector<int32_t> dataOf(Correlation& correlation) {
-  return collect(correlation, &Correlation::getData);
-}
-std::vector<double> normalizedOf(Correlation& correlation) {
-  return collect(correlation, &Correlation::getDataNormalized);
-}
-
-class CorrelationTest : public ::testing::Test {
- protected:
-  TestZeptick tagger{"TEST-1", 4};
-};
-
-TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
   const Config configs[] = {
       {1, 2, 1, 64},           // identity binning, even range
       {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
@@ -282,16 +270,16 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       correlation.stop();
       const Expected expected = reference(c, testing::concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 50);
-      const std::vector<int32_t> data = dataOf(correlation);
+      const std::vector<int32_t> data = collect(correlation, &Correlation::getData);
       ASSERT_EQ(data, expected.data);
 
-      // It saw idle blocks around the stream as well; their time counts, the overflows' does not.
+      // Time inside overflows is not capture time.
       const double captured =
           static_cast<double>(correlation.getCaptureDuration() - expected.overflow_time);
       const double pairs_expected = static_cast<double>(c.binwidth) *
                                     static_cast<double>(expected.counts[0]) *
                                     static_cast<double>(expected.counts[1]) / captured;
-      const std::vector<double> normalized = normalizedOf(correlation);
+      const std::vector<double> normalized = collect(correlation, &Correlation::getDataNormalized);
       for (size_t i = 0; i < data.size(); ++i) {
         EXPECT_NEAR(normalized[i] * pairs_expected, data[i], 1e-9 * (data[i] + 1)) << i;
       }
@@ -300,33 +288,35 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(CorrelationTest, IndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
+TEST_F(HistogramTest,
+       CorrelationIndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
   // 3 bins of 5 ps: half range 7, the range 15 is odd.
   Correlation odd(&tagger, 1, 2, 5, 3);
   EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
   Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
   testing::Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
-  correlation.clear();  // forgets the capture time of idle blocks it saw
   // Before any tag every normalised bin is 0 x (0 / 0).
-  for (double value : normalizedOf(correlation)) EXPECT_TRUE(std::isnan(value));
+  for (double value : collect(correlation, &Correlation::getDataNormalized))
+    EXPECT_TRUE(std::isnan(value));
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
   // An end with no begin (started inside an overflow) drops the capture time before it, but no
   // counts.
   correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
-  EXPECT_EQ(dataOf(correlation), (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-  EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], 100.0 / (10.0 * 1 * 2));
+  EXPECT_EQ(collect(correlation, &Correlation::getData),
+            (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+  EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
+                   100.0 / (10.0 * 1 * 2));
 }
 
 }  // namespace correlation
 
-namespace start_stop {
 using Rows = std::vector<std::pair<int64_t, int64_t>>;
 
 // For each click, look back for what came last among starts, clicks and non-time tags: only a start
 // (other than one at time 0) makes a pair. A tag on both channels is a start for the clicks after
 // it, not for itself.
-Rows reference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
+Rows startStopReference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
   if (start == kUnused) start = click;
   std::map<int64_t, int64_t> counts;
   for (size_t j = 0; j < tags.size(); ++j) {
@@ -353,12 +343,7 @@ Rows rowsOf(StartStop& measurement, std::vector<size_t>* sizes = nullptr) {
   return rows;
 }
 
-class StartStopTest : public ::testing::Test {
- protected:
-  TestZeptick tagger{"TEST-1", 4};
-};
-
-TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
   struct Config {
     int click, start;
     int64_t binwidth;
@@ -388,7 +373,7 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       const std::vector<Tag> delivered = testing::concatenate(testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40))));
       const Rows expected =
-          c.binwidth > 0 ? reference(c.click, c.start, c.binwidth, delivered) : Rows{};
+          c.binwidth > 0 ? startStopReference(c.click, c.start, c.binwidth, delivered) : Rows{};
       const Rows got = rowsOf(measurement);
       if (c.binwidth > 0) {
         ASSERT_GT(expected.size(), 3u);
@@ -396,7 +381,8 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       } else {
         // Mode 0: everything at bin 0, as many as the reference pairs up with width 1.
         int64_t pairs = 0;
-        for (const auto& row : reference(c.click, c.start, 1, delivered)) pairs += row.second;
+        for (const auto& row : startStopReference(c.click, c.start, 1, delivered))
+          pairs += row.second;
         EXPECT_EQ(got, (Rows{{0, pairs}}));
       }
     }
@@ -404,7 +390,7 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(StartStopTest, AStartAtZeroOrBeforeARestartOrClearNeverOpens) {
+TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
   testing::Direct<StartStop> m(&tagger, 1, 2, 10);
   std::vector<size_t> asked;
   EXPECT_TRUE(rowsOf(m, &asked).empty());
@@ -422,19 +408,43 @@ TEST_F(StartStopTest, AStartAtZeroOrBeforeARestartOrClearNeverOpens) {
   EXPECT_EQ(tagger.registrations(3), 1);
 }
 
-}  // namespace start_stop
+// Pair lengths the random streams never reach: bins on either side of the array kept for near bins,
+// and far ones counted apart.
+TEST_F(HistogramTest, StartStopCountsNearAndFarPairsLikeAPlainDivision) {
+  constexpr int64_t kNearEdge = int64_t{1} << 20;  // in bins
+  for (int64_t width : {int64_t{1}, int64_t{1000}, int64_t{3}}) {
+    std::mt19937_64 rng(static_cast<uint64_t>(width));
+    auto draw = [&](int64_t low, int64_t high) {
+      return std::uniform_int_distribution<int64_t>(low, high)(rng);
+    };
+    std::map<int64_t, int64_t> expected;       // bin start to count
+    TagStream stream{{}, 1000, 1000};          // a start at 0 never opens
+    for (int pair = 0; pair < 3000; ++pair) {  // short, near the edge, far
+      const int64_t length = pair % 3 == 0   ? draw(0, 3000 * width)
+                             : pair % 3 == 1 ? kNearEdge * width + draw(-3 * width, 3 * width)
+                                             : draw(kNearEdge * width, int64_t{1} << 42);
+      stream.tags.insert(stream.tags.end(),
+                         {timeTag(2, stream.end_time), timeTag(1, stream.end_time + length)});
+      ++expected[length / width * width];
+      stream.end_time += length + 1;
+    }
+    testing::Direct<StartStop> measurement(&tagger, 1, 2, width);
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 60))) {
+      measurement.feed(block.tags, block.begin_time, block.end_time);
+    }
+    Rows want(expected.begin(), expected.end());
+    EXPECT_EQ(rowsOf(measurement), want) << "width " << width;
+  }
+}
 
-namespace histogram_2d {
 using DirectHistogram2D = testing::Direct<Histogram2D>;
 
 std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
   return testing::collect(h, &Histogram2D::getData, sizes);
 }
 
-using Histogram2DTest = QuietTaggerTest;
-
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
-TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
+TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
   DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
   std::vector<size_t> sizes;
   EXPECT_EQ(testing::collect(h, &Histogram2D::getIndex, &sizes),
@@ -459,8 +469,9 @@ TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
 
 // Every start, scanned forward on its own: its event completes at the first tag by which both stops
 // have been seen, and is lost if another start or a tag other than a time tag comes first.
-std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int stop_1, int stop_2,
-                                int64_t width_1, int64_t width_2, int rows, int columns) {
+std::vector<int32_t> bruteForce2D(const std::vector<Block>& blocks, int start, int stop_1,
+                                  int stop_2, int64_t width_1, int64_t width_2, int rows,
+                                  int columns) {
   std::vector<Tag> line;
   for (const Block& block : blocks) line.insert(line.end(), block.tags.begin(), block.tags.end());
   std::vector<int32_t> cells(static_cast<size_t>(rows * columns), 0);
@@ -484,16 +495,11 @@ std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int
   return cells;
 }
 
-}  // namespace histogram_2d
-
-namespace time_differences_nd {
 std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
   return testing::collect(h, &TimeDifferencesND::getData, sizes);
 }
 
-using TimeDifferencesNDTest = QuietTaggerTest;
-
-TEST_F(TimeDifferencesNDTest, ClearKeepsTheSequencesAndNoDimensionCountsNothing) {
+TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCountsNothing) {
   // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
   testing::Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
   // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
@@ -527,7 +533,7 @@ struct NDSetup {
 // last sync or the last tag other than a time tag, minus one; it wraps without a sync channel and
 // is void past its end with one. Each click then meets every valid start within range, with no
 // queue.
-std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& blocks) {
+std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& blocks) {
   const size_t dims = s.next.size();
   int64_t histograms = 1;
   for (int n : s.n_histograms) histograms *= n;
@@ -568,8 +574,6 @@ std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& bloc
   return data;
 }
 
-}  // namespace time_differences_nd
-
 // Both grids through the runner on one stream however cut, each against its brute force.
 TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
   TestZeptick tagger("TEST-1", 3);
@@ -586,7 +590,7 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
       {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
       {2, 2, 2, 10, 10, 2, 2},    // one channel: every tag is its own event
   };
-  const std::vector<time_differences_nd::NDSetup> setups_nd = {
+  const std::vector<NDSetup> setups_nd = {
       {1, 2, {3}, {}, {3}, 7, 20},                                   // one wrapping dimension
       {1, 2, {3, 4}, {5, -2}, {2, 3}, 8, 16},                        // both synced
       {1, 2, {3, 4, 3}, {5, CHANNEL_UNUSED, -2}, {2, 4, 3}, 1, 90},  // mixed, a shared next channel
@@ -595,7 +599,7 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
   };
   for (uint64_t seed = 1; seed <= 10; ++seed) {
     const Setup& s = setups_2d[seed % setups_2d.size()];
-    const time_differences_nd::NDSetup& nd = setups_nd[seed % setups_nd.size()];
+    const NDSetup& nd = setups_nd[seed % setups_nd.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     const TagStream stream = makeRandomStream(rng, {.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2},
@@ -611,18 +615,17 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
                                 nd.binwidth, nd.n_bins);
       const std::vector<Block> seen = testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const std::vector<int32_t> cells = histogram_2d::bruteForce(
-          seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
+      const std::vector<int32_t> cells =
+          bruteForce2D(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
       ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
-      EXPECT_EQ(histogram_2d::grid(grid_2d), cells);
-      const std::vector<int32_t> bins = time_differences_nd::bruteForce(nd, seen);
+      EXPECT_EQ(grid(grid_2d), cells);
+      const std::vector<int32_t> bins = bruteForceND(nd, seen);
       ASSERT_GT(std::accumulate(bins.begin(), bins.end(), 0), 100);
-      EXPECT_EQ(time_differences_nd::histograms(grid_nd), bins);
+      EXPECT_EQ(histograms(grid_nd), bins);
     }
   }
 }
 
-namespace log_bins {
 using DirectLogBins = testing::Direct<HistogramLogBins>;
 
 std::vector<uint64_t> counts(HistogramLogBins& h) {
@@ -635,9 +638,7 @@ std::vector<double> g2(HistogramLogBins& h) {
   return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
 }
 
-using HistogramLogBinsTest = QuietTaggerTest;
-
-TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
+TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
   DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
   EXPECT_EQ(edges(decades), (std::vector<int64_t>{1, 10, 100, 1000}));
   EXPECT_EQ(counts(decades).size(), 3u);
@@ -674,8 +675,8 @@ struct LogReference {
   double capture = 0;
 };
 
-LogReference bruteForce(const std::vector<int64_t>& e, int click, int start,
-                        const std::vector<Block>& blocks) {
+LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
+                           const std::vector<Block>& blocks) {
   LogReference ref;
   ref.counts.assign(e.size() - 1, 0);
   const int64_t range = e.back();
@@ -770,7 +771,7 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
                                                   s.exp_stop, s.n_bins);
       const std::vector<Block> seen = testing::deliver(
           tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const LogReference ref = bruteForce(edges(*h), s.click, s.start, seen);
+      const LogReference ref = bruteForceLog(edges(*h), s.click, s.start, seen);
       ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
       const std::vector<int64_t> e = edges(*h);
@@ -790,8 +791,6 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     }
   }
 }
-
-}  // namespace log_bins
 
 }  // namespace
 }  // namespace zeptick

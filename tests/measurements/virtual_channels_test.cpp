@@ -33,11 +33,28 @@ namespace zeptick {
 namespace {
 
 using namespace testing;
+using ::testing::_;
+using ::testing::NiceMock;
+using ::testing::Return;
+using CFD = ConstantFractionDiscriminator;
+using Groups = std::vector<std::vector<int>>;
+using Stamp = CoincidenceTimestamp;
+using VirtualChannelTest = QuietTaggerTest;
 
-namespace combiner {
+// `stream` (in time order) with `added` merged in by time, each behind the stream tags of its time;
+// only what lies before `end` is kept.
+std::vector<Tag> behindStreamTags(std::vector<Tag> stream, const std::vector<Tag>& added,
+                                  int64_t end) {
+  stream.insert(stream.end(), added.begin(), added.end());
+  std::stable_sort(stream.begin(), stream.end(),
+                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
+  std::erase_if(stream, [end](const Tag& tag) { return tag.time >= end; });
+  return stream;
+}
+
 // The whole output from the rules: each tag, then one copy per listing of its channel, whatever its
 // type.
-std::vector<Tag> reference(const std::vector<Tag>& in, const std::vector<int>& listed) {
+std::vector<Tag> combinerReference(const std::vector<Tag>& in, const std::vector<int>& listed) {
   std::vector<Tag> out;
   for (const Tag& tag : in) {
     out.push_back(tag);
@@ -48,9 +65,7 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::vector<int>& l
   return out;
 }
 
-using CombinerTest = QuietTaggerTest;
-
-TEST_F(CombinerTest, CopiesAndCountsEveryListedTagOncePerListingOnRandomStreams) {
+TEST_F(VirtualChannelTest, CombinerCopiesEveryListedTagOncePerListingOnRandomStreams) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
@@ -63,7 +78,7 @@ TEST_F(CombinerTest, CopiesAndCountsEveryListedTagOncePerListingOnRandomStreams)
       const auto out = checkVirtualChannel(stream, [&listed](TestZeptick* tagger) {
         return std::make_unique<Combiner>(tagger, listed);
       });
-      EXPECT_TRUE(sameTags(out.output, reference(stream.tags, listed)));
+      EXPECT_TRUE(sameTags(out.output, combinerReference(stream.tags, listed)));
     }
     // Counts per entry survive stop and start; missed-events tags count like time tags.
     const std::vector<int> listed = {2, -1, 2, 9};
@@ -84,18 +99,12 @@ TEST_F(CombinerTest, CopiesAndCountsEveryListedTagOncePerListingOnRandomStreams)
   }
 }
 
-}  // namespace combiner
-
-namespace coincidences {
-using Groups = std::vector<std::vector<int>>;
-using Stamp = CoincidenceTimestamp;
-
 // The whole output stream worked out from the rules with plain scans: a group fires on a time tag
 // of one of its channels when the latest tag of each of its channels, not behind an error or
 // overflow tag, is less than `window` old. The delayed stamps shift everything by `window` and
 // order by time, keeping stream order among equal times with new tags right after their source.
-std::vector<Tag> reference(const TagStream& stream, const Groups& groups, int64_t window,
-                           Stamp stamp, int64_t run_end) {
+std::vector<Tag> coincidencesReference(const TagStream& stream, const Groups& groups,
+                                       int64_t window, Stamp stamp, int64_t run_end) {
   const std::vector<Tag>& in = stream.tags;
   std::vector<Tag> out;
   for (size_t i = 0; i < in.size(); ++i) {
@@ -140,9 +149,7 @@ std::vector<Tag> reference(const TagStream& stream, const Groups& groups, int64_
   return out;
 }
 
-using CoincidencesTest = QuietTaggerTest;
-
-TEST_F(CoincidencesTest, TagAtEndMinusWindowWaitsAndWindowChangesApplyFromTheNextBlock) {
+TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
   testing::Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
   const int vc = direct.getChannels()[0];
   EXPECT_TRUE(sameTags(direct.feed({timeTag(1, 899), timeTag(1, 900)}, 0, 1000),
@@ -209,20 +216,18 @@ TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
             return std::make_unique<Coincidences>(tagger, groups, window, stamp);
           },
           rules);
-      EXPECT_TRUE(sameTags(out.output, reference(stream, groups, window, stamp, out.end_time)));
+      EXPECT_TRUE(
+          sameTags(out.output, coincidencesReference(stream, groups, window, stamp, out.end_time)));
       EXPECT_GE(out.inserted.size(), 300u);
     }
   }
   detail::limitCoincidenceWindows(detail::WindowForm::Avx512);
 }
 
-}  // namespace coincidences
-
-namespace delayed {
 // The whole output worked out from the rules, tag by tag, with lookups over the input instead of a
 // queue. `virtual_of` maps each input channel to its copy.
-std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>& virtual_of,
-                           int64_t delay, int64_t run_end) {
+std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::map<int, int>& virtual_of,
+                                  int64_t delay, int64_t run_end) {
   // Overflow state after the first k input tags, and errors among them.
   std::vector<bool> overflow_after(in.size() + 1, false);
   std::vector<int> errors_before(in.size() + 1, 0);
@@ -239,13 +244,11 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>&
         in.begin());
   };
 
-  // (tag, rank among equal times): passing tags before copies with a delay of 0 or more, copies
-  // before the lagging stream with a negative one.
-  std::vector<std::pair<Tag, int>> out;
+  std::vector<Tag> passing;
+  std::vector<Tag> copies;
   for (size_t i = 0; i < in.size(); ++i) {
-    Tag passing = in[i];
-    if (delay < 0) passing.time -= delay;
-    out.push_back({passing, delay < 0 ? 1 : 0});
+    passing.push_back(in[i]);
+    if (delay < 0) passing.back().time -= delay;
     if (in[i].type != Tag::Type::TimeTag || !virtual_of.contains(in[i].channel)) continue;
     Tag copy = timeTag(virtual_of.at(in[i].channel), in[i].time);
     bool overflow = false;
@@ -257,22 +260,15 @@ std::vector<Tag> reference(const std::vector<Tag>& in, const std::map<int, int>&
     } else {
       overflow = overflow_after[tags_up_to(in[i].time + delay - 1)];
     }
-    if (overflow) copy = missedTag(copy.channel, copy.time, 1);
-    out.push_back({copy, delay < 0 ? 0 : 1});
+    copies.push_back(overflow ? missedTag(copy.channel, copy.time, 1) : copy);
   }
-  std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) {
-    return a.first.time != b.first.time ? a.first.time < b.first.time : a.second < b.second;
-  });
-  std::vector<Tag> tags;
-  for (const auto& entry : out) {
-    if (entry.first.time < run_end) tags.push_back(entry.first);
-  }
-  return tags;
+  // Passing tags go before copies of their time with a delay of 0 or more, after them with a
+  // negative one.
+  return delay < 0 ? behindStreamTags(copies, passing, run_end)
+                   : behindStreamTags(passing, copies, run_end);
 }
 
-using DelayedChannelTest = QuietTaggerTest;
-
-TEST_F(DelayedChannelTest, DelayChangesFollowTheSignRulesAndOnlyLoweringDropsQueuedCopies) {
+TEST_F(VirtualChannelTest, DelayChangesFollowTheSignRulesAndOnlyLoweringDropsCopies) {
   // The first input's copy is the channel; with no input there is none.
   Direct<DelayedChannel> several(&tagger, std::vector<int>{3, -3, 5}, -20);
   EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
@@ -351,18 +347,16 @@ TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
     for (size_t i = 0; i < c.inputs.size(); ++i) {
       virtual_of[c.inputs[i]] = kFirstVirtualChannel + static_cast<int>(i);
     }
-    EXPECT_TRUE(sameTags(out.output, reference(stream.tags, virtual_of, c.delay, out.end_time)));
+    EXPECT_TRUE(
+        sameTags(out.output, delayedReference(stream.tags, virtual_of, c.delay, out.end_time)));
     EXPECT_GT(out.inserted.size(), 100u);
   }
 }
 
-}  // namespace delayed
-
-namespace gated {
 // Copies expected from the rules, asked per tag by looking back: an input tag is copied unless it
 // is a stop tag, when it is itself a start tag or when the nearest earlier start tag is not
 // followed by a stop or a non-time tag.
-std::vector<Tag> reference(const std::vector<Tag>& in, int input, int start, int stop) {
+std::vector<Tag> gatedReference(const std::vector<Tag>& in, int input, int start, int stop) {
   std::vector<Tag> copies;
   for (size_t i = 0; i < in.size(); ++i) {
     const Tag& tag = in[i];
@@ -377,9 +371,7 @@ std::vector<Tag> reference(const std::vector<Tag>& in, int input, int start, int
   return copies;
 }
 
-TEST(GatedChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
-  TestZeptick tagger("TEST-1", 2);
-  tagger.setIdleSpan(0);
+TEST_F(VirtualChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
   testing::Direct<GatedChannel> gated(&tagger, 1, 2, 3);
   const int vc = gated.getChannel();
   gated.feed({timeTag(2, 10)}, 0, 100);
@@ -401,7 +393,7 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
          {std::tuple{1, 2, 3}, std::tuple{2, 2, 3}, std::tuple{1, 3, 1}, std::tuple{1, 5, 2}}) {
       SCOPED_TRACE(std::to_string(input) + " " + std::to_string(start) + " " +
                    std::to_string(stop));
-      const std::vector<Tag> expected = reference(stream.tags, input, start, stop);
+      const std::vector<Tag> expected = gatedReference(stream.tags, input, start, stop);
       const auto out = checkVirtualChannel(stream, [=](TestZeptick* tagger) {
         return std::make_unique<GatedChannel>(tagger, input, start, stop);
       });
@@ -413,14 +405,11 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   }
 }
 
-}  // namespace gated
-
-namespace frequency_multiplier {
 // The output of one block from the rules, with the whole period's schedule worked out at once: each
 // input tag after the first copies itself and schedules t + period * k / m for k = 1 .. m - 1,
 // replacing the previous schedule; scheduled tags go out before the first later time tag or at the
 // block's end; tags that are not time tags cancel everything.
-std::vector<Tag> reference(const TagStream& stream, int input, int multiplier) {
+std::vector<Tag> multiplierReference(const TagStream& stream, int input, int multiplier) {
   const int vc = kFirstVirtualChannel;
   std::vector<Tag> out;
   std::deque<int64_t> schedule;
@@ -453,9 +442,7 @@ std::vector<Tag> reference(const TagStream& stream, int input, int multiplier) {
   return out;
 }
 
-TEST(FrequencyMultiplierTest, TimeZeroNonTimeTagsAndRestarts) {
-  TestZeptick tagger("TEST-1", 2);
-  tagger.setIdleSpan(0);
+TEST_F(VirtualChannelTest, FrequencyMultiplierTimeZeroNonTimeTagsAndRestarts) {
   // Multipliers below 2 only copy.
   for (int factor : {1, 0, -5})
     EXPECT_EQ(Direct<FrequencyMultiplier>(&tagger, 1, factor).getMultiplier(), 1);
@@ -484,7 +471,13 @@ TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
     std::mt19937_64 rng(seed);
     const TagStream with_overflows =
         makeRandomStream(rng, {.channels = {1, 2, 3}, .tags = 1500, .mean_gap = 700});
-    const TagStream time_tags_only = testing::makeTimeTagStream(rng, {1, 2, 3}, 1500, 700);
+    const TagStream time_tags_only = makeRandomStream(rng, {.channels = {1, 2, 3},
+                                                            .tags = 1500,
+                                                            .mean_gap = 700,
+                                                            .equal_time_percent = 0,
+                                                            .burst_percent = 0,
+                                                            .error_percent = 0,
+                                                            .overflow_percent = 0});
     for (int factor : {1, 2, 3, 7}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + " multiplier " + std::to_string(factor));
       auto make = [factor](TestZeptick* tagger) {
@@ -492,21 +485,18 @@ TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
       };
       // Time tags alone give the same output however the blocks are cut.
       auto out = checkVirtualChannel(time_tags_only, make);
-      EXPECT_TRUE(sameTags(out.output, reference(time_tags_only, 1, factor)));
+      EXPECT_TRUE(sameTags(out.output, multiplierReference(time_tags_only, 1, factor)));
       EXPECT_GE(out.inserted.size(), 400u * static_cast<size_t>(factor) / 2);
       // A non-time tag drops an extrapolation that a block end before it would have let out, so
       // here only the one-block run is compared.
       VirtualChannelRules rules;
       rules.cut_invariant = false;
       out = checkVirtualChannel(with_overflows, make, rules);
-      EXPECT_TRUE(sameTags(out.output, reference(with_overflows, 1, factor)));
+      EXPECT_TRUE(sameTags(out.output, multiplierReference(with_overflows, 1, factor)));
     }
   }
 }
 
-}  // namespace frequency_multiplier
-
-namespace event_generator {
 struct GeneratorSetup {
   int trigger = 1;
   std::vector<int64_t> pattern;
@@ -520,8 +510,8 @@ struct GeneratorSetup {
 // its time, by an error at or before it that had not yet left the (lagging) stream when its trigger
 // came, and becomes a missed-events tag if it falls inside an overflow. It leaves right behind the
 // stream tags of its own time.
-std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& setup,
-                           int virtual_channel, int64_t run_end) {
+std::vector<Tag> generatorReference(const std::vector<Tag>& input, const GeneratorSetup& setup,
+                                    int virtual_channel, int64_t run_end) {
   int64_t lag = 0;
   for (int64_t p : setup.pattern) lag = std::max(lag, -p);
   const bool lagging = lag > 0;
@@ -545,7 +535,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& 
         if (!lagging && j > i && s.time <= g) cancelled = true;
         if (lagging && trigger.time <= s.time + lag && s.time + lag <= g) cancelled = true;
       }
-      if (cancelled || g >= run_end) continue;
+      if (cancelled) continue;
       bool overflow = false;
       for (const Tag& s : input) {
         if (s.time + lag > g) break;
@@ -556,24 +546,12 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const GeneratorSetup& 
                                    : timeTag(virtual_channel, g));
     }
   }
-  std::stable_sort(generated.begin(), generated.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  std::vector<Tag> out;
-  size_t next = 0;
-  for (Tag tag : input) {
-    tag.time += lag;
-    while (next < generated.size() && generated[next].time < tag.time) {
-      out.push_back(generated[next++]);
-    }
-    if (tag.time < run_end) out.push_back(tag);
-  }
-  out.insert(out.end(), generated.begin() + static_cast<ptrdiff_t>(next), generated.end());
-  return out;
+  std::vector<Tag> out = input;
+  for (Tag& tag : out) tag.time += lag;
+  return behindStreamTags(std::move(out), generated, run_end);
 }
 
-using EventGeneratorTest = QuietTaggerTest;
-
-TEST_F(EventGeneratorTest, EmptyPatternPassesTheStreamUnchangedAndStopIsNotRegistered) {
+TEST_F(VirtualChannelTest, EventGeneratorWithoutPatternPassesTheStreamUnchanged) {
   Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{}, 1, 0, 2);
   const std::vector<Tag> in = {timeTag(1, 10), marker(Tag::Type::Error, 20)};
   EXPECT_TRUE(sameTags(generator.feed(in, 0, 100), in));
@@ -613,16 +591,12 @@ TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
           return generator;
         },
         rules);
-    const std::vector<Tag> expected = reference(stream.tags, setup, virtual_channel, out.end_time);
+    const std::vector<Tag> expected =
+        generatorReference(stream.tags, setup, virtual_channel, out.end_time);
     EXPECT_TRUE(sameTags(out.output, expected));
     EXPECT_GT(out.inserted.size(), 50u);
   }
 }
-
-}  // namespace event_generator
-
-namespace cfd {
-using CFD = ConstantFractionDiscriminator;
 
 // The discriminator's rules worked out on the whole stream at once. A pulse is a tag on a listed
 // channel followed by one on its inverted channel with no pulse end between; its midpoint counts if
@@ -630,9 +604,9 @@ using CFD = ConstantFractionDiscriminator;
 // tag throws away every pulse begun and every delayed tag that had not yet left; a delayed tag has
 // left once some later time tag or block end (in `block_ends`) was beyond it. Entry i of `channels`
 // leads the pulses that `numbers[i]` marks.
-std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int64_t>& block_ends,
-                           const std::vector<int>& channels, const std::vector<int>& numbers,
-                           int64_t window) {
+std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<int64_t>& block_ends,
+                              const std::vector<int>& channels, const std::vector<int>& numbers,
+                              int64_t window) {
   const int64_t half = window / 2;
   std::vector<Tag> out;
   std::vector<Tag> held;        // delayed or midpoint tags since the last drop
@@ -681,15 +655,13 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int6
   return sortedWithinEqualTimes(out);
 }
 
-using CfdTest = QuietTaggerTest;
-
-TEST_F(CfdTest, NumbersOneVirtualChannelPerPair) {
+TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPair) {
   CFD cfd(&tagger, {2, 3, 2}, 100);
   EXPECT_EQ(cfd.getChannels(), (std::vector<int>{1000, 1001, 1000}));
   for (int channel : {2, -2, 3, -3}) EXPECT_EQ(tagger.registrations(channel), 1) << channel;
 }
 
-TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
+TEST_F(VirtualChannelTest, CfdMatchesTheRulesOnRandomStreamsCutAnywhere) {
   std::mt19937_64 rng(99);
   for (int trial = 0; trial < 30; ++trial) {
     // Both edges of one input listed: each closes the pulse the other opened.
@@ -720,18 +692,11 @@ TEST_F(CfdTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
                                [](const Tag& a, const Tag& b) { return a.time < b.time; }))
         << "trial " << trial;
     const std::vector<Tag> expected =
-        reference(stream.tags, ends, channels, cfd.getChannels(), window);
+        cfdReference(stream.tags, ends, channels, cfd.getChannels(), window);
     ASSERT_TRUE(sameTags(sortedWithinEqualTimes(actual), expected))
         << "trial " << trial << ", window " << window;
   }
 }
-
-}  // namespace cfd
-
-namespace average {
-using ::testing::_;
-using ::testing::NiceMock;
-using ::testing::Return;
 
 // A hardware tagger whose stream, fences and channel registry are those of the test tagger, with
 // mocked hardware operations and as many channels as the test asks for (the test tagger has too few
@@ -795,8 +760,8 @@ class RunningMock final : public NiceMock<MockZeptick> {
 // less the rounded-down mean difference. Anything but a time tag forgets all latest times. Every
 // tag leaves with its own time, means behind stream tags of the same time, and only what lies more
 // than a window before the end leaves at all.
-std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>& channels,
-                           int64_t window, int virtual_channel, int64_t run_end) {
+std::vector<Tag> averageReference(const std::vector<Tag>& input, const std::vector<int>& channels,
+                                  int64_t window, int virtual_channel, int64_t run_end) {
   std::vector<Tag> means;
   std::vector<std::optional<int64_t>> latest(channels.size());
   for (const Tag& tag : input) {
@@ -818,17 +783,7 @@ std::vector<Tag> reference(const std::vector<Tag>& input, const std::vector<int>
       }
     }
   }
-  std::vector<Tag> out;
-  std::stable_sort(means.begin(), means.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  size_t next = 0;
-  for (const Tag& tag : input) {
-    while (next < means.size() && means[next].time < tag.time) out.push_back(means[next++]);
-    out.push_back(tag);
-  }
-  out.insert(out.end(), means.begin() + static_cast<ptrdiff_t>(next), means.end());
-  std::erase_if(out, [&](const Tag& tag) { return tag.time + window >= run_end; });
-  return out;
+  return behindStreamTags(input, means, run_end - window);
 }
 
 class AverageChannelTest : public ::testing::Test {
@@ -880,7 +835,7 @@ TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
     const TagStream stream = testing::makeRandomStream(rng, shape);
     const int64_t run_end = stream.end_time + window + 1;
     const std::vector<Tag> expected =
-        reference(stream.tags, channels, window, testing::kFirstVirtualChannel, run_end);
+        averageReference(stream.tags, channels, window, testing::kFirstVirtualChannel, run_end);
     EXPECT_GT(std::count_if(expected.begin(), expected.end(),
                             [](const Tag& tag) { return tag.channel == 1000; }),
               30);
@@ -904,8 +859,6 @@ TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
     }
   }
 }
-
-}  // namespace average
 
 }  // namespace
 }  // namespace zeptick
