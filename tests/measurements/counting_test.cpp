@@ -113,9 +113,8 @@ Rows rowsOf(Counter& counter) {
   std::vector<size_t> sizes;
   const std::vector<int32_t> flat = testing::collect(counter, &Counter::getData, &sizes);
   Rows out;
-  for (size_t i = 0; i < flat.size(); i += sizes[1]) {
+  for (size_t i = 0; i < flat.size(); i += sizes[1])
     out.emplace_back(flat.begin() + i, flat.begin() + i + sizes[1]);
-  }
   return out;
 }
 
@@ -160,9 +159,8 @@ class ReferenceCounter {
     const size_t shown = std::min(history.size(), static_cast<size_t>(n));
     for (size_t k = 0; k < shown; ++k) {
       const std::vector<int32_t>& bin = history[history.size() - shown + k];
-      for (size_t row = 0; row < channels.size(); ++row) {
+      for (size_t row = 0; row < channels.size(); ++row)
         out[row][static_cast<size_t>(n) - shown + k] = bin[row];
-      }
     }
     return out;
   }
@@ -401,9 +399,8 @@ TEST_F(CountingTest, ScopeEqualsBruteForceOnRandomStreamsCutEveryWay) {
     const int64_t window = 20 * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
     const int32_t n_traces = 3 + static_cast<int32_t>(rng() % 30);
     Direct<Scope> scope(&tagger, std::vector<int>{1, 2}, 3, window, n_traces);
-    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25))) {
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25)))
       scope.feed(block.tags, block.begin_time, block.end_time);
-    }
     std::vector<std::vector<Row>> expected;
     std::vector<int64_t> triggers;
     referenceScope(stream, {1, 2}, 3, window, static_cast<size_t>(n_traces), expected, triggers);

@@ -86,9 +86,8 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
         waiting = has_sync;
       }
     }
-    if (tag.channel == start && !waiting && open() && index >= 0 && index < c.n_histograms) {
+    if (tag.channel == start && !waiting && open() && index >= 0 && index < c.n_histograms)
       starts.emplace_back(tag.time, index);
-    }
     if (tag.channel == c.click) {
       for (const auto& [time, histogram] : starts) {
         const int64_t age = tag.time - time;
@@ -131,9 +130,8 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       // The thin variants run beside it where their fixed arguments fit.
       std::unique_ptr<Histogram> histogram;
       std::unique_ptr<Flim> flim;
-      if (c.next == kUnused && c.sync == kUnused && c.n_histograms == 1) {
+      if (c.next == kUnused && c.sync == kUnused && c.n_histograms == 1)
         histogram = std::make_unique<Histogram>(&tagger, c.click, c.start, c.binwidth, c.n_bins);
-      }
       if (c.sync == kUnused && c.max_counts == 0) {
         flim = std::make_unique<Flim>(&tagger, c.click, c.start, c.next, c.binwidth, c.n_bins,
                                       c.n_histograms);
@@ -228,12 +226,10 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
       const Tag& earlier = tags[i];
       if (earlier.type == Tag::Type::Error || later.time - earlier.time > half_range) break;
       if (earlier.type != Tag::Type::TimeTag) continue;
-      if (later.channel == c.channel_1 && earlier.channel == second) {
+      if (later.channel == c.channel_1 && earlier.channel == second)
         count(later.time - earlier.time);
-      }
-      if (later.channel == second && earlier.channel == c.channel_1) {
+      if (later.channel == second && earlier.channel == c.channel_1)
         count(earlier.time - later.time);
-      }
     }
   }
   return out;
@@ -280,9 +276,8 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
                                     static_cast<double>(expected.counts[0]) *
                                     static_cast<double>(expected.counts[1]) / captured;
       const std::vector<double> normalized = collect(correlation, &Correlation::getDataNormalized);
-      for (size_t i = 0; i < data.size(); ++i) {
+      for (size_t i = 0; i < data.size(); ++i)
         EXPECT_NEAR(normalized[i] * pairs_expected, data[i], 1e-9 * (data[i] + 1)) << i;
-      }
     }
   }
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
@@ -429,9 +424,8 @@ TEST_F(HistogramTest, StartStopCountsNearAndFarPairsLikeAPlainDivision) {
       stream.end_time += length + 1;
     }
     testing::Direct<StartStop> measurement(&tagger, 1, 2, width);
-    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 60))) {
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 60)))
       measurement.feed(block.tags, block.begin_time, block.end_time);
-    }
     Rows want(expected.begin(), expected.end());
     EXPECT_EQ(rowsOf(measurement), want) << "width " << width;
   }
@@ -547,12 +541,10 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& bl
         steps.assign(dims, 0);
         continue;
       }
-      for (size_t j = 0; j < s.sync.size(); ++j) {
+      for (size_t j = 0; j < s.sync.size(); ++j)
         if (tag.channel == s.sync[j]) steps[j] = 0;
-      }
-      for (size_t j = 0; j < dims; ++j) {
+      for (size_t j = 0; j < dims; ++j)
         if (tag.channel == s.next[j]) ++steps[j];
-      }
       if (tag.channel == s.start && dims > 0) {
         bool valid = true;
         int64_t histogram = 0;
@@ -705,9 +697,8 @@ LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
         if (tag.channel == click && !settling) {
           ref.clicks += 1;
           for (int64_t s : kept) {
-            for (size_t i = 0; i + 1 < e.size(); ++i) {
+            for (size_t i = 0; i + 1 < e.size(); ++i)
               if (tag.time - s >= e[i] && tag.time - s < e[i + 1]) ++ref.counts[i];
-            }
           }
         }
       } else if (tag.type == Tag::Type::Error) {
@@ -722,9 +713,8 @@ LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
         counting_since = tag.time;
       }
     }
-    if (!settling && !in_overflow) {
+    if (!settling && !in_overflow)
       ref.capture += static_cast<double>(block.end_time - counting_since);
-    }
   }
   return ref;
 }
