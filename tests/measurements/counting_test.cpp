@@ -90,7 +90,7 @@ TEST_F(CountingTest, CountrateMatchesReferenceOnRandomStreamsCutAnywhere) {
     if (seed % 2 == 0) stream.tags.insert(stream.tags.begin(), timeTag(1, 0));
     // An error as the last tag leaves an empty span: zeros, not a stale or infinite rate.
     if (seed % 4 == 3) stream.tags.push_back(marker(Tag::Type::Error, stream.end_time - 1));
-    auto blocks = testing::cutStream(stream, testing::randomCuts(rng, stream, 60));
+    auto blocks = cutStream(stream, randomCuts(rng, stream, 60));
     const size_t restart_at = rng() % blocks.size();
     Direct<Countrate> countrate(&tagger, entries);
     for (size_t k = 0; k < blocks.size(); ++k) {
@@ -111,18 +111,22 @@ using Rows = std::vector<std::vector<int32_t>>;
 
 Rows rowsOf(Counter& counter) {
   std::vector<size_t> sizes;
-  const std::vector<int32_t> flat = testing::collect(counter, &Counter::getData, &sizes);
+  const std::vector<int32_t> flat = collect(counter, &Counter::getData, &sizes);
   Rows out;
   for (size_t i = 0; i < flat.size(); i += sizes[1])
     out.emplace_back(flat.begin() + i, flat.begin() + i + sizes[1]);
   return out;
 }
 
-// The counter's rules kept as a plain list of every finished bin: no ring.
+// The counter's rules with each row kept as a plain list of its last n finished bins: no ring.
 class ReferenceCounter {
  public:
   ReferenceCounter(std::vector<int> channels, int64_t binwidth, int32_t n)
-      : channels(std::move(channels)), binwidth(binwidth), n(n), open(this->channels.size()) {}
+      : channels(std::move(channels)),
+        binwidth(binwidth),
+        n(n),
+        finished(this->channels.size(), std::vector<int32_t>(static_cast<size_t>(n), 0)),
+        open(this->channels.size()) {}
 
   void feed(const Block& block) {
     if (!origin) origin = block.begin_time;
@@ -154,40 +158,32 @@ class ReferenceCounter {
     return *origin + (n + 1) * binwidth;
   }
 
-  Rows rows() const {
-    Rows out(channels.size(), std::vector<int32_t>(static_cast<size_t>(n), 0));
-    const size_t shown = std::min(history.size(), static_cast<size_t>(n));
-    for (size_t k = 0; k < shown; ++k) {
-      const std::vector<int32_t>& bin = history[history.size() - shown + k];
-      for (size_t row = 0; row < channels.size(); ++row)
-        out[row][static_cast<size_t>(n) - shown + k] = bin[row];
-    }
-    return out;
-  }
+  const Rows& rows() const { return finished; }
 
  private:
   void moveTo(int64_t time) {
     if (time - *origin >= (n + 1) * binwidth) {
       // Everything kept is older than the ring: forgotten, and a fresh grid 1 ps before a multiple
       // of the bin width.
-      history.clear();
+      for (auto& row : finished) std::fill(row.begin(), row.end(), 0);
       open.assign(channels.size(), 0);
       origin = -1 + binwidth * ((time + 1) / binwidth);
       return;
     }
-    while (time >= *origin + binwidth) {
-      history.push_back(open);
-      open.assign(channels.size(), 0);
-      *origin += binwidth;
+    for (; time >= *origin + binwidth; *origin += binwidth) {
+      for (size_t row = 0; row < channels.size(); ++row) {
+        finished[row].erase(finished[row].begin());
+        finished[row].push_back(std::exchange(open[row], 0));
+      }
     }
   }
 
   std::vector<int> channels;
   int64_t binwidth;
   int32_t n;
-  std::optional<int64_t> origin;
+  Rows finished;  // per channel, oldest first
   std::vector<int32_t> open;
-  std::vector<std::vector<int32_t>> history;
+  std::optional<int64_t> origin;
 };
 
 // Random blocks, restarts, and empty blocks that end one below, at and one above the moment the
@@ -211,7 +207,7 @@ TEST(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
     int64_t time = 1000000000;
     for (int step = 0; step < 250; ++step) {
       const int roll = static_cast<int>(rng() % 10);
-      Block block = testing::makeRandomBlocks(rng, 1, {1, 2, 3}, time).front();
+      Block block = makeRandomBlocks(rng, 1, {1, 2, 3}, time).front();
       if (roll == 0) {
         counter.restart();
         reference.restart();

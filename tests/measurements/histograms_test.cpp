@@ -136,9 +136,8 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
         flim = std::make_unique<Flim>(&tagger, c.click, c.start, c.next, c.binwidth, c.n_bins,
                                       c.n_histograms);
       }
-      const auto delivered = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
-      const Expected expected = reference(c, testing::concatenate(delivered));
+      const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
+      const Expected expected = reference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 10);
       EXPECT_EQ(collect(measurement, &TimeDifferences::getData), expected.data);
       EXPECT_EQ(measurement.getCounts(), expected.counts);
@@ -162,7 +161,7 @@ TEST_F(HistogramTest, TimeDifferencesSequenceWaitsForSyncAndTheLimitForPendingSt
   }
   for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
   // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
-  testing::Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
+  Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
   limited.setMaxCounts(1);
   limited.feed({timeTag(2, 0), timeTag(4, 10), timeTag(2, 20), timeTag(3, 30), timeTag(2, 40),
                 timeTag(1, 45), timeTag(3, 50), timeTag(2, 55), timeTag(1, 60), timeTag(3, 70),
@@ -261,10 +260,9 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
                                  .overflow_percent = 1,
                                  .grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1});
       Correlation correlation(&tagger, c.channel_1, c.channel_2, c.binwidth, c.n_bins);
-      const auto delivered = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
+      const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
       correlation.stop();
-      const Expected expected = reference(c, testing::concatenate(delivered));
+      const Expected expected = reference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 50);
       const std::vector<int32_t> data = collect(correlation, &Correlation::getData);
       ASSERT_EQ(data, expected.data);
@@ -290,7 +288,7 @@ TEST_F(HistogramTest,
   EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
   Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
-  testing::Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
+  Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   // Before any tag every normalised bin is 0 x (0 / 0).
   for (double value : collect(correlation, &Correlation::getDataNormalized))
     EXPECT_TRUE(std::isnan(value));
@@ -332,7 +330,7 @@ Rows startStopReference(int click, int start, int64_t binwidth, const std::vecto
 }
 
 Rows rowsOf(StartStop& measurement, std::vector<size_t>* sizes = nullptr) {
-  const std::vector<int64_t> flat = testing::collect(measurement, &StartStop::getData, sizes);
+  const std::vector<int64_t> flat = collect(measurement, &StartStop::getData, sizes);
   Rows rows;
   for (size_t i = 0; i + 1 < flat.size(); i += 2) rows.emplace_back(flat[i], flat[i + 1]);
   return rows;
@@ -365,8 +363,8 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
                                                       .overflow_percent = 1,
                                                       .grid = seed % 2 == 1 ? width : 1});
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
-      const std::vector<Tag> delivered = testing::concatenate(testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40))));
+      const std::vector<Tag> delivered =
+          concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40))));
       const Rows expected =
           c.binwidth > 0 ? startStopReference(c.click, c.start, c.binwidth, delivered) : Rows{};
       const Rows got = rowsOf(measurement);
@@ -386,7 +384,7 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
 }
 
 TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
-  testing::Direct<StartStop> m(&tagger, 1, 2, 10);
+  Direct<StartStop> m(&tagger, 1, 2, 10);
   std::vector<size_t> asked;
   EXPECT_TRUE(rowsOf(m, &asked).empty());
   EXPECT_EQ(asked, (std::vector<size_t>{0, 2}));
@@ -423,7 +421,7 @@ TEST_F(HistogramTest, StartStopCountsNearAndFarPairsLikeAPlainDivision) {
       ++expected[length / width * width];
       stream.end_time += length + 1;
     }
-    testing::Direct<StartStop> measurement(&tagger, 1, 2, width);
+    Direct<StartStop> measurement(&tagger, 1, 2, width);
     for (const Block& block : cutStream(stream, randomCuts(rng, stream, 60)))
       measurement.feed(block.tags, block.begin_time, block.end_time);
     Rows want(expected.begin(), expected.end());
@@ -431,17 +429,17 @@ TEST_F(HistogramTest, StartStopCountsNearAndFarPairsLikeAPlainDivision) {
   }
 }
 
-using DirectHistogram2D = testing::Direct<Histogram2D>;
+using DirectHistogram2D = Direct<Histogram2D>;
 
 std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
-  return testing::collect(h, &Histogram2D::getData, sizes);
+  return collect(h, &Histogram2D::getData, sizes);
 }
 
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
 TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
   DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
   std::vector<size_t> sizes;
-  EXPECT_EQ(testing::collect(h, &Histogram2D::getIndex, &sizes),
+  EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
             (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
   EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
   h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
@@ -490,12 +488,12 @@ std::vector<int32_t> bruteForce2D(const std::vector<Block>& blocks, int start, i
 }
 
 std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
-  return testing::collect(h, &TimeDifferencesND::getData, sizes);
+  return collect(h, &TimeDifferencesND::getData, sizes);
 }
 
 TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCountsNothing) {
   // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
-  testing::Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
   // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
   h.feed({timeTag(3, 100), timeTag(3, 101), timeTag(4, 102), timeTag(2, 110)}, 0, 120);
   h.clear();
@@ -506,8 +504,8 @@ TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCount
   EXPECT_EQ(histograms(h, &sizes), expected);
   EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
 
-  testing::Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
-                                          std::vector<int>{}, 10, 3);
+  Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
+                                 std::vector<int>{}, 10, 3);
   flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
   EXPECT_EQ(histograms(flat, &sizes), std::vector<int32_t>(3, 0));
   EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
@@ -605,8 +603,8 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
                           s.columns);
       TimeDifferencesND grid_nd(&tagger, nd.click, nd.start, nd.next, nd.sync, nd.n_histograms,
                                 nd.binwidth, nd.n_bins);
-      const std::vector<Block> seen = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
+      const std::vector<Block> seen =
+          deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
       const std::vector<int32_t> cells =
           bruteForce2D(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
       ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
@@ -618,16 +616,14 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
   }
 }
 
-using DirectLogBins = testing::Direct<HistogramLogBins>;
+using DirectLogBins = Direct<HistogramLogBins>;
 
-std::vector<uint64_t> counts(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getData);
-}
+std::vector<uint64_t> counts(HistogramLogBins& h) { return collect(h, &HistogramLogBins::getData); }
 std::vector<int64_t> edges(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getBinEdges);
+  return collect(h, &HistogramLogBins::getBinEdges);
 }
 std::vector<double> g2(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
+  return collect(h, &HistogramLogBins::getDataNormalizedG2);
 }
 
 TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
@@ -748,19 +744,19 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     const LogSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
+    StreamShape shape;
     shape.channels = s.channels;
     if (s.click != s.start) shape.channels.push_back(s.click);
     shape.mean_gap = s.max_gap / 2;
     shape.tags = 5000;
     shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
-    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, shape);
 
     for (size_t most_cuts : {3, 40, 700}) {
       auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
                                                   s.exp_stop, s.n_bins);
-      const std::vector<Block> seen = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
+      const std::vector<Block> seen =
+          deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
       const LogReference ref = bruteForceLog(edges(*h), s.click, s.start, seen);
       ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing

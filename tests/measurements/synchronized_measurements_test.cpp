@@ -70,7 +70,7 @@ TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndSt
     EXPECT_TRUE(group.isRunning());
     pause();
     group.clear();  // every member drops its blocks and resumes on the same one
-    ASSERT_TRUE(testing::eventually([&] { return members[0]->blocks().size() > 2; }));
+    ASSERT_TRUE(eventually([&] { return members[0]->blocks().size() > 2; }));
     group.stop();
     EXPECT_FALSE(group.isRunning());
     expectAllAlike("start, clear, stop");
@@ -80,7 +80,7 @@ TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndSt
     EXPECT_EQ(members[0]->blocks().size(), seen);
 
     group.startFor(1000000);
-    ASSERT_TRUE(testing::eventually([&] { return !group.isRunning(); }));
+    ASSERT_TRUE(eventually([&] { return !group.isRunning(); }));
     expectAllAlike("startFor");
     for (auto& member : members) EXPECT_EQ(member->getCaptureDuration(), 1000000);
   }
@@ -116,7 +116,7 @@ class FailingStart : public RecordingMeasurement {
 };
 
 TEST(SynchronizedMeasurements, MembershipFollowsRegistrationAndDestructionAndFailuresStopNoOne) {
-  testing::LogCapture log;
+  LogCapture log;
   TestZeptick tagger("TEST-1", 2);
   auto group = std::make_unique<SynchronizedMeasurements>(&tagger);
   // With no member nothing waits for a block, even on a tagger that serves none.
@@ -156,7 +156,7 @@ TEST(SynchronizedMeasurements, MembershipFollowsRegistrationAndDestructionAndFai
   group.reset();
   EXPECT_EQ(tagger.registrations(4), 1);
   survivor.start();
-  ASSERT_TRUE(testing::eventually([&] { return !survivor.blocks().empty(); }));
+  ASSERT_TRUE(eventually([&] { return !survivor.blocks().empty(); }));
   survivor.stop();
 
   // A member that fails to start stops neither the others nor the caller.

@@ -149,7 +149,7 @@ std::vector<Tag> coincidencesReference(const TagStream& stream, const Groups& gr
 }
 
 TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
-  testing::Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
+  Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
   const int vc = direct.getChannels()[0];
   EXPECT_TRUE(sameTags(direct.feed({timeTag(1, 899), timeTag(1, 900)}, 0, 1000),
                        {timeTag(1, 999), timeTag(vc, 999)}));
@@ -158,7 +158,7 @@ TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
   direct.restart();
   EXPECT_TRUE(sameTags(direct.feed({}, 1000, 1001), {timeTag(1, 1000), timeTag(vc, 1000)}));
 
-  testing::Direct<Coincidences> pair(&tagger, Groups{{1, 2}}, 100, Stamp::Last);
+  Direct<Coincidences> pair(&tagger, Groups{{1, 2}}, 100, Stamp::Last);
   const int pair_vc = pair.getChannels()[0];
   EXPECT_EQ(pair.feed({timeTag(1, 1000), timeTag(2, 1150)}, 0, 2000).size(), 2u);
   pair.setCoincidenceWindow(200);
@@ -166,7 +166,7 @@ TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
                        {timeTag(1, 2000), timeTag(2, 2150), timeTag(pair_vc, 2150)}));
 
   // A shrinking window lets later tags overtake queued ones, but never out of time order.
-  testing::Direct<Coincidences> delayed(&tagger, Groups{{3}}, 1000, Stamp::Average);
+  Direct<Coincidences> delayed(&tagger, Groups{{3}}, 1000, Stamp::Average);
   const int single = delayed.getChannels()[0];
   EXPECT_TRUE(delayed.feed({timeTag(3, 500)}, 0, 1000).empty());
   delayed.setCoincidenceWindow(100);
@@ -176,7 +176,7 @@ TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
 
   // Queued tags leave before a later tag goes in behind them when times go back, or when a
   // window that fell to 0 or below puts the new tag before them.
-  testing::Direct<Coincidences> back(&tagger, Groups{{1, 2}}, 50, Stamp::First);
+  Direct<Coincidences> back(&tagger, Groups{{1, 2}}, 50, Stamp::First);
   EXPECT_TRUE(sameTags(
       back.feed({timeTag(3, 100), timeTag(3, 150), timeTag(3, 200), timeTag(3, 90)}, 0, 230),
       {timeTag(3, 150), timeTag(3, 140), timeTag(3, 200)}));
@@ -370,7 +370,7 @@ std::vector<Tag> gatedReference(const std::vector<Tag>& in, int input, int start
 }
 
 TEST_F(VirtualChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
-  testing::Direct<GatedChannel> gated(&tagger, 1, 2, 3);
+  Direct<GatedChannel> gated(&tagger, 1, 2, 3);
   const int vc = gated.getChannel();
   gated.feed({timeTag(2, 10)}, 0, 100);
   gated.clear();
@@ -563,12 +563,12 @@ TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
                                                     .missed_outside_percent = 0.5});
     int64_t lag = 0;
     for (int64_t p : setup.pattern) lag = std::max(lag, -p);
-    testing::VirtualChannelRules rules;
+    VirtualChannelRules rules;
     rules.shift = [lag](const Tag&) { return lag; };
     rules.tail = 3000;
     rules.seed = k + 1;
     int virtual_channel = 0;
-    const auto out = testing::checkVirtualChannel(
+    const auto out = checkVirtualChannel(
         stream,
         [&](TestZeptick* tagger) {
           auto generator = std::make_unique<Direct<EventGenerator>>(
@@ -784,7 +784,7 @@ TEST_F(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
   EXPECT_CALL(tagger, setInputMux(7, 1));
   EXPECT_CALL(tagger, setInputMux(-1, 2));
   AverageChannel average(&tagger, 3, {3, 2, -4, -3, 7, -1});
-  EXPECT_EQ(average.getChannel(), testing::kFirstVirtualChannel);
+  EXPECT_EQ(average.getChannel(), kFirstVirtualChannel);
   for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
 }
 
@@ -797,24 +797,23 @@ TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
     int64_t window = 4000;
     for (int channel : channels)
       window = std::max<int64_t>(window, std::abs(channel - 1) * 1000 + 4000);
-    testing::StreamShape shape;
+    StreamShape shape;
     shape.channels = {1, 2, 3, 4, -1, -2, 5};
     shape.tags = 1500;
     shape.mean_gap = 900;
     shape.grid = k == 1 ? 1 : 100;  // differences of exactly one window: strictly outside
     shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 0.5;
-    const TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, shape);
     const int64_t run_end = stream.end_time + window + 1;
     const std::vector<Tag> expected =
-        averageReference(stream.tags, channels, window, testing::kFirstVirtualChannel, run_end);
+        averageReference(stream.tags, channels, window, kFirstVirtualChannel, run_end);
     EXPECT_GT(std::count_if(expected.begin(), expected.end(),
                             [](const Tag& tag) { return tag.channel == 1000; }),
               30);
 
     for (size_t most_cuts : {0, 5, 300, 3000}) {
       SCOPED_TRACE(::testing::Message() << most_cuts << " cuts");
-      std::vector<Block> blocks =
-          testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts));
+      std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, most_cuts));
       blocks.push_back(Block{{}, stream.end_time, run_end});
       Direct<AverageChannel> average(&tagger, 1, channels);
       std::vector<Tag> out;
@@ -822,7 +821,7 @@ TEST_F(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
         std::vector<Tag> left = average.feed(block.tags, block.begin_time, block.end_time);
         for (Tag& tag : left) {
           EXPECT_LT(tag.time + window, block.end_time) << "left before its window had passed";
-          if (tag.channel == average.getChannel()) tag.channel = testing::kFirstVirtualChannel;
+          if (tag.channel == average.getChannel()) tag.channel = kFirstVirtualChannel;
           out.push_back(tag);
         }
       }
