@@ -9,7 +9,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <random>
 #include <stdexcept>
@@ -20,7 +19,6 @@
 #include "measurements/coincidence_windows.h"
 #include "support/virtual_channel_harness.h"
 #include "zeptick/average_channel.h"
-#include "zeptick/coincidence.h"
 #include "zeptick/coincidences.h"
 #include "zeptick/combiner.h"
 #include "zeptick/constant_fraction_discriminator.h"
@@ -75,9 +73,7 @@ TEST_F(VirtualChannelTest, CombinerCopiesEveryListedTagOncePerListingOnRandomStr
                                                     .missed_outside_percent = 1});
     for (const std::vector<int>& listed :
          {std::vector<int>{1, 2}, std::vector<int>{-1, 4, -1, 7}, std::vector<int>{}}) {
-      const auto out = checkVirtualChannel(stream, [&listed](TestZeptick* tagger) {
-        return std::make_unique<Direct<Combiner>>(tagger, listed);
-      });
+      const auto out = checkVirtualChannel<Combiner>(stream, {}, listed);
       EXPECT_TRUE(sameTags(out.output, combinerReference(stream.tags, listed)));
     }
     // Counts per entry survive stop and start; missed-events tags count like time tags.
@@ -209,12 +205,7 @@ TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
       VirtualChannelRules rules;
       if (stamp != Stamp::Last) rules.shift = [window](const Tag&) { return window; };
       rules.tail = seed % 2 == 0 ? window : 0;  // half the runs let the held-back end out
-      const auto out = checkVirtualChannel(
-          stream,
-          [&](TestZeptick* tagger) {
-            return std::make_unique<Direct<Coincidences>>(tagger, groups, window, stamp);
-          },
-          rules);
+      const auto out = checkVirtualChannel<Coincidences>(stream, rules, groups, window, stamp);
       EXPECT_TRUE(
           sameTags(out.output, coincidencesReference(stream, groups, window, stamp, out.end_time)));
       EXPECT_GE(out.inserted.size(), 300u);
@@ -336,12 +327,7 @@ TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
     VirtualChannelRules rules;
     if (c.delay < 0) rules.shift = [&c](const Tag&) { return -c.delay; };
     rules.tail = c.tail;
-    const auto out = checkVirtualChannel(
-        stream,
-        [&c](TestZeptick* tagger) {
-          return std::make_unique<Direct<DelayedChannel>>(tagger, c.inputs, c.delay);
-        },
-        rules);
+    const auto out = checkVirtualChannel<DelayedChannel>(stream, rules, c.inputs, c.delay);
     std::map<int, int> virtual_of;
     for (size_t i = 0; i < c.inputs.size(); ++i)
       virtual_of[c.inputs[i]] = kFirstVirtualChannel + static_cast<int>(i);
@@ -392,9 +378,7 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
       SCOPED_TRACE(std::to_string(input) + " " + std::to_string(start) + " " +
                    std::to_string(stop));
       const std::vector<Tag> expected = gatedReference(stream.tags, input, start, stop);
-      const auto out = checkVirtualChannel(stream, [=](TestZeptick* tagger) {
-        return std::make_unique<Direct<GatedChannel>>(tagger, input, start, stop);
-      });
+      const auto out = checkVirtualChannel<GatedChannel>(stream, {}, input, start, stop);
       EXPECT_TRUE(sameTags(out.inserted, expected));
       if (start != 5 && input != stop) {
         EXPECT_GT(expected.size(), 50u);
@@ -467,18 +451,15 @@ TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
                                                             .overflow_percent = 0});
     for (int factor : {1, 2, 3, 7}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + " multiplier " + std::to_string(factor));
-      auto make = [factor](TestZeptick* tagger) {
-        return std::make_unique<Direct<FrequencyMultiplier>>(tagger, 1, factor);
-      };
       // Time tags alone give the same output however the blocks are cut.
-      auto out = checkVirtualChannel(time_tags_only, make);
+      auto out = checkVirtualChannel<FrequencyMultiplier>(time_tags_only, {}, 1, factor);
       EXPECT_TRUE(sameTags(out.output, multiplierReference(time_tags_only, 1, factor)));
       EXPECT_GE(out.inserted.size(), 400u * static_cast<size_t>(factor) / 2);
       // A non-time tag drops an extrapolation that a block end before it would have let out, so
       // here only the one-block run is compared.
       VirtualChannelRules rules;
       rules.cut_invariant = false;
-      out = checkVirtualChannel(with_overflows, make, rules);
+      out = checkVirtualChannel<FrequencyMultiplier>(with_overflows, rules, 1, factor);
       EXPECT_TRUE(sameTags(out.output, multiplierReference(with_overflows, 1, factor)));
     }
   }
@@ -498,7 +479,7 @@ struct GeneratorSetup {
 // came, and becomes a missed-events tag if it falls inside an overflow. It leaves right behind the
 // stream tags of its own time.
 std::vector<Tag> generatorReference(const std::vector<Tag>& input, const GeneratorSetup& setup,
-                                    int virtual_channel, int64_t run_end) {
+                                    int64_t run_end) {
   int64_t lag = 0;
   for (int64_t p : setup.pattern) lag = std::max(lag, -p);
   const bool lagging = lag > 0;
@@ -528,8 +509,8 @@ std::vector<Tag> generatorReference(const std::vector<Tag>& input, const Generat
         if (s.type == Tag::Type::OverflowBegin) overflow = true;
         if (s.type == Tag::Type::OverflowEnd) overflow = false;
       }
-      generated.push_back(overflow ? missedTag(virtual_channel, g, 1)
-                                   : timeTag(virtual_channel, g));
+      generated.push_back(overflow ? missedTag(kFirstVirtualChannel, g, 1)
+                                   : timeTag(kFirstVirtualChannel, g));
     }
   }
   std::vector<Tag> out = input;
@@ -567,19 +548,9 @@ TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
     rules.shift = [lag](const Tag&) { return lag; };
     rules.tail = 3000;
     rules.seed = k + 1;
-    int virtual_channel = 0;
-    const auto out = checkVirtualChannel(
-        stream,
-        [&](TestZeptick* tagger) {
-          auto generator = std::make_unique<Direct<EventGenerator>>(
-              tagger, setup.trigger, setup.pattern, setup.divider, setup.offset, setup.stop);
-          virtual_channel = generator->getChannel();
-          return generator;
-        },
-        rules);
-    const std::vector<Tag> expected =
-        generatorReference(stream.tags, setup, virtual_channel, out.end_time);
-    EXPECT_TRUE(sameTags(out.output, expected));
+    const auto out = checkVirtualChannel<EventGenerator>(
+        stream, rules, setup.trigger, setup.pattern, setup.divider, setup.offset, setup.stop);
+    EXPECT_TRUE(sameTags(out.output, generatorReference(stream.tags, setup, out.end_time)));
     EXPECT_GT(out.inserted.size(), 50u);
   }
 }

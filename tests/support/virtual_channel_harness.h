@@ -64,17 +64,18 @@ using VirtualChannelRun = std::function<std::vector<Block>(const std::vector<Blo
 VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const VirtualChannelRun& run,
                                              const VirtualChannelRules& rules);
 
-/// The same with the channel that `make(tagger)` returns, a Direct<...> on a
-/// fresh quiet tagger, so that its virtual channels begin at kFirstVirtualChannel.
-template <class Make>
-VirtualChannelOutput checkVirtualChannel(const TagStream& stream, Make make,
-                                         const VirtualChannelRules& rules = {}) {
+/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet tagger, so that its virtual
+/// channels begin at kFirstVirtualChannel.
+template <class Channel, class... Args>
+VirtualChannelOutput checkVirtualChannel(const TagStream& stream, const VirtualChannelRules& rules,
+                                         const Args&... args) {
   return checkVirtualChannelRuns(
       stream,
-      [&make](const std::vector<Block>& blocks) {
+      [&](const std::vector<Block>& blocks) {
         TestZeptick tagger("VCHANNEL-HARNESS", 1);
         tagger.setIdleSpan(0);
-        return feedBlocks(*make(&tagger), blocks);
+        Direct<Channel> channel(&tagger, args...);
+        return feedBlocks(channel, blocks);
       },
       rules);
 }
