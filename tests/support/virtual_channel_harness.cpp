@@ -20,12 +20,13 @@ std::vector<int64_t> cutsAtTagTimes(const TagStream& stream) {
 
 }  // namespace
 
-::testing::AssertionResult blocksInOrder(const std::vector<Block>& seen) {
+::testing::AssertionResult blocksInOrder(const std::vector<Block>& seen, int64_t held_back) {
   for (size_t b = 0; b < seen.size(); ++b) {
     const Block& block = seen[b];
     for (size_t i = 0; i < block.tags.size(); ++i) {
       const Tag& tag = block.tags[i];
-      if (tag.time < block.begin_time || tag.time >= block.end_time) {
+      if (held_back < 0 ? tag.time < block.begin_time || tag.time >= block.end_time
+                        : tag.time + held_back >= block.end_time) {
         return ::testing::AssertionFailure()
                << "block " << b << " [" << block.begin_time << ", " << block.end_time << ") holds "
                << describe(tag) << " at index " << i;
@@ -64,7 +65,7 @@ VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const Virt
     if (rules.tail > 0) blocks.push_back(Block{{}, stream.end_time, run_end});
 
     const std::vector<Block> seen = run(blocks);
-    EXPECT_TRUE(blocksInOrder(seen));
+    EXPECT_TRUE(blocksInOrder(seen, rules.held_back));
 
     VirtualChannelOutput out;
     out.output = concatenate(seen);

@@ -24,6 +24,9 @@ struct VirtualChannelRules {
   std::function<int64_t(const Tag&)> shift;
   /// The output is the same however the stream is cut.
   bool cut_invariant = true;
+  /// At least 0 for a channel that holds tags back at their own times: each leaves only in a block
+  /// that ends more than this after it. Below 0, each tag leaves inside its block's span.
+  int64_t held_back = -1;
   /// Span of an empty block appended after the stream, to let held-back tags out.
   int64_t tail = 0;
   /// Number of cuttings: the whole stream as one block, one cut at every tag
@@ -41,8 +44,8 @@ struct VirtualChannelOutput {
   int64_t end_time = 0;       ///< end of the last block, tail included
 };
 
-/// Each tag of `blocks` inside its block's span and in time order.
-::testing::AssertionResult blocksInOrder(const std::vector<Block>& blocks);
+/// Each tag of `blocks` in time order and inside its block's span, or as `held_back` allows.
+::testing::AssertionResult blocksInOrder(const std::vector<Block>& blocks, int64_t held_back = -1);
 
 /// Feeds `blocks` to `channel` (a Direct<...>) in turn; returns them as they left it.
 template <class Channel>
@@ -64,15 +67,15 @@ using VirtualChannelRun = std::function<std::vector<Block>(const std::vector<Blo
 VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const VirtualChannelRun& run,
                                              const VirtualChannelRules& rules);
 
-/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet tagger, so that its virtual
+/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet Tagger, so that its virtual
 /// channels begin at kFirstVirtualChannel.
-template <class Channel, class... Args>
+template <class Channel, class Tagger = TestZeptick, class... Args>
 VirtualChannelOutput checkVirtualChannel(const TagStream& stream, const VirtualChannelRules& rules,
                                          const Args&... args) {
   return checkVirtualChannelRuns(
       stream,
       [&](const std::vector<Block>& blocks) {
-        TestZeptick tagger("VCHANNEL-HARNESS", 1);
+        Tagger tagger;
         tagger.setIdleSpan(0);
         Direct<Channel> channel(&tagger, args...);
         return feedBlocks(channel, blocks);
