@@ -98,8 +98,7 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
-  TestZeptick tagger("TEST-1", 4);
+TEST_F(HistogramTest, TimeDifferencesMatchesReferenceOnRandomStreamsHoweverCut) {
   const Config configs[] = {
       {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
       {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
@@ -565,9 +564,7 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& bl
 }
 
 // Both grids through the runner on one stream however cut, each against its brute force.
-TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
-  TestZeptick tagger("TEST-1", 3);
-  tagger.setIdleSpan(0);
+TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
   struct Setup {
     int start, stop_1, stop_2;
     int64_t width_1, width_2;
@@ -726,9 +723,7 @@ struct LogSetup {
   std::vector<int> channels;
 };
 
-TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
-  TestZeptick tagger("TEST-1", 3);
-  tagger.setIdleSpan(0);
+TEST_F(HistogramTest, LogBinsMatchBruteForceThroughTheRunnerHoweverCut) {
   const std::vector<LogSetup> setups = {
       // A range far longer than a gap: many live starts per click.
       {1, 2, -12, -8, 16, 300, 2, {1, 1, 2, -1, 3}},
@@ -753,17 +748,15 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     const TagStream stream = makeRandomStream(rng, shape);
 
     for (size_t most_cuts : {3, 40, 700}) {
-      auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
-                                                  s.exp_stop, s.n_bins);
+      HistogramLogBins h(&tagger, s.click, s.start, s.exp_start, s.exp_stop, s.n_bins);
       const std::vector<Block> seen =
           deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
-      const LogReference ref = bruteForceLog(edges(*h), s.click, s.start, seen);
-      ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
+      const std::vector<int64_t> e = edges(h);
+      const LogReference ref = bruteForceLog(e, s.click, s.start, seen);
+      ASSERT_EQ(counts(h), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
-      const std::vector<int64_t> e = edges(*h);
-      const std::vector<double> got = g2(*h);
-      const std::vector<double> per_ps =
-          collect(*h, &HistogramLogBins::getDataNormalizedCountsPerPs);
+      const std::vector<double> got = g2(h);
+      const auto per_ps = collect(h, &HistogramLogBins::getDataNormalizedCountsPerPs);
       for (size_t i = 0; i < got.size(); ++i) {
         const double width = static_cast<double>(e[i + 1] - e[i]);
         if (width == 0) {
@@ -771,8 +764,8 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
           continue;
         }
         EXPECT_DOUBLE_EQ(per_ps[i], ref.counts[i] / width) << i;
-        const double expected = ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width;
-        EXPECT_DOUBLE_EQ(got[i], expected) << i;
+        EXPECT_DOUBLE_EQ(got[i], ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width)
+            << i;
       }
     }
   }
