@@ -335,10 +335,30 @@ Rows rowsOf(StartStop& measurement, std::vector<size_t>* sizes = nullptr) {
   return rows;
 }
 
+// Pair lengths the random streams never reach: short ones, ones on either side of the bins kept in
+// an array, and far ones counted apart.
+TagStream nearAndFarPairs(std::mt19937_64& rng, int64_t width) {
+  auto draw = [&](int64_t low, int64_t high) {
+    return std::uniform_int_distribution<int64_t>(low, high)(rng);
+  };
+  const int64_t edge = (int64_t{1} << 20) * width;
+  TagStream stream{{}, 1000, 1000};
+  for (int pair = 0; pair < 3000; ++pair) {
+    const int64_t length = pair % 3 == 0   ? draw(0, 3000 * width)
+                           : pair % 3 == 1 ? edge + draw(-3 * width, 3 * width)
+                                           : draw(edge, int64_t{1} << 42);
+    stream.tags.insert(stream.tags.end(),
+                       {timeTag(2, stream.end_time), timeTag(1, stream.end_time + length)});
+    stream.end_time += length + 1;
+  }
+  return stream;
+}
+
 TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
   struct Config {
     int click, start;
     int64_t binwidth;
+    bool far = false;  // pairs of nearAndFarPairs instead of a random stream
   };
   const Config configs[] = {
       {1, 2, 1},           // identity
@@ -346,6 +366,7 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
       {1, kUnused, 1000},  // spacing of one channel; 64-bit division over the whole range
       {1, 2, 274177},      // a divisor of 2^64 + 1: the 64-bit reciprocal is exact everywhere
       {1, 2, -5},          // a negative width: every pair in one bin
+      {1, 2, 1, true},    {1, 2, 1000, true}, {1, 2, 3, true},
   };
   int modes_seen[7] = {};
   for (const Config& c : configs) {
@@ -355,12 +376,13 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
       const int64_t width = std::max<int64_t>(c.binwidth, 1);
-      const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3},
-                                                      .tags = 3000,
-                                                      .mean_gap = 5 * width,
-                                                      .error_percent = 1,
-                                                      .overflow_percent = 1,
-                                                      .grid = seed % 2 == 1 ? width : 1});
+      const TagStream stream = c.far ? nearAndFarPairs(rng, width)
+                                     : makeRandomStream(rng, {.channels = {1, 2, 3},
+                                                              .tags = 3000,
+                                                              .mean_gap = 5 * width,
+                                                              .error_percent = 1,
+                                                              .overflow_percent = 1,
+                                                              .grid = seed % 2 == 1 ? width : 1});
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
       const std::vector<Tag> delivered =
           concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40))));
@@ -398,34 +420,6 @@ TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
   // A start channel left unused measures the spacing of the clicks alone.
   StartStop spacing(&tagger, 3, kUnused, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
-}
-
-// Pair lengths the random streams never reach: bins on either side of the array kept for near bins,
-// and far ones counted apart.
-TEST_F(HistogramTest, StartStopCountsNearAndFarPairsLikeAPlainDivision) {
-  constexpr int64_t kNearEdge = int64_t{1} << 20;  // in bins
-  for (int64_t width : {int64_t{1}, int64_t{1000}, int64_t{3}}) {
-    std::mt19937_64 rng(static_cast<uint64_t>(width));
-    auto draw = [&](int64_t low, int64_t high) {
-      return std::uniform_int_distribution<int64_t>(low, high)(rng);
-    };
-    std::map<int64_t, int64_t> expected;       // bin start to count
-    TagStream stream{{}, 1000, 1000};          // a start at 0 never opens
-    for (int pair = 0; pair < 3000; ++pair) {  // short, near the edge, far
-      const int64_t length = pair % 3 == 0   ? draw(0, 3000 * width)
-                             : pair % 3 == 1 ? kNearEdge * width + draw(-3 * width, 3 * width)
-                                             : draw(kNearEdge * width, int64_t{1} << 42);
-      stream.tags.insert(stream.tags.end(),
-                         {timeTag(2, stream.end_time), timeTag(1, stream.end_time + length)});
-      ++expected[length / width * width];
-      stream.end_time += length + 1;
-    }
-    Direct<StartStop> measurement(&tagger, 1, 2, width);
-    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 60)))
-      measurement.feed(block.tags, block.begin_time, block.end_time);
-    Rows want(expected.begin(), expected.end());
-    EXPECT_EQ(rowsOf(measurement), want) << "width " << width;
-  }
 }
 
 using DirectHistogram2D = Direct<Histogram2D>;
