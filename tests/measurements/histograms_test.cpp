@@ -618,9 +618,8 @@ std::vector<double> g2(HistogramLogBins& h) {
 }
 
 TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
-  DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
-  EXPECT_EQ(edges(decades), (std::vector<int64_t>{1, 10, 100, 1000}));
-  EXPECT_EQ(counts(decades).size(), 3u);
+  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);
+  EXPECT_EQ(edges(h), (std::vector<int64_t>{1, 10, 100, 1000}));
 
   // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
   DirectLogBins halves(&tagger, 1, 2, -12.5, -10, 5);
@@ -631,7 +630,6 @@ TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
   EXPECT_EQ(edges(none), std::vector<int64_t>{1});
   EXPECT_TRUE(counts(none).empty());
 
-  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);  // edges 1, 10, 100, 1000
   // The click at 600 falls within the first range after the reset at 1: settling, ignored.
   h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 0}));
