@@ -131,8 +131,9 @@ TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(thrown(c.make), c.message);
-    for (int channel : {1, 2, 3, 4, 5, -1, 100})
+    for (int channel : {1, 2, 3, 4, 5, -1, 100}) {
       EXPECT_EQ(tagger.registrations(channel), 0) << c.message << ", channel " << channel;
+    }
   }
 }
 

@@ -187,8 +187,9 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
     const uint64_t around[] = {0,      1,          d - 1,        d,           d + 1, kMax, kMax - 1,
                                kTwo32, kTwo32 - 1, logUniform(), logUniform()};
     for (uint64_t m : around) pairs.emplace_back(d, m);
-    for (uint64_t limit : limitsOf(d))
+    for (uint64_t limit : limitsOf(d)) {
       for (uint64_t m : {limit - 1, limit, limit + 1}) pairs.emplace_back(d, m);
+    }
   }
 
   int seen_modes[7] = {};
@@ -210,8 +211,9 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
       deltas.push_back(k * divisor);
       deltas.push_back(k * divisor - 1);
     }
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < 40; ++i) {
       deltas.push_back(max_duration == kMax ? rng() : rng() % (max_duration + 1));
+    }
     for (uint64_t delta : deltas) {
       ASSERT_EQ(binOf(binner, delta), delta / divisor)
           << "divisor " << divisor << " max_duration " << max_duration << " delta " << delta

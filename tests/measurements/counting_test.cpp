@@ -113,8 +113,9 @@ Rows rowsOf(Counter& counter) {
   std::vector<size_t> sizes;
   const std::vector<int32_t> flat = collect(counter, &Counter::getData, &sizes);
   Rows out;
-  for (size_t i = 0; i < flat.size(); i += sizes[1])
+  for (size_t i = 0; i < flat.size(); i += sizes[1]) {
     out.emplace_back(flat.begin() + i, flat.begin() + i + sizes[1]);
+  }
   return out;
 }
 
@@ -395,8 +396,9 @@ TEST_F(CountingTest, ScopeEqualsBruteForceOnRandomStreamsCutEveryWay) {
     const int64_t window = 20 * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
     const int32_t n_traces = 3 + static_cast<int32_t>(rng() % 30);
     Direct<Scope> scope(&tagger, std::vector<int>{1, 2}, 3, window, n_traces);
-    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25)))
+    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25))) {
       scope.feed(block.tags, block.begin_time, block.end_time);
+    }
     std::vector<std::vector<Row>> expected;
     std::vector<int64_t> triggers;
     referenceScope(stream, {1, 2}, 3, window, static_cast<size_t>(n_traces), expected, triggers);
@@ -409,8 +411,9 @@ TEST_F(CountingTest, ScopeEqualsBruteForceOnRandomStreamsCutEveryWay) {
         return flat.data();
       });
       std::vector<Row> rows;
-      for (size_t r = 0; r + 2 < flat.size(); r += 3)
+      for (size_t r = 0; r + 2 < flat.size(); r += 3) {
         rows.push_back({flat[r], flat[r + 1], flat[r + 2]});
+      }
       EXPECT_EQ(rows, expected[k]) << "input " << k;
     }
     EXPECT_EQ(scope.ready(), triggers.size() == static_cast<size_t>(n_traces));

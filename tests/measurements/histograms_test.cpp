@@ -86,8 +86,9 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
         waiting = has_sync;
       }
     }
-    if (tag.channel == start && !waiting && open() && index >= 0 && index < c.n_histograms)
+    if (tag.channel == start && !waiting && open() && index >= 0 && index < c.n_histograms) {
       starts.emplace_back(tag.time, index);
+    }
     if (tag.channel == c.click) {
       for (const auto& [time, histogram] : starts) {
         const int64_t age = tag.time - time;
@@ -129,8 +130,9 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceOnRandomStreamsHoweverCut) 
       // The thin variants run beside it where their fixed arguments fit.
       std::unique_ptr<Histogram> histogram;
       std::unique_ptr<Flim> flim;
-      if (c.next == kUnused && c.sync == kUnused && c.n_histograms == 1)
+      if (c.next == kUnused && c.sync == kUnused && c.n_histograms == 1) {
         histogram = std::make_unique<Histogram>(&tagger, c.click, c.start, c.binwidth, c.n_bins);
+      }
       if (c.sync == kUnused && c.max_counts == 0) {
         flim = std::make_unique<Flim>(&tagger, c.click, c.start, c.next, c.binwidth, c.n_bins,
                                       c.n_histograms);
@@ -224,10 +226,12 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
       const Tag& earlier = tags[i];
       if (earlier.type == Tag::Type::Error || later.time - earlier.time > half_range) break;
       if (earlier.type != Tag::Type::TimeTag) continue;
-      if (later.channel == c.channel_1 && earlier.channel == second)
+      if (later.channel == c.channel_1 && earlier.channel == second) {
         count(later.time - earlier.time);
-      if (later.channel == second && earlier.channel == c.channel_1)
+      }
+      if (later.channel == second && earlier.channel == c.channel_1) {
         count(earlier.time - later.time);
+      }
     }
   }
   return out;
@@ -273,8 +277,9 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
                                     static_cast<double>(expected.counts[0]) *
                                     static_cast<double>(expected.counts[1]) / captured;
       const std::vector<double> normalized = collect(correlation, &Correlation::getDataNormalized);
-      for (size_t i = 0; i < data.size(); ++i)
+      for (size_t i = 0; i < data.size(); ++i) {
         EXPECT_NEAR(normalized[i] * pairs_expected, data[i], 1e-9 * (data[i] + 1)) << i;
+      }
     }
   }
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
@@ -289,8 +294,9 @@ TEST_F(HistogramTest,
   EXPECT_EQ(tagger.registrations(3), 1);
   Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   // Before any tag every normalised bin is 0 x (0 / 0).
-  for (double value : collect(correlation, &Correlation::getDataNormalized))
+  for (double value : collect(correlation, &Correlation::getDataNormalized)) {
     EXPECT_TRUE(std::isnan(value));
+  }
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
   // An end with no begin (started inside an overflow) drops the capture time before it, but no
   // counts.
@@ -395,8 +401,9 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
       } else {
         // Mode 0: everything at bin 0, as many as the reference pairs up with width 1.
         int64_t pairs = 0;
-        for (const auto& row : startStopReference(c.click, c.start, 1, delivered))
+        for (const auto& row : startStopReference(c.click, c.start, 1, delivered)) {
           pairs += row.second;
+        }
         EXPECT_EQ(got, (Rows{{0, pairs}}));
       }
     }
@@ -532,10 +539,12 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& bl
         steps.assign(dims, 0);
         continue;
       }
-      for (size_t j = 0; j < s.sync.size(); ++j)
+      for (size_t j = 0; j < s.sync.size(); ++j) {
         if (tag.channel == s.sync[j]) steps[j] = 0;
-      for (size_t j = 0; j < dims; ++j)
+      }
+      for (size_t j = 0; j < dims; ++j) {
         if (tag.channel == s.next[j]) ++steps[j];
+      }
       if (tag.channel == s.start && dims > 0) {
         bool valid = true;
         int64_t histogram = 0;
@@ -682,8 +691,9 @@ LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
         if (tag.channel == click && !settling) {
           ref.clicks += 1;
           for (int64_t s : kept) {
-            for (size_t i = 0; i + 1 < e.size(); ++i)
+            for (size_t i = 0; i + 1 < e.size(); ++i) {
               if (tag.time - s >= e[i] && tag.time - s < e[i + 1]) ++ref.counts[i];
+            }
           }
         }
       } else if (tag.type == Tag::Type::Error) {
@@ -698,8 +708,9 @@ LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
         counting_since = tag.time;
       }
     }
-    if (!settling && !in_overflow)
+    if (!settling && !in_overflow) {
       ref.capture += static_cast<double>(block.end_time - counting_since);
+    }
   }
   return ref;
 }

@@ -26,8 +26,9 @@ std::vector<std::pair<int64_t, int64_t>> spans(const std::vector<Block>& blocks)
 }
 
 bool contiguous(const std::vector<Block>& blocks) {
-  for (size_t i = 1; i < blocks.size(); ++i)
+  for (size_t i = 1; i < blocks.size(); ++i) {
     if (blocks[i].begin_time != blocks[i - 1].end_time) return false;
+  }
   return true;
 }
 
@@ -61,8 +62,9 @@ TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndSt
     const std::vector<Block> first = members[0]->blocks();
     EXPECT_FALSE(first.empty()) << when;
     EXPECT_TRUE(contiguous(first)) << when;
-    for (size_t i = 1; i < members.size(); ++i)
+    for (size_t i = 1; i < members.size(); ++i) {
       EXPECT_EQ(spans(first), spans(members[i]->blocks())) << when << ", member " << i;
+    }
   };
 
   for (int round = 0; round < 5; ++round) {

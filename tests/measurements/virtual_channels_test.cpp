@@ -80,8 +80,9 @@ TEST_F(VirtualChannelTest, CombinerCopiesEveryListedTagOncePerListingOnRandomStr
     const std::vector<int> listed = {2, -1, 2, 9};
     Direct<Combiner> combiner(&tagger, listed);
     std::vector<int64_t> expected(listed.size(), 0);
-    for (const Tag& tag : stream.tags)
+    for (const Tag& tag : stream.tags) {
       for (size_t i = 0; i < listed.size(); ++i) expected[i] += tag.channel == listed[i];
+    }
     ASSERT_GT(expected[0], 100);
     for (const auto& block : cutStream(stream, randomCuts(rng, stream, 5))) {
       combiner.feed(block.tags, block.begin_time, block.end_time);
@@ -329,8 +330,9 @@ TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
     rules.tail = c.tail;
     const auto out = checkVirtualChannel<DelayedChannel>(stream, rules, c.inputs, c.delay);
     std::map<int, int> virtual_of;
-    for (size_t i = 0; i < c.inputs.size(); ++i)
+    for (size_t i = 0; i < c.inputs.size(); ++i) {
       virtual_of[c.inputs[i]] = kFirstVirtualChannel + static_cast<int>(i);
+    }
     EXPECT_TRUE(
         sameTags(out.output, delayedReference(stream.tags, virtual_of, c.delay, out.end_time)));
     EXPECT_GT(out.inserted.size(), 100u);
@@ -397,8 +399,9 @@ std::vector<Tag> multiplierReference(const TagStream& stream, int input, int mul
   std::deque<int64_t> schedule;
   int64_t last = 0;
   auto emitBefore = [&](int64_t time) {
-    for (; !schedule.empty() && schedule.front() < time; schedule.pop_front())
+    for (; !schedule.empty() && schedule.front() < time; schedule.pop_front()) {
       out.push_back(timeTag(vc, schedule.front()));
+    }
   };
   for (const Tag& tag : stream.tags) {
     if (tag.type != Tag::Type::TimeTag) {
@@ -415,8 +418,9 @@ std::vector<Tag> multiplierReference(const TagStream& stream, int input, int mul
     if (previous <= 0) continue;
     out.push_back(timeTag(vc, tag.time));
     schedule.clear();
-    for (int k = 1; k < multiplier; ++k)
+    for (int k = 1; k < multiplier; ++k) {
       schedule.push_back(tag.time + (tag.time - previous) * k / multiplier);
+    }
   }
   emitBefore(stream.end_time);
   return out;
@@ -424,8 +428,9 @@ std::vector<Tag> multiplierReference(const TagStream& stream, int input, int mul
 
 TEST_F(VirtualChannelTest, FrequencyMultiplierAtTimeZeroAndAcrossRestarts) {
   // Multipliers below 2 only copy.
-  for (int factor : {1, 0, -5})
+  for (int factor : {1, 0, -5}) {
     EXPECT_EQ(Direct<FrequencyMultiplier>(&tagger, 1, factor).getMultiplier(), 1);
+  }
   Direct<FrequencyMultiplier> fm(&tagger, 1, 2);
   const int vc = fm.getChannel();
   // A tag at 0 is no tag, so 1000 gives no copy yet.
@@ -496,8 +501,9 @@ std::vector<Tag> generatorReference(const std::vector<Tag>& input, const Generat
       bool cancelled = false;
       for (size_t j = 0; j < input.size(); ++j) {
         const Tag& s = input[j];
-        if (j > i && setup.stop != CHANNEL_UNUSED && s.channel == setup.stop && s.time <= g)
+        if (j > i && setup.stop != CHANNEL_UNUSED && s.channel == setup.stop && s.time <= g) {
           cancelled = true;
+        }
         if (s.type != Tag::Type::Error) continue;
         if (!lagging && j > i && s.time <= g) cancelled = true;
         if (lagging && trigger.time <= s.time + lag && s.time + lag <= g) cancelled = true;
@@ -571,13 +577,15 @@ std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<i
   int64_t passed_limit = INT64_MIN;
   size_t next_end = 0;
   auto release = [&] {
-    for (const Tag& tag : held)
+    for (const Tag& tag : held) {
       if (tag.time < passed_limit) out.push_back(tag);
+    }
     held.clear();
   };
   for (const Tag& tag : input) {
-    while (next_end < block_ends.size() && block_ends[next_end] <= tag.time)
+    while (next_end < block_ends.size() && block_ends[next_end] <= tag.time) {
       passed_limit = std::max(passed_limit, block_ends[next_end++]);
+    }
     if (tag.type != Tag::Type::TimeTag) {
       release();
       open.clear();
@@ -603,8 +611,9 @@ std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<i
     shifted.time += half;
     held.push_back(shifted);
   }
-  for (; next_end < block_ends.size(); ++next_end)
+  for (; next_end < block_ends.size(); ++next_end) {
     passed_limit = std::max(passed_limit, block_ends[next_end]);
+  }
   release();
   return sortedWithinEqualTimes(out);
 }
@@ -719,8 +728,9 @@ std::vector<Tag> averageReference(const std::vector<Tag>& input, const std::vect
         complete = complete && last && tag.time - *last < window;
         if (complete) sum += tag.time - *last;
       }
-      if (complete)
+      if (complete) {
         means.push_back(timeTag(kFirstVirtualChannel, tag.time - sum / int64_t(channels.size())));
+      }
     }
   }
   return behindStreamTags(input, means, run_end - window);
@@ -758,8 +768,9 @@ TEST(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
     const std::vector<int>& channels = inputs[k];
     SCOPED_TRACE("setup " + std::to_string(k));
     int64_t window = 4000;
-    for (int channel : channels)
+    for (int channel : channels) {
       window = std::max<int64_t>(window, std::abs(channel - 1) * 1000 + 4000);
+    }
     StreamShape shape;
     shape.channels = {1, 2, 3, 4, -1, -2, 5};
     shape.tags = 1500;

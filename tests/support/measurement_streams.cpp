@@ -62,8 +62,9 @@ std::vector<Block> cutStream(const TagStream& stream, std::vector<int64_t> cuts)
   size_t next = 0;
   for (int64_t end : cuts) {
     Block block{{}, begin, end};
-    while (next < stream.tags.size() && stream.tags[next].time < end)
+    while (next < stream.tags.size() && stream.tags[next].time < end) {
       block.tags.push_back(stream.tags[next++]);
+    }
     blocks.push_back(std::move(block));
     begin = end;
   }
@@ -124,8 +125,9 @@ std::string describe(const Tag& tag) {
     text << tag.channel;
   }
   text << '@' << tag.time;
-  if (tag.type == Tag::Type::MissedEvents || tag.missed_events != 0)
+  if (tag.type == Tag::Type::MissedEvents || tag.missed_events != 0) {
     text << " x" << tag.missed_events;
+  }
   if (tag.reserved != 0) text << " reserved=" << static_cast<unsigned>(tag.reserved);
   return text.str();
 }

@@ -45,8 +45,9 @@ VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const Virt
   std::mt19937_64 rng(rules.seed);
   const int64_t run_end = stream.end_time + std::max<int64_t>(rules.tail, 0);
   std::vector<Tag> expected_passed = stream.tags;
-  if (rules.shift)
+  if (rules.shift) {
     for (Tag& tag : expected_passed) tag.time += rules.shift(tag);
+  }
   std::erase_if(expected_passed, [run_end](const Tag& tag) { return tag.time >= run_end; });
 
   VirtualChannelOutput first;
@@ -70,8 +71,9 @@ VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const Virt
     VirtualChannelOutput out;
     out.output = concatenate(seen);
     out.end_time = run_end;
-    for (const Tag& tag : out.output)
+    for (const Tag& tag : out.output) {
       (tag.channel >= kFirstVirtualChannel ? out.inserted : out.passed).push_back(tag);
+    }
     EXPECT_TRUE(sameTags(out.passed, expected_passed))
         << "the stream passed through the channel differs from its input";
 
