@@ -31,6 +31,7 @@ namespace {
 
 using namespace testing;
 constexpr int kUnused = CHANNEL_UNUSED;
+using HistogramTest = QuietTaggerTest;
 
 // Holds the histogram kernels to their plain form, or lets them take the
 // processor's fastest, for one scope.
@@ -98,8 +99,7 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
-  TestZeptick tagger("TEST-1", 4);
+TEST_F(HistogramTest, TimeDifferencesMatchesReferenceOnRandomStreamsHoweverCut) {
   const Config configs[] = {
       {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
       {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
@@ -137,9 +137,8 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
         flim = std::make_unique<Flim>(&tagger, c.click, c.start, c.next, c.binwidth, c.n_bins,
                                       c.n_histograms);
       }
-      const auto delivered = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
-      const Expected expected = reference(c, testing::concatenate(delivered));
+      const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
+      const Expected expected = reference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 10);
       EXPECT_EQ(collect(measurement, &TimeDifferences::getData), expected.data);
       EXPECT_EQ(measurement.getCounts(), expected.counts);
@@ -154,8 +153,7 @@ TEST(TimeDifferencesTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST(TimeDifferencesTest, SequenceWaitsForSyncTheLimitWaitsForPendingStartsAndRolesRegister) {
-  TestZeptick tagger("TEST-1", 2);
+TEST_F(HistogramTest, TimeDifferencesSequenceWaitsForSyncAndTheLimitForPendingStarts) {
   {
     // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
     TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
@@ -164,7 +162,7 @@ TEST(TimeDifferencesTest, SequenceWaitsForSyncTheLimitWaitsForPendingStartsAndRo
   }
   for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
   // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
-  testing::Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
+  Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
   limited.setMaxCounts(1);
   limited.feed({timeTag(2, 0), timeTag(4, 10), timeTag(2, 20), timeTag(3, 30), timeTag(2, 40),
                 timeTag(1, 45), timeTag(3, 50), timeTag(2, 55), timeTag(1, 60), timeTag(3, 70),
@@ -239,19 +237,7 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-std::vector<int32_t> dataOf(Correlation& correlation) {
-  return collect(correlation, &Correlation::getData);
-}
-std::vector<double> normalizedOf(Correlation& correlation) {
-  return collect(correlation, &Correlation::getDataNormalized);
-}
-
-class CorrelationTest : public ::testing::Test {
- protected:
-  TestZeptick tagger{"TEST-1", 4};
-};
-
-TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
   const Config configs[] = {
       {1, 2, 1, 64},           // identity binning, even range
       {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
@@ -277,21 +263,20 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
                                  .overflow_percent = 1,
                                  .grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1});
       Correlation correlation(&tagger, c.channel_1, c.channel_2, c.binwidth, c.n_bins);
-      const auto delivered = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40)));
+      const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
       correlation.stop();
-      const Expected expected = reference(c, testing::concatenate(delivered));
+      const Expected expected = reference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 50);
-      const std::vector<int32_t> data = dataOf(correlation);
+      const std::vector<int32_t> data = collect(correlation, &Correlation::getData);
       ASSERT_EQ(data, expected.data);
 
-      // It saw idle blocks around the stream as well; their time counts, the overflows' does not.
+      // Time inside overflows is not capture time.
       const double captured =
           static_cast<double>(correlation.getCaptureDuration() - expected.overflow_time);
       const double pairs_expected = static_cast<double>(c.binwidth) *
                                     static_cast<double>(expected.counts[0]) *
                                     static_cast<double>(expected.counts[1]) / captured;
-      const std::vector<double> normalized = normalizedOf(correlation);
+      const std::vector<double> normalized = collect(correlation, &Correlation::getDataNormalized);
       for (size_t i = 0; i < data.size(); ++i) {
         EXPECT_NEAR(normalized[i] * pairs_expected, data[i], 1e-9 * (data[i] + 1)) << i;
       }
@@ -300,33 +285,36 @@ TEST_F(CorrelationTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(CorrelationTest, IndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
+TEST_F(HistogramTest,
+       CorrelationIndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
   // 3 bins of 5 ps: half range 7, the range 15 is odd.
   Correlation odd(&tagger, 1, 2, 5, 3);
   EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
   Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
-  testing::Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
-  correlation.clear();  // forgets the capture time of idle blocks it saw
+  Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   // Before any tag every normalised bin is 0 x (0 / 0).
-  for (double value : normalizedOf(correlation)) EXPECT_TRUE(std::isnan(value));
+  for (double value : collect(correlation, &Correlation::getDataNormalized)) {
+    EXPECT_TRUE(std::isnan(value));
+  }
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
   // An end with no begin (started inside an overflow) drops the capture time before it, but no
   // counts.
   correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
-  EXPECT_EQ(dataOf(correlation), (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-  EXPECT_DOUBLE_EQ(normalizedOf(correlation)[9], 100.0 / (10.0 * 1 * 2));
+  EXPECT_EQ(collect(correlation, &Correlation::getData),
+            (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+  EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
+                   100.0 / (10.0 * 1 * 2));
 }
 
 }  // namespace correlation
 
-namespace start_stop {
 using Rows = std::vector<std::pair<int64_t, int64_t>>;
 
 // For each click, look back for what came last among starts, clicks and non-time tags: only a start
 // (other than one at time 0) makes a pair. A tag on both channels is a start for the clicks after
 // it, not for itself.
-Rows reference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
+Rows startStopReference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
   if (start == kUnused) start = click;
   std::map<int64_t, int64_t> counts;
   for (size_t j = 0; j < tags.size(); ++j) {
@@ -347,21 +335,36 @@ Rows reference(int click, int start, int64_t binwidth, const std::vector<Tag>& t
 }
 
 Rows rowsOf(StartStop& measurement, std::vector<size_t>* sizes = nullptr) {
-  const std::vector<int64_t> flat = testing::collect(measurement, &StartStop::getData, sizes);
+  const std::vector<int64_t> flat = collect(measurement, &StartStop::getData, sizes);
   Rows rows;
   for (size_t i = 0; i + 1 < flat.size(); i += 2) rows.emplace_back(flat[i], flat[i + 1]);
   return rows;
 }
 
-class StartStopTest : public ::testing::Test {
- protected:
-  TestZeptick tagger{"TEST-1", 4};
-};
+// Pair lengths the random streams never reach: short ones, ones on either side of the bins kept in
+// an array, and far ones counted apart.
+TagStream nearAndFarPairs(std::mt19937_64& rng, int64_t width) {
+  auto draw = [&](int64_t low, int64_t high) {
+    return std::uniform_int_distribution<int64_t>(low, high)(rng);
+  };
+  const int64_t edge = (int64_t{1} << 20) * width;
+  TagStream stream{{}, 1000, 1000};
+  for (int pair = 0; pair < 3000; ++pair) {
+    const int64_t length = pair % 3 == 0   ? draw(0, 3000 * width)
+                           : pair % 3 == 1 ? edge + draw(-3 * width, 3 * width)
+                                           : draw(edge, int64_t{1} << 42);
+    stream.tags.insert(stream.tags.end(),
+                       {timeTag(2, stream.end_time), timeTag(1, stream.end_time + length)});
+    stream.end_time += length + 1;
+  }
+  return stream;
+}
 
-TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
   struct Config {
     int click, start;
     int64_t binwidth;
+    bool far = false;  // pairs of nearAndFarPairs instead of a random stream
   };
   const Config configs[] = {
       {1, 2, 1},           // identity
@@ -369,6 +372,7 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       {1, kUnused, 1000},  // spacing of one channel; 64-bit division over the whole range
       {1, 2, 274177},      // a divisor of 2^64 + 1: the 64-bit reciprocal is exact everywhere
       {1, 2, -5},          // a negative width: every pair in one bin
+      {1, 2, 1, true},    {1, 2, 1000, true}, {1, 2, 3, true},
   };
   int modes_seen[7] = {};
   for (const Config& c : configs) {
@@ -378,17 +382,18 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       std::mt19937_64 rng(seed);
       const int64_t width = std::max<int64_t>(c.binwidth, 1);
-      const TagStream stream = makeRandomStream(rng, {.channels = {1, 2, 3},
-                                                      .tags = 3000,
-                                                      .mean_gap = 5 * width,
-                                                      .error_percent = 1,
-                                                      .overflow_percent = 1,
-                                                      .grid = seed % 2 == 1 ? width : 1});
+      const TagStream stream = c.far ? nearAndFarPairs(rng, width)
+                                     : makeRandomStream(rng, {.channels = {1, 2, 3},
+                                                              .tags = 3000,
+                                                              .mean_gap = 5 * width,
+                                                              .error_percent = 1,
+                                                              .overflow_percent = 1,
+                                                              .grid = seed % 2 == 1 ? width : 1});
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
-      const std::vector<Tag> delivered = testing::concatenate(testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, 40))));
+      const std::vector<Tag> delivered =
+          concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40))));
       const Rows expected =
-          c.binwidth > 0 ? reference(c.click, c.start, c.binwidth, delivered) : Rows{};
+          c.binwidth > 0 ? startStopReference(c.click, c.start, c.binwidth, delivered) : Rows{};
       const Rows got = rowsOf(measurement);
       if (c.binwidth > 0) {
         ASSERT_GT(expected.size(), 3u);
@@ -396,7 +401,9 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
       } else {
         // Mode 0: everything at bin 0, as many as the reference pairs up with width 1.
         int64_t pairs = 0;
-        for (const auto& row : reference(c.click, c.start, 1, delivered)) pairs += row.second;
+        for (const auto& row : startStopReference(c.click, c.start, 1, delivered)) {
+          pairs += row.second;
+        }
         EXPECT_EQ(got, (Rows{{0, pairs}}));
       }
     }
@@ -404,8 +411,8 @@ TEST_F(StartStopTest, MatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(StartStopTest, AStartAtZeroOrBeforeARestartOrClearNeverOpens) {
-  testing::Direct<StartStop> m(&tagger, 1, 2, 10);
+TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
+  Direct<StartStop> m(&tagger, 1, 2, 10);
   std::vector<size_t> asked;
   EXPECT_TRUE(rowsOf(m, &asked).empty());
   EXPECT_EQ(asked, (std::vector<size_t>{0, 2}));
@@ -422,22 +429,17 @@ TEST_F(StartStopTest, AStartAtZeroOrBeforeARestartOrClearNeverOpens) {
   EXPECT_EQ(tagger.registrations(3), 1);
 }
 
-}  // namespace start_stop
-
-namespace histogram_2d {
-using DirectHistogram2D = testing::Direct<Histogram2D>;
+using DirectHistogram2D = Direct<Histogram2D>;
 
 std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
-  return testing::collect(h, &Histogram2D::getData, sizes);
+  return collect(h, &Histogram2D::getData, sizes);
 }
 
-using Histogram2DTest = QuietTaggerTest;
-
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
-TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
+TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
   DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
   std::vector<size_t> sizes;
-  EXPECT_EQ(testing::collect(h, &Histogram2D::getIndex, &sizes),
+  EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
             (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
   EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
   h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
@@ -459,8 +461,9 @@ TEST_F(Histogram2DTest, IndexListsCellCornersAndClearAbandonsTheOpenEvent) {
 
 // Every start, scanned forward on its own: its event completes at the first tag by which both stops
 // have been seen, and is lost if another start or a tag other than a time tag comes first.
-std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int stop_1, int stop_2,
-                                int64_t width_1, int64_t width_2, int rows, int columns) {
+std::vector<int32_t> bruteForce2D(const std::vector<Block>& blocks, int start, int stop_1,
+                                  int stop_2, int64_t width_1, int64_t width_2, int rows,
+                                  int columns) {
   std::vector<Tag> line;
   for (const Block& block : blocks) line.insert(line.end(), block.tags.begin(), block.tags.end());
   std::vector<int32_t> cells(static_cast<size_t>(rows * columns), 0);
@@ -484,18 +487,13 @@ std::vector<int32_t> bruteForce(const std::vector<Block>& blocks, int start, int
   return cells;
 }
 
-}  // namespace histogram_2d
-
-namespace time_differences_nd {
 std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
-  return testing::collect(h, &TimeDifferencesND::getData, sizes);
+  return collect(h, &TimeDifferencesND::getData, sizes);
 }
 
-using TimeDifferencesNDTest = QuietTaggerTest;
-
-TEST_F(TimeDifferencesNDTest, ClearKeepsTheSequencesAndNoDimensionCountsNothing) {
+TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCountsNothing) {
   // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
-  testing::Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
   // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
   h.feed({timeTag(3, 100), timeTag(3, 101), timeTag(4, 102), timeTag(2, 110)}, 0, 120);
   h.clear();
@@ -506,8 +504,8 @@ TEST_F(TimeDifferencesNDTest, ClearKeepsTheSequencesAndNoDimensionCountsNothing)
   EXPECT_EQ(histograms(h, &sizes), expected);
   EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
 
-  testing::Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
-                                          std::vector<int>{}, 10, 3);
+  Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
+                                 std::vector<int>{}, 10, 3);
   flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
   EXPECT_EQ(histograms(flat, &sizes), std::vector<int32_t>(3, 0));
   EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
@@ -527,7 +525,7 @@ struct NDSetup {
 // last sync or the last tag other than a time tag, minus one; it wraps without a sync channel and
 // is void past its end with one. Each click then meets every valid start within range, with no
 // queue.
-std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& blocks) {
+std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& blocks) {
   const size_t dims = s.next.size();
   int64_t histograms = 1;
   for (int n : s.n_histograms) histograms *= n;
@@ -568,12 +566,8 @@ std::vector<int32_t> bruteForce(const NDSetup& s, const std::vector<Block>& bloc
   return data;
 }
 
-}  // namespace time_differences_nd
-
 // Both grids through the runner on one stream however cut, each against its brute force.
-TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
-  TestZeptick tagger("TEST-1", 3);
-  tagger.setIdleSpan(0);
+TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
   struct Setup {
     int start, stop_1, stop_2;
     int64_t width_1, width_2;
@@ -586,7 +580,7 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
       {-1, 2, -1, 1, 1, 64, 64},  // start is stop 2
       {2, 2, 2, 10, 10, 2, 2},    // one channel: every tag is its own event
   };
-  const std::vector<time_differences_nd::NDSetup> setups_nd = {
+  const std::vector<NDSetup> setups_nd = {
       {1, 2, {3}, {}, {3}, 7, 20},                                   // one wrapping dimension
       {1, 2, {3, 4}, {5, -2}, {2, 3}, 8, 16},                        // both synced
       {1, 2, {3, 4, 3}, {5, CHANNEL_UNUSED, -2}, {2, 4, 3}, 1, 90},  // mixed, a shared next channel
@@ -595,7 +589,7 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
   };
   for (uint64_t seed = 1; seed <= 10; ++seed) {
     const Setup& s = setups_2d[seed % setups_2d.size()];
-    const time_differences_nd::NDSetup& nd = setups_nd[seed % setups_nd.size()];
+    const NDSetup& nd = setups_nd[seed % setups_nd.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
     const TagStream stream = makeRandomStream(rng, {.channels = {1, 1, 2, 2, 3, 4, 5, -1, -2},
@@ -609,38 +603,32 @@ TEST(GridsStreamTest, MatchBruteForceThroughTheRunnerHoweverCut) {
                           s.columns);
       TimeDifferencesND grid_nd(&tagger, nd.click, nd.start, nd.next, nd.sync, nd.n_histograms,
                                 nd.binwidth, nd.n_bins);
-      const std::vector<Block> seen = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const std::vector<int32_t> cells = histogram_2d::bruteForce(
-          seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
+      const std::vector<Block> seen =
+          deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
+      const std::vector<int32_t> cells =
+          bruteForce2D(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
       ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
-      EXPECT_EQ(histogram_2d::grid(grid_2d), cells);
-      const std::vector<int32_t> bins = time_differences_nd::bruteForce(nd, seen);
+      EXPECT_EQ(grid(grid_2d), cells);
+      const std::vector<int32_t> bins = bruteForceND(nd, seen);
       ASSERT_GT(std::accumulate(bins.begin(), bins.end(), 0), 100);
-      EXPECT_EQ(time_differences_nd::histograms(grid_nd), bins);
+      EXPECT_EQ(histograms(grid_nd), bins);
     }
   }
 }
 
-namespace log_bins {
-using DirectLogBins = testing::Direct<HistogramLogBins>;
+using DirectLogBins = Direct<HistogramLogBins>;
 
-std::vector<uint64_t> counts(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getData);
-}
+std::vector<uint64_t> counts(HistogramLogBins& h) { return collect(h, &HistogramLogBins::getData); }
 std::vector<int64_t> edges(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getBinEdges);
+  return collect(h, &HistogramLogBins::getBinEdges);
 }
 std::vector<double> g2(HistogramLogBins& h) {
-  return testing::collect(h, &HistogramLogBins::getDataNormalizedG2);
+  return collect(h, &HistogramLogBins::getDataNormalizedG2);
 }
 
-using HistogramLogBinsTest = QuietTaggerTest;
-
-TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
-  DirectLogBins decades(&tagger, 1, 2, -12, -9, 3);
-  EXPECT_EQ(edges(decades), (std::vector<int64_t>{1, 10, 100, 1000}));
-  EXPECT_EQ(counts(decades).size(), 3u);
+TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
+  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);
+  EXPECT_EQ(edges(h), (std::vector<int64_t>{1, 10, 100, 1000}));
 
   // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
   DirectLogBins halves(&tagger, 1, 2, -12.5, -10, 5);
@@ -651,7 +639,6 @@ TEST_F(HistogramLogBinsTest, EdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
   EXPECT_EQ(edges(none), std::vector<int64_t>{1});
   EXPECT_TRUE(counts(none).empty());
 
-  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);  // edges 1, 10, 100, 1000
   // The click at 600 falls within the first range after the reset at 1: settling, ignored.
   h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
   EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 0}));
@@ -674,8 +661,8 @@ struct LogReference {
   double capture = 0;
 };
 
-LogReference bruteForce(const std::vector<int64_t>& e, int click, int start,
-                        const std::vector<Block>& blocks) {
+LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
+                           const std::vector<Block>& blocks) {
   LogReference ref;
   ref.counts.assign(e.size() - 1, 0);
   const int64_t range = e.back();
@@ -739,9 +726,7 @@ struct LogSetup {
   std::vector<int> channels;
 };
 
-TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
-  TestZeptick tagger("TEST-1", 3);
-  tagger.setIdleSpan(0);
+TEST_F(HistogramTest, LogBinsMatchBruteForceThroughTheRunnerHoweverCut) {
   const std::vector<LogSetup> setups = {
       // A range far longer than a gap: many live starts per click.
       {1, 2, -12, -8, 16, 300, 2, {1, 1, 2, -1, 3}},
@@ -757,26 +742,24 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
     const LogSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
-    testing::StreamShape shape;
+    StreamShape shape;
     shape.channels = s.channels;
     if (s.click != s.start) shape.channels.push_back(s.click);
     shape.mean_gap = s.max_gap / 2;
     shape.tags = 5000;
     shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
-    const testing::TagStream stream = testing::makeRandomStream(rng, shape);
+    const TagStream stream = makeRandomStream(rng, shape);
 
     for (size_t most_cuts : {3, 40, 700}) {
-      auto h = std::make_unique<HistogramLogBins>(&tagger, s.click, s.start, s.exp_start,
-                                                  s.exp_stop, s.n_bins);
-      const std::vector<Block> seen = testing::deliver(
-          tagger, testing::cutStream(stream, testing::randomCuts(rng, stream, most_cuts)));
-      const LogReference ref = bruteForce(edges(*h), s.click, s.start, seen);
-      ASSERT_EQ(counts(*h), ref.counts) << most_cuts << " cuts";
+      HistogramLogBins h(&tagger, s.click, s.start, s.exp_start, s.exp_stop, s.n_bins);
+      const std::vector<Block> seen =
+          deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
+      const std::vector<int64_t> e = edges(h);
+      const LogReference ref = bruteForceLog(e, s.click, s.start, seen);
+      ASSERT_EQ(counts(h), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
-      const std::vector<int64_t> e = edges(*h);
-      const std::vector<double> got = g2(*h);
-      const std::vector<double> per_ps =
-          collect(*h, &HistogramLogBins::getDataNormalizedCountsPerPs);
+      const std::vector<double> got = g2(h);
+      const auto per_ps = collect(h, &HistogramLogBins::getDataNormalizedCountsPerPs);
       for (size_t i = 0; i < got.size(); ++i) {
         const double width = static_cast<double>(e[i + 1] - e[i]);
         if (width == 0) {
@@ -784,14 +767,12 @@ TEST(HistogramLogBinsStreamTest, MatchesBruteForceThroughTheRunnerHoweverCut) {
           continue;
         }
         EXPECT_DOUBLE_EQ(per_ps[i], ref.counts[i] / width) << i;
-        const double expected = ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width;
-        EXPECT_DOUBLE_EQ(got[i], expected) << i;
+        EXPECT_DOUBLE_EQ(got[i], ref.counts[i] * ref.capture / (ref.clicks * ref.starts) / width)
+            << i;
       }
     }
   }
 }
-
-}  // namespace log_bins
 
 }  // namespace
 }  // namespace zeptick

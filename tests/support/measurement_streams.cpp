@@ -52,17 +52,6 @@ TagStream makeRandomStream(std::mt19937_64& rng, const StreamShape& shape) {
   return stream;
 }
 
-TagStream makeTimeTagStream(std::mt19937_64& rng, const std::vector<int>& channels, size_t count,
-                            int64_t mean_gap) {
-  StreamShape shape;
-  shape.channels = channels;
-  shape.tags = count;
-  shape.mean_gap = mean_gap;
-  shape.error_percent = shape.overflow_percent = 0;
-  shape.burst_percent = shape.equal_time_percent = 0;
-  return makeRandomStream(rng, shape);
-}
-
 std::vector<Block> cutStream(const TagStream& stream, std::vector<int64_t> cuts) {
   std::erase_if(cuts,
                 [&](int64_t cut) { return cut < stream.begin_time || cut > stream.end_time; });

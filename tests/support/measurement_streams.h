@@ -55,10 +55,6 @@ struct StreamShape {
 /// times, bursts, errors, overflow spans holding missed-events tags.
 TagStream makeRandomStream(std::mt19937_64& rng, const StreamShape& shape = {});
 
-/// Time tags only, on `channels`, `count` of them with the given mean gap.
-TagStream makeTimeTagStream(std::mt19937_64& rng, const std::vector<int>& channels, size_t count,
-                            int64_t mean_gap);
-
 /// Splits `stream` at the given times (repeats give zero-length blocks, cuts
 /// outside the span are dropped). A tag goes to the block whose span holds it.
 std::vector<Block> cutStream(const TagStream& stream, std::vector<int64_t> cuts);

@@ -1,7 +1,7 @@
 #pragma once
 
 // Invariants every virtual channel owes the measurements behind it, checked by
-// running one stream through a real runner cut into blocks in several ways:
+// feeding one stream to the channel cut into blocks in several ways:
 //   - each block leaves in non-decreasing time order, inside its span;
 //   - every input tag passes through once, in order (unless the channel's
 //     rules drop it), with only the time shift the channel's rules give it;
@@ -11,11 +11,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "measurement_streams.h"
-#include "zeptick/iterator_base.h"
 
 namespace zeptick::testing {
 
@@ -26,6 +24,9 @@ struct VirtualChannelRules {
   std::function<int64_t(const Tag&)> shift;
   /// The output is the same however the stream is cut.
   bool cut_invariant = true;
+  /// At least 0 for a channel that holds tags back at their own times: each leaves only in a block
+  /// that ends more than this after it. Below 0, each tag leaves inside its block's span.
+  int64_t held_back = -1;
   /// Span of an empty block appended after the stream, to let held-back tags out.
   int64_t tail = 0;
   /// Number of cuttings: the whole stream as one block, one cut at every tag
@@ -43,14 +44,43 @@ struct VirtualChannelOutput {
   int64_t end_time = 0;       ///< end of the last block, tail included
 };
 
-/// Builds the channel on a fresh tagger; a recorder is placed behind it.
-using VirtualChannelFactory = std::function<std::unique_ptr<IteratorBase>(TestZeptick*)>;
+/// Each tag of `blocks` in time order and inside its block's span, or as `held_back` allows.
+::testing::AssertionResult blocksInOrder(const std::vector<Block>& blocks, int64_t held_back = -1);
+
+/// Feeds `blocks` to `channel` (a Direct<...>) in turn; returns them as they left it.
+template <class Channel>
+std::vector<Block> feedBlocks(Channel& channel, const std::vector<Block>& blocks) {
+  std::vector<Block> out;
+  for (const Block& block : blocks) {
+    out.push_back({channel.feed(block.tags, block.begin_time, block.end_time), block.begin_time,
+                   block.end_time});
+  }
+  return out;
+}
+
+/// Runs blocks through a fresh channel; returns them as they left it.
+using VirtualChannelRun = std::function<std::vector<Block>(const std::vector<Block>&)>;
 
 /// Runs `stream` through the channel in every cutting and checks the
 /// invariants with gtest (non-fatal failures, tagged with the cutting).
 /// Tags on virtual channels count as inserted, all others as passed.
-VirtualChannelOutput checkVirtualChannel(const TagStream& stream,
-                                         const VirtualChannelFactory& factory,
-                                         const VirtualChannelRules& rules = {});
+VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const VirtualChannelRun& run,
+                                             const VirtualChannelRules& rules);
+
+/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet Tagger, so that its virtual
+/// channels begin at kFirstVirtualChannel.
+template <class Channel, class Tagger = TestZeptick, class... Args>
+VirtualChannelOutput checkVirtualChannel(const TagStream& stream, const VirtualChannelRules& rules,
+                                         const Args&... args) {
+  return checkVirtualChannelRuns(
+      stream,
+      [&](const std::vector<Block>& blocks) {
+        Tagger tagger;
+        tagger.setIdleSpan(0);
+        Direct<Channel> channel(&tagger, args...);
+        return feedBlocks(channel, blocks);
+      },
+      rules);
+}
 
 }  // namespace zeptick::testing
