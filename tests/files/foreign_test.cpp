@@ -13,9 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <numeric>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -48,7 +46,7 @@ size_t tagValueOffset(const Bytes& file, const std::string& name, int32_t index 
   return 0;
 }
 
-TEST(PtuRecording, HydraHarpT2MatchesOtherProgramsAndWrapsAtTwoToThe25) {
+TEST(PtuRecording, HydraHarpT2TimesWrapAtTwoToThe25) {
   ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kT2));
   ASSERT_TRUE(read.open);
@@ -60,36 +58,12 @@ TEST(PtuRecording, HydraHarpT2MatchesOtherProgramsAndWrapsAtTwoToThe25) {
                                   124793256, 131543896, 134363435, 136622106}));
   EXPECT_EQ(photons.back(), 4999964931763);
 
-  // libpicoquant's listing wraps at 33,552,000: its rows are low by 2432 ps per overflow so far,
-  // a count that can only grow. Its first row, before any overflow, is exact.
-  std::ifstream listing(realData("02_hydraharp2_T2/libpicoquant_v30_t2.ptu.data"));
-  std::string line;
-  int64_t previous_wraps = 0;
-  size_t row = 0;
-  while (std::getline(listing, line) && row < photons.size()) {
-    const int64_t theirs = std::stoll(line.substr(line.find(',') + 1));
-    const int64_t low = photons[row++] - theirs;
-    EXPECT_EQ(low % 2432, 0) << "row " << row;
-    EXPECT_GE(low / 2432, previous_wraps) << "row " << row;
-    if (row == 1) {
-      EXPECT_EQ(low, 0);
-    }
-    previous_wraps = low / 2432;
-  }
-  EXPECT_EQ(row, 100u);
-  EXPECT_GT(previous_wraps, 0);
-
   const auto settings = nlohmann::json::parse(read.configuration);
   EXPECT_EQ(settings["record_type"], "HydraHarp V2 T2");
   EXPECT_EQ(settings["records"], 435319);
   EXPECT_EQ(settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
-  // 88 tag entries with 58 distinct names, Header_End being the one not kept.
-  std::set<std::string> names;
-  for (const auto& item : settings["header"].items()) {
-    names.insert(item.key().substr(0, item.key().find('[')));
-  }
+  // 88 tag entries, Header_End being the one not kept.
   EXPECT_EQ(settings["header"].size(), 87u);
-  EXPECT_EQ(names.size(), 57u);
 }
 
 // The dtime of each photon of detector `channel` (from 0) in a HydraHarp T3 file, straight from
@@ -129,21 +103,6 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   histogram.getData([&](size_t) { return ours.data(); });
   const std::vector<uint64_t> reference = dtimeHistogram(readBytes(realData(kT3)), 0, kBins);
   EXPECT_EQ(std::vector<uint64_t>(ours.begin(), ours.end()), reference);
-  EXPECT_EQ(std::accumulate(ours.begin(), ours.end(), int64_t{0}), 45012);
-  // A fluorescence decay: the rise within the first 20 ns of the period, then fewer counts in
-  // every later 32 ns.
-  const auto window = [&](size_t from, size_t width) {
-    return std::accumulate(ours.begin() + from, ours.begin() + std::min(from + width, kBins),
-                           int64_t{0});
-  };
-  size_t peak = 0;
-  for (size_t from = 0; from + 100 <= kBins; from += 100) {
-    if (window(from, 100) > window(peak, 100)) peak = from;
-  }
-  EXPECT_LT(peak, 320u);
-  for (size_t from = 500; from + 500 <= kBins; from += 500) {
-    EXPECT_LT(window(from, 500), window(from - 500, 500)) << from;
-  }
 }
 
 TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
@@ -388,20 +347,12 @@ void writeScalar(hid_t file, const std::string& name, double value) {
   writeDataset(file, name, &value, 0, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE);
 }
 
-using TagKey = std::pair<int64_t, int32_t>;
-std::vector<TagKey> keys(const std::vector<Tag>& tags) {
-  std::vector<TagKey> out;
-  for (const Tag& tag : tags) out.emplace_back(tag.time, tag.channel);
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
 TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync) {
   ScratchDirectory dir;
   const std::string path = dir.file("multispot.h5");
   constexpr int64_t kUnit = 12500, kTcspc = 16;  // ps
   std::mt19937_64 rng(11);
-  std::vector<TagKey> expected;
+  std::vector<std::pair<int64_t, int32_t>> expected;
   const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
   // More photons than one chunk, so that groups are merged across several reads.
   for (const auto& [group, photons] :
@@ -430,7 +381,7 @@ TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync)
   const ForeignRead read = readForeign(path);
   ASSERT_TRUE(read.open);
   EXPECT_GE(read.blocks, 3u);
-  EXPECT_EQ(keys(read.tags), expected);
+  EXPECT_EQ(sortedTimeTags(read.tags), expected);
   const auto settings = nlohmann::json::parse(read.configuration);
   EXPECT_EQ(settings["groups"]["photon_data1"]["photons"], 90000);
 }

@@ -5,10 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "files/foreign/foreign_format.h"
@@ -65,6 +67,16 @@ inline std::map<int32_t, size_t> countPerChannel(const std::vector<Tag>& tags) {
   std::map<int32_t, size_t> counts;
   for (const Tag& tag : tags) ++counts[tag.channel];
   return counts;
+}
+
+/// Time tags only, ordered by time then channel: tags of one instant have no order of their own.
+inline std::vector<std::pair<int64_t, int32_t>> sortedTimeTags(const std::vector<Tag>& tags) {
+  std::vector<std::pair<int64_t, int32_t>> out;
+  for (const Tag& tag : tags) {
+    if (tag.type == Tag::Type::TimeTag) out.emplace_back(tag.time, tag.channel);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 inline std::vector<int64_t> timesOn(const std::vector<Tag>& tags, int32_t channel) {

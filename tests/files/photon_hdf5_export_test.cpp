@@ -3,12 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "file_format_testing.h"
@@ -17,16 +15,6 @@
 
 namespace zeptick::testing {
 namespace {
-
-// Time tags only, ordered by time then channel: tags of one instant have no order of their own.
-std::vector<std::pair<int64_t, int32_t>> timeTags(const std::vector<Tag>& tags) {
-  std::vector<std::pair<int64_t, int32_t>> out;
-  for (const Tag& tag : tags) {
-    if (tag.type == Tag::Type::TimeTag) out.emplace_back(tag.time, tag.channel);
-  }
-  std::sort(out.begin(), out.end());
-  return out;
-}
 
 TEST(PhotonHdf5Export, OurRecordingRoundTripsItsTimeTagsAndLeavesOutTheRest) {
   ScratchDirectory dir;
@@ -38,14 +26,14 @@ TEST(PhotonHdf5Export, OurRecordingRoundTripsItsTimeTagsAndLeavesOutTheRest) {
   std::vector<std::pair<int32_t, int32_t>> map;
   for (int channel : channels) map.emplace_back(channel, CHANNEL_UNUSED);
   writeRecording(dir.file("ours.ztbin"), blocks, map);
-  const auto expected = timeTags(concat(readRecording(dir.file("ours.ztbin"))));
+  const auto expected = sortedTimeTags(concat(readRecording(dir.file("ours.ztbin"))));
   ASSERT_GT(expected.size(), 1000u);
 
   LogCapture log;
   EXPECT_EQ(exportPhotonHdf5(dir.file("ours.ztbin"), dir.file("ours.h5")), expected.size());
   const ForeignRead back = readForeign(dir.file("ours.h5"));
   ASSERT_TRUE(back.open);
-  EXPECT_EQ(timeTags(back.tags), expected);
+  EXPECT_EQ(sortedTimeTags(back.tags), expected);
   EXPECT_EQ(back.tags.size(), expected.size());  // no sync tags made up
   ASSERT_EQ(log.entries().size(), 1u);
   EXPECT_NE(log.entries()[0].text.find("were left out"), std::string::npos);
@@ -64,7 +52,7 @@ TEST(PhotonHdf5Export, ForeignFilesWithMicroTimesRoundTripExactly) {
     exportPhotonHdf5(realData(name), dir.file("out.h5"));
     const ForeignRead back = readForeign(dir.file("out.h5"));
     ASSERT_TRUE(back.open);
-    EXPECT_EQ(timeTags(back.tags), timeTags(source.tags));
+    EXPECT_EQ(sortedTimeTags(back.tags), sortedTimeTags(source.tags));
     // Written with nanotimes, not as a flat list of channels.
     const auto settings = nlohmann::json::parse(back.configuration);
     EXPECT_TRUE(settings["groups"]["photon_data"].contains("tcspc_unit_ps"));

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -347,86 +348,64 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverf
   EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));
 }
 
-class ReplaySettingsTest : public ::testing::Test {
- protected:
-  ReplaySettingsTest() {
-    plan.overflow_spans.clear();  // the models below know nothing of overflows
-    writeRecording(base, plan, 7000);
-  }
+// Delays, a dead time and the test signal against brute-force models of the recorded stream.
+TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
   ScratchDirectory dir;
   RecordingPlan plan = smallPlan(21);
+  plan.overflow_spans.clear();  // the models below know nothing of overflows
   const std::string base = dir.file("settings");
-};
-
-TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
-  const int64_t late = 2345678;   // channel 1 later: crosses blocks
-  const int64_t early = -777777;  // channel 3 earlier: holds back the whole stream
-  const int64_t deadtime = 30000000;
-  Replay replay(3);
-  replay.tagger->setInputDelay(1, late);
-  replay.tagger->setInputDelay(3, early);
-  EXPECT_EQ(replay.tagger->setDeadtime(2, deadtime), deadtime);
-  EXPECT_EQ(replay.tagger->getInputDelay(1), late);
-  EXPECT_EQ(replay.tagger->getDeadtime(2), deadtime);
-  EXPECT_EQ(replay.tagger->getDeadtime(1), 0);
-  const std::vector<Tag> out = replay.play(base);
-
-  std::vector<Tag> expected;
-  int64_t last_kept = 0;
-  bool kept_any = false;
-  for (Tag tag : generatedTags(plan)) {
-    tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
-    if (tag.channel == 2) {
-      if (kept_any && tag.time - last_kept < deadtime) continue;
-      last_kept = tag.time;
-      kept_any = true;
+  writeRecording(base, plan, 7000);
+  const std::vector<Tag> recorded = generatedTags(plan);
+  const auto byTime = [](const Tag& a, const Tag& b) { return a.time < b.time; };
+  {
+    const int64_t late = 2345678;   // channel 1 later: crosses blocks
+    const int64_t early = -777777;  // channel 3 earlier: holds back the whole stream
+    const int64_t deadtime = 30000000;
+    Replay replay(3);
+    replay.tagger->setInputDelay(1, late);
+    replay.tagger->setInputDelay(3, early);
+    EXPECT_EQ(replay.tagger->setDeadtime(2, deadtime), deadtime);
+    EXPECT_EQ(replay.tagger->getInputDelay(1), late);
+    EXPECT_EQ(replay.tagger->getDeadtime(2), deadtime);
+    EXPECT_EQ(replay.tagger->getDeadtime(1), 0);
+    std::vector<Tag> expected;
+    int64_t last_kept = 0;
+    bool kept_any = false;
+    for (Tag tag : recorded) {
+      tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
+      if (tag.channel == 2) {
+        if (kept_any && tag.time - last_kept < deadtime) continue;
+        last_kept = tag.time;
+        kept_any = true;
+      }
+      // Held back beyond the end of the stream: still waiting when replay ends.
+      if (tag.time < plan.duration) expected.push_back(tag);
     }
-    // Held back beyond the end of the stream: still waiting when replay ends.
-    if (tag.time < plan.duration) expected.push_back(tag);
+    std::stable_sort(expected.begin(), expected.end(), byTime);
+    EXPECT_EQ(fields(replay.play(base)), fields(expected));
   }
-  std::stable_sort(expected.begin(), expected.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  EXPECT_EQ(fields(out), fields(expected));
-}
-
-TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
+  // The test signal replaces both edges of its input only: a square wave of about 1.256 us,
+  // its edges alternating, each about 628 ns after the last.
   Replay replay(3);
   replay.tagger->seedTestSignal(3);
   replay.tagger->setTestSignal(1, true);
-  EXPECT_TRUE(replay.tagger->getTestSignal(1));
-  EXPECT_TRUE(replay.tagger->getTestSignal(-1));
+  EXPECT_TRUE(replay.tagger->getTestSignal(1) && replay.tagger->getTestSignal(-1));
   EXPECT_FALSE(replay.tagger->getTestSignal(2));
   const std::vector<Tag> out = replay.play(base);
-  std::vector<Tag> others;
-  std::vector<int64_t> rising;
-  std::vector<int64_t> falling;
-  for (const Tag& tag : out) {
-    if (tag.channel == 1) {
-      rising.push_back(tag.time);
-    } else if (tag.channel == -1) {
-      falling.push_back(tag.time);
-    } else {
-      others.push_back(tag);
-    }
-  }
-  std::vector<Tag> expected_others;
-  for (const Tag& tag : generatedTags(plan)) {
+  EXPECT_TRUE(std::is_sorted(out.begin(), out.end(), byTime));
+  std::vector<Tag> others, expected_others;
+  std::vector<Tag> edges;
+  for (const Tag& tag : out) (std::abs(tag.channel) == 1 ? edges : others).push_back(tag);
+  for (const Tag& tag : recorded) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
   EXPECT_EQ(fields(others), fields(expected_others));
-
-  // A square wave of about 1.256 us: edges alternate, each about 628 ns after the last.
-  const double cycles = static_cast<double>(plan.duration) / (2 * 628006.5);
-  EXPECT_NEAR(static_cast<double>(rising.size()), cycles, 3.0);
-  EXPECT_NEAR(static_cast<double>(falling.size()), cycles, 3.0);
-  ASSERT_FALSE(rising.empty());
-  EXPECT_TRUE(std::is_sorted(out.begin(), out.end(),
-                             [](const Tag& a, const Tag& b) { return a.time < b.time; }));
-  for (size_t i = 1; i < rising.size(); ++i) {
-    EXPECT_NEAR(static_cast<double>(rising[i] - rising[i - 1]), 1256013.0, 8000.0) << i;
-  }
-  for (size_t i = 0; i + 1 < rising.size() && i < falling.size(); ++i) {
-    EXPECT_NEAR(static_cast<double>(falling[i] - rising[i]), 628006.5, 6000.0) << i;
+  ASSERT_FALSE(edges.empty());
+  EXPECT_EQ(edges[0].channel, 1);
+  EXPECT_NEAR(static_cast<double>(edges.size()), static_cast<double>(plan.duration) / 628006.5, 6);
+  for (size_t i = 1; i < edges.size(); ++i) {
+    EXPECT_EQ(edges[i].channel, -edges[i - 1].channel) << i;
+    EXPECT_NEAR(static_cast<double>(edges[i].time - edges[i - 1].time), 628006.5, 6000.0) << i;
   }
 }
 
