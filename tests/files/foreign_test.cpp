@@ -99,6 +99,7 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   Replay replay(2);
   Histogram histogram(replay.tagger.get(), 1, kSyncChannel, 64, kBins);
   replay.play(realData(kT3));
+  EXPECT_EQ(replay.tagger->getConfiguration(), read.configuration);
   std::vector<int32_t> ours(kBins);
   histogram.getData([&](size_t) { return ours.data(); });
   const std::vector<uint64_t> reference = dtimeHistogram(readBytes(realData(kT3)), 0, kBins);
