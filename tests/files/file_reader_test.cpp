@@ -46,6 +46,7 @@ class RecordedFile : public ::testing::Test {
   Bytes bytes;
   std::vector<RawBlock> time_blocks;
   std::vector<Block> clean;
+  const std::string invalid = "Time tag block data with invalid hash or signature";
 };
 
 TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
@@ -75,7 +76,6 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
 // compressed block: a verifying reader delivers the blocks before it and nothing from it on,
 // and says why. (The span and flag fields before the digest are not covered by it.)
 TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
-  const std::string invalid = "Time tag block data with invalid hash or signature";
   for (const size_t block : {size_t{3}, size_t{6}}) {
     for (size_t at = 48; at < time_blocks[block].payload.size(); ++at) {
       if (at >= 144 + u32At(time_blocks[block].payload, 28)) break;  // the padding
@@ -97,8 +97,6 @@ TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
 }
 
 TEST_F(RecordedFile, DamagedBlocksEndTheFileWithTheirMessages) {
-  const std::string invalid = "Time tag block data with invalid hash or signature";
-  const std::string hash = "Hash missmatch";
   const std::string signature = "ECC signature is wrong";
   auto put = [this](size_t block, size_t at, uint32_t value) {
     return [this, block, at, value](Bytes& file) {
