@@ -86,6 +86,7 @@ TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
       const std::vector<Block> read = readRecording(path, true);
       ASSERT_EQ(read.size(), block) << "block " << block << " byte " << at;
       const std::vector<std::string> messages = log.messages();
+      for (const LogCapture::Entry& entry : log.entries()) EXPECT_EQ(entry.level, LOGGER_ERROR);
       const bool unpacked = messages.size() == 1 && messages[0].ends_with("decompressed");
       const bool refused = messages.size() == 2 && messages[1].ends_with(invalid) &&
                            (messages[0].ends_with(at < 80 || at >= 144 ? "Hash missmatch"

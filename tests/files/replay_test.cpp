@@ -273,6 +273,11 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   const FileByFile expected_large = readFileByFile({large});
   ASSERT_EQ(expected_large.tags.size(), 50u);
   expectReplayReadsFileByFile(dir.file("large"), expected_large);
+  // A begin behind the damaged block has it skipped, not checked by the workers: it still ends
+  // the file, with the reader's messages, each an error.
+  LogCapture skip_log;
+  EXPECT_TRUE(Replay(2).play(dir.file("large"), 3000000000).empty());
+  EXPECT_EQ(messageTexts(skip_log).at(1), expected_large.log.at(1));
 }
 
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
