@@ -88,7 +88,6 @@ def peak_position(panel):
     return panel["first_bin"] + best * panel["binwidth"] + panel["binwidth"] / 2
 
 
-
 def wait_for(condition, seconds=5.0):
     """The first true value of condition() within `seconds`, else the last one."""
     end = time.monotonic() + seconds
@@ -105,7 +104,7 @@ class Api(unittest.TestCase):
         cls.dir = tempfile.TemporaryDirectory()
         cls.server = Server(TOOLS, "--record-dir", cls.dir.name)
         status, config = cls.server.get("/api/configuration")
-        assert status == 200, config
+        assert status == 200 and isinstance(config["tagger"], dict), config
         cls.sources = config["emulator"]["devices"][0]["sources"]
 
     @classmethod
@@ -181,13 +180,8 @@ class Api(unittest.TestCase):
         self.server.post("/api/channels/5", {"test_signal": False, "input_delay": 0,
                                              "trigger_level": before["channels"][4]["trigger_level"]})
 
-    def test_reports_and_update_stream(self):
-        s, config = self.server.get("/api/configuration")
-        self.assertEqual(s, 200)
-        self.assertIsInstance(config["tagger"], dict)
-        s, health = self.server.get("/api/health")
-        self.assertEqual(s, 200)
-        self.assertIn(["Serial", "ZTEMU00001"], health["values"])
+    def test_health_and_update_stream(self):
+        self.assertIn(["Serial", "ZTEMU00001"], self.server.get("/api/health")[1]["values"])
         events, arrived = self.server.events(6, timed=True)
         # Five intervals at 5 pushes a second take 1 s; at 4 a second they would take 1.25 s.
         self.assertLess(arrived[-1] - arrived[0], 1.15)
@@ -310,6 +304,11 @@ class Security(unittest.TestCase):
                 self.assertEqual(server.get(asset)[0], 200, asset)
             self.assertTrue(server.events(1, token="s3cret"))
             self.assertEqual(server.post("/api/recording", {"name": "x"})[0], 401)
+            # Without a recording directory, recording is off.
+            status, body = server.post("/api/recording", {"name": "x"},
+                                       headers={"Authorization": "Bearer s3cret"})
+            self.assertEqual(status, 409)
+            self.assertIn("--record-dir", body["error"])
         finally:
             self.assertEqual(server.stop(), 0)
 
@@ -322,15 +321,6 @@ class Security(unittest.TestCase):
                                      capture_output=True, text=True, timeout=20)
                 self.assertEqual(out.returncode, 2, out.stderr)
                 self.assertIn(message, out.stderr)
-
-    def test_recording_is_off_without_a_directory(self):
-        server = Server(TOOLS)
-        try:
-            status, body = server.post("/api/recording", {"name": "x"})
-            self.assertEqual(status, 409)
-            self.assertIn("--record-dir", body["error"])
-        finally:
-            self.assertEqual(server.stop(), 0)
 
 
 if __name__ == "__main__":
