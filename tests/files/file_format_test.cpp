@@ -19,9 +19,12 @@ namespace {
 constexpr int64_t k24 = int64_t{1} << 24;
 constexpr int64_t k48 = int64_t{1} << 48;
 
-std::vector<uint32_t> wordsOf(const Bytes& payload) {
+// The 32-bit words of `payload` from byte `from` (by default the tag words) to `to`.
+std::vector<uint32_t> wordsOf(const Bytes& payload, size_t from = 144, size_t to = SIZE_MAX) {
   std::vector<uint32_t> words;
-  for (size_t at = 144; at + 4 <= payload.size(); at += 4) words.push_back(u32At(payload, at));
+  for (size_t at = from; at + 4 <= std::min(to, payload.size()); at += 4) {
+    words.push_back(u32At(payload, at));
+  }
   return words;
 }
 
@@ -111,8 +114,7 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
   // alignment, version, required_version, reserved, then the identifier
   const std::vector<uint32_t> header = {16,         1,          1,          0,
                                         0x11111111, 0x22222222, 0x33333333, 0x44444444};
-  ASSERT_EQ(blocks[0].payload.size(), 32u);
-  for (size_t i = 0; i < 8; ++i) EXPECT_EQ(u32At(blocks[0].payload, 4 * i), header[i]) << i;
+  EXPECT_EQ(wordsOf(blocks[0].payload, 0), header);
 
   EXPECT_TRUE(blocks[1].payload.empty());  // empty text: no padding either
   EXPECT_EQ(blocks[2].offset, blocks[1].offset + 16);
@@ -121,13 +123,9 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
   EXPECT_EQ(std::string(blocks[4].payload.begin(), blocks[4].payload.end()), "0123456789abcdef");
 
   // The repeated channel has one entry; indices in order of first appearance.
-  const Bytes& map = blocks[2].payload;
-  ASSERT_EQ(map.size(), 16u + 3 * 16);
-  EXPECT_EQ(u32At(map, 0), 3u);
-  const std::vector<int32_t> entries = {0, 1, -1, 0, 1, 2, -2, 0, 2, -1, 1, 0};
-  for (size_t i = 0; i < entries.size(); ++i) {
-    EXPECT_EQ(static_cast<int32_t>(u32At(map, 16 + 4 * i)), entries[i]) << i;
-  }
+  const std::vector<uint32_t> map = wordsOf(blocks[2].payload, 0);
+  EXPECT_EQ(std::vector<int32_t>(map.begin(), map.end()),
+            (std::vector<int32_t>{3, 0, 0, 0, 0, 1, -1, 0, 1, 2, -2, 0, 2, -1, 1, 0}));
 
   const Bytes& block = blocks[5].payload;
   ASSERT_GE(block.size(), 144u);
@@ -140,8 +138,7 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
       shortTag(1, 251), shortTag(7, 254), shortTag(1, 1)};
   // word_count, stored_size (small blocks stay raw), time_unit, compression, signature_kind,
   // then overflow_at_begin and three reserved bytes.
-  const std::vector<uint32_t> values = {11, 44, 1, 0, 1, 0};
-  for (size_t i = 0; i < values.size(); ++i) EXPECT_EQ(u32At(block, 24 + 4 * i), values[i]) << i;
+  EXPECT_EQ(wordsOf(block, 24, 48), (std::vector<uint32_t>{11, 44, 1, 0, 1, 0}));
   EXPECT_EQ(wordsOf(block), expected_words);
   EXPECT_EQ(events, 8u);  // the high-bit words stand for no tag
   expectSigned(block);
