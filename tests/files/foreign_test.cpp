@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <vector>
@@ -58,12 +57,11 @@ TEST(PtuRecording, HydraHarpT2TimesWrapAtTwoToThe25) {
                                   124793256, 131543896, 134363435, 136622106}));
   EXPECT_EQ(photons.back(), 4999964931763);
 
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["record_type"], "HydraHarp V2 T2");
-  EXPECT_EQ(settings["records"], 435319);
-  EXPECT_EQ(settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
+  EXPECT_EQ(read.settings["record_type"], "HydraHarp V2 T2");
+  EXPECT_EQ(read.settings["records"], 435319);
+  EXPECT_EQ(read.settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
   // 88 tag entries, Header_End being the one not kept.
-  EXPECT_EQ(settings["header"].size(), 87u);
+  EXPECT_EQ(read.settings["header"].size(), 87u);
 }
 
 // The dtime of each photon of detector `channel` (from 0) in a HydraHarp T3 file, straight from
@@ -88,8 +86,7 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   EXPECT_EQ(counts.at(1), 45012u);
   EXPECT_EQ(counts.at(2), 32871u);
   // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
-  const auto settings = nlohmann::json::parse(read.configuration);
-  const double period = settings["global_resolution_ps"];
+  const double period = read.settings["global_resolution_ps"];
   EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
   EXPECT_EQ(timesOn(read.tags, kSyncChannel).back(), std::llround(49999358 * period));
 
@@ -115,11 +112,10 @@ TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   EXPECT_EQ(counts.at(1001), 1280u);  // line start
   EXPECT_EQ(counts.at(1002), 1280u);  // line stop
   EXPECT_EQ(counts.at(1003), 5u);     // frame
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["tag_version"], "00.0.1");
-  EXPECT_EQ(settings["header"]["TTResult_SyncRate"], 78020000);
-  const double period = settings["global_resolution_ps"];
-  const double bin = settings["resolution_ps"];
+  EXPECT_EQ(read.settings["tag_version"], "00.0.1");
+  EXPECT_EQ(read.settings["header"]["TTResult_SyncRate"], 78020000);
+  const double period = read.settings["global_resolution_ps"];
+  const double bin = read.settings["resolution_ps"];
   EXPECT_NEAR(period, 1.281722635221738e4, 1e-6);
   EXPECT_NEAR(bin, 96.96969697, 1e-6);
 
@@ -299,10 +295,9 @@ TEST(SpcRecording, EveryPhotonMatchesTheListingWithReversedMicrotime) {
   EXPECT_EQ(row, rows.size());
   EXPECT_EQ(sync, int64_t{1700018969} * kClock);  // the last macrotime, 16.15 s in
 
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["macrotime_clock_ps"], kClock);
-  EXPECT_NEAR(settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
-  EXPECT_EQ(settings["parameters"]["SP_TAC_G"], 5);
+  EXPECT_EQ(read.settings["macrotime_clock_ps"], kClock);
+  EXPECT_NEAR(read.settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
+  EXPECT_EQ(read.settings["parameters"]["SP_TAC_G"], 5);
 
   // FileReader hands out the same stream.
   FileReader reader(realData(kSpc));
@@ -364,8 +359,7 @@ TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync)
   ASSERT_TRUE(read.open);
   EXPECT_GE(read.blocks, 3u);
   EXPECT_EQ(sortedTimeTags(read.tags), expected);
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["groups"]["photon_data1"]["photons"], 90000);
+  EXPECT_EQ(read.settings["groups"]["photon_data1"]["photons"], 90000);
 }
 
 TEST(PhotonHdf5Recording, VariantWithoutTimestampUnitIsRefusedAndPlaysOnceGivenOne) {

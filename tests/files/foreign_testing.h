@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +36,7 @@ struct ForeignRead {
   int64_t end = 0;      ///< end of the last block
   uint64_t errors = 0;  ///< lost-data events the reader counted
   std::string configuration;
+  nlohmann::json settings;  ///< the configuration parsed
 };
 
 /// Every block of `path`, checked to join without a gap and to hold ordered tags in its span.
@@ -45,6 +47,7 @@ inline ForeignRead readForeign(const std::string& path) {
   std::unique_ptr<RecordingSource> reader = foreign::openForeignRecording(path, format);
   read.open = reader->isOpen();
   read.configuration = reader->getConfiguration();
+  read.settings = nlohmann::json::parse(read.configuration, nullptr, false);
   int64_t begin = 0, end = 0;
   std::vector<Tag> tags;
   while (reader->getBlockRange(begin, end)) {
