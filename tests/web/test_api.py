@@ -242,8 +242,12 @@ class Api(unittest.TestCase):
         path = os.path.join(self.dir.name, "run1.ztbin")
         out = subprocess.run([f"{TOOLS}/zeptick", "inspect", path], capture_output=True, text=True)
         self.assertEqual(out.returncode, 0, out.stderr)
-        counted = sum(int(n) for n in re.findall(r"channel\s+\d+:\s+(\d+)", out.stdout))
-        self.assertEqual(counted, done["events"])
+        counts = {int(c): int(n) for c, n in re.findall(r"channel\s+(\d+):\s+(\d+)", out.stdout)}
+        self.assertEqual(sum(counts.values()), done["events"])
+        # Every input that counts is recorded.
+        rates = self.server.get("/api/rates")[1]
+        counting = [c for c, rate in zip(rates["channels"], rates["rates"][-1]) if rate]
+        self.assertEqual(sorted(counts), counting)
 
     def test_many_clients_while_settings_change(self):
         errors = []
