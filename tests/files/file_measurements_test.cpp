@@ -133,8 +133,7 @@ TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording)
   // The marker landed in the first data file, behind its blocks.
   ZeptickFileReader first_file(splitFiles(base)[1], true);
   EXPECT_EQ(concat(readRecording(splitFiles(base)[1])).size(), 1u);
-  while (first_file.skipBlock()) {
-  }
+  while (first_file.skipBlock()) continue;
   EXPECT_EQ(first_file.getLastMarker(), "after first");
   EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
 }

@@ -1,5 +1,4 @@
-// Signed blocks: signing with the user's own key pair and verifying with its
-// public key, and a block of another recording spliced into ours, replayed.
+// Signed blocks: the user's own key pair, and a block of another recording spliced into ours.
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -49,8 +48,7 @@ class FileKeys : public ::testing::Test {
     setFileSigningKey("");
     setFileVerificationKey("");
   }
-  // One block of three tags, signed with the key in force; how many blocks
-  // verify.
+  // One block of three tags, signed with the key in force; how many blocks verify.
   void write(const std::string& name) {
     writeRecording(directory.file(name),
                    {{{timeTag(1, 10), timeTag(1, 20), timeTag(1, 30)}, 0, 100}}, {{1, -1}});

@@ -339,7 +339,6 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverf
   EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));
 }
 
-// Delays, a dead time and the test signal against brute-force models of the recorded stream.
 TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
   ScratchDirectory dir;
   RecordingPlan plan = smallPlan(21);
