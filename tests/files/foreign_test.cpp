@@ -253,9 +253,24 @@ TEST(PtuHeader, RealNumbersCountOnlyWhenWhole) {
   EXPECT_EQ(header.bits_per_record, 32);
 }
 
-// Each time is rounded once from the exact product (checked by the real recordings' sync grids);
-// whole picoseconds as written stay whole, a near-whole 1/SyncRate does not.
-TEST(PicosecondScale, KeepsWholeUnitsExactAndNearWholeOnesNot) {
+TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {
+  // 1/SyncRate of a 4,999,960 Hz laser as the header stores it: count x that double, worked
+  // out in exact integers, rounded once, for counts up to 2^30 syncs (215 s).
+  const double unit = 1.0 / 4999960;
+  const auto sync = foreign::PicosecondScale::fromSeconds(unit);
+  ASSERT_TRUE(sync);
+  int exponent = 0;
+  const auto mantissa = static_cast<int64_t>(std::ldexp(std::frexp(unit, &exponent), 53));
+  const int shift = 53 - exponent;  // unit = mantissa / 2^shift
+  std::mt19937_64 rng(3);
+  for (int i = 0; i < 1000; ++i) {
+    const uint64_t count = rng() >> 34;
+    __extension__ using Wide = unsigned __int128;
+    const Wide scaled = static_cast<Wide>(count) * static_cast<Wide>(mantissa) * 1000000000000u;
+    const auto exact = static_cast<int64_t>((scaled + (Wide{1} << (shift - 1))) >> shift);
+    EXPECT_EQ((*sync)(count), exact) << count;
+  }
+  // Whole picoseconds as written stay whole; a near-whole 1/SyncRate does not.
   EXPECT_EQ(foreign::PicosecondScale::fromSeconds(static_cast<float>(64e-12))->picoseconds(), 64);
   EXPECT_EQ((*foreign::PicosecondScale::fromSeconds(1e-12))(uint64_t{1} << 60), int64_t{1} << 60);
   EXPECT_EQ((*foreign::PicosecondScale::fromSeconds(1.0 / 79999997))(1000000000), 12500000468750);
