@@ -156,11 +156,16 @@ class Cli(unittest.TestCase):
             self.assertEqual(int(re.search(r"channel\s+1:\s+(\d+)", check.stdout).group(1)),
                              written)
 
-    def test_info_and_rates_on_the_emulator(self):
+    def test_info_rates_and_scan_on_the_emulator(self):
         out = run("zeptick", "--emulator", "default", "info")
         self.assertEqual(out.returncode, 0, out.stderr)
         self.assertRegex(out.stdout, r"serial:\s+\S+")
         self.assertIn("sensors:", out.stdout)
+        out = run("zeptick", "--emulator", "default", "scan", "--json")
+        self.assertEqual(out.returncode, 0, out.stderr)
+        found = json.loads(out.stdout)
+        self.assertEqual(len(found), 1)
+        self.assertTrue(found[0]["serial"] and found[0]["model"])
         out = run("zeptick", "--emulator", "default", "rates", "--channels", "1,2",
                   "--test-signal", "--interval", "200ms", "--duration", "600ms")
         self.assertEqual(out.returncode, 0, out.stderr)
@@ -202,13 +207,6 @@ class Cli(unittest.TestCase):
             self.assertEqual(out.returncode, status, args)
             self.assertIn(message, out.stderr)
             self.assertEqual(len(out.stderr.strip().splitlines()), 1, out.stderr)
-
-    def test_scan_sees_the_emulated_instrument(self):
-        out = run("zeptick", "--emulator", "default", "scan", "--json")
-        self.assertEqual(out.returncode, 0, out.stderr)
-        found = json.loads(out.stdout)
-        self.assertEqual(len(found), 1)
-        self.assertTrue(found[0]["serial"] and found[0]["model"])
 
 
 if __name__ == "__main__":

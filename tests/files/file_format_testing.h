@@ -14,7 +14,6 @@
 #include <iterator>
 #include <memory>
 #include <random>
-#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -231,19 +230,6 @@ inline std::vector<Tag> concat(const std::vector<Block>& blocks) {
   std::vector<Tag> tags;
   for (const Block& block : blocks) tags.insert(tags.end(), block.tags.begin(), block.tags.end());
   return tags;
-}
-
-/// What a reader gets back from `blocks` written with the channels `recorded`.
-inline std::vector<Tag> throughFormat(const std::vector<Block>& blocks,
-                                      const std::set<int32_t>& recorded) {
-  std::vector<Tag> out;
-  bool overflow = false;
-  for (const Block& block : blocks) {
-    const std::vector<Tag> kept =
-        expectedAfterFile(block.tags, block.begin_time, recorded, overflow);
-    out.insert(out.end(), kept.begin(), kept.end());
-  }
-  return out;
 }
 
 /// A replay tagger on the heap with a measurement that keeps every block. ThreadSanitizer

@@ -82,7 +82,13 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
   // The head file holds no tags; every other file holds a run of whole blocks.
   EXPECT_TRUE(readRecording(files[0]).empty());
   // Files roll over only outside overflows, so no missed-event count is lost at a split.
-  const std::vector<Tag> expected = throughFormat(pushed, {1, 2, -1});
+  std::vector<Tag> expected;
+  bool overflow = false;
+  for (const Block& block : pushed) {
+    const std::vector<Tag> kept =
+        expectedAfterFile(block.tags, block.begin_time, {1, 2, -1}, overflow);
+    expected.insert(expected.end(), kept.begin(), kept.end());
+  }
   FileReader reader(base);
   EXPECT_EQ(fields(readInChunks(reader, rng, pushed.front().begin_time)), fields(expected));
 
@@ -127,8 +133,7 @@ TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording)
   // The marker landed in the first data file, behind its blocks.
   ZeptickFileReader first_file(splitFiles(base)[1], true);
   EXPECT_EQ(concat(readRecording(splitFiles(base)[1])).size(), 1u);
-  while (first_file.skipBlock()) {
-  }
+  while (first_file.skipBlock()) continue;
   EXPECT_EQ(first_file.getLastMarker(), "after first");
   EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
 }
@@ -150,82 +155,63 @@ TEST_F(FileMeasurements, WriterRejectsWhatTheFormatCannotHoldAndNeverSplitsWitho
   EXPECT_EQ(splitFiles(dir.file("one")).size(), 2u);
 }
 
-TEST_F(FileMeasurements, ReaderRefusesMissingFilesAndSkipsAForeignSplitFile) {
-  RecordingPlan a = smallPlan(41);
-  RecordingPlan b = a;
-  b.seed = 42;
-  writeRecording(dir.file("a"), a, 4000);
-  writeRecording(dir.file("b"), b, 4000);
-  std::filesystem::copy_file(ZeptickFile::makeFileName(dir.file("b"), 2),
-                             ZeptickFile::makeFileName(dir.file("a"), 2),
+// A split file of another recording, an empty one (a full disk, a killed recorder) and one cut
+// inside a block: the reader says what it found and where, and reads on with the next recording.
+TEST_F(FileMeasurements, ReaderEndsARecordingAtAForeignOrEmptySplitFileAndReadsACutOneOn) {
+  const std::string other = dir.file("other");
+  RecordingPlan plan = smallPlan(41);
+  writeRecording(other, plan, 4000);
+  const std::vector<Tag> whole_other = generatedTags(plan);
+  // Reads `base` then the other recording: the first `kept` split files of `base` as a verifying
+  // reader reads them, file by file, then all of the other.
+  const auto expectRead = [&](const std::string& base, size_t kept, int refusals,
+                              const std::vector<std::string>& messages) {
+    std::vector<Tag> expected;
+    for (uint32_t index = 1; index <= kept; ++index) {
+      const std::vector<Tag> more = concat(readRecording(ZeptickFile::makeFileName(base, index)));
+      expected.insert(expected.end(), more.begin(), more.end());
+    }
+    expected.insert(expected.end(), whole_other.begin(), whole_other.end());
+    LogCapture log;
+    FileReader reader(std::vector<std::string>{base, other});
+    int refused = 0;
+    EXPECT_EQ(fields(readRaw(reader, &refused)), fields(expected));
+    EXPECT_EQ(refused, refusals);
+    expectMessages(log, messages);
+  };
+  const auto name = [&](const char* base, uint32_t index) {
+    return ZeptickFile::makeFileName(dir.file(base), index);
+  };
+  plan.seed = 42;
+  for (const char* base : {"foreign", "empty", "cut"}) writeRecording(dir.file(base), plan, 4000);
+  ASSERT_TRUE(std::filesystem::exists(name("cut", 3)));
+  std::filesystem::copy_file(name("other", 2), name("foreign", 2),
                              std::filesystem::copy_options::overwrite_existing);
-  LogCapture log;
-  FileReader reader(std::vector<std::string>{dir.file("a"), dir.file("b")});
-  int refusals = 0;
-  const std::vector<Tag> read = readRaw(reader, &refusals);
-  EXPECT_EQ(refusals, 1);
-  expectMessages(log, {"matches the naming schema, but was not written in the same FileWriter. "
-                       "Skipped."});
-  std::vector<Tag> expected = concat(readRecording(ZeptickFile::makeFileName(dir.file("a"), 1)));
-  const std::vector<Tag> whole_b = generatedTags(b);
-  expected.insert(expected.end(), whole_b.begin(), whole_b.end());
-  EXPECT_EQ(fields(read), fields(expected));
+  expectRead(dir.file("foreign"), 1, 1,
+             {"matches the naming schema, but was not written in the same FileWriter. Skipped."});
+  std::filesystem::resize_file(name("empty", 2), 0);
+  expectRead(dir.file("empty"), 1, 0,
+             {"File access failed", "Incorrect Header",
+              "has no file header: the recording ends before it."});
+  const std::string cut = name("cut", 1);
+  std::filesystem::resize_file(cut, std::filesystem::file_size(cut) * 2 / 3);
+  expectRead(dir.file("cut"), splitFiles(dir.file("cut")).size() - 1, 0,
+             {"File access failed", "Time tag block data could not be loaded",
+              "File '" + cut + "' ends early, after the data up to " +
+                  std::to_string(readRecording(cut).back().end_time) + " ps."});
 
   EXPECT_THROW(FileReader(std::vector<std::string>{}), std::runtime_error);
   try {
-    FileReader missing(std::vector<std::string>{dir.file("b"), dir.file("missing")});
+    FileReader missing(std::vector<std::string>{other, dir.file("missing")});
     ADD_FAILURE() << "no exception";
   } catch (const std::runtime_error& e) {
     EXPECT_EQ(std::string(e.what()),
               "FileReader could not open file '" + dir.file("missing") + "'.");
   }
-  FileReader again(dir.file("b"));
+  FileReader again(other);
   EXPECT_EQ(again.getData(0).size, 0u);
   EXPECT_NE(again.getConfiguration().find("generator"), std::string::npos);
   EXPECT_EQ(again.getData(5).size, 5u);
-}
-
-// A full disk or a killed recorder leaves an empty split file: the recording ends before it,
-// and the reader says so rather than calling it another recording's.
-TEST_F(FileMeasurements, ReaderEndsARecordingAtAnEmptySplitFile) {
-  RecordingPlan plan = smallPlan(43);
-  writeRecording(dir.file("cut"), plan, 4000);
-  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), 3)));
-  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("cut"), 2), 0);
-  LogCapture log;
-  FileReader reader(dir.file("cut"));
-  EXPECT_EQ(fields(readRaw(reader)),
-            fields(concat(readRecording(ZeptickFile::makeFileName(dir.file("cut"), 1)))));
-  expectMessages(log, {"File access failed", "Incorrect Header",
-                       "has no file header: the recording ends before it."});
-}
-
-// A file cut inside a block (a full disk, a killed recorder) gives its complete blocks, says
-// where its data end, and the next file of the set is read on.
-TEST_F(FileMeasurements, ReaderSaysWhereACutFileEnds) {
-  RecordingPlan plan = smallPlan(44);
-  writeRecording(dir.file("cut"), plan, 4000);
-  const std::string first = ZeptickFile::makeFileName(dir.file("cut"), 1);
-  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), 2)));
-  std::filesystem::resize_file(first, std::filesystem::file_size(first) * 2 / 3);
-  const std::vector<Block> kept = readRecording(first);
-  ASSERT_FALSE(kept.empty());
-  std::vector<Tag> expected = concat(kept);
-  for (uint32_t index = 2;
-       std::filesystem::exists(ZeptickFile::makeFileName(dir.file("cut"), index)); ++index) {
-    const std::vector<Tag> more =
-        concat(readRecording(ZeptickFile::makeFileName(dir.file("cut"), index)));
-    expected.insert(expected.end(), more.begin(), more.end());
-  }
-  LogCapture log;
-  FileReader reader(dir.file("cut"));
-  EXPECT_EQ(fields(readRaw(reader)), fields(expected));
-  const std::vector<std::string> messages = log.messages();
-  ASSERT_EQ(messages.size(), 3u) << ::testing::PrintToString(messages);
-  EXPECT_TRUE(messages[0].ends_with("File access failed"));
-  EXPECT_TRUE(messages[2].ends_with("File '" + first + "' ends early, after the data up to " +
-                                    std::to_string(kept.back().end_time) + " ps."))
-      << messages[2];
 }
 
 // Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.

@@ -12,10 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <numeric>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -48,7 +45,7 @@ size_t tagValueOffset(const Bytes& file, const std::string& name, int32_t index 
   return 0;
 }
 
-TEST(PtuRecording, HydraHarpT2MatchesOtherProgramsAndWrapsAtTwoToThe25) {
+TEST(PtuRecording, HydraHarpT2TimesWrapAtTwoToThe25) {
   ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kT2));
   ASSERT_TRUE(read.open);
@@ -60,36 +57,11 @@ TEST(PtuRecording, HydraHarpT2MatchesOtherProgramsAndWrapsAtTwoToThe25) {
                                   124793256, 131543896, 134363435, 136622106}));
   EXPECT_EQ(photons.back(), 4999964931763);
 
-  // libpicoquant's listing wraps at 33,552,000: its rows are low by 2432 ps per overflow so far,
-  // a count that can only grow. Its first row, before any overflow, is exact.
-  std::ifstream listing(realData("02_hydraharp2_T2/libpicoquant_v30_t2.ptu.data"));
-  std::string line;
-  int64_t previous_wraps = 0;
-  size_t row = 0;
-  while (std::getline(listing, line) && row < photons.size()) {
-    const int64_t theirs = std::stoll(line.substr(line.find(',') + 1));
-    const int64_t low = photons[row++] - theirs;
-    EXPECT_EQ(low % 2432, 0) << "row " << row;
-    EXPECT_GE(low / 2432, previous_wraps) << "row " << row;
-    if (row == 1) {
-      EXPECT_EQ(low, 0);
-    }
-    previous_wraps = low / 2432;
-  }
-  EXPECT_EQ(row, 100u);
-  EXPECT_GT(previous_wraps, 0);
-
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["record_type"], "HydraHarp V2 T2");
-  EXPECT_EQ(settings["records"], 435319);
-  EXPECT_EQ(settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
-  // 88 tag entries with 58 distinct names, Header_End being the one not kept.
-  std::set<std::string> names;
-  for (const auto& item : settings["header"].items()) {
-    names.insert(item.key().substr(0, item.key().find('[')));
-  }
-  EXPECT_EQ(settings["header"].size(), 87u);
-  EXPECT_EQ(names.size(), 57u);
+  EXPECT_EQ(read.settings["record_type"], "HydraHarp V2 T2");
+  EXPECT_EQ(read.settings["records"], 435319);
+  EXPECT_EQ(read.settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
+  // 88 tag entries, Header_End being the one not kept.
+  EXPECT_EQ(read.settings["header"].size(), 87u);
 }
 
 // The dtime of each photon of detector `channel` (from 0) in a HydraHarp T3 file, straight from
@@ -114,8 +86,7 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   EXPECT_EQ(counts.at(1), 45012u);
   EXPECT_EQ(counts.at(2), 32871u);
   // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
-  const auto settings = nlohmann::json::parse(read.configuration);
-  const double period = settings["global_resolution_ps"];
+  const double period = read.settings["global_resolution_ps"];
   EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
   EXPECT_EQ(timesOn(read.tags, kSyncChannel).back(), std::llround(49999358 * period));
 
@@ -125,25 +96,11 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   Replay replay(2);
   Histogram histogram(replay.tagger.get(), 1, kSyncChannel, 64, kBins);
   replay.play(realData(kT3));
+  EXPECT_EQ(replay.tagger->getConfiguration(), read.configuration);
   std::vector<int32_t> ours(kBins);
   histogram.getData([&](size_t) { return ours.data(); });
   const std::vector<uint64_t> reference = dtimeHistogram(readBytes(realData(kT3)), 0, kBins);
   EXPECT_EQ(std::vector<uint64_t>(ours.begin(), ours.end()), reference);
-  EXPECT_EQ(std::accumulate(ours.begin(), ours.end(), int64_t{0}), 45012);
-  // A fluorescence decay: the rise within the first 20 ns of the period, then fewer counts in
-  // every later 32 ns.
-  const auto window = [&](size_t from, size_t width) {
-    return std::accumulate(ours.begin() + from, ours.begin() + std::min(from + width, kBins),
-                           int64_t{0});
-  };
-  size_t peak = 0;
-  for (size_t from = 0; from + 100 <= kBins; from += 100) {
-    if (window(from, 100) > window(peak, 100)) peak = from;
-  }
-  EXPECT_LT(peak, 320u);
-  for (size_t from = 500; from + 500 <= kBins; from += 500) {
-    EXPECT_LT(window(from, 500), window(from - 500, 500)) << from;
-  }
 }
 
 TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
@@ -155,11 +112,10 @@ TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   EXPECT_EQ(counts.at(1001), 1280u);  // line start
   EXPECT_EQ(counts.at(1002), 1280u);  // line stop
   EXPECT_EQ(counts.at(1003), 5u);     // frame
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["tag_version"], "00.0.1");
-  EXPECT_EQ(settings["header"]["TTResult_SyncRate"], 78020000);
-  const double period = settings["global_resolution_ps"];
-  const double bin = settings["resolution_ps"];
+  EXPECT_EQ(read.settings["tag_version"], "00.0.1");
+  EXPECT_EQ(read.settings["header"]["TTResult_SyncRate"], 78020000);
+  const double period = read.settings["global_resolution_ps"];
+  const double bin = read.settings["resolution_ps"];
   EXPECT_NEAR(period, 1.281722635221738e4, 1e-6);
   EXPECT_NEAR(bin, 96.96969697, 1e-6);
 
@@ -240,14 +196,10 @@ TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
              entry.text.find(path) != std::string::npos;
     });
     EXPECT_TRUE(found) << (log.messages().empty() ? "nothing logged" : log.messages().front());
-    if (c.whole_stream) {
-      EXPECT_EQ(fields(read.tags), fields(full.tags));
-    } else {
-      ASSERT_LT(read.tags.size(), full.tags.size());
-      EXPECT_TRUE(
-          std::equal(read.tags.begin(), read.tags.end(), full.tags.begin(),
-                     [](const Tag& a, const Tag& b) { return fields({a}) == fields({b}); }));
-    }
+    ASSERT_LE(read.tags.size(), full.tags.size());
+    EXPECT_EQ(read.tags.size() == full.tags.size(), c.whole_stream);
+    const auto head = full.tags.begin() + static_cast<ptrdiff_t>(read.tags.size());
+    EXPECT_EQ(fields(read.tags), fields(std::vector<Tag>(full.tags.begin(), head)));
   }
 
   // Replay ends a cut file where its data end, and says so.
@@ -358,10 +310,9 @@ TEST(SpcRecording, EveryPhotonMatchesTheListingWithReversedMicrotime) {
   EXPECT_EQ(row, rows.size());
   EXPECT_EQ(sync, int64_t{1700018969} * kClock);  // the last macrotime, 16.15 s in
 
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["macrotime_clock_ps"], kClock);
-  EXPECT_NEAR(settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
-  EXPECT_EQ(settings["parameters"]["SP_TAC_G"], 5);
+  EXPECT_EQ(read.settings["macrotime_clock_ps"], kClock);
+  EXPECT_NEAR(read.settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
+  EXPECT_EQ(read.settings["parameters"]["SP_TAC_G"], 5);
 
   // FileReader hands out the same stream.
   FileReader reader(realData(kSpc));
@@ -388,20 +339,12 @@ void writeScalar(hid_t file, const std::string& name, double value) {
   writeDataset(file, name, &value, 0, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE);
 }
 
-using TagKey = std::pair<int64_t, int32_t>;
-std::vector<TagKey> keys(const std::vector<Tag>& tags) {
-  std::vector<TagKey> out;
-  for (const Tag& tag : tags) out.emplace_back(tag.time, tag.channel);
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
 TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync) {
   ScratchDirectory dir;
   const std::string path = dir.file("multispot.h5");
   constexpr int64_t kUnit = 12500, kTcspc = 16;  // ps
   std::mt19937_64 rng(11);
-  std::vector<TagKey> expected;
+  std::vector<std::pair<int64_t, int32_t>> expected;
   const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
   // More photons than one chunk, so that groups are merged across several reads.
   for (const auto& [group, photons] :
@@ -430,9 +373,8 @@ TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync)
   const ForeignRead read = readForeign(path);
   ASSERT_TRUE(read.open);
   EXPECT_GE(read.blocks, 3u);
-  EXPECT_EQ(keys(read.tags), expected);
-  const auto settings = nlohmann::json::parse(read.configuration);
-  EXPECT_EQ(settings["groups"]["photon_data1"]["photons"], 90000);
+  EXPECT_EQ(sortedTimeTags(read.tags), expected);
+  EXPECT_EQ(read.settings["groups"]["photon_data1"]["photons"], 90000);
 }
 
 TEST(PhotonHdf5Recording, VariantWithoutTimestampUnitIsRefusedAndPlaysOnceGivenOne) {

@@ -5,10 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "files/foreign/foreign_format.h"
@@ -33,6 +36,7 @@ struct ForeignRead {
   int64_t end = 0;      ///< end of the last block
   uint64_t errors = 0;  ///< lost-data events the reader counted
   std::string configuration;
+  nlohmann::json settings;  ///< the configuration parsed
 };
 
 /// Every block of `path`, checked to join without a gap and to hold ordered tags in its span.
@@ -43,6 +47,7 @@ inline ForeignRead readForeign(const std::string& path) {
   std::unique_ptr<RecordingSource> reader = foreign::openForeignRecording(path, format);
   read.open = reader->isOpen();
   read.configuration = reader->getConfiguration();
+  read.settings = nlohmann::json::parse(read.configuration, nullptr, false);
   int64_t begin = 0, end = 0;
   std::vector<Tag> tags;
   while (reader->getBlockRange(begin, end)) {
@@ -65,6 +70,16 @@ inline std::map<int32_t, size_t> countPerChannel(const std::vector<Tag>& tags) {
   std::map<int32_t, size_t> counts;
   for (const Tag& tag : tags) ++counts[tag.channel];
   return counts;
+}
+
+/// Time tags only, ordered by time then channel: tags of one instant have no order of their own.
+inline std::vector<std::pair<int64_t, int32_t>> sortedTimeTags(const std::vector<Tag>& tags) {
+  std::vector<std::pair<int64_t, int32_t>> out;
+  for (const Tag& tag : tags) {
+    if (tag.type == Tag::Type::TimeTag) out.emplace_back(tag.time, tag.channel);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 inline std::vector<int64_t> timesOn(const std::vector<Tag>& tags, int32_t channel) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -138,40 +139,6 @@ TEST(Replay, SpeedPacesPausesAndRejectsTooSlow) {
   EXPECT_GT(countsTotal(rates)[0], 0);
 }
 
-// A split file of another recording, or an empty one as a full disk leaves it, ends the
-// recording after the file before it. (Damaged and cut files: the file-by-file test below.)
-TEST(Replay, ForeignOrEmptySplitFileEndsTheRecording) {
-  ScratchDirectory dir;
-  RecordingPlan plan = smallPlan(10);
-  plan.overflow_spans.clear();
-  const std::vector<Tag> all = generatedTags(plan);
-  writeRecording(dir.file("foreign"), plan, 6000);
-  plan.seed = 12;
-  writeRecording(dir.file("other"), plan, 6000);
-
-  std::filesystem::copy_file(ZeptickFile::makeFileName(dir.file("other"), 3),
-                             ZeptickFile::makeFileName(dir.file("foreign"), 3),
-                             std::filesystem::copy_options::overwrite_existing);
-  ASSERT_TRUE(std::filesystem::exists(ZeptickFile::makeFileName(dir.file("foreign"), 4)));
-  LogCapture log;
-  Replay replay(2);
-  const std::vector<Tag> tags = replay.play(dir.file("foreign"));
-  EXPECT_TRUE(log.contains(
-      LOGGER_ERROR,
-      "matches the naming schema, but was not written in the same FileWriter. Skipped."));
-  const int64_t end_of_two =
-      readRecording(ZeptickFile::makeFileName(dir.file("foreign"), 2)).back().end_time;
-  EXPECT_EQ(fields(tags), fields(window(all, 0, end_of_two, 0)));
-
-  std::filesystem::resize_file(ZeptickFile::makeFileName(dir.file("foreign"), 3), 0);
-  LogCapture empty_log;
-  Replay again(2);
-  EXPECT_EQ(fields(again.play(dir.file("foreign"))), fields(window(all, 0, end_of_two, 0)));
-  EXPECT_TRUE(
-      empty_log.contains(LOGGER_ERROR, "has no file header: the recording ends before it."));
-  EXPECT_FALSE(empty_log.contains(LOGGER_ERROR, "matches the naming schema"));
-}
-
 // What verifying readers give for `files` read one after another, joined as replay joins blocks,
 // and what they log (without the place in the source that tells it) with what replay adds.
 struct FileByFile {
@@ -182,7 +149,10 @@ struct FileByFile {
 
 std::vector<std::string> messageTexts(LogCapture& log) {
   std::vector<std::string> texts;
-  for (const std::string& text : log.messages()) texts.push_back(text.substr(text.rfind(": ") + 2));
+  for (const LogCapture::Entry& entry : log.entries()) {
+    EXPECT_EQ(entry.level, LOGGER_ERROR) << entry.text;  // every fault of a file is an error
+    texts.push_back(entry.text.substr(entry.text.rfind(": ") + 2));
+  }
   return texts;
 }
 
@@ -249,7 +219,7 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   const std::string base = dir.file("rec");
   writeRecording(base, smallPlan(14), 4000);
   const std::vector<std::string> files = splitFiles(base);
-  ASSERT_GE(files.size(), 5u);
+  ASSERT_GE(files.size(), 6u);
   damage(files[1], 1, 144 + 3, false);  // in the data: the file ends at block 1
   damage(files[2], 1, 80 + 5, false);   // in the signature, and
   damage(files[2], 2, 150, true);       // a cut in the next block, which is never told
@@ -265,6 +235,23 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
                 "ECC signature is wrong", "Time tag block data with invalid hash or signature",
                 "File access failed", "Time tag block header could not be loaded"}));
   expectReplayReadsFileByFile(base, expected);
+  // A split file of another recording, or an empty one as a full disk leaves it, ends the
+  // recording after the file before it.
+  writeRecording(dir.file("other"), smallPlan(15), 4000);
+  std::filesystem::copy_file(ZeptickFile::makeFileName(dir.file("other"), 4), files[4],
+                             std::filesystem::copy_options::overwrite_existing);
+  FileByFile ended = readFileByFile({files.begin(), files.begin() + 4});
+  ended.log.push_back("File '" + files[4] +
+                      "' matches the naming schema, but was not written in the same FileWriter. "
+                      "Skipped.");
+  expectReplayReadsFileByFile(base, ended);
+  std::filesystem::resize_file(files[4], 0);
+  ended.log.pop_back();
+  for (const char* text :
+       {"File access failed", "Incorrect Header", "the recording ends before it."}) {
+    ended.log.push_back(text);
+  }
+  expectReplayReadsFileByFile(base, ended);
 
   // A large block whose signature fails only after its digest: meanwhile other workers claim the
   // blocks behind it, which must not pass.
@@ -286,6 +273,11 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   const FileByFile expected_large = readFileByFile({large});
   ASSERT_EQ(expected_large.tags.size(), 50u);
   expectReplayReadsFileByFile(dir.file("large"), expected_large);
+  // A begin behind the damaged block has it skipped, not checked by the workers: it still ends
+  // the file, with the reader's messages, each an error.
+  LogCapture skip_log;
+  EXPECT_TRUE(Replay(2).play(dir.file("large"), 3000000000).empty());
+  EXPECT_EQ(messageTexts(skip_log).at(1), expected_large.log.at(1));
 }
 
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
@@ -347,86 +339,63 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverf
   EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));
 }
 
-class ReplaySettingsTest : public ::testing::Test {
- protected:
-  ReplaySettingsTest() {
-    plan.overflow_spans.clear();  // the models below know nothing of overflows
-    writeRecording(base, plan, 7000);
-  }
+TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
   ScratchDirectory dir;
   RecordingPlan plan = smallPlan(21);
+  plan.overflow_spans.clear();  // the models below know nothing of overflows
   const std::string base = dir.file("settings");
-};
-
-TEST_F(ReplaySettingsTest, DelaysAndDeadTimeMatchABruteForceModel) {
-  const int64_t late = 2345678;   // channel 1 later: crosses blocks
-  const int64_t early = -777777;  // channel 3 earlier: holds back the whole stream
-  const int64_t deadtime = 30000000;
-  Replay replay(3);
-  replay.tagger->setInputDelay(1, late);
-  replay.tagger->setInputDelay(3, early);
-  EXPECT_EQ(replay.tagger->setDeadtime(2, deadtime), deadtime);
-  EXPECT_EQ(replay.tagger->getInputDelay(1), late);
-  EXPECT_EQ(replay.tagger->getDeadtime(2), deadtime);
-  EXPECT_EQ(replay.tagger->getDeadtime(1), 0);
-  const std::vector<Tag> out = replay.play(base);
-
-  std::vector<Tag> expected;
-  int64_t last_kept = 0;
-  bool kept_any = false;
-  for (Tag tag : generatedTags(plan)) {
-    tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
-    if (tag.channel == 2) {
-      if (kept_any && tag.time - last_kept < deadtime) continue;
-      last_kept = tag.time;
-      kept_any = true;
+  writeRecording(base, plan, 7000);
+  const std::vector<Tag> recorded = generatedTags(plan);
+  const auto byTime = [](const Tag& a, const Tag& b) { return a.time < b.time; };
+  {
+    const int64_t late = 2345678;   // channel 1 later: crosses blocks
+    const int64_t early = -777777;  // channel 3 earlier: holds back the whole stream
+    const int64_t deadtime = 30000000;
+    Replay replay(3);
+    replay.tagger->setInputDelay(1, late);
+    replay.tagger->setInputDelay(3, early);
+    EXPECT_EQ(replay.tagger->setDeadtime(2, deadtime), deadtime);
+    EXPECT_EQ(replay.tagger->getInputDelay(1), late);
+    EXPECT_EQ(replay.tagger->getDeadtime(2), deadtime);
+    EXPECT_EQ(replay.tagger->getDeadtime(1), 0);
+    std::vector<Tag> expected;
+    int64_t last_kept = 0;
+    bool kept_any = false;
+    for (Tag tag : recorded) {
+      tag.time += -early + (tag.channel == 1 ? late : tag.channel == 3 ? early : 0);
+      if (tag.channel == 2) {
+        if (kept_any && tag.time - last_kept < deadtime) continue;
+        last_kept = tag.time;
+        kept_any = true;
+      }
+      // Held back beyond the end of the stream: still waiting when replay ends.
+      if (tag.time < plan.duration) expected.push_back(tag);
     }
-    // Held back beyond the end of the stream: still waiting when replay ends.
-    if (tag.time < plan.duration) expected.push_back(tag);
+    std::stable_sort(expected.begin(), expected.end(), byTime);
+    EXPECT_EQ(fields(replay.play(base)), fields(expected));
   }
-  std::stable_sort(expected.begin(), expected.end(),
-                   [](const Tag& a, const Tag& b) { return a.time < b.time; });
-  EXPECT_EQ(fields(out), fields(expected));
-}
-
-TEST_F(ReplaySettingsTest, TestSignalReplacesBothEdgesOfItsInputOnly) {
+  // The test signal replaces both edges of its input only: a square wave of about 1.256 us,
+  // its edges alternating, each about 628 ns after the last.
   Replay replay(3);
   replay.tagger->seedTestSignal(3);
   replay.tagger->setTestSignal(1, true);
-  EXPECT_TRUE(replay.tagger->getTestSignal(1));
-  EXPECT_TRUE(replay.tagger->getTestSignal(-1));
+  EXPECT_TRUE(replay.tagger->getTestSignal(1) && replay.tagger->getTestSignal(-1));
   EXPECT_FALSE(replay.tagger->getTestSignal(2));
   const std::vector<Tag> out = replay.play(base);
-  std::vector<Tag> others;
-  std::vector<int64_t> rising;
-  std::vector<int64_t> falling;
-  for (const Tag& tag : out) {
-    if (tag.channel == 1) {
-      rising.push_back(tag.time);
-    } else if (tag.channel == -1) {
-      falling.push_back(tag.time);
-    } else {
-      others.push_back(tag);
-    }
-  }
-  std::vector<Tag> expected_others;
-  for (const Tag& tag : generatedTags(plan)) {
+  EXPECT_TRUE(std::is_sorted(out.begin(), out.end(), byTime));
+  std::vector<Tag> others, expected_others;
+  std::vector<Tag> edges;
+  for (const Tag& tag : out) (std::abs(tag.channel) == 1 ? edges : others).push_back(tag);
+  for (const Tag& tag : recorded) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
   EXPECT_EQ(fields(others), fields(expected_others));
-
-  // A square wave of about 1.256 us: edges alternate, each about 628 ns after the last.
-  const double cycles = static_cast<double>(plan.duration) / (2 * 628006.5);
-  EXPECT_NEAR(static_cast<double>(rising.size()), cycles, 3.0);
-  EXPECT_NEAR(static_cast<double>(falling.size()), cycles, 3.0);
-  ASSERT_FALSE(rising.empty());
-  EXPECT_TRUE(std::is_sorted(out.begin(), out.end(),
-                             [](const Tag& a, const Tag& b) { return a.time < b.time; }));
-  for (size_t i = 1; i < rising.size(); ++i) {
-    EXPECT_NEAR(static_cast<double>(rising[i] - rising[i - 1]), 1256013.0, 8000.0) << i;
-  }
-  for (size_t i = 0; i + 1 < rising.size() && i < falling.size(); ++i) {
-    EXPECT_NEAR(static_cast<double>(falling[i] - rising[i]), 628006.5, 6000.0) << i;
+  ASSERT_FALSE(edges.empty());
+  EXPECT_EQ(edges[0].channel, 1);
+  EXPECT_NEAR(static_cast<double>(edges.size()), static_cast<double>(plan.duration) / 628006.5, 6);
+  for (size_t i = 1; i < edges.size(); ++i) {
+    EXPECT_EQ(edges[i].channel, -edges[i - 1].channel) << i;
+    EXPECT_NEAR(static_cast<double>(edges[i].time - edges[i - 1].time), 628006.5, 6000.0) << i;
   }
 }
 

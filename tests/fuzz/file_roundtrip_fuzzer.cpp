@@ -13,6 +13,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "files/file_format_reference.h"
@@ -49,36 +50,20 @@ std::vector<Block> parse(const uint8_t* data, size_t size) {
     }
     uint32_t step = 0;
     std::memcpy(&step, record + 4, sizeof(step));
-    int64_t gap = step & 0xFFFFF;
-    switch (step >> 29) {
-      case 7:
-        gap <<= 30;
-        break;  // beyond 2^48 now and then
-      case 6:
-        gap <<= 8;
-        break;  // around 2^24
-      case 5:
-        gap = -(gap & 0xFFF);
-        break;  // earlier than the last tag
-      default:
-        break;
-    }
-    time += gap;
+    // Now and then beyond 2^48, around 2^24, or earlier than the last tag.
+    const int64_t gap = step & 0xFFFFF;
+    const uint32_t kind_of_step = step >> 29;
+    time += kind_of_step == 7   ? gap << 30
+            : kind_of_step == 6 ? gap << 8
+            : kind_of_step == 5 ? -(gap & 0xFFF)
+                                : gap;
     const int kind = record[0] & 0x07;
-    Tag tag{};
-    tag.type = kind <= 4 ? static_cast<Tag::Type>(kind) : static_cast<Tag::Type>(9);
-    tag.channel = channels[record[1] % std::size(channels)];
-    tag.missed_events = static_cast<uint16_t>(record[2] | (record[3] << 8));
-    tag.time = time;
-    blocks.back().tags.push_back(tag);
+    blocks.back().tags.push_back(Tag{static_cast<Tag::Type>(kind <= 4 ? kind : 9), 0,
+                                     static_cast<uint16_t>(record[2] | (record[3] << 8)),
+                                     channels[record[1] % std::size(channels)], time});
   }
   blocks.back().end_time = std::max(time, blocks.back().begin_time) + 1;
   return blocks;
-}
-
-bool same(const Tag& a, const Tag& b) {
-  return a.type == b.type && a.reserved == b.reserved && a.missed_events == b.missed_events &&
-         a.channel == b.channel && a.time == b.time;
 }
 
 }  // namespace
@@ -120,10 +105,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const std::vector<Tag> expected = zeptick::testing::expectedAfterFile(
         block.tags, block.begin_time, {1, -1, 2, 1000000}, overflow);
-    if (expected.size() != tags.size()) std::abort();
-    for (size_t i = 0; i < tags.size(); ++i) {
-      if (!same(tags[i], expected[i])) std::abort();
-    }
+    const auto same = [](const Tag& a, const Tag& b) {
+      return std::tie(a.type, a.reserved, a.missed_events, a.channel, a.time) ==
+             std::tie(b.type, b.reserved, b.missed_events, b.channel, b.time);
+    };
+    if (!std::equal(tags.begin(), tags.end(), expected.begin(), expected.end(), same)) std::abort();
   }
   int64_t begin = 0;
   int64_t end = 0;

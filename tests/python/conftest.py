@@ -27,14 +27,3 @@ def replay():
     with zeptick.createZeptickVirtual() as tagger:
         tagger.setReplaySpeed(-1)
         yield tagger
-
-
-@pytest.fixture
-def emulated():
-    """The built-in emulated instrument, opened as a hardware tagger."""
-    zeptick.attachDefaultEmulatedDevice()
-    try:
-        with zeptick.createZeptick() as tagger:
-            yield tagger
-    finally:
-        zeptick.detachEmulatedDevices()

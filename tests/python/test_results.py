@@ -60,9 +60,7 @@ def test_results_equal_the_library_results(recording, replay, reference):
     flat = reference["time_differences_nd"]
     result = nd.getData()
     assert result.shape == (2, 3, 64) and result.dtype == np.int32
-    for i0 in range(2):
-        for i1 in range(3):
-            np.testing.assert_array_equal(result[i0, i1], flat[i0 + 2 * i1])
+    np.testing.assert_array_equal(result, flat.reshape(3, 2, 64).transpose(1, 0, 2))
     assert flat.sum() > 0
 
 
