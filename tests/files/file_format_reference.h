@@ -7,19 +7,10 @@
 #include <set>
 #include <vector>
 
+#include "support/tags.h"
 #include "zeptick/tag.h"
 
 namespace zeptick::testing {
-
-inline Tag timeTag(int32_t channel, int64_t time) {
-  return Tag{Tag::Type::TimeTag, 0, 0, channel, time};
-}
-inline Tag specialTag(Tag::Type type, int64_t time) {
-  return Tag{type, 0, 0, CHANNEL_UNUSED, time};
-}
-inline Tag missedTag(int32_t channel, uint16_t count, int64_t time) {
-  return Tag{Tag::Type::MissedEvents, 0, count, channel, time};
-}
 
 /// The tags a reader gives back for one block written from `tags`: unmapped channels, earlier
 /// times, missed events outside overflows and time tags inside them vanish; an unknown type
@@ -35,7 +26,7 @@ inline std::vector<Tag> expectedAfterFile(const std::vector<Tag>& tags, int64_t 
     const bool on_channel = tag.type == Tag::Type::TimeTag || tag.type == Tag::Type::MissedEvents;
     if (on_channel && !mapped.count(tag.channel)) continue;
     if (tag.type == Tag::Type::MissedEvents) {
-      if (overflow) kept.push_back(missedTag(tag.channel, tag.missed_events, clock));
+      if (overflow) kept.push_back(missedTag(tag.channel, clock, tag.missed_events));
       continue;
     }
     if (tag.time < clock) continue;
@@ -48,9 +39,9 @@ inline std::vector<Tag> expectedAfterFile(const std::vector<Tag>& tags, int64_t 
       kept.push_back(timeTag(tag.channel, tag.time));
     } else if (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::OverflowEnd) {
       overflow = tag.type == Tag::Type::OverflowBegin;
-      kept.push_back(specialTag(tag.type, tag.time));
+      kept.push_back(marker(tag.type, tag.time));
     } else {
-      kept.push_back(specialTag(Tag::Type::Error, tag.time));
+      kept.push_back(marker(Tag::Type::Error, tag.time));
     }
     clock = tag.time;
   }

@@ -82,14 +82,14 @@ TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
       timeTag(1, begin),
       timeTag(2, t1),
       timeTag(5, t1 + 1),  // not in the map: no word
-      specialTag(Tag::Type::Error, t2),
+      marker(Tag::Type::Error, t2),
       timeTag(-1, t3),
       timeTag(1, t3 - 1),   // earlier than the last tag: no word
-      missedTag(1, 9, t3),  // outside an overflow: no word
-      specialTag(Tag::Type::OverflowBegin, overflow_begin),
-      missedTag(2, 77, overflow_begin),
+      missedTag(1, t3, 9),  // outside an overflow: no word
+      marker(Tag::Type::OverflowBegin, overflow_begin),
+      missedTag(2, overflow_begin, 77),
       timeTag(1, overflow_begin + k24 + 3),  // in overflow: only its high word stays
-      specialTag(Tag::Type::OverflowEnd, overflow_end),
+      marker(Tag::Type::OverflowEnd, overflow_end),
       timeTag(2, overflow_end + 1),
   };
   uint64_t events = 0;

@@ -295,17 +295,17 @@ inline std::vector<Block> randomStream(std::mt19937_64& rng, size_t count,
       const int channel = channels[pick(rng)];
       Tag tag{Tag::Type::TimeTag, 0, 0, channel, t};
       if (!in_overflow && r < 25) {
-        tag = specialTag(Tag::Type::OverflowBegin, t);
+        tag = marker(Tag::Type::OverflowBegin, t);
         in_overflow = true;
       } else if (!in_overflow && r < 40) {
-        tag = specialTag(Tag::Type::Error, t);
+        tag = marker(Tag::Type::Error, t);
       } else if (!in_overflow && r < 45) {
-        tag = missedTag(channel, 3, t);
+        tag = missedTag(channel, t, 3);
       } else if (in_overflow && r < 150) {
-        tag = specialTag(Tag::Type::OverflowEnd, t);
+        tag = marker(Tag::Type::OverflowEnd, t);
         in_overflow = false;
       } else if (in_overflow && r >= 200) {
-        tag = missedTag(channel, static_cast<uint16_t>(lost(rng)), t);
+        tag = missedTag(channel, t, static_cast<uint16_t>(lost(rng)));
       }
       block.tags.push_back(tag);
     }

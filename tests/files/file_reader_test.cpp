@@ -189,11 +189,11 @@ TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnitAndTheLatestChannelMaps) {
   const std::vector<Tag> expected = {
       timeTag(4, t1),
       timeTag(9, t2),
-      specialTag(Tag::Type::OverflowBegin, t3),
+      marker(Tag::Type::OverflowBegin, t3),
       Tag{Tag::Type::MissedEvents, 0, 9, 4, t3},
       Tag{Tag::Type::MissedEvents, 0, 5, CHANNEL_UNUSED, t3},
-      specialTag(Tag::Type::OverflowEnd, t3 + 3),
-      specialTag(Tag::Type::Error, t3 + 18),
+      marker(Tag::Type::OverflowEnd, t3 + 3),
+      marker(Tag::Type::Error, t3 + 18),
       timeTag(CHANNEL_UNUSED, t3 + 18),
   };
   EXPECT_EQ(fields(tags), fields(expected));

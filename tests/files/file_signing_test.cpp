@@ -129,8 +129,8 @@ TEST(ForgedBlocks, ABlockMovedInFromAnotherRecordingIsMarkedAtBothJoins) {
   LogCapture log;
   Replay replay(2);
   EXPECT_EQ(fields(replay.play(path)),
-            fields({timeTag(1, 10), specialTag(Tag::Type::Error, 100), timeTag(2, 150),
-                    specialTag(Tag::Type::Error, 200), timeTag(1, 250)}));
+            fields({timeTag(1, 10), marker(Tag::Type::Error, 100), timeTag(2, 150),
+                    marker(Tag::Type::Error, 200), timeTag(1, 250)}));
   EXPECT_TRUE(log.messages().empty());
 }
 

@@ -80,7 +80,7 @@ TEST(Replay, QueueMarksTheJoinAndStopEndsEverything) {
 
   // The second recording starts where the first ended, behind an error tag.
   std::vector<Tag> expected = generatedTags(smallPlan(7));
-  expected.push_back(specialTag(Tag::Type::Error, plan.duration));
+  expected.push_back(marker(Tag::Type::Error, plan.duration));
   for (const Tag& tag : window(generatedTags(plan), 0, plan.duration, plan.duration)) {
     expected.push_back(tag);
   }
@@ -164,7 +164,7 @@ FileByFile readFileByFile(const std::vector<std::string>& files) {
     LogCapture log;
     for (const Block& block : readRecording(name)) {
       if (!out.tags.empty() && block.begin_time != last_end) {
-        out.tags.push_back(specialTag(Tag::Type::Error, now));
+        out.tags.push_back(marker(Tag::Type::Error, now));
       }
       for (Tag tag : block.tags) {
         tag.time += now - block.begin_time;
@@ -325,15 +325,15 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverf
   settings[2].deadtime = 100;
   settings[1].delay = 1000;
   stage.configure(settings);
-  const Tag error = specialTag(Tag::Type::Error, 160);
-  const Tag overflow_begin = specialTag(Tag::Type::OverflowBegin, 500);
+  const Tag error = marker(Tag::Type::Error, 160);
+  const Tag overflow_begin = marker(Tag::Type::OverflowBegin, 500);
   std::vector<Tag> tags = {timeTag(2, 0),   timeTag(2, 50), timeTag(1, 60),
                            timeTag(2, 100), error,          timeTag(2, 170),
-                           timeTag(2, 200), overflow_begin, specialTag(Tag::Type::OverflowEnd, 800),
+                           timeTag(2, 200), overflow_begin, marker(Tag::Type::OverflowEnd, 800),
                            timeTag(1, 2000)};
   stage.process(tags, 0, 2500);
   EXPECT_EQ(fields(tags), fields({timeTag(2, 0), timeTag(2, 100), error, timeTag(2, 170),
-                                  overflow_begin, specialTag(Tag::Type::OverflowEnd, 1800)}));
+                                  overflow_begin, marker(Tag::Type::OverflowEnd, 1800)}));
   std::vector<Tag> later;
   stage.process(later, 2500, 5000);
   EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));

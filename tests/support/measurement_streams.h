@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tags.h"
 #include "test_tagger.h"
 #include "zeptick/tag.h"
 
@@ -21,14 +22,6 @@ namespace zeptick::testing {
 
 /// First channel number TestZeptick hands out for virtual channels.
 inline constexpr int kFirstVirtualChannel = 1000;
-
-inline Tag timeTag(int channel, int64_t time) {
-  return Tag{Tag::Type::TimeTag, 0, 0, channel, time};
-}
-inline Tag marker(Tag::Type type, int64_t time) { return Tag{type, 0, 0, CHANNEL_UNUSED, time}; }
-inline Tag missedTag(int channel, int64_t time, uint16_t count = 1) {
-  return Tag{Tag::Type::MissedEvents, 0, count, channel, time};
-}
 
 /// Tags in non-decreasing time order, all inside [begin_time, end_time).
 struct TagStream {
