@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "library/tagger_factories.h"
-#include "support/test_tagger.h"
-#include "zeptick/iterator_base.h"
+#include "support/measurement_streams.h"
+#include "support/recording_measurement.h"
 #include "zeptick/library.h"
 
 namespace zeptick::testing {
@@ -21,43 +21,6 @@ namespace {
 
 // The serial that the stand-in instrument reports when opened without one.
 const std::string kDefaultSerial = "DEFAULT-1";
-
-// Counts the tags it is handed and how often it was stopped; registers input 1 so that an
-// orphan touching its dead tagger would show up under ASan. Not a RecordingMeasurement: that one
-// starts in its own constructor, before a subclass has set its vtable.
-class Probe final : public IteratorBase {
- public:
-  explicit Probe(ZeptickBase* tagger) : IteratorBase(tagger) {
-    registerChannel(1);
-    finishInitialization();
-  }
-  ~Probe() override { stop(); }
-  using IteratorBase::registerChannel;
-
-  bool attached() {
-    auto guard = getLock();
-    return getTagger() != nullptr;
-  }
-  size_t tagsSeen() {
-    auto guard = getLock();
-    return tags_seen;
-  }
-  int stops() {
-    auto guard = getLock();
-    return stop_count;
-  }
-
- protected:
-  bool next_impl(std::vector<Tag>& tags, int64_t, int64_t) override {
-    tags_seen += tags.size();
-    return false;
-  }
-  void on_stop() override { ++stop_count; }
-
- private:
-  size_t tags_seen = 0;
-  int stop_count = 0;
-};
 
 // Pushes one block with `count` tags on input 1 and waits until every
 // measurement has seen it.
@@ -115,7 +78,7 @@ TEST_F(InstancesTest, OpensAndFreesFollowAReferenceCountTable) {
   struct Entry {
     std::string serial;  // empty for a replay tagger
     int count = 1;
-    std::unique_ptr<Probe> probe;
+    std::unique_ptr<RecordingMeasurement> probe;
   };
   std::map<ZeptickBase*, Entry> table;
   ZeptickBase* default_tagger = nullptr;
@@ -124,12 +87,13 @@ TEST_F(InstancesTest, OpensAndFreesFollowAReferenceCountTable) {
   size_t constructions = 0;
   auto added = [&](ZeptickBase* tagger, const std::string& serial) {
     EXPECT_EQ(table.count(tagger), 0u);
-    table[tagger] = Entry{serial, 1, std::make_unique<Probe>(tagger)};
+    table[tagger] =
+        Entry{serial, 1, std::make_unique<RecordingMeasurement>(tagger, std::vector{1})};
     handles.push_back(tagger);
     return tagger;
   };
   auto orphaned = [&](Entry& entry) {
-    EXPECT_FALSE(entry.probe->attached());
+    EXPECT_EQ(entry.probe->getTagger(), nullptr);
     EXPECT_FALSE(entry.probe->isRunning());
     EXPECT_EQ(entry.probe->stops(), 1);
     entry.probe->start();
@@ -184,7 +148,7 @@ TEST_F(InstancesTest, OpensAndFreesFollowAReferenceCountTable) {
   // Every tagger left still delivers; freeAll destroys them all, and the default opens anew.
   for (auto& [tagger, entry] : table) {
     feed(tagger, 3);
-    EXPECT_EQ(entry.probe->tagsSeen(), 3u);
+    EXPECT_EQ(concatenate(entry.probe->blocks()).size(), 3u);
   }
   freeAllZeptick();
   for (auto& [tagger, entry] : table) orphaned(entry);
