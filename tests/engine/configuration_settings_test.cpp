@@ -3,6 +3,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,16 +14,6 @@ namespace zeptick::testing {
 namespace {
 
 using Configuration = EmulatedTagger;
-
-// The code the board's DAC of `input` received last, from the serial-bus words.
-int lastDacCode(emulator::BoardControl& board, int input) {
-  int code = -1;
-  for (const emulator::SerialWord& word : board.serialWords()) {
-    const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-    if ((word.word >> 20) == 3 && dac == input) code = static_cast<int>(word.word & 0xFFFF);
-  }
-  return code;
-}
 
 // Each row is one call, in order on one tagger: what it returns (for a setter,
 // the getter read right after it), and the exception it throws or the one
@@ -131,14 +122,13 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   zt.setLED(0x70005);
   zt.setTestSignalDivider(100);
   zt.sync();
-  EXPECT_EQ(lastDacCode(*board, 2), 0);
-  EXPECT_EQ(lastDacCode(*board, 3), 65535);
-  EXPECT_EQ(lastDacCode(*board, 4), 45875) << "a falling channel sets its input's level";
-  EXPECT_EQ(board->wireIn(0x12), 100000u);
-  EXPECT_EQ(board->wireIn(0x13), 50000u);
-  EXPECT_EQ(board->wireIn(0x0C), 0x70005u);
-  EXPECT_EQ(board->wireIn(0x09), 200u);
-  EXPECT_EQ(board->wireIn(0x0B), 100u);
+  const std::map<int, int> dac = dacCodes(*board);
+  EXPECT_EQ(dac.at(2), 0);
+  EXPECT_EQ(dac.at(3), 65535);
+  EXPECT_EQ(dac.at(4), 45875) << "a falling channel sets its input's level";
+  EXPECT_EQ((std::vector{board->wireIn(0x12), board->wireIn(0x13), board->wireIn(0x0C),
+                         board->wireIn(0x09), board->wireIn(0x0B)}),
+            (std::vector<uint32_t>{100000, 50000, 0x70005, 200, 100}));
 }
 
 TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {

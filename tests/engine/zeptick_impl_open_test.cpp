@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zeptick/emulator.h"
@@ -56,16 +57,13 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
     json entry = boardEntry("ENG" + std::to_string(++serial), row.model, row.revision);
     entry["inputs"] = row.inputs;
     ZeptickImpl& zt = open(entry);
-    EXPECT_EQ(zt.getSerial(), entry["serial"]);
-    EXPECT_EQ(zt.getModel(), row.name);
-    EXPECT_EQ(zt.getPcbVersion(), row.pcb);
+    EXPECT_EQ(
+        std::tuple(zt.getSerial(), zt.getModel(), zt.getPcbVersion(), zt.getChannelNumberScheme(),
+                   zt.getPsPerClock(), zt.getDACRange(), zt.getTestSignalDivider(),
+                   zt.getHardwareBufferSize(), zt.getNormalization()),
+        std::tuple(entry["serial"].get<std::string>(), row.name, row.pcb, row.scheme, row.ps,
+                   std::vector<double>{row.dacMin, 2.5}, row.divider, row.buffer, true));
     EXPECT_EQ(zt.getFirmwareVersion().rfind(row.firmware, 0), 0u) << zt.getFirmwareVersion();
-    EXPECT_EQ(zt.getChannelNumberScheme(), row.scheme);
-    EXPECT_EQ(zt.getPsPerClock(), row.ps);
-    EXPECT_EQ(zt.getDACRange(), (std::vector<double>{row.dacMin, 2.5}));
-    EXPECT_EQ(zt.getTestSignalDivider(), row.divider);
-    EXPECT_EQ(zt.getHardwareBufferSize(), row.buffer);
-    EXPECT_TRUE(zt.getNormalization());
 
     const uint32_t ring = board->wireIn(0x14);
     EXPECT_EQ(ring & 0xFF, 0u) << "first device has identifier 0";
@@ -79,19 +77,15 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
     EXPECT_EQ((trigger + 1)->call, "WriteToPipeIn");
     EXPECT_EQ((trigger + 1)->a, 0x80);
     EXPECT_EQ((trigger + 1)->b, row.inputs * 2 * 8) << "eight bytes per hardware index";
-    EXPECT_EQ(board->wireIn(0x12), static_cast<uint32_t>(row.buffer));
-    EXPECT_EQ(board->wireIn(0x13), static_cast<uint32_t>(row.buffer / 2));
-    EXPECT_EQ(board->wireIn(0x09), row.testClockWord);
-    EXPECT_EQ(board->wireIn(0x0B), row.testClockWord / 2);
-    EXPECT_EQ(board->wireIn(0x0C), 0u);
-    std::set<int> levelled;
-    for (const emulator::SerialWord& word : board->serialWords()) {
-      const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-      if ((word.word >> 20) != 3 || dac >= row.inputs) continue;
-      EXPECT_EQ(word.word & 0xFFFF, row.level) << "DAC " << dac;
-      levelled.insert(dac);
-    }
-    EXPECT_EQ(levelled.size(), row.level == 0 ? 0u : static_cast<size_t>(row.inputs));
+    const auto buffer = static_cast<uint32_t>(row.buffer);
+    EXPECT_EQ((std::vector{board->wireIn(0x12), board->wireIn(0x13), board->wireIn(0x09),
+                           board->wireIn(0x0B), board->wireIn(0x0C)}),
+              (std::vector{buffer, buffer / 2, row.testClockWord, row.testClockWord / 2, 0u}));
+    std::map<int, int> levels, sent = dacCodes(*board);
+    std::erase_if(sent, [&row](const auto& code) { return code.first >= row.inputs; });
+    for (int dac = 0; dac < row.inputs && row.level != 0; ++dac)
+      levels[dac] = static_cast<int>(row.level);
+    EXPECT_EQ(sent, levels);
     auto fence = std::find_if(events.rbegin(), events.rend(), [](const BoardEvent& e) {
       return e.call == "SetWireInValue" && e.a == 0x08;
     });
