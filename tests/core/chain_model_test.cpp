@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -314,9 +315,8 @@ TEST(Runner, ChainOfMeasurementsMatchesTheSequentialModel) {
         EXPECT_EQ(spans(log), spans(model.seen));
         EXPECT_TRUE(sameTags(concatenate(log), concatenate(model.seen)));
       }
-      EXPECT_EQ(chain[i]->isRunning(), model.running);
-      EXPECT_EQ(chain[i]->getCaptureDuration(), model.capture);
-      EXPECT_EQ(std::pair(starts, stops), std::pair(model.starts, model.stops));
+      EXPECT_EQ(std::tuple(chain[i]->isRunning(), chain[i]->getCaptureDuration(), starts, stops),
+                std::tuple(model.running, model.capture, model.starts, model.stops));
       std::ostringstream failure;
       failure << "Unhandled exception on IteratorBase " << static_cast<void*>(chain[i].get());
       if (model.fail_at % 2 == 1) failure << ": bad block";

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -114,27 +115,22 @@ std::vector<uint32_t> join(std::initializer_list<std::vector<uint32_t>> parts) {
   return all;
 }
 
-class NativeDecoderSyncTest : public ::testing::Test {
- protected:
-  NativeDecoderSyncTest() {
-    shared.hostClockNs = &fakeClock;
-    fakeNow = 0;
-  }
-  NativeDecoder make() {
-    NativeDecoder d;
-    DecoderDevice dev = engine_testing::device(kPs, 8, 4);
-    dev.syncMode = true;
-    dev.sync = &shared;
-    d.setup(dev, 0);
-    return d;
-  }
-  DecoderSyncEpoch shared;
-  DecoderBlockSettings settings = engine_testing::plainSettings(4, false);
-  testing::LogCapture log;
-};
+// A decoder of a group member, sharing `shared` with the others and reading the fake host clock.
+NativeDecoder syncDecoder(DecoderSyncEpoch& shared) {
+  shared.hostClockNs = &fakeClock;
+  NativeDecoder d;
+  DecoderDevice dev = engine_testing::device(kPs, 8, 4);
+  dev.syncMode = true;
+  dev.sync = &shared;
+  d.setup(dev, 0);
+  return d;
+}
 
-TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
-  NativeDecoder d = make();
+TEST(NativeDecoderSyncTest, AlignsOnTheCounterWatchesTheLinkAndFollowsTheHostClock) {
+  const DecoderBlockSettings settings = engine_testing::plainSettings(4, false);
+  testing::LogCapture log;
+  DecoderSyncEpoch shared;
+  NativeDecoder d = syncDecoder(shared);
   // Before alignment input words are dropped and the block can't be trusted.
   Block b = decode(d, {event(0, 0, 5), word(2, 0, 3, 6), rollover()}, settings);
   EXPECT_TRUE(b.tags.empty());
@@ -143,18 +139,16 @@ TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
   const int64_t t = int64_t{0x01020304} * kPeriod;
   b = decode(d, join({{event(0, 0, 5)}, counter(0x01020304), {event(1, 0, 10), rollover()}}),
              settings);
-  EXPECT_TRUE(b.invalid);  // the event before the counter was still dropped
-  EXPECT_TRUE(d.syncValid());
-  EXPECT_EQ(b.begin, t);
+  // Still invalid: the event before the counter was dropped.
+  EXPECT_EQ(std::tuple(b.invalid, d.syncValid(), b.begin, d.overflows()),
+            std::tuple(true, true, t, 1));
   EXPECT_TRUE(testing::sameTags(
       b.tags, {testing::marker(Tag::Type::Error, t), testing::timeTag(2, t + 10 * kPs)}));
-  EXPECT_EQ(d.overflows(), 1);
 
   // The next counter, one period on, agrees; a marker word keeps the link
   // alive across a rollover without a counter.
   b = decode(d, join({counter(0x01020305), {word(2, 58, 0, 0), rollover()}}), settings);
-  EXPECT_FALSE(b.invalid);
-  EXPECT_TRUE(d.syncValid());
+  EXPECT_EQ(std::pair(b.invalid, d.syncValid()), std::pair(false, true));
   EXPECT_TRUE(log.messages().empty());
   decode(d, {rollover()}, settings);
   EXPECT_FALSE(d.syncValid());
@@ -168,8 +162,8 @@ TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
   EXPECT_TRUE(d.syncValid());
   EXPECT_TRUE(log.contains(LOGGER_ERROR,
                            "Zeptick vs Sync Board counter mismatch: 1638400000 vs 163840000."));
-  EXPECT_EQ(b.begin, int64_t{0x01020310} * kPeriod);
-  EXPECT_EQ(d.overflows(), 3);
+  EXPECT_EQ(std::pair(b.begin, d.overflows()),
+            std::pair(int64_t{0x01020310} * kPeriod, int64_t{3}));
 
   // A counter byte off the clock edge, and an error word, break the alignment.
   decode(d, counter(0x01020311, 7), settings);
@@ -182,22 +176,22 @@ TEST_F(NativeDecoderSyncTest, AlignsOnTheCounterAndWatchesTheLink) {
   EXPECT_TRUE(log.contains(
       LOGGER_ERROR,
       "Error event received from TEST, please make sure that the CLK is connected properly."));
-}
 
-TEST_F(NativeDecoderSyncTest, HostClockUnwrapsTheCounterAndDetectsARestart) {
-  NativeDecoder first = make();
-  NativeDecoder second = make();
+  // Decoders of a new group: one sees the counter just before it wraps, and the next, 32 periods
+  // later by the host clock, sees it wrapped to 0x10.
+  DecoderSyncEpoch group;
+  NativeDecoder first = syncDecoder(group);
+  NativeDecoder second = syncDecoder(group);
   decode(first, counter(0xFFFFFFF0), settings);
   EXPECT_EQ(first.baseTime(), int64_t{0xFFFFFFF0} * kPeriod);
 
-  // 32 periods later by the host clock the counter has wrapped to 0x10.
   fakeNow = 32 * kPeriod / 1000;
   decode(second, counter(0x10), settings);
   EXPECT_EQ(second.baseTime(), (int64_t{1} << 32) * kPeriod + 16 * kPeriod);
   EXPECT_EQ(second.syncEpoch(), 0);
 
   // Two minutes unaccounted for: a new epoch.
-  NativeDecoder third = make();
+  NativeDecoder third = syncDecoder(group);
   fakeNow += 120'000'000'000;
   decode(third, counter(0x10), settings);
   EXPECT_EQ(third.syncEpoch(), 1);

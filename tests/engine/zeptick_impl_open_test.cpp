@@ -133,9 +133,11 @@ TEST_F(ZeptickImplOpen, OpeningFailuresReachTheCaller) {
 }
 
 // Through the library entry: the empty serial takes the first device, and the
-// same device asked for by serial is the same object.
+// same device asked for by serial is the same object; another serial is not there.
 TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoard) {
   attach(ultraBoard("ENG6"));
+  EXPECT_EQ(errorOf([] { createZeptick("NOPE"); }),
+            "Opening of USB connection failed or device with serial 'NOPE' not found.");
   Zeptick* first = createZeptick();
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->getSerial(), "ENG6");
