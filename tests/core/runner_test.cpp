@@ -97,38 +97,6 @@ TEST(Runner, FencesWaitAtOneHundredOutstandingAndTimeOutAsAsked) {
   EXPECT_TRUE(tagger.waitForFence(101, 10));
 }
 
-TEST(Runner, SynchronizedStartGivesTheSameFirstBlockToAll) {
-  TestZeptick tagger("T", 8);
-  std::vector<std::unique_ptr<RecordingMeasurement>> group;
-  for (int i = 0; i < 5; ++i) {
-    group.push_back(std::make_unique<RecordingMeasurement>(&tagger));
-    group.back()->setMaxDelay(40 * i);
-    group.back()->stop();
-  }
-  std::mt19937_64 rng(5);
-  for (int repeat = 0; repeat < 5; ++repeat) {
-    tagger.pushBlocks(makeRandomBlocks(rng, 100, {1, 2}));
-    SynchronizedCallbacks callbacks;
-    for (auto& m : group) {
-      callbacks[m.get()] = [](IteratorBase* it) {
-        static_cast<RecordingMeasurement*>(it)->clear();
-        static_cast<RecordingMeasurement*>(it)->start();
-      };
-    }
-    tagger.runSynchronized(callbacks, true);
-    tagger.pushBlocks(makeRandomBlocks(rng, 50, {1, 2}));
-    ASSERT_TRUE(tagger.sync());
-    const auto reference = group.front()->blocks();
-    ASSERT_FALSE(reference.empty());
-    for (auto& m : group) {
-      const auto seen = m->blocks();
-      ASSERT_FALSE(seen.empty());
-      EXPECT_EQ(seen.front().begin_time, reference.front().begin_time);
-      m->stop();
-    }
-  }
-}
-
 TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
   TestZeptick tagger("T", 4);
   LogCapture log;
