@@ -25,28 +25,14 @@ const std::string kDefaultSerial = "DEFAULT-1";
 // Pushes one block with `count` tags on input 1 and waits until every
 // measurement has seen it.
 void feed(ZeptickBase* tagger, int count) {
-  Block block;
-  block.end_time = 1000;
-  for (int i = 0; i < count; ++i) block.tags.push_back(Tag{Tag::Type::TimeTag, 0, 0, 1, i});
-  auto* test_tagger = dynamic_cast<TestTaggerCore*>(tagger);
-  ASSERT_NE(test_tagger, nullptr);
-  test_tagger->pushBlocks({block});
+  Block block{{}, 0, 1000};
+  for (int i = 0; i < count; ++i) block.tags.push_back(timeTag(1, i));
+  dynamic_cast<TestTaggerCore&>(*tagger).pushBlocks({block});
   tagger->sync();
 }
 
-// Restores the library's tagger constructors however a test ends.
-class FactoriesGuard {
- public:
-  FactoriesGuard() : saved(detail::taggerFactories()) {}
-  ~FactoriesGuard() { detail::taggerFactories() = saved; }
-  FactoriesGuard(const FactoriesGuard&) = delete;
-  FactoriesGuard& operator=(const FactoriesGuard&) = delete;
-
- private:
-  detail::TaggerFactories saved;
-};
-
-// Runs the registry on test doubles, recording every construction it asks for.
+// Runs the registry on test doubles, recording every construction it asks for, and gives the
+// library its own constructors back however a test ends.
 class InstancesTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -62,9 +48,12 @@ class InstancesTest : public ::testing::Test {
     };
   }
 
-  void TearDown() override { freeAllZeptick(); }
+  void TearDown() override {
+    freeAllZeptick();
+    detail::taggerFactories() = saved_factories;
+  }
 
-  FactoriesGuard factories_guard;
+  const detail::TaggerFactories saved_factories = detail::taggerFactories();
   // Written by the factories, which the registry calls under its own lock.
   std::vector<std::string> hardware_calls;
   int replay_calls = 0;
