@@ -6,6 +6,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zeptick_impl_fixture.h"
@@ -142,18 +143,17 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(message({1}, {}),
             "The conditional filter on device CFG6 requires at least one trigger and at least one "
             "filtered channel.");
-  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{1}));
-  EXPECT_EQ(zt.getConditionalFilterFiltered(), (std::vector<int>{2, 3}))
-      << "failed calls change nothing";
-  EXPECT_NE(zt.getHardwareDelayCompensation(1), 0) << "compensation still on";
-
+  // Triggers, filtered channels, and whether the hardware delays are compensated.
+  auto state = [&zt] {
+    return std::tuple(zt.getConditionalFilterTrigger(), zt.getConditionalFilterFiltered(),
+                      zt.getHardwareDelayCompensation(1) != 0);
+  };
+  using Filter = std::vector<int>;
+  EXPECT_EQ(state(), std::tuple(Filter{1}, Filter{2, 3}, true)) << "failed calls change nothing";
   EXPECT_EQ(message({CHANNEL_UNUSED, 4}, {-4}), "no exception");
-  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{4}));
-  EXPECT_EQ(zt.getHardwareDelayCompensation(1), 0) << "compensation switched off";
+  EXPECT_EQ(state(), std::tuple(Filter{4}, Filter{-4}, false));
   zt.clearConditionalFilter();
-  EXPECT_TRUE(zt.getConditionalFilterTrigger().empty());
-  EXPECT_TRUE(zt.getConditionalFilterFiltered().empty());
-  EXPECT_NE(zt.getHardwareDelayCompensation(1), 0);
+  EXPECT_EQ(state(), std::tuple(Filter{}, Filter{}, true));
 }
 
 // The report's layout is fixed (indentation, key order, commas, the time
