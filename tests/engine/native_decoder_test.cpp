@@ -129,6 +129,7 @@ NativeDecoder syncDecoder(DecoderSyncEpoch& shared) {
 TEST(NativeDecoderSyncTest, AlignsOnTheCounterWatchesTheLinkAndFollowsTheHostClock) {
   const DecoderBlockSettings settings = engine_testing::plainSettings(4, false);
   testing::LogCapture log;
+  fakeNow = 0;
   DecoderSyncEpoch shared;
   NativeDecoder d = syncDecoder(shared);
   // Before alignment input words are dropped and the block can't be trusted.
