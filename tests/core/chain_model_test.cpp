@@ -12,11 +12,13 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "support/log_capture.h"
 #include "support/measurement_streams.h"
+#include "support/recording_measurement.h"
 #include "zeptick/iterator_base.h"
 
 namespace zeptick::testing {
@@ -229,6 +231,17 @@ std::vector<std::pair<int64_t, int64_t>> spans(const std::vector<Block>& blocks)
   return out;
 }
 
+// Blocks of 1000 ps holding one time tag each, on input 1, or on input 2 in block `marked_at`.
+std::vector<Block> numberedBlocks(int64_t count, int64_t marked_at) {
+  std::vector<Block> blocks;
+  for (int64_t i = 0; i < count; ++i) {
+    blocks.push_back(
+        Block{{timeTag(i == marked_at ? 2 : 1, i * 1000 + 10)}, i * 1000, i * 1000 + 1000});
+  }
+  return blocks;
+}
+bool marked(const std::vector<Tag>& tags) { return !tags.empty() && tags[0].channel == 2; }
+
 // A chain of measurements, some copying input 1 to a virtual channel, some limited by startFor,
 // some logging in ordered stages, fed in two phases with restarts between them, against the
 // chain worked out block by block. Each seed draws its worker count, blocks, limits and delays.
@@ -302,9 +315,8 @@ TEST(Runner, ChainOfMeasurementsMatchesTheSequentialModel) {
         EXPECT_EQ(spans(log), spans(model.seen));
         EXPECT_TRUE(sameTags(concatenate(log), concatenate(model.seen)));
       }
-      EXPECT_EQ(chain[i]->isRunning(), model.running);
-      EXPECT_EQ(chain[i]->getCaptureDuration(), model.capture);
-      EXPECT_EQ(std::pair(starts, stops), std::pair(model.starts, model.stops));
+      EXPECT_EQ(std::tuple(chain[i]->isRunning(), chain[i]->getCaptureDuration(), starts, stops),
+                std::tuple(model.running, model.capture, model.starts, model.stops));
       std::ostringstream failure;
       failure << "Unhandled exception on IteratorBase " << static_cast<void*>(chain[i].get());
       if (model.fail_at % 2 == 1) failure << ": bad block";
@@ -320,17 +332,13 @@ TEST(Runner, StopWaitsForTheLastOrderedStage) {
   TestZeptick tagger("T", 6);
   std::atomic<bool> marker_inside{false};
   std::atomic<bool> stop_seen{false};
-  std::vector<Block> blocks;
-  for (int64_t i = 0; i < 200; ++i) {
-    blocks.push_back(Block{{timeTag(i == 40 ? 2 : 1, i * 1000 + 10)}, i * 1000, i * 1000 + 1000});
-  }
   ChainMember work(&tagger, 0, 1, [&](ChainMember& self, const std::vector<Tag>& tags) {
     randomPause(300);
-    if (tags.empty() || tags[0].channel != 2) return;
+    if (!marked(tags)) return;
     marker_inside = true;
     stop_seen = eventually([&] { return !self.isRunning(); });
   });
-  std::vector<Block> pushed = tagger.pushBlocks(blocks);
+  std::vector<Block> pushed = tagger.pushBlocks(numberedBlocks(200, 40));
   ASSERT_TRUE(eventually([&] { return marker_inside.load(); }));
   work.stop();
 
@@ -345,6 +353,35 @@ TEST(Runner, StopWaitsForTheLastOrderedStage) {
   EXPECT_EQ(spans(seen), spans(pushed));
   tagger.sync();
   EXPECT_EQ(work.log(0).size(), log.size());
+}
+
+// Block 1 waits 50 ms in its ordered stage while block [2000, 3000) enters: it must see the
+// 2000 ps already taken and be cut at a limit of 2500. When instead block 1 fails while block 0
+// waits in its stage, the stop waits with the lock let go, and the blocks after it must still
+// reach the measurement behind, all of them and in order.
+TEST(Runner, ASlowOrderedStageKeepsTheLimitAndTheOrderBehindIt) {
+  LogCapture log;
+  const ChainMember::Pause slow = [](ChainMember&, const std::vector<Tag>& tags) {
+    if (marked(tags)) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  };
+  for (const bool failing : {false, true}) {
+    SCOPED_TRACE(failing ? "a failure behind the slow block" : "a limit behind the slow block");
+    TestZeptick tagger("T", 4);
+    tagger.setIdleSpan(0);
+    ChainMember staged(&tagger, 0, 1, slow, failing ? 2 : 0);
+    RecordingMeasurement behind(&tagger);
+    staged.startFor(failing ? -1 : 2500);
+    const std::vector<Block> pushed = deliver(tagger, numberedBlocks(6, failing ? 0 : 1));
+    std::vector<int64_t> ends;
+    for (const Block& block : failing ? behind.blocks() : staged.log(0)) {
+      if (!block.tags.empty()) ends.push_back(block.end_time - pushed[0].begin_time);
+    }
+    const std::vector<int64_t> all{1000, 2000, 3000, 4000, 5000, 6000}, limited{1000, 2000, 2500};
+    EXPECT_EQ(ends, failing ? all : limited);
+    if (!failing) {
+      EXPECT_EQ(staged.getCaptureDuration(), 2500);
+    }
+  }
 }
 
 }  // namespace

@@ -101,9 +101,8 @@ TEST_F(LoggingTest, PrefixesTheBaseNameAndCutsToTheBuffer) {
   }
   captured.messages.clear();
   _Log(LOGGER_WARNING, "a/f.cpp", 9, "%d channels, %s, %.1f", 3, "ok", 2.5);
-  ASSERT_EQ(captured.messages.size(), 1u);
-  EXPECT_EQ(captured.messages[0].first, LOGGER_WARNING);
-  EXPECT_EQ(captured.messages[0].second, "f.cpp:9: 3 channels, ok, 2.5");
+  EXPECT_EQ(captured.messages, (std::vector<std::pair<LogLevel, std::string>>{
+                                   {LOGGER_WARNING, "f.cpp:9: 3 channels, ok, 2.5"}}));
 }
 
 TEST_F(LoggingTest, SetLoggerReturnsPreviousAndNullRestoresStderr) {
@@ -158,17 +157,14 @@ TEST_F(LoggingTest, CustomLoggerReceivesUntilAnyInstanceDisables) {
 }
 
 TEST_F(LoggingTest, ThrowingReceiverDoesNotEscape) {
-  ThrowingLogger standard(true);
-  standard.enable();
-  ::testing::internal::CaptureStderr();
-  EXPECT_NO_THROW(_Log(LOGGER_ERROR, "f.cpp", 1, "first"));
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "receiver is broken\n");
-
-  ThrowingLogger odd(false);
-  odd.enable();
-  ::testing::internal::CaptureStderr();
-  EXPECT_NO_THROW(_Log(LOGGER_ERROR, "f.cpp", 2, "second"));
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "f.cpp:2: second\n");
+  for (const bool standard : {true, false}) {
+    ThrowingLogger receiver(standard);
+    receiver.enable();
+    ::testing::internal::CaptureStderr();
+    EXPECT_NO_THROW(_Log(LOGGER_ERROR, "f.cpp", 2, "second"));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              standard ? "receiver is broken\n" : "f.cpp:2: second\n");
+  }
 }
 
 TEST_F(LoggingTest, ConcurrentMessagesArriveWholeAndOnce) {

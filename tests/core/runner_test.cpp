@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdio>
+#include <latch>
 #include <memory>
 #include <random>
-#include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "support/log_capture.h"
@@ -21,43 +21,19 @@ std::string pointerText(const void* pointer) {
   return text;
 }
 
-// A switch a measurement's hook can wait on, opened by the test.
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool open = false;
-  bool reached = false;
-
-  void waitOpen() {
-    std::unique_lock<std::mutex> lock(mutex);
-    reached = true;
-    cv.notify_all();
-    cv.wait(lock, [this] { return open; });
-  }
-  void waitReached() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return reached; });
-  }
-  void release() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
-  }
-};
-
-bool hasChannel(const std::vector<Tag>& tags, int channel) {
-  return std::any_of(tags.begin(), tags.end(), [&](const Tag& t) { return t.channel == channel; });
-}
-
 // A worker holds a block inside the first measurement while that one is destroyed from another
 // thread and the one behind it is cleared: the clear skips the held block, fetched before it,
 // and the destruction waits for the worker and releases the channel.
 TEST(Runner, ClearAndDestructionWhileAWorkerHoldsABlock) {
   TestZeptick tagger("T", 4);
-  Gate gate;
+  std::latch reached(1);
+  std::latch open(1);
   auto doomed = std::make_unique<RecordingMeasurement>(
       &tagger, std::vector<int>{3}, [&](std::vector<Tag>& tags, int64_t, int64_t) {
-        if (hasChannel(tags, 7)) gate.waitOpen();
+        if (!tags.empty() && tags[0].channel == 7) {
+          reached.count_down();
+          open.wait();
+        }
         return false;
       });
   RecordingMeasurement measurement(&tagger);
@@ -65,11 +41,11 @@ TEST(Runner, ClearAndDestructionWhileAWorkerHoldsABlock) {
 
   Block held{{Tag{Tag::Type::TimeTag, 0, 0, 7, 10}}, 0, 100};
   const int64_t held_begin = tagger.pushBlocks({held}).front().begin_time;
-  gate.waitReached();  // the block has been fetched and is in the chain
+  reached.wait();  // the block has been fetched and is in the chain
   measurement.clear();
   std::thread destroyer([&] { doomed.reset(); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  gate.release();
+  open.count_down();
   destroyer.join();
   EXPECT_EQ(tagger.registrations(3), 0);
   std::mt19937_64 rng(2);
@@ -121,38 +97,6 @@ TEST(Runner, FencesWaitAtOneHundredOutstandingAndTimeOutAsAsked) {
   EXPECT_TRUE(tagger.waitForFence(101, 10));
 }
 
-TEST(Runner, SynchronizedStartGivesTheSameFirstBlockToAll) {
-  TestZeptick tagger("T", 8);
-  std::vector<std::unique_ptr<RecordingMeasurement>> group;
-  for (int i = 0; i < 5; ++i) {
-    group.push_back(std::make_unique<RecordingMeasurement>(&tagger));
-    group.back()->setMaxDelay(40 * i);
-    group.back()->stop();
-  }
-  std::mt19937_64 rng(5);
-  for (int repeat = 0; repeat < 5; ++repeat) {
-    tagger.pushBlocks(makeRandomBlocks(rng, 100, {1, 2}));
-    SynchronizedCallbacks callbacks;
-    for (auto& m : group) {
-      callbacks[m.get()] = [](IteratorBase* it) {
-        static_cast<RecordingMeasurement*>(it)->clear();
-        static_cast<RecordingMeasurement*>(it)->start();
-      };
-    }
-    tagger.runSynchronized(callbacks, true);
-    tagger.pushBlocks(makeRandomBlocks(rng, 50, {1, 2}));
-    ASSERT_TRUE(tagger.sync());
-    const auto reference = group.front()->blocks();
-    ASSERT_FALSE(reference.empty());
-    for (auto& m : group) {
-      const auto seen = m->blocks();
-      ASSERT_FALSE(seen.empty());
-      EXPECT_EQ(seen.front().begin_time, reference.front().begin_time);
-      m->stop();
-    }
-  }
-}
-
 TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
   TestZeptick tagger("T", 4);
   LogCapture log;
@@ -171,12 +115,8 @@ TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
   } catch (const std::runtime_error& e) {
     error = e.what();
   }
-  std::ostringstream expected_a;
-  std::ostringstream expected_b;
-  expected_a << "IteratorBase " << static_cast<void*>(&a) << ": boom\n";
-  expected_b << "IteratorBase " << static_cast<void*>(&b) << ": \n";
-  EXPECT_NE(error.find(expected_a.str()), std::string::npos) << error;
-  EXPECT_NE(error.find(expected_b.str()), std::string::npos) << error;
+  EXPECT_NE(error.find("IteratorBase " + pointerText(&a) + ": boom\n"), std::string::npos) << error;
+  EXPECT_NE(error.find("IteratorBase " + pointerText(&b) + ": \n"), std::string::npos) << error;
   EXPECT_TRUE(c_ran);
 
   tagger.runSynchronized({{&a, [](IteratorBase*) { throw std::runtime_error("late"); }}}, false);
@@ -184,6 +124,59 @@ TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
       LOGGER_ERROR,
       "Unhandled exception on runSynchronized with IteratorBase " + pointerText(&a) + ": late"));
   EXPECT_TRUE(a.isRunning());
+}
+
+TEST(IteratorBase, ChannelsAreRegisteredOnceAndReleasedAtDestruction) {
+  LogCapture log;
+  TestZeptick tagger("T", 2);
+  auto first =
+      std::make_unique<RecordingMeasurement>(&tagger, std::vector<int>{1, 1, 2, CHANNEL_UNUSED});
+  RecordingMeasurement second(&tagger, {1});
+  EXPECT_EQ(tagger.registrations(1), 2);
+  EXPECT_EQ(tagger.registrations(2), 1);
+
+  first->unregisterChannel(2);
+  first->unregisterChannel(2);  // a second time does nothing
+  first->unregisterChannel(3);  // never registered
+  EXPECT_EQ(tagger.registrations(2), 0);
+  first.reset();
+  EXPECT_EQ(tagger.registrations(1), 1);
+  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
+}
+
+// With `failing`, throws from its start and its clear; never stops in its destructor, which the
+// base class must report when it is destroyed running.
+class Careless : public IteratorBase {
+ public:
+  Careless(ZeptickBase* tagger, bool failing) : IteratorBase(tagger), failing(failing) {}
+  void begin() { finishInitialization(); }
+
+ protected:
+  void on_start() override {
+    if (failing) throw std::runtime_error("cannot start");
+  }
+  void clear_impl() override {
+    if (failing) throw std::logic_error("cannot clear");
+  }
+  bool next_impl(std::vector<Tag>&, int64_t, int64_t) override { return false; }
+
+ private:
+  const bool failing;
+};
+
+TEST(IteratorBase, FailedStartsAndClearsReachTheCallerAndRunningDestructionIsReported) {
+  LogCapture log;
+  TestZeptick tagger("T", 2);
+  tagger.setIdleSpan(0);  // no block may reach the half-destroyed object
+  {
+    Careless failing(&tagger, true);
+    EXPECT_THROW(failing.begin(), std::runtime_error);
+    EXPECT_FALSE(failing.isRunning());
+    EXPECT_THROW(failing.clear(), std::logic_error);
+  }
+  Careless(&tagger, false).begin();
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "Iterator still running, please call stop() within the destructor"));
 }
 
 }  // namespace

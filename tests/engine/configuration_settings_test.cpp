@@ -3,8 +3,10 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zeptick_impl_fixture.h"
@@ -13,16 +15,6 @@ namespace zeptick::testing {
 namespace {
 
 using Configuration = EmulatedTagger;
-
-// The code the board's DAC of `input` received last, from the serial-bus words.
-int lastDacCode(emulator::BoardControl& board, int input) {
-  int code = -1;
-  for (const emulator::SerialWord& word : board.serialWords()) {
-    const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-    if ((word.word >> 20) == 3 && dac == input) code = static_cast<int>(word.word & 0xFFFF);
-  }
-  return code;
-}
 
 // Each row is one call, in order on one tagger: what it returns (for a setter,
 // the getter read right after it), and the exception it throws or the one
@@ -131,14 +123,13 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   zt.setLED(0x70005);
   zt.setTestSignalDivider(100);
   zt.sync();
-  EXPECT_EQ(lastDacCode(*board, 2), 0);
-  EXPECT_EQ(lastDacCode(*board, 3), 65535);
-  EXPECT_EQ(lastDacCode(*board, 4), 45875) << "a falling channel sets its input's level";
-  EXPECT_EQ(board->wireIn(0x12), 100000u);
-  EXPECT_EQ(board->wireIn(0x13), 50000u);
-  EXPECT_EQ(board->wireIn(0x0C), 0x70005u);
-  EXPECT_EQ(board->wireIn(0x09), 200u);
-  EXPECT_EQ(board->wireIn(0x0B), 100u);
+  const std::map<int, int> dac = dacCodes(*board);
+  EXPECT_EQ(dac.at(2), 0);
+  EXPECT_EQ(dac.at(3), 65535);
+  EXPECT_EQ(dac.at(4), 45875) << "a falling channel sets its input's level";
+  EXPECT_EQ((std::vector{board->wireIn(0x12), board->wireIn(0x13), board->wireIn(0x0C),
+                         board->wireIn(0x09), board->wireIn(0x0B)}),
+            (std::vector<uint32_t>{100000, 50000, 0x70005, 200, 100}));
 }
 
 TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
@@ -152,18 +143,17 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(message({1}, {}),
             "The conditional filter on device CFG6 requires at least one trigger and at least one "
             "filtered channel.");
-  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{1}));
-  EXPECT_EQ(zt.getConditionalFilterFiltered(), (std::vector<int>{2, 3}))
-      << "failed calls change nothing";
-  EXPECT_NE(zt.getHardwareDelayCompensation(1), 0) << "compensation still on";
-
+  // Triggers, filtered channels, and whether the hardware delays are compensated.
+  auto state = [&zt] {
+    return std::tuple(zt.getConditionalFilterTrigger(), zt.getConditionalFilterFiltered(),
+                      zt.getHardwareDelayCompensation(1) != 0);
+  };
+  using Filter = std::vector<int>;
+  EXPECT_EQ(state(), std::tuple(Filter{1}, Filter{2, 3}, true)) << "failed calls change nothing";
   EXPECT_EQ(message({CHANNEL_UNUSED, 4}, {-4}), "no exception");
-  EXPECT_EQ(zt.getConditionalFilterTrigger(), (std::vector<int>{4}));
-  EXPECT_EQ(zt.getHardwareDelayCompensation(1), 0) << "compensation switched off";
+  EXPECT_EQ(state(), std::tuple(Filter{4}, Filter{-4}, false));
   zt.clearConditionalFilter();
-  EXPECT_TRUE(zt.getConditionalFilterTrigger().empty());
-  EXPECT_TRUE(zt.getConditionalFilterFiltered().empty());
-  EXPECT_NE(zt.getHardwareDelayCompensation(1), 0);
+  EXPECT_EQ(state(), std::tuple(Filter{}, Filter{}, true));
 }
 
 // The report's layout is fixed (indentation, key order, commas, the time

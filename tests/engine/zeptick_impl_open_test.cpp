@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zeptick/emulator.h"
@@ -56,16 +57,13 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
     json entry = boardEntry("ENG" + std::to_string(++serial), row.model, row.revision);
     entry["inputs"] = row.inputs;
     ZeptickImpl& zt = open(entry);
-    EXPECT_EQ(zt.getSerial(), entry["serial"]);
-    EXPECT_EQ(zt.getModel(), row.name);
-    EXPECT_EQ(zt.getPcbVersion(), row.pcb);
+    EXPECT_EQ(
+        std::tuple(zt.getSerial(), zt.getModel(), zt.getPcbVersion(), zt.getChannelNumberScheme(),
+                   zt.getPsPerClock(), zt.getDACRange(), zt.getTestSignalDivider(),
+                   zt.getHardwareBufferSize(), zt.getNormalization()),
+        std::tuple(entry["serial"].get<std::string>(), row.name, row.pcb, row.scheme, row.ps,
+                   std::vector<double>{row.dacMin, 2.5}, row.divider, row.buffer, true));
     EXPECT_EQ(zt.getFirmwareVersion().rfind(row.firmware, 0), 0u) << zt.getFirmwareVersion();
-    EXPECT_EQ(zt.getChannelNumberScheme(), row.scheme);
-    EXPECT_EQ(zt.getPsPerClock(), row.ps);
-    EXPECT_EQ(zt.getDACRange(), (std::vector<double>{row.dacMin, 2.5}));
-    EXPECT_EQ(zt.getTestSignalDivider(), row.divider);
-    EXPECT_EQ(zt.getHardwareBufferSize(), row.buffer);
-    EXPECT_TRUE(zt.getNormalization());
 
     const uint32_t ring = board->wireIn(0x14);
     EXPECT_EQ(ring & 0xFF, 0u) << "first device has identifier 0";
@@ -79,19 +77,15 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
     EXPECT_EQ((trigger + 1)->call, "WriteToPipeIn");
     EXPECT_EQ((trigger + 1)->a, 0x80);
     EXPECT_EQ((trigger + 1)->b, row.inputs * 2 * 8) << "eight bytes per hardware index";
-    EXPECT_EQ(board->wireIn(0x12), static_cast<uint32_t>(row.buffer));
-    EXPECT_EQ(board->wireIn(0x13), static_cast<uint32_t>(row.buffer / 2));
-    EXPECT_EQ(board->wireIn(0x09), row.testClockWord);
-    EXPECT_EQ(board->wireIn(0x0B), row.testClockWord / 2);
-    EXPECT_EQ(board->wireIn(0x0C), 0u);
-    std::set<int> levelled;
-    for (const emulator::SerialWord& word : board->serialWords()) {
-      const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-      if ((word.word >> 20) != 3 || dac >= row.inputs) continue;
-      EXPECT_EQ(word.word & 0xFFFF, row.level) << "DAC " << dac;
-      levelled.insert(dac);
-    }
-    EXPECT_EQ(levelled.size(), row.level == 0 ? 0u : static_cast<size_t>(row.inputs));
+    const auto buffer = static_cast<uint32_t>(row.buffer);
+    EXPECT_EQ((std::vector{board->wireIn(0x12), board->wireIn(0x13), board->wireIn(0x09),
+                           board->wireIn(0x0B), board->wireIn(0x0C)}),
+              (std::vector{buffer, buffer / 2, row.testClockWord, row.testClockWord / 2, 0u}));
+    std::map<int, int> levels, sent = dacCodes(*board);
+    std::erase_if(sent, [&row](const auto& code) { return code.first >= row.inputs; });
+    for (int dac = 0; dac < row.inputs && row.level != 0; ++dac)
+      levels[dac] = static_cast<int>(row.level);
+    EXPECT_EQ(sent, levels);
     auto fence = std::find_if(events.rbegin(), events.rend(), [](const BoardEvent& e) {
       return e.call == "SetWireInValue" && e.a == 0x08;
     });
@@ -125,23 +119,16 @@ TEST_F(ZeptickImplOpen, OpeningUploadsTheDefaultsOfEachModelAndRevision) {
   }
 }
 
-TEST_F(ZeptickImplOpen, OpeningFailuresReachTheCaller) {
-  attach(ultraBoard("ENG5"));
-  EXPECT_EQ(errorOf([] { ZeptickImpl tagger("NOPE"); }),
+// Through the library entry: a missing device or firmware file is an error for the caller, the
+// empty serial takes the first device, and the same device asked for by serial is the same object.
+TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoardOrSaysWhyNot) {
+  attach(ultraBoard("ENG6"));
+  EXPECT_EQ(errorOf([] { createZeptick("NOPE"); }),
             "Opening of USB connection failed or device with serial 'NOPE' not found.");
   setCustomBitFileName("/nowhere/ZeptickUltraController.bit");
-  EXPECT_EQ(errorOf([] { ZeptickImpl tagger("ENG5"); }),
+  EXPECT_EQ(errorOf([] { createZeptick("ENG6"); }),
             "Firmware file not found - filename: 'ZeptickUltraController.bit'");
   setCustomBitFileName("");
-  emulator::findBoard("ENG5")->unplug();
-  EXPECT_EQ(errorOf([] { ZeptickImpl tagger(""); }),
-            "Opening of USB connection failed or device with serial '' not found.");
-}
-
-// Through the library entry: the empty serial takes the first device, and the
-// same device asked for by serial is the same object.
-TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoard) {
-  attach(ultraBoard("ENG6"));
   Zeptick* first = createZeptick();
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->getSerial(), "ENG6");
@@ -151,6 +138,9 @@ TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoard) {
   EXPECT_TRUE(freeZeptick(first));
   // The LEDs say that the instrument is no longer in use.
   EXPECT_EQ(emulator::findBoard("ENG6")->wireIn(0x0C), 0x70000u);
+  emulator::findBoard("ENG6")->unplug();
+  EXPECT_EQ(errorOf([] { createZeptick(""); }),
+            "Opening of USB connection failed or device with serial '' not found.");
 }
 
 // The built-in board paces its stream in real time. Opening it must not wait

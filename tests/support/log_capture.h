@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -9,6 +10,17 @@
 #include "zeptick/logging.h"
 
 namespace zeptick::testing {
+
+/// Polls `condition` until it holds; false after `timeout` (a hang guard, not a timing check).
+template <class Condition>
+bool eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  return true;
+}
 
 /// Collects every library message with its level while it lives; restores the default writer
 /// after. Checks name the level they expect, so a message logged at the wrong level fails.
@@ -38,23 +50,15 @@ class LogCapture {
   }
   /// True if some message at `level` ends with `text` (messages carry a "file:line: " prefix).
   bool contains(LogLevel level, const std::string& text) {
-    for (const Entry& entry : entries()) {
-      if (entry.level == level && entry.text.size() >= text.size() &&
-          entry.text.compare(entry.text.size() - text.size(), text.size(), text) == 0) {
-        return true;
-      }
-    }
-    return false;
+    const std::vector<Entry> all = entries();
+    return std::ranges::any_of(all, [&](const Entry& entry) {
+      return entry.level == level && entry.text.ends_with(text);
+    });
   }
   /// Waits up to `timeout` for a message at `level` ending with `text`; a guard against hangs.
   bool waitFor(LogLevel level, const std::string& text,
                std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!contains(level, text)) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return eventually([&] { return contains(level, text); }, timeout);
   }
   void reset() {
     std::lock_guard<std::mutex> guard(state().mutex);
@@ -75,16 +79,5 @@ class LogCapture {
     state().entries.push_back({level, std::move(message)});
   }
 };
-
-/// Polls `condition` until it holds; false after `timeout` (a hang guard, not a timing check).
-template <class Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  return true;
-}
 
 }  // namespace zeptick::testing

@@ -1,5 +1,6 @@
 #include "test_tagger.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -196,6 +197,63 @@ int TestTaggerCore::registrations(int channel) {
   std::lock_guard<std::mutex> guard(config_mutex);
   auto found = registration_counts.find(channel);
   return found == registration_counts.end() ? 0 : found->second;
+}
+
+TestZeptick::TestZeptick(std::string serial, unsigned workers) : serial(std::move(serial)) {
+  // Started by the most derived class, so that workers never see a half-built object.
+  startWorkers(workers);
+}
+
+// Instrument-only settings are accepted and ignored: no measurement under test reads them
+// back, and the real taggers' handling of them is tested against the emulator.
+
+void TestZeptick::autoCalibration(std::function<double*(size_t)> array_out) {
+  const std::vector<int> channels = getChannelList(ZT_CHANNEL_ALL);
+  double* out = array_out(channels.size());
+  std::fill(out, out + channels.size(), 0.0);
+}
+
+void TestZeptick::getDistributionCount(std::function<int64_t*(size_t, size_t)> array_out) {
+  array_out(getChannelList(ZT_CHANNEL_ALL).size(), 0);
+}
+
+void TestZeptick::getDistributionPSecs(std::function<int64_t*(size_t, size_t)> array_out) {
+  array_out(getChannelList(ZT_CHANNEL_ALL).size(), 0);
+}
+
+std::vector<int> TestZeptick::getChannelList(int type) {
+  std::vector<int> rising;
+  std::vector<int> falling;
+  for (int input = 0; input < 8; ++input) {
+    if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) {
+      rising.push_back(input);
+      falling.push_back(input + 8);
+    } else {
+      rising.push_back(input + 1);
+      falling.push_back(-1 - input);
+    }
+  }
+  if (type == ZT_CHANNEL_RISING) return rising;
+  if (type == ZT_CHANNEL_FALLING) return falling;
+  std::vector<int> all = rising;
+  all.insert(all.end(), falling.begin(), falling.end());
+  std::sort(all.begin(), all.end());
+  return all;
+}
+
+uint64_t TestZeptickVirtual::replay(const std::string&, int64_t, int64_t, bool) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return ++last_id;
+}
+
+void TestZeptickVirtual::setReplaySpeed(double value) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  speed = value;
+}
+
+double TestZeptickVirtual::getReplaySpeed() {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return speed;
 }
 
 }  // namespace zeptick::testing

@@ -97,44 +97,43 @@ class TestZeptick final : public TestTaggerCore, public Zeptick {
  public:
   /// `workers` 0 starts one per hardware thread.
   explicit TestZeptick(std::string serial = "TEST-1", unsigned workers = 4);
-  ~TestZeptick() override;
+  ~TestZeptick() override { stopWorkers(); }
 
   void reset() override {}
-  void setTestSignalDivider(int divider) override;
-  int getTestSignalDivider() override;
-  void setTriggerLevel(int channel, double voltage) override;
-  double getTriggerLevel(int channel) override;
-  int64_t getHardwareDelayCompensation(int channel) override;
-  void setInputMux(int channel, int mux_mode) override;
-  int getInputMux(int channel) override;
-  void setConditionalFilter(std::vector<int> trigger, std::vector<int> filtered,
-                            bool hardwareDelayCompensation) override;
-  void clearConditionalFilter() override;
-  std::vector<int> getConditionalFilterTrigger() override;
-  std::vector<int> getConditionalFilterFiltered() override;
-  void setNormalization(bool enabled) override;
-  bool getNormalization() override;
-  void setHardwareBufferSize(int size) override;
-  int getHardwareBufferSize() override;
-  void setStreamBlockSize(int max_events, int max_latency) override;
-  int getStreamBlockSizeEvents() override;
-  int getStreamBlockSizeLatency() override;
-  void setEventDivider(int channel, uint32_t divider) override;
-  uint32_t getEventDivider(int channel) override;
+  void setTestSignalDivider(int) override {}
+  int getTestSignalDivider() override { return 63; }
+  void setTriggerLevel(int, double) override {}
+  double getTriggerLevel(int) override { return 0.5; }
+  int64_t getHardwareDelayCompensation(int) override { return 0; }
+  void setInputMux(int, int) override {}
+  int getInputMux(int) override { return 0; }
+  void setConditionalFilter(std::vector<int>, std::vector<int>, bool) override {}
+  void clearConditionalFilter() override {}
+  std::vector<int> getConditionalFilterTrigger() override { return {}; }
+  std::vector<int> getConditionalFilterFiltered() override { return {}; }
+  void setNormalization(bool) override {}
+  bool getNormalization() override { return true; }
+  void setHardwareBufferSize(int) override {}
+  int getHardwareBufferSize() override { return 67108864; }
+  void setStreamBlockSize(int, int) override {}
+  int getStreamBlockSizeEvents() override { return 131072; }
+  int getStreamBlockSizeLatency() override { return 20; }
+  void setEventDivider(int, uint32_t) override {}
+  uint32_t getEventDivider(int) override { return 1; }
   void autoCalibration(std::function<double*(size_t)> array_out) override;
-  std::string getSerial() override;
-  std::string getModel() override;
-  int getChannelNumberScheme() override;
-  std::vector<double> getDACRange() override;
+  std::string getSerial() override { return serial; }
+  std::string getModel() override { return "Zeptick Ultra"; }
+  int getChannelNumberScheme() override { return scheme; }
+  std::vector<double> getDACRange() override { return {-2.5, 2.5}; }
   void getDistributionCount(std::function<int64_t*(size_t, size_t)> array_out) override;
   void getDistributionPSecs(std::function<int64_t*(size_t, size_t)> array_out) override;
   std::vector<int> getChannelList(int type) override;
-  int64_t getPsPerClock() override;
-  std::string getPcbVersion() override;
-  std::string getFirmwareVersion() override;
-  std::string getSensorData() override;
-  void setLED(uint32_t bitmask) override;
-  uint32_t factoryAccess(uint32_t pin, uint32_t address, uint32_t data, uint32_t mask) override;
+  int64_t getPsPerClock() override { return 2000; }
+  std::string getPcbVersion() override { return "1.4"; }
+  std::string getFirmwareVersion() override { return "test"; }
+  std::string getSensorData() override { return ""; }
+  void setLED(uint32_t) override {}
+  uint32_t factoryAccess(uint32_t, uint32_t, uint32_t, uint32_t) override { return 0; }
 
  private:
   std::string serial;
@@ -143,12 +142,12 @@ class TestZeptick final : public TestTaggerCore, public Zeptick {
 /// Test double of the replay tagger, serving pushed blocks as "recordings".
 class TestZeptickVirtual final : public TestTaggerCore, public ZeptickVirtual {
  public:
-  explicit TestZeptickVirtual(unsigned workers = 4);
-  ~TestZeptickVirtual() override;
+  explicit TestZeptickVirtual(unsigned workers = 4) { startWorkers(workers); }
+  ~TestZeptickVirtual() override { stopWorkers(); }
 
   uint64_t replay(const std::string& file, int64_t begin, int64_t duration, bool queue) override;
-  void stop() override;
-  bool waitForCompletion(uint64_t id, int32_t timeout) override;
+  void stop() override {}
+  bool waitForCompletion(uint64_t, int32_t) override { return queuedBlocks() == 0; }
   void setReplaySpeed(double speed) override;
   double getReplaySpeed() override;
 
