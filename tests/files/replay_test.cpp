@@ -274,10 +274,10 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   ASSERT_EQ(expected_large.tags.size(), 50u);
   expectReplayReadsFileByFile(dir.file("large"), expected_large);
   // A begin behind the damaged block has it skipped, not checked by the workers: it still ends
-  // the file, with the reader's messages, each an error.
+  // the file, with the same messages, each an error, and the same end of the data.
   LogCapture skip_log;
   EXPECT_TRUE(Replay(2).play(dir.file("large"), 3000000000).empty());
-  EXPECT_EQ(messageTexts(skip_log).at(1), expected_large.log.at(1));
+  EXPECT_EQ(messageTexts(skip_log), expected_large.log);
 }
 
 // Without a file, the sign flip is the best guess of the other edge; with zero-based numbering
