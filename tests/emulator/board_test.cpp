@@ -112,9 +112,10 @@ TEST_F(BoardProtocolTest, FirmwareFilesCarryModelVersionAndStampAndRefuseDamage)
   }
   EXPECT_EQ(device::formatFirmwareTimestamp(image.build_stamp), "2025-03-14 09:26:53");
 
-  const std::string good = encodeFirmware({36, 4, encodeBuildStamp(2025, 1, 2, 3, 4, 5)});
+  // Every field at its largest valid value: no field may bleed into its neighbour.
+  const std::string good = encodeFirmware({36, 4, encodeBuildStamp(2063, 12, 31, 23, 59, 59)});
   ASSERT_EQ(loadFirmware(writeFile("fw_good.bit", good), image), ok_NoError);
-  EXPECT_EQ(device::formatFirmwareTimestamp(image.build_stamp), "2025-01-02 03:04:05");
+  EXPECT_EQ(device::formatFirmwareTimestamp(image.build_stamp), "2063-12-31 23:59:59");
   for (size_t i = 0; i < good.size(); ++i) {
     std::string bad = good;
     bad[i] = static_cast<char>(bad[i] ^ 0x10);
