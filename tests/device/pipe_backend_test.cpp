@@ -36,7 +36,7 @@ const device::FrontPanelApi* countingApi() {
   return &api;
 }
 
-class PipeBackendTest : public EmulatedBoards {};
+using PipeBackendTest = EmulatedBoards;
 
 TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
   auto board = attach(boardEntry("PIPE", 36, 5));
@@ -81,22 +81,25 @@ TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
 // Wires reach the board only at the update. The Zeptick 20 keeps LED bits 0-2,
 // moves bits 16-18 down to 8-10 and drops the rest, and takes the test signal
 // divider as it is; the Ultra takes the LEDs whole and the divider doubled.
-TEST_F(PipeBackendTest, WiresReachTheBoardAtUpdateInTheModelsLayout) {
-  auto boards = attachAll({boardEntry("LED20", 4, 2), boardEntry("LEDU", 36, 5)});
+// A DAC value becomes the trigger level of its input. The Ultra sends inputs 0-15 to its
+// first converter and the rest to the second, over -2.5..2.5 V; the Zeptick 20 frames the
+// value over two wires, over 0..2.5 V. Levels are known answers, not the conversion again.
+TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
+  auto boards = attachAll({boardEntry("Z20", 4, 2), boardEntry("ULTRA", 36, 5)});
   PipeBackend z20, ultra;
-  ASSERT_TRUE(z20.openDevice("LED20"));
-  ASSERT_TRUE(ultra.openDevice("LEDU"));
+  ASSERT_TRUE(z20.openDevice("Z20"));
+  ASSERT_TRUE(ultra.openDevice("ULTRA"));
   ASSERT_TRUE(ultra.setWire(0x08, 0xA5));
   EXPECT_EQ(ultra.getWireIn(0x08), 0xA5u);
   EXPECT_NE(boards[1]->wireIn(0x08), 0xA5u);
-  struct Case {
+  struct Wires {
     PipeBackend* backend;
     int board;
     uint32_t led, expected_led, expected_period, expected_half;
   };
-  for (const Case& c : {Case{&z20, 0, 0xFFFFFFFF, 0x707, 63, 31},
-                        {&z20, 0, 0x50005, 0x505, 63, 31},
-                        {&ultra, 1, 0x12345678, 0x12345678, 126, 63}}) {
+  for (const Wires& c : {Wires{&z20, 0, 0xFFFFFFFF, 0x707, 63, 31},
+                         {&z20, 0, 0x50005, 0x505, 63, 31},
+                         {&ultra, 1, 0x12345678, 0x12345678, 126, 63}}) {
     ASSERT_TRUE(c.backend->setLed(c.led));
     ASSERT_TRUE(c.backend->setTestSignalDivider(63));
     ASSERT_TRUE(c.backend->updateWires());
@@ -105,30 +108,21 @@ TEST_F(PipeBackendTest, WiresReachTheBoardAtUpdateInTheModelsLayout) {
     EXPECT_EQ(boards[c.board]->wireIn(0x0B), c.expected_half);
   }
   EXPECT_EQ(boards[1]->wireIn(0x08), 0xA5u);
-}
 
-// A DAC value becomes the trigger level of its input. The Ultra sends inputs 0-15 to its
-// first converter and the rest to the second, over -2.5..2.5 V; the Zeptick 20 frames the
-// value over two wires, over 0..2.5 V. Levels are known answers, not the conversion again.
-TEST_F(PipeBackendTest, DacValuesBecomeTheTriggerLevelsOfTheirInputs) {
-  auto boards = attachAll({boardEntry("DAC20", 4, 2), boardEntry("DACU", 36, 5)});
-  PipeBackend z20, ultra;
-  ASSERT_TRUE(z20.openDevice("DAC20"));
-  ASSERT_TRUE(ultra.openDevice("DACU"));
-  struct Case {
+  struct Dac {
     PipeBackend* backend;
     int board, channel;
     uint16_t value;
     double volts;
   };
-  const Case cases[] = {{&ultra, 1, 0, 0, -2.5},      {&ultra, 1, 5, 6554, -2.0},
-                        {&ultra, 1, 15, 0xFFFF, 2.5}, {&ultra, 1, 16, 39321, 0.5},
-                        {&ultra, 1, 17, 45875, 1.0},  {&z20, 0, 2, 0xABCD, 1.67777},
-                        {&z20, 0, 7, 26214, 1.0}};
+  const Dac cases[] = {{&ultra, 1, 0, 0, -2.5},      {&ultra, 1, 5, 6554, -2.0},
+                       {&ultra, 1, 15, 0xFFFF, 2.5}, {&ultra, 1, 16, 39321, 0.5},
+                       {&ultra, 1, 17, 45875, 1.0},  {&z20, 0, 2, 0xABCD, 1.67777},
+                       {&z20, 0, 7, 26214, 1.0}};
   boards[0]->clearTraffic();
   boards[1]->clearTraffic();
-  for (const Case& c : cases) ASSERT_TRUE(c.backend->setDac(c.channel, c.value));
-  for (const Case& c : cases) {
+  for (const Dac& c : cases) ASSERT_TRUE(c.backend->setDac(c.channel, c.value));
+  for (const Dac& c : cases) {
     const auto board = std::static_pointer_cast<emulator::Board>(boards[c.board]);
     EXPECT_EQ(board->dacCode(c.channel), c.value) << c.channel;
     EXPECT_NEAR(board->firmwareSetup().trigger_volts.at(c.channel), c.volts, 1e-4) << c.channel;
