@@ -5,6 +5,7 @@
 #include <tuple>
 #include <vector>
 
+#include "device/file_searcher.h"
 #include "device/pipe_backend.h"
 #include "device_fixture.h"
 #include "support/log_capture.h"
@@ -201,12 +202,10 @@ TEST_F(OpenDevice, FaultsBeforeOrAfterTheFirmwareStopTheStartUp) {
               "Firmware file not found - filename: 'ZeptickUltraController.bit'");
     setCustomBitFileName("");
     // Beside the message, where the firmware was looked for.
-    bool listed = false;
-    for (const std::string& message : log.messages()) {
-      listed |=
-          message.find("Firmware searched in: ./ZeptickUltraController.bit, ") != std::string::npos;
-    }
-    EXPECT_TRUE(listed);
+    const std::string name = "/ZeptickUltraController.bit";
+    EXPECT_TRUE(log.contains(LOGGER_WARNING, "Firmware searched in: ." + name + ", " +
+                                                 ZEPTICK_SOURCE_DIR + "/firmware" + name + ", " +
+                                                 device::firmwareDirectoryBesideLibrary() + name));
     EXPECT_EQ(indexOf(board->events(), "ConfigureFPGA"), board->events().size());
     EXPECT_FALSE(backend.isConnected());
   }

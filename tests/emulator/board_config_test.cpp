@@ -38,9 +38,8 @@ TEST(BoardConfigTest, DefaultsFollowTheModel) {
   EXPECT_TRUE(ultra.sources.is_array() && ultra.sources.empty());
   EXPECT_EQ(std::tuple(boards[1].model, boards[1].inputs, boards[1].revision), std::tuple(4, 8, 2));
   // Voltages by channel keep the other rails healthy; devices without a serial get their own.
-  EXPECT_EQ(boards[2].voltages[9], 13.5);
-  EXPECT_EQ(boards[2].voltages[1], -5.0);
-  EXPECT_EQ(boards[2].voltages[7], 5.0);
+  EXPECT_EQ(std::tuple(boards[2].voltages[9], boards[2].voltages[1], boards[2].voltages[7]),
+            std::tuple(13.5, -5.0, 5.0));
   const auto unnamed =
       parseConfiguration({{"devices", {nlohmann::json::object(), nlohmann::json::object()}}});
   EXPECT_NE(unnamed[0].serial, unnamed[1].serial);
