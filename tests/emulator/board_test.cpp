@@ -73,7 +73,7 @@ std::string writeFile(const std::string& name, const std::string& bytes) {
   return path;
 }
 
-TEST_F(BoardProtocolTest, DeviceInformationRecordHasTheDocumentedLayout) {
+TEST_F(BoardProtocolTest, DeviceRecordAndWireOutsDescribeTheBoard) {
   openBoard(nlohmann::json::parse(R"({"model": 4, "usb_speed": "high",
       "major_version": 2, "minor_version": 7, "device_id": "Lab bench"})"));
   okTDeviceInfo info;
@@ -94,6 +94,20 @@ TEST_F(BoardProtocolTest, DeviceInformationRecordHasTheDocumentedLayout) {
   }
   EXPECT_EQ(fp.okFrontPanel_GetDeviceInfoWithSize(handle, &info, sizeof(info) - 1),
             ok_InvalidParameter);
+
+  // Address, mask, value: 0x25 has 28 value bits, 0x2A bit 1 says that no
+  // serial transfer is running, 0x2C bit 2 that a Synchronizer is attached.
+  // clang-format off
+  const std::array<uint32_t, 3> ultra[] = {
+      {0x21, ~0u, 12}, {0x22, ~0u, 2500}, {0x23, ~0u, 256}, {0x25, 0x0FFFFFFF, 10000},
+      {0x26, ~0u, 0x89ABCDEF}, {0x27, ~0u, 0x01234567}, {0x29, ~0u, 3}, {0x2A, 2, 2}, {0x2C, 4, 0}};
+  // clang-format on
+  const std::array<uint32_t, 3> twenty[] = {
+      {0x21, ~0u, 8}, {0x22, ~0u, 6000}, {0x23, ~0u, 180}, {0x25, 0x0FFFFFFF, 300}};
+  loadedBoard({{"revision", 3}, {"inputs", 12}, {"identifier", 0x123456789ABCDEFULL}});
+  for (auto [address, mask, value] : ultra) EXPECT_EQ(wireOut(address) & mask, value) << address;
+  loadedBoard({{"model", 4}});
+  for (auto [address, mask, value] : twenty) EXPECT_EQ(wireOut(address) & mask, value) << address;
 }
 
 TEST_F(BoardProtocolTest, FirmwareFilesCarryModelVersionAndStampAndRefuseDamageAndOtherModels) {
@@ -137,22 +151,6 @@ TEST_F(BoardProtocolTest, FirmwareFilesCarryModelVersionAndStampAndRefuseDamageA
   EXPECT_FALSE(board->firmwareLoaded());
 }
 
-TEST_F(BoardProtocolTest, WireOutsDescribeTheBoard) {
-  // Address, mask, value: 0x25 has 28 value bits, 0x2A bit 1 says that no
-  // serial transfer is running, 0x2C bit 2 that a Synchronizer is attached.
-  // clang-format off
-  const std::array<uint32_t, 3> ultra[] = {
-      {0x21, ~0u, 12}, {0x22, ~0u, 2500}, {0x23, ~0u, 256}, {0x25, 0x0FFFFFFF, 10000},
-      {0x26, ~0u, 0x89ABCDEF}, {0x27, ~0u, 0x01234567}, {0x29, ~0u, 3}, {0x2A, 2, 2}, {0x2C, 4, 0}};
-  // clang-format on
-  const std::array<uint32_t, 3> twenty[] = {
-      {0x21, ~0u, 8}, {0x22, ~0u, 6000}, {0x23, ~0u, 180}, {0x25, 0x0FFFFFFF, 300}};
-  loadedBoard({{"revision", 3}, {"inputs", 12}, {"identifier", 0x123456789ABCDEFULL}});
-  for (auto [address, mask, value] : ultra) EXPECT_EQ(wireOut(address) & mask, value) << address;
-  loadedBoard({{"model", 4}});
-  for (auto [address, mask, value] : twenty) EXPECT_EQ(wireOut(address) & mask, value) << address;
-}
-
 TEST_F(BoardProtocolTest, ChannelTableNeedsItsTriggerAndDecodesEveryField) {
   auto board = loadedBoard({{"inputs", 4}});
   std::vector<unsigned char> table(8 * 8, 0);
@@ -182,22 +180,6 @@ TEST_F(BoardProtocolTest, ChannelTableNeedsItsTriggerAndDecodesEveryField) {
   EXPECT_EQ(fp.okFrontPanel_WriteToPipeIn(handle, 0x7F, 8, table.data()), ok_InvalidEndpoint);
 }
 
-TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStart) {
-  loadedBoard({{"pacing", "free"}});
-  std::vector<unsigned char> buffer(4096);
-  auto read = [&](int address, int block, long length) {
-    return fp.okFrontPanel_ReadFromBlockPipeOut(handle, address, block, length, buffer.data());
-  };
-  EXPECT_EQ(read(0xA0, 1024, 4096), ok_Timeout);  // not started yet
-  setWire(0x0D, 1);
-  update();
-  EXPECT_EQ(read(0xA0, 1024, 4096), 4096);
-  for (auto [block, length] : {std::pair{3000, 4096L}, {0, 4096L}, {2, 4094L}}) {
-    EXPECT_EQ(read(0xA0, block, length), ok_InvalidBlockSize) << block << " " << length;
-  }
-  EXPECT_EQ(read(0xA1, 1024, 1024), ok_InvalidEndpoint);
-}
-
 // A paced read waits for the words to exist; control calls from another thread
 // must get through meanwhile, as the host's sensor report does during acquisition.
 TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
@@ -224,21 +206,33 @@ TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
   EXPECT_EQ(result, 4 * 262144);
 }
 
-TEST_F(BoardProtocolTest, PllConfigurationOnlyOnTheTwentyWithAValidVco) {
+// The stream runs only after the start wire, and on the Zeptick 20 only once its clock is set up,
+// which takes a valid VCO; the Ultra has no such clock.
+TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClock) {
+  std::vector<unsigned char> buffer(4096);
+  auto read = [&](int address, int block, long length) {
+    return fp.okFrontPanel_ReadFromBlockPipeOut(handle, address, block, length, buffer.data());
+  };
+  loadedBoard({{"pacing", "free"}});
+  EXPECT_EQ(read(0xA0, 1024, 4096), ok_Timeout);  // not started yet
+  setWire(0x0D, 1);
+  update();
+  EXPECT_EQ(read(0xA0, 1024, 4096), 4096);
+  for (auto [block, length] : {std::pair{3000, 4096L}, {0, 4096L}, {2, 4094L}}) {
+    EXPECT_EQ(read(0xA0, block, length), ok_InvalidBlockSize) << block << " " << length;
+  }
+  EXPECT_EQ(read(0xA1, 1024, 1024), ok_InvalidEndpoint);
+
   loadedBoard({{"model", 4}});
   okPLL22150_HANDLE pll = fp.okPLL22150_Construct();
   EXPECT_FALSE(fp.okPLL22150_SetVCOParameters(pll, 1, 1));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_InvalidParameter);
-  // Until the clock is set up the Zeptick 20's stream does not run.
   setWire(0x0D, 1);
   update();
-  std::vector<unsigned char> buffer(1024);
-  EXPECT_EQ(fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024, 1024, buffer.data()),
-            ok_Timeout);
+  EXPECT_EQ(read(0xA0, 1024, 1024), ok_Timeout);
   EXPECT_TRUE(fp.okPLL22150_SetVCOParameters(pll, 125, 18));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_NoError);
-  EXPECT_EQ(fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024, 1024, buffer.data()), 1024);
-
+  EXPECT_EQ(read(0xA0, 1024, 1024), 1024);
   loadedBoard({{"serial", "ULTRA"}});
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_UnsupportedFeature);
   fp.okPLL22150_Destruct(pll);
