@@ -123,6 +123,8 @@ TEST_F(BoardProtocolTest, FirmwareFilesCarryModelVersionAndStampAndRefuseDamageA
 
   // A board configured with a file reports its version and stamp on the wire-outs.
   auto board = openBoard();
+  EXPECT_EQ(fp.okFrontPanel_ConfigureFPGA(handle, "/nonexistent/ZeptickUltraController.bit"),
+            ok_FileError);
   EXPECT_EQ(wireOut(0x21), 0u);  // a blank FPGA drives no wire-outs
   const uint32_t stamp = encodeBuildStamp(2024, 2, 3, 4, 5, 6);
   const std::string v5 = writeFile("fw_v5.bit", encodeFirmware({36, 5, stamp}));
