@@ -14,7 +14,6 @@
 #include "device_fixture.h"
 #include "support/log_capture.h"
 #include "zeptick/library.h"
-#include "zeptick/logging.h"
 
 namespace zeptick::testing {
 namespace {
@@ -22,36 +21,30 @@ namespace {
 using device::FrontPanelLibrary;
 using device::PipeBackend;
 
-class Provider : public EmulatedBoards {};
+using Provider = EmulatedBoards;
 
-TEST_F(Provider, ScanAndModelFollowTheAttachedBoards) {
-  // No vendor library on this machine, so without emulated boards nothing is listed.
+// No vendor library on this machine, so without emulated boards nothing is listed; a library
+// that is missing or lacks the platform's functions leaves no table.
+TEST_F(Provider, ScanFollowsTheAttachedBoardsAndAMissingLibraryLeavesNoTable) {
   ScopedEnvironment vendor("ZEPTICK_FRONTPANEL_LIBRARY", std::string("/nonexistent/libfp.so"));
   attachAll({boardEntry("SCAN-A", 4, 2), boardEntry("SCAN-B", 36, 5), boardEntry("SCAN-C", 36, 1)});
   EXPECT_EQ(scanZeptick(), (std::vector<std::string>{"SCAN-A", "SCAN-B", "SCAN-C"}));
-  EXPECT_EQ(getZeptickModel("SCAN-A"), "ZT-20");
-  EXPECT_EQ(getZeptickModel("SCAN-B"), "ZT-Ultra");
-  EXPECT_EQ(getZeptickModel("SCAN-Z"), "unknown");
-
+  EXPECT_EQ((std::vector{getZeptickModel("SCAN-A"), getZeptickModel("SCAN-B"),
+                         getZeptickModel("SCAN-Z")}),
+            (std::vector<std::string>{"ZT-20", "ZT-Ultra", "unknown"}));
   emulator::detachBoards();
   EXPECT_FALSE(emulator::emulatedDevicesAttached());
   EXPECT_TRUE(scanZeptick().empty());
   EXPECT_EQ(getZeptickModel("SCAN-A"), "unknown");
-  PipeBackend backend;
-  EXPECT_FALSE(backend.openDevice("", true));
-}
+  EXPECT_FALSE(PipeBackend().openDevice("", true));
 
-TEST(FrontPanelLibraryTest, MissingLibraryOrSymbolLeavesNoTable) {
   const FrontPanelLibrary missing("/nonexistent/libokFrontPanel.so");
   EXPECT_EQ(missing.api(), nullptr);
   EXPECT_FALSE(missing.error().empty());
-
-  // A real library without the platform's functions.
-  const FrontPanelLibrary unrelated("libm.so.6");
+  const FrontPanelLibrary unrelated("libm.so.6");  // a real library without the platform's calls
   EXPECT_EQ(unrelated.api(), nullptr);
   EXPECT_NE(unrelated.error().find("missing symbol okFrontPanel_Construct"), std::string::npos)
       << unrelated.error();
-
   EXPECT_TRUE(device::scanDevices(nullptr).empty());
   EXPECT_EQ(device::scannedModelTag(nullptr, "X"), "unknown");
   PipeBackend backend(1024, PipeBackend::kDefaultEmptyThreshold, missing.api());
@@ -59,18 +52,11 @@ TEST(FrontPanelLibraryTest, MissingLibraryOrSymbolLeavesNoTable) {
             "Opening of USB connection failed or device with serial 'X' not found.");
 }
 
-// The emulator built as a separate shared library, loaded the way the vendor's
-// library is. It has an emulator of its own, configured by ZEPTICK_EMULATOR on
-// its first use; the boards of this process stay out of it.
-class SharedLibraryProvider : public EmulatedBoards {
- protected:
-  static const FrontPanelLibrary& library() {
-    static const FrontPanelLibrary* loaded = load();
-    return *loaded;
-  }
-
- private:
-  static const FrontPanelLibrary* load() {
+// The emulator built as a separate shared library, loaded the way the vendor's library is, once
+// per process and kept. It has an emulator of its own, configured by ZEPTICK_EMULATOR on its
+// first use; the boards of this process stay out of it.
+const FrontPanelLibrary& loadedEmulator() {
+  static const FrontPanelLibrary* library = [] {
     // Settle this process's own emulator first, so that it does not read the variable too.
     emulator::emulatedDevicesAttached();
     const std::string path =
@@ -79,17 +65,20 @@ class SharedLibraryProvider : public EmulatedBoards {
         {"devices",
          {boardEntry("DL-20", 4, 1), boardEntry("DL-ULTRA", 36, 5), boardEntry("DL-OLD", 36, 2)}}};
     ScopedEnvironment configuration("ZEPTICK_EMULATOR", path);
-    auto* library = new FrontPanelLibrary(ZEPTICK_EMULATOR_LIBRARY);
+    auto* loaded = new FrontPanelLibrary(ZEPTICK_EMULATOR_LIBRARY);
     // The first call into the library reads the configuration.
-    if (library->api() != nullptr) device::scanDevices(library->api());
+    if (loaded->api() != nullptr) device::scanDevices(loaded->api());
     std::filesystem::remove(path);
-    return library;
-  }
-};
+    return loaded;
+  }();
+  return *library;
+}
+
+using SharedLibraryProvider = EmulatedBoards;
 
 TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
-  const device::FrontPanelApi* api = library().api();
-  ASSERT_NE(api, nullptr) << library().error();
+  const device::FrontPanelApi* api = loadedEmulator().api();
+  ASSERT_NE(api, nullptr) << loadedEmulator().error();
   EXPECT_NE(api, &emulator::emulatorFrontPanelApi());
   EXPECT_EQ(device::scanDevices(api), (std::vector<std::string>{"DL-20", "DL-ULTRA", "DL-OLD"}));
   EXPECT_EQ(device::scannedModelTag(api, "DL-20"), "ZT-20");
@@ -139,37 +128,19 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
 namespace fs = std::filesystem;
 using device::searchFirmware;
 
-// Runs each test in an empty working directory of its own, with no firmware
-// settings in the environment and no custom file.
-class FirmwareSearch : public ::testing::Test {
- protected:
-  void SetUp() override {
-    previous_directory = fs::current_path();
-    directory = fs::path(::testing::TempDir()) / ("firmware_search_" + std::to_string(getpid()));
-    fs::remove_all(directory);
-    fs::create_directories(directory);
-    fs::current_path(directory);
-    setCustomBitFileName("");
-  }
-  void TearDown() override {
-    setCustomBitFileName("");
-    fs::current_path(previous_directory);
-    fs::remove_all(directory);
-  }
-  void createLocal(const std::string& name) { std::ofstream(directory / name) << "bits"; }
-
+// Each source in turn, from the first choice down, from an empty working directory of its own:
+// every one shadows those after it.
+TEST(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation) {
+  const fs::path previous_directory = fs::current_path();
+  const fs::path directory =
+      fs::path(::testing::TempDir()) / ("firmware_search_" + std::to_string(getpid()));
+  fs::remove_all(directory);
+  fs::create_directories(directory);
+  fs::current_path(directory);
+  std::ofstream(directory / "ZeptickUltraController.bit") << "bits";
+  ScopedEnvironment base("ZEPTICK_BASE_DIRECTORY", std::string("/opt/zeptick"));
+  ScopedEnvironment subdirectory("ZEPTICK_FIRMWARE_SUBDIRECTORY", std::string("fw"));
   LogCapture log;
-  fs::path previous_directory;
-  fs::path directory;
-  ScopedEnvironment base{"ZEPTICK_BASE_DIRECTORY", std::nullopt};
-  ScopedEnvironment subdirectory{"ZEPTICK_FIRMWARE_SUBDIRECTORY", std::nullopt};
-};
-
-// Each source in turn, from the first choice down: every one shadows those after it.
-TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation) {
-  createLocal("ZeptickUltraController.bit");
-  setenv("ZEPTICK_BASE_DIRECTORY", "/opt/zeptick", 1);
-  setenv("ZEPTICK_FIRMWARE_SUBDIRECTORY", "fw", 1);
   // A custom file wins even when it does not exist.
   setCustomBitFileName("/nowhere/custom.bit");
   EXPECT_EQ(searchFirmware("ZeptickUltraController.bit"), "/nowhere/custom.bit");
@@ -202,6 +173,8 @@ TEST_F(FirmwareSearch, CustomThenWorkingDirectoryThenEnvironmentThenInstallation
     EXPECT_TRUE(fs::is_regular_file(beside)) << beside;
   }
   EXPECT_TRUE(log.messages().empty());
+  fs::current_path(previous_directory);
+  fs::remove_all(directory);
 }
 
 }  // namespace
