@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "support/log_capture.h"
+#include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
-#include "support/test_tagger.h"
 
 namespace zeptick::testing {
 namespace {
@@ -49,7 +49,9 @@ TEST(Runner, ClearAndDestructionWhileAWorkerHoldsABlock) {
   destroyer.join();
   EXPECT_EQ(tagger.registrations(3), 0);
   std::mt19937_64 rng(2);
-  const int64_t fresh_begin = tagger.pushBlocks(makeRandomBlocks(rng, 30, {1})).front().begin_time;
+  const TagStream stream = makeRandomStream(rng, {.channels = {1}, .tags = 300});
+  const int64_t fresh_begin =
+      tagger.pushBlocks(cutStream(stream, randomCuts(rng, stream, 30))).front().begin_time;
   ASSERT_TRUE(tagger.sync());
 
   const auto seen = measurement.blocks();

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "support/measurement_streams.h"
-#include "support/recording_measurement.h"
 #include "zeptick/count_between_markers.h"
 #include "zeptick/counter.h"
 #include "zeptick/countrate.h"
@@ -208,7 +207,13 @@ TEST(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
     int64_t time = 1000000000;
     for (int step = 0; step < 250; ++step) {
       const int roll = static_cast<int>(rng() % 10);
-      Block block = makeRandomBlocks(rng, 1, {1, 2, 3}, time).front();
+      const TagStream part = makeRandomStream(rng, {.channels = {1, 2, 3},
+                                                    .tags = 1 + rng() % 40,
+                                                    .mean_gap = 5000,
+                                                    .begin_time = time,
+                                                    .error_percent = 2,
+                                                    .overflow_percent = 2});
+      Block block{part.tags, time, part.end_time};
       if (roll == 0) {
         counter.restart();
         reference.restart();

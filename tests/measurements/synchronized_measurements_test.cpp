@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
-#include "support/test_tagger.h"
 
 namespace zeptick {
 namespace {
@@ -38,7 +38,6 @@ void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
 // flight while the test acts on the group.
 TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndStartFor) {
   TestZeptick tagger("TEST-1", 4);
-  tagger.setRecordClaimed(false);
   SynchronizedMeasurements group(&tagger);
   // Members sit at different places in the chain, with slow outsiders between them, so that every
   // group operation races with blocks in flight.
@@ -90,23 +89,23 @@ TEST(SynchronizedMeasurements, MembersSeeTheSameBlocksThroughStartClearStopAndSt
 
 TEST(SynchronizedMeasurements, StartLeavesARunningMemberUndisturbed) {
   TestZeptick tagger("TEST-1", 4);
-  tagger.setRecordClaimed(false);
   SynchronizedMeasurements group(&tagger);
   RecordingMeasurement running(group.getTagger());
   RecordingMeasurement idle(group.getTagger());
   running.start();
   std::mt19937_64 rng(7);
+  const TagStream stream = makeRandomStream(rng, {.channels = {1, 2}, .tags = 400});
+  const std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, 40));
   for (int round = 0; round < 10; ++round) {
     // Had its fence moved on, the running member would skip the queued blocks.
     pause();
-    tagger.pushBlocks(makeRandomBlocks(rng, 40, {1, 2}));
+    tagger.pushBlocks(blocks);
     group.start();
     idle.stop();
   }
   running.stop();
-  const std::vector<Block> blocks = running.blocks();
-  EXPECT_GT(blocks.size(), 10u);
-  EXPECT_TRUE(contiguous(blocks));
+  EXPECT_GT(running.blocks().size(), 10u);
+  EXPECT_TRUE(contiguous(running.blocks()));
 }
 
 class FailingStart : public RecordingMeasurement {

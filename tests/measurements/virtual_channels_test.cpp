@@ -2,7 +2,6 @@
 // compared with its rules worked out on the whole stream, plus the behaviours no stream reaches:
 // delay and window changes, restarts and clears.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,9 +30,6 @@ namespace zeptick {
 namespace {
 
 using namespace testing;
-using ::testing::_;
-using ::testing::NiceMock;
-using ::testing::Return;
 using CFD = ConstantFractionDiscriminator;
 using Groups = std::vector<std::vector<int>>;
 using Stamp = CoincidenceTimestamp;
@@ -651,60 +647,6 @@ TEST_F(VirtualChannelTest, CfdMatchesTheRulesOnRandomStreamsCutAnywhere) {
   }
 }
 
-// A hardware tagger whose stream, fences and channel registry are those of the test tagger, with
-// mocked hardware operations and as many channels as the test asks for (the test tagger has too few
-// for this channel).
-class MockZeptick : public TestTaggerCore, public Zeptick {
- public:
-  MOCK_METHOD(void, reset, (), (override));
-  MOCK_METHOD(void, setTestSignalDivider, (int), (override));
-  MOCK_METHOD(int, getTestSignalDivider, (), (override));
-  MOCK_METHOD(void, setTriggerLevel, (int, double), (override));
-  MOCK_METHOD(double, getTriggerLevel, (int), (override));
-  MOCK_METHOD(int64_t, getHardwareDelayCompensation, (int), (override));
-  MOCK_METHOD(void, setInputMux, (int, int), (override));
-  MOCK_METHOD(int, getInputMux, (int), (override));
-  MOCK_METHOD(void, setConditionalFilter, (std::vector<int>, std::vector<int>, bool), (override));
-  MOCK_METHOD(void, clearConditionalFilter, (), (override));
-  MOCK_METHOD(std::vector<int>, getConditionalFilterTrigger, (), (override));
-  MOCK_METHOD(std::vector<int>, getConditionalFilterFiltered, (), (override));
-  MOCK_METHOD(void, setNormalization, (bool), (override));
-  MOCK_METHOD(bool, getNormalization, (), (override));
-  MOCK_METHOD(void, setHardwareBufferSize, (int), (override));
-  MOCK_METHOD(int, getHardwareBufferSize, (), (override));
-  MOCK_METHOD(void, setStreamBlockSize, (int, int), (override));
-  MOCK_METHOD(int, getStreamBlockSizeEvents, (), (override));
-  MOCK_METHOD(int, getStreamBlockSizeLatency, (), (override));
-  MOCK_METHOD(void, setEventDivider, (int, uint32_t), (override));
-  MOCK_METHOD(uint32_t, getEventDivider, (int), (override));
-  MOCK_METHOD(void, autoCalibration, (std::function<double*(size_t)>), (override));
-  MOCK_METHOD(std::string, getSerial, (), (override));
-  MOCK_METHOD(std::string, getModel, (), (override));
-  MOCK_METHOD(int, getChannelNumberScheme, (), (override));
-  MOCK_METHOD(std::vector<double>, getDACRange, (), (override));
-  MOCK_METHOD(void, getDistributionCount, (std::function<int64_t*(size_t, size_t)>), (override));
-  MOCK_METHOD(void, getDistributionPSecs, (std::function<int64_t*(size_t, size_t)>), (override));
-  MOCK_METHOD(std::vector<int>, getChannelList, (int), (override));
-  MOCK_METHOD(int64_t, getPsPerClock, (), (override));
-  MOCK_METHOD(std::string, getPcbVersion, (), (override));
-  MOCK_METHOD(std::string, getFirmwareVersion, (), (override));
-  MOCK_METHOD(std::string, getSensorData, (), (override));
-  MOCK_METHOD(void, setLED, (uint32_t), (override));
-  MOCK_METHOD(uint32_t, factoryAccess, (uint32_t, uint32_t, uint32_t, uint32_t), (override));
-};
-
-// Its workers start once the whole mock is built and stop before any of it is torn down: they call
-// into the mock.
-class RunningMock final : public NiceMock<MockZeptick> {
- public:
-  explicit RunningMock(size_t channels = 36) {
-    // The channel reads only how many there are.
-    ON_CALL(*this, getChannelList(_)).WillByDefault(Return(std::vector<int>(channels)));
-    startWorkers(2);
-  }
-  ~RunningMock() override { stopWorkers(); }
-};
-
 // The channel's rules on the whole stream: a time tag on an input takes that input's latest time;
 // if every input's latest time lies within the window before it, a mean tag goes out at its time
 // less the rounded-down mean difference. Anything but a time tag forgets all latest times. Every
@@ -737,7 +679,7 @@ std::vector<Tag> averageReference(const std::vector<Tag>& input, const std::vect
 }
 
 TEST(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
-  RunningMock small(35);
+  TestZeptick small("TEST-1", 2, 17);
   try {
     AverageChannel average(&small, 1, {1, 2});
     ADD_FAILURE() << "no exception";
@@ -749,16 +691,14 @@ TEST(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
   EXPECT_EQ(small.registrations(1), 0);
 
   // Smaller in magnitude than the reference: 2; larger: 1; equal (the reference itself or its other
-  // edge): nothing.
-  RunningMock tagger;
-  ::testing::InSequence in_order;
-  EXPECT_CALL(tagger, setInputMux(2, 2));
-  EXPECT_CALL(tagger, setInputMux(-4, 1));
-  EXPECT_CALL(tagger, setInputMux(7, 1));
-  EXPECT_CALL(tagger, setInputMux(-1, 2));
+  // edge): left alone.
+  TestZeptick tagger("TEST-1", 2, 18);
   AverageChannel average(&tagger, 3, {3, 2, -4, -3, 7, -1});
   EXPECT_EQ(average.getChannel(), kFirstVirtualChannel);
-  for (int channel : {3, 2, -4, -3, 7, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
+  for (auto [channel, mux] : {std::pair{3, 0}, {2, 2}, {-4, 1}, {-3, 0}, {7, 1}, {-1, 2}}) {
+    EXPECT_EQ(tagger.getInputMux(channel), mux) << channel;
+    EXPECT_EQ(tagger.registrations(channel), 1);
+  }
 }
 
 TEST(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
@@ -779,8 +719,9 @@ TEST(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
     shape.error_percent = shape.overflow_percent = shape.missed_outside_percent = 0.5;
     const TagStream stream = makeRandomStream(rng, shape);
     // Held back a window at their own times: the tail lets the last of them out.
-    const auto out = checkVirtualChannel<AverageChannel, RunningMock>(
-        stream, {.shift = {}, .held_back = window, .tail = window + 1, .seed = k + 1}, 1, channels);
+    const auto out = checkVirtualChannel<AverageChannel>(
+        stream, {.shift = {}, .held_back = window, .tail = window + 1, .seed = k + 1, .inputs = 18},
+        1, channels);
     EXPECT_GT(out.inserted.size(), 30u);
     EXPECT_TRUE(
         sameTags(out.output, averageReference(stream.tags, channels, window, out.end_time)));

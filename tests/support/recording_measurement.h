@@ -1,7 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -75,44 +73,5 @@ class RecordingMeasurement : public IteratorBase {
   int max_delay_us = 0;
   std::minstd_rand rng{12345};
 };
-
-/// Random blocks of random length (some empty) with TimeTags on the given
-/// channels, non-decreasing times (equal times included) and, now and then,
-/// Error, overflow and MissedEvents tags.
-inline std::vector<Block> makeRandomBlocks(std::mt19937_64& rng, size_t count,
-                                           const std::vector<int>& channels, int64_t begin = 0) {
-  std::vector<Block> blocks;
-  std::uniform_int_distribution<int64_t> length(0, 200000);
-  std::uniform_int_distribution<int> tag_count(0, 40);
-  std::uniform_int_distribution<size_t> pick(0, channels.size() - 1);
-  std::uniform_int_distribution<int> kind(0, 99);
-  int64_t time = begin;
-  for (size_t i = 0; i < count; ++i) {
-    Block block;
-    block.begin_time = time;
-    block.end_time = time + length(rng);
-    const int n = block.end_time > block.begin_time ? tag_count(rng) : 0;
-    std::vector<int64_t> times;
-    std::uniform_int_distribution<int64_t> at(block.begin_time, block.end_time - 1);
-    for (int k = 0; k < n; ++k) times.push_back(at(rng));
-    std::sort(times.begin(), times.end());
-    for (int64_t t : times) {
-      Tag tag{Tag::Type::TimeTag, 0, 0, channels[pick(rng)], t};
-      const int roll = kind(rng);
-      if (roll < 2) {
-        tag = Tag{Tag::Type::Error, 0, 0, CHANNEL_UNUSED, t};
-      } else if (roll < 4) {
-        block.tags.push_back(Tag{Tag::Type::OverflowBegin, 0, 0, CHANNEL_UNUSED, t});
-        tag = Tag{Tag::Type::MissedEvents, 0, static_cast<uint16_t>(roll * 50), tag.channel, t};
-        block.tags.push_back(tag);
-        tag = Tag{Tag::Type::OverflowEnd, 0, 0, CHANNEL_UNUSED, t};
-      }
-      block.tags.push_back(tag);
-    }
-    time = block.end_time;
-    blocks.push_back(std::move(block));
-  }
-  return blocks;
-}
 
 }  // namespace zeptick::testing

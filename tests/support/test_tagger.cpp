@@ -53,16 +53,6 @@ size_t TestTaggerCore::queuedBlocks() {
   return queue.size();
 }
 
-std::vector<Block> TestTaggerCore::claimedBlocks() {
-  std::lock_guard<std::mutex> guard(queue_mutex);
-  return claimed;
-}
-
-void TestTaggerCore::setRecordClaimed(bool record) {
-  std::lock_guard<std::mutex> guard(queue_mutex);
-  record_claimed = record;
-}
-
 bool TestTaggerCore::readNextBlock(Worker* worker, std::unique_lock<std::mutex>& lock,
                                    uint32_t /*fence*/, const std::function<void()>& /*ready*/) {
   std::unique_lock<std::mutex> guard(queue_mutex);
@@ -85,14 +75,13 @@ bool TestTaggerCore::readNextBlock(Worker* worker, std::unique_lock<std::mutex>&
   for (const Tag& tag : worker->tags) {
     if (tag.type == Tag::Type::OverflowBegin || tag.type == Tag::Type::Error) ++overflows;
   }
-  if (record_claimed) claimed.push_back(Block{worker->tags, block.begin_time, block.end_time});
   queue.pop_front();
   return false;
 }
 
 bool TestTaggerCore::isInput(int channel) const {
-  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel >= 0 && channel < 16;
-  return channel != 0 && channel >= -8 && channel <= 8;
+  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel >= 0 && channel < 2 * inputs;
+  return channel != 0 && channel >= -inputs && channel <= inputs;
 }
 
 bool TestTaggerCore::knownInput(int channel, const char* complaint) const {
@@ -103,7 +92,8 @@ bool TestTaggerCore::knownInput(int channel, const char* complaint) const {
 
 int TestTaggerCore::getInvertedChannel(int channel) {
   if (!isInput(channel)) return CHANNEL_UNUSED;
-  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) return channel < 8 ? channel + 8 : channel - 8;
+  if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO)
+    return channel < inputs ? channel + inputs : channel - inputs;
   return -channel;
 }
 
@@ -199,13 +189,16 @@ int TestTaggerCore::registrations(int channel) {
   return found == registration_counts.end() ? 0 : found->second;
 }
 
-TestZeptick::TestZeptick(std::string serial, unsigned workers) : serial(std::move(serial)) {
+TestZeptick::TestZeptick(std::string serial, unsigned workers, int input_count)
+    : serial(std::move(serial)) {
+  inputs = input_count;
   // Started by the most derived class, so that workers never see a half-built object.
   startWorkers(workers);
 }
 
-// Instrument-only settings are accepted and ignored: no measurement under test reads them
-// back, and the real taggers' handling of them is tested against the emulator.
+// Instrument-only settings but the input multiplexers are accepted and ignored: no measurement
+// under test reads them back, and the real taggers' handling of them is tested against the
+// emulator.
 
 void TestZeptick::autoCalibration(std::function<double*(size_t)> array_out) {
   const std::vector<int> channels = getChannelList(ZT_CHANNEL_ALL);
@@ -224,10 +217,10 @@ void TestZeptick::getDistributionPSecs(std::function<int64_t*(size_t, size_t)> a
 std::vector<int> TestZeptick::getChannelList(int type) {
   std::vector<int> rising;
   std::vector<int> falling;
-  for (int input = 0; input < 8; ++input) {
+  for (int input = 0; input < inputs; ++input) {
     if (scheme == ZT_CHANNEL_NUMBER_SCHEME_ZERO) {
       rising.push_back(input);
-      falling.push_back(input + 8);
+      falling.push_back(input + inputs);
     } else {
       rising.push_back(input + 1);
       falling.push_back(-1 - input);
@@ -239,6 +232,16 @@ std::vector<int> TestZeptick::getChannelList(int type) {
   all.insert(all.end(), falling.begin(), falling.end());
   std::sort(all.begin(), all.end());
   return all;
+}
+
+void TestZeptick::setInputMux(int channel, int mux) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  input_muxes[channel] = mux;
+}
+
+int TestZeptick::getInputMux(int channel) {
+  std::lock_guard<std::mutex> guard(config_mutex);
+  return input_muxes[channel];
 }
 
 uint64_t TestZeptickVirtual::replay(const std::string&, int64_t, int64_t, bool) {

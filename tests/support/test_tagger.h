@@ -24,7 +24,8 @@ struct Block {
 /// idle blocks when none are queued so that fences and sync() keep moving.
 /// A block carries the fence current when it was queued, as data that reached
 /// an instrument does, so sync() covers every block pushed before it.
-/// Inputs are 1..8 with falling edges -1..-8; virtual channels start at 1000.
+/// Inputs are 1..N with falling edges -1..-N (N is 8 unless a test asks for more);
+/// virtual channels start at 1000.
 class TestTaggerCore : public ZeptickRunner {
  public:
   /// Shifts `blocks` so the first begins where the stream ends, queues them,
@@ -36,10 +37,6 @@ class TestTaggerCore : public ZeptickRunner {
   int64_t streamEnd();
   /// Blocks queued and not yet claimed by a worker.
   size_t queuedBlocks();
-  /// Every block claimed so far, idle ones included, in claim order.
-  std::vector<Block> claimedBlocks();
-  /// Stops recording claimed blocks (for long streams).
-  void setRecordClaimed(bool record);
   /// Current registration count of `channel`.
   int registrations(int channel);
 
@@ -70,6 +67,7 @@ class TestTaggerCore : public ZeptickRunner {
 
   std::mutex config_mutex;
   int scheme;
+  int inputs = 8;
   std::map<int, int> registration_counts;
   std::map<int, int64_t> input_delays;
   std::map<int, int64_t> deadtimes;
@@ -84,19 +82,17 @@ class TestTaggerCore : public ZeptickRunner {
     uint32_t fence;  // the fence current when the block was queued
   };
   std::deque<Queued> queue;
-  std::vector<Block> claimed;
-  bool record_claimed = true;
   int64_t stream_end = 0;
   int64_t idle_span = 1000000;
   int64_t overflows = 0;
 };
 
 /// Test double of the hardware tagger: streams what the test pushes; settings of the
-/// instrument alone are ignored, nothing reaches a device.
+/// instrument alone are ignored but for the input multiplexers, nothing reaches a device.
 class TestZeptick final : public TestTaggerCore, public Zeptick {
  public:
   /// `workers` 0 starts one per hardware thread.
-  explicit TestZeptick(std::string serial = "TEST-1", unsigned workers = 4);
+  explicit TestZeptick(std::string serial = "TEST-1", unsigned workers = 4, int input_count = 8);
   ~TestZeptick() override { stopWorkers(); }
 
   void reset() override {}
@@ -105,8 +101,8 @@ class TestZeptick final : public TestTaggerCore, public Zeptick {
   void setTriggerLevel(int, double) override {}
   double getTriggerLevel(int) override { return 0.5; }
   int64_t getHardwareDelayCompensation(int) override { return 0; }
-  void setInputMux(int, int) override {}
-  int getInputMux(int) override { return 0; }
+  void setInputMux(int channel, int mux) override;
+  int getInputMux(int channel) override;
   void setConditionalFilter(std::vector<int>, std::vector<int>, bool) override {}
   void clearConditionalFilter() override {}
   std::vector<int> getConditionalFilterTrigger() override { return {}; }
@@ -137,6 +133,7 @@ class TestZeptick final : public TestTaggerCore, public Zeptick {
 
  private:
   std::string serial;
+  std::map<int, int> input_muxes;
 };
 
 /// Test double of the replay tagger, serving pushed blocks as "recordings".

@@ -34,6 +34,8 @@ struct VirtualChannelRules {
   /// zero-length blocks.
   int cuttings = 5;
   uint64_t seed = 1;
+  /// Inputs of the tagger the channel runs on.
+  int inputs = 8;
 };
 
 /// The stream as it left the channel in the first cutting.
@@ -67,15 +69,15 @@ using VirtualChannelRun = std::function<std::vector<Block>(const std::vector<Blo
 VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const VirtualChannelRun& run,
                                              const VirtualChannelRules& rules);
 
-/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet Tagger, so that its virtual
+/// The same with a Direct<Channel>(tagger, args...) on a fresh quiet tagger, so that its virtual
 /// channels begin at kFirstVirtualChannel.
-template <class Channel, class Tagger = TestZeptick, class... Args>
+template <class Channel, class... Args>
 VirtualChannelOutput checkVirtualChannel(const TagStream& stream, const VirtualChannelRules& rules,
                                          const Args&... args) {
   return checkVirtualChannelRuns(
       stream,
       [&](const std::vector<Block>& blocks) {
-        Tagger tagger;
+        TestZeptick tagger("TEST-1", 4, rules.inputs);
         tagger.setIdleSpan(0);
         Direct<Channel> channel(&tagger, args...);
         return feedBlocks(channel, blocks);
