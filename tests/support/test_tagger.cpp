@@ -244,19 +244,4 @@ int TestZeptick::getInputMux(int channel) {
   return input_muxes[channel];
 }
 
-uint64_t TestZeptickVirtual::replay(const std::string&, int64_t, int64_t, bool) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return ++last_id;
-}
-
-void TestZeptickVirtual::setReplaySpeed(double value) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  speed = value;
-}
-
-double TestZeptickVirtual::getReplaySpeed() {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  return speed;
-}
-
 }  // namespace zeptick::testing
