@@ -431,10 +431,6 @@ TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
 
 using DirectHistogram2D = Direct<Histogram2D>;
 
-std::vector<int32_t> grid(Histogram2D& h, std::vector<size_t>* sizes = nullptr) {
-  return collect(h, &Histogram2D::getData, sizes);
-}
-
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
 TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
   DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
@@ -444,19 +440,19 @@ TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEve
   EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
   h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
          720);
-  EXPECT_EQ(grid(h, &sizes), (std::vector<int32_t>{0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(collect(h, &Histogram2D::getData, &sizes), (std::vector<int32_t>{0, 1, 0, 0, 0, 0}));
   EXPECT_EQ(sizes, (std::vector<size_t>{3, 2}));
   h.clear();  // the event opened at 700 would complete at 721
   h.feed({timeTag(2, 721)}, 730);
-  EXPECT_EQ(grid(h), std::vector<int32_t>(6, 0));
+  EXPECT_EQ(collect(h, &Histogram2D::getData), std::vector<int32_t>(6, 0));
 
   // Unchecked widths and sizes count nothing rather than divide by zero.
   DirectHistogram2D no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
   no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
-  EXPECT_EQ(grid(no_width), (std::vector<int32_t>{0, 0, 0, 0}));
+  EXPECT_EQ(collect(no_width, &Histogram2D::getData), (std::vector<int32_t>{0, 0, 0, 0}));
   DirectHistogram2D no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
   no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
-  EXPECT_TRUE(grid(no_rows).empty());
+  EXPECT_TRUE(collect(no_rows, &Histogram2D::getData).empty());
 }
 
 // Every start, scanned forward on its own: its event completes at the first tag by which both stops
@@ -487,10 +483,6 @@ std::vector<int32_t> bruteForce2D(const std::vector<Block>& blocks, int start, i
   return cells;
 }
 
-std::vector<int32_t> histograms(TimeDifferencesND& h, std::vector<size_t>* sizes = nullptr) {
-  return collect(h, &TimeDifferencesND::getData, sizes);
-}
-
 TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCountsNothing) {
   // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
   Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
@@ -501,13 +493,13 @@ TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCount
   std::vector<int32_t> expected(24, 0);
   expected[4] = 1;  // histogram 1, bin 0
   std::vector<size_t> sizes;
-  EXPECT_EQ(histograms(h, &sizes), expected);
+  EXPECT_EQ(collect(h, &TimeDifferencesND::getData, &sizes), expected);
   EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
 
   Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
                                  std::vector<int>{}, 10, 3);
   flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
-  EXPECT_EQ(histograms(flat, &sizes), std::vector<int32_t>(3, 0));
+  EXPECT_EQ(collect(flat, &TimeDifferencesND::getData, &sizes), std::vector<int32_t>(3, 0));
   EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
 }
 
@@ -608,48 +600,43 @@ TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
       const std::vector<int32_t> cells =
           bruteForce2D(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
       ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
-      EXPECT_EQ(grid(grid_2d), cells);
+      EXPECT_EQ(collect(grid_2d, &Histogram2D::getData), cells);
       const std::vector<int32_t> bins = bruteForceND(nd, seen);
       ASSERT_GT(std::accumulate(bins.begin(), bins.end(), 0), 100);
-      EXPECT_EQ(histograms(grid_nd), bins);
+      EXPECT_EQ(collect(grid_nd, &TimeDifferencesND::getData), bins);
     }
   }
 }
 
 using DirectLogBins = Direct<HistogramLogBins>;
 
-std::vector<uint64_t> counts(HistogramLogBins& h) { return collect(h, &HistogramLogBins::getData); }
-std::vector<int64_t> edges(HistogramLogBins& h) {
-  return collect(h, &HistogramLogBins::getBinEdges);
-}
-std::vector<double> g2(HistogramLogBins& h) {
-  return collect(h, &HistogramLogBins::getDataNormalizedG2);
-}
-
 TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
   DirectLogBins h(&tagger, 1, 2, -12, -9, 3);
-  EXPECT_EQ(edges(h), (std::vector<int64_t>{1, 10, 100, 1000}));
+  EXPECT_EQ(collect(h, &HistogramLogBins::getBinEdges), (std::vector<int64_t>{1, 10, 100, 1000}));
 
   // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
   DirectLogBins halves(&tagger, 1, 2, -12.5, -10, 5);
-  EXPECT_EQ(edges(halves), (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
+  EXPECT_EQ(collect(halves, &HistogramLogBins::getBinEdges),
+            (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
 
   // Unchecked arguments stay harmless: no bins, one edge.
   DirectLogBins none(&tagger, 1, 2, -12, -9, 0);
-  EXPECT_EQ(edges(none), std::vector<int64_t>{1});
-  EXPECT_TRUE(counts(none).empty());
+  EXPECT_EQ(collect(none, &HistogramLogBins::getBinEdges), std::vector<int64_t>{1});
+  EXPECT_TRUE(collect(none, &HistogramLogBins::getData).empty());
 
   // The click at 600 falls within the first range after the reset at 1: settling, ignored.
   h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
-  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 1, 0}));
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 1, 0}));
   h.clear();
-  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 0}));
-  EXPECT_TRUE(std::isnan(g2(h)[0]));  // no click or start yet: 0 / 0
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 0}));
+  EXPECT_TRUE(std::isnan(
+      collect(h, &HistogramLogBins::getDataNormalizedG2)[0]));  // no click or start yet: 0 / 0
   h.feed({timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
           timeTag(1, 21600)},
          30000);
-  EXPECT_EQ(counts(h), (std::vector<uint64_t>{0, 0, 2}));
-  EXPECT_EQ(g2(h)[2], 2 * ((30000.0 - 21000) / (2 * 1)) / 900);
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 2}));
+  EXPECT_EQ(collect(h, &HistogramLogBins::getDataNormalizedG2)[2],
+            2 * ((30000.0 - 21000) / (2 * 1)) / 900);
 }
 
 // The stated rules, with each click compared against every start kept since the last reset: no
@@ -754,11 +741,11 @@ TEST_F(HistogramTest, LogBinsMatchBruteForceThroughTheRunnerHoweverCut) {
       HistogramLogBins h(&tagger, s.click, s.start, s.exp_start, s.exp_stop, s.n_bins);
       const std::vector<Block> seen =
           deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
-      const std::vector<int64_t> e = edges(h);
+      const std::vector<int64_t> e = collect(h, &HistogramLogBins::getBinEdges);
       const LogReference ref = bruteForceLog(e, s.click, s.start, seen);
-      ASSERT_EQ(counts(h), ref.counts) << most_cuts << " cuts";
+      ASSERT_EQ(collect(h, &HistogramLogBins::getData), ref.counts) << most_cuts << " cuts";
       ASSERT_GT(ref.clicks * ref.starts, 0);  // else G2 is NaN and proves nothing
-      const std::vector<double> got = g2(h);
+      const std::vector<double> got = collect(h, &HistogramLogBins::getDataNormalizedG2);
       const auto per_ps = collect(h, &HistogramLogBins::getDataNormalizedCountsPerPs);
       for (size_t i = 0; i < got.size(); ++i) {
         const double width = static_cast<double>(e[i + 1] - e[i]);
