@@ -225,12 +225,6 @@ void randomPause(int most_us) {
   if (most_us > 0) std::this_thread::sleep_for(std::chrono::microseconds(rng() % most_us));
 }
 
-std::vector<std::pair<int64_t, int64_t>> spans(const std::vector<Block>& blocks) {
-  std::vector<std::pair<int64_t, int64_t>> out;
-  for (const Block& block : blocks) out.emplace_back(block.begin_time, block.end_time);
-  return out;
-}
-
 // Blocks of 1000 ps holding one time tag each, on input 1, or on input 2 in block `marked_at`.
 std::vector<Block> numberedBlocks(int64_t count, int64_t marked_at) {
   std::vector<Block> blocks;

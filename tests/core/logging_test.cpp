@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdio>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>

@@ -18,13 +18,6 @@ namespace {
 
 using namespace testing;
 
-// The idle blocks carry no tags: their spans tell them apart.
-std::vector<std::pair<int64_t, int64_t>> spans(const std::vector<Block>& blocks) {
-  std::vector<std::pair<int64_t, int64_t>> out;
-  for (const Block& block : blocks) out.emplace_back(block.begin_time, block.end_time);
-  return out;
-}
-
 bool contiguous(const std::vector<Block>& blocks) {
   for (size_t i = 1; i < blocks.size(); ++i) {
     if (blocks[i].begin_time != blocks[i - 1].end_time) return false;

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <functional>
 #include <map>
 #include <optional>
 #include <random>

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "test_tagger.h"
@@ -73,5 +74,12 @@ class RecordingMeasurement : public IteratorBase {
   int max_delay_us = 0;
   std::minstd_rand rng{12345};
 };
+
+/// Where each block begins and ends: what tells the idle blocks, which carry no tags, apart.
+inline std::vector<std::pair<int64_t, int64_t>> spans(const std::vector<Block>& blocks) {
+  std::vector<std::pair<int64_t, int64_t>> out;
+  for (const Block& block : blocks) out.emplace_back(block.begin_time, block.end_time);
+  return out;
+}
 
 }  // namespace zeptick::testing
