@@ -165,22 +165,17 @@ int TestTaggerCore::getNewVirtualChannel() {
   return next_virtual_channel++;
 }
 
-void TestTaggerCore::registerChannel(int channel) {
-  std::lock_guard<std::mutex> guard(config_mutex);
-  if (!isInput(channel) && (channel < 1000 || channel >= next_virtual_channel)) {
-    ZT_LOG_WARNING("Tried to register an unknown channel");
-    return;
-  }
-  ++registration_counts[channel];
-}
+void TestTaggerCore::registerChannel(int channel) { countRegistration(channel, 1); }
 
-void TestTaggerCore::unregisterChannel(int channel) {
+void TestTaggerCore::unregisterChannel(int channel) { countRegistration(channel, -1); }
+
+void TestTaggerCore::countRegistration(int channel, int step) {
   std::lock_guard<std::mutex> guard(config_mutex);
   if (!isInput(channel) && (channel < 1000 || channel >= next_virtual_channel)) {
-    ZT_LOG_WARNING("Tried to unregister an unknown channel");
+    ZT_LOG_WARNING("Tried to %s an unknown channel", step > 0 ? "register" : "unregister");
     return;
   }
-  --registration_counts[channel];
+  registration_counts[channel] += step;
 }
 
 int TestTaggerCore::registrations(int channel) {

@@ -64,6 +64,8 @@ class TestTaggerCore : public ZeptickRunner {
   bool isInput(int channel) const;
   /// True for an input; otherwise logs `complaint` as a warning, as the real taggers do.
   bool knownInput(int channel, const char* complaint) const;
+  /// Adds `step` to the registrations of a known channel; otherwise warns as the real taggers do.
+  void countRegistration(int channel, int step);
 
   std::mutex config_mutex;
   int scheme;
