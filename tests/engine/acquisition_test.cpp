@@ -56,21 +56,6 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
   }
 }
 
-// After sync() a setting holds for every tag seen: with a divider of n on a
-// 1 MHz source every spacing is n microseconds, from the first tag on. A wrong
-// divider is off by whole microseconds; the fine time wanders within a clock.
-TEST_F(Acquisition, SettingFollowedBySyncHoldsForEveryLaterTag) {
-  ZeptickImpl& zt = open(ultraBoard("ACQ3", json::array({periodic(3, 1e6)})));
-  for (uint32_t divider : {4u, 1u, 7u, 2u, 1u}) {
-    zt.setEventDivider(3, divider);
-    const std::vector<int64_t> times = timesOf(record({3}, 2000000000), 3);  // 2 ms
-    ASSERT_GT(times.size(), 2000u / divider - 2) << "divider " << divider;
-    for (size_t i = 1; i < times.size(); ++i) {
-      ASSERT_NEAR(times[i] - times[i - 1], divider * 1000000LL, 3000) << "divider " << divider;
-    }
-  }
-}
-
 // Filtered events pass only one after each trigger event, whatever the
 // filtered input's rate; without compensation both keep their arrival order.
 TEST_F(Acquisition, ConditionalFilterPassesOneEventPerTrigger) {
