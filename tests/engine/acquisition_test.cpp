@@ -206,28 +206,6 @@ TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
 
 using LiveEmulatedSignals = EmulatedTagger;
 
-// Pulses of 5 ns on input 5 and of 12.345 ns on input 6, at random times: the
-// falling channel of each input lags its rising channel by the pulse width.
-TEST_F(LiveEmulatedSignals, FallingChannelLagsByThePulseWidth) {
-  ZeptickImpl& zt = open(ultraBoard(
-      "LIVE1",
-      json::array({{{"type", "pulses"}, {"input", 5}, {"width_ps", 5000}, {"rate_hz", 1e6}},
-                   {{"type", "pulses"}, {"input", 6}, {"width_ps", 12345}, {"rate_hz", 1e6}}})));
-  ASSERT_EQ(zt.getInvertedChannel(5), -5);
-  const std::vector<Tag> tags = record({5, -5, 6, -6}, 20000000000);  // 20 ms
-  for (auto [input, width] : {std::tuple{5, 5000}, std::tuple{6, 12345}}) {
-    const std::vector<int64_t> up = timesOf(tags, input), down = timesOf(tags, -input);
-    ASSERT_GT(up.size(), 15000u) << "input " << input;
-    // Dead time counts whole clock cycles, so the two edges may drop different
-    // pulses of a close pair: a search per pulse is not thrown by that.
-    ASSERT_NEAR(static_cast<double>(down.size()), static_cast<double>(up.size()), 20.0);
-    // A fine bin or two of error on each edge.
-    const Partners edges = partnersOf(up, down, width, 100);
-    ASSERT_GT(edges.found, up.size() * 99 / 100) << "input " << input;
-    EXPECT_NEAR(edges.mean_delay, width, 5.0) << "input " << input;
-  }
-}
-
 // Multiplexer 3 puts the internal test signal on an input in place of what is
 // connected: a period of 2 x 2 x divider cycles of the test oscillator, which
 // runs 0.32 % fast against the 2.5 ns clock, changing with the divider, and back
