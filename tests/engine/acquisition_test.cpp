@@ -56,21 +56,6 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
   }
 }
 
-// After sync() a setting holds for every tag seen: with a divider of n on a
-// 1 MHz source every spacing is n microseconds, from the first tag on. A wrong
-// divider is off by whole microseconds; the fine time wanders within a clock.
-TEST_F(Acquisition, SettingFollowedBySyncHoldsForEveryLaterTag) {
-  ZeptickImpl& zt = open(ultraBoard("ACQ3", json::array({periodic(3, 1e6)})));
-  for (uint32_t divider : {4u, 1u, 7u, 2u, 1u}) {
-    zt.setEventDivider(3, divider);
-    const std::vector<int64_t> times = timesOf(record({3}, 2000000000), 3);  // 2 ms
-    ASSERT_GT(times.size(), 2000u / divider - 2) << "divider " << divider;
-    for (size_t i = 1; i < times.size(); ++i) {
-      ASSERT_NEAR(times[i] - times[i - 1], divider * 1000000LL, 3000) << "divider " << divider;
-    }
-  }
-}
-
 // Filtered events pass only one after each trigger event, whatever the
 // filtered input's rate; without compensation both keep their arrival order.
 TEST_F(Acquisition, ConditionalFilterPassesOneEventPerTrigger) {
@@ -220,28 +205,6 @@ TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
 }
 
 using LiveEmulatedSignals = EmulatedTagger;
-
-// Pulses of 5 ns on input 5 and of 12.345 ns on input 6, at random times: the
-// falling channel of each input lags its rising channel by the pulse width.
-TEST_F(LiveEmulatedSignals, FallingChannelLagsByThePulseWidth) {
-  ZeptickImpl& zt = open(ultraBoard(
-      "LIVE1",
-      json::array({{{"type", "pulses"}, {"input", 5}, {"width_ps", 5000}, {"rate_hz", 1e6}},
-                   {{"type", "pulses"}, {"input", 6}, {"width_ps", 12345}, {"rate_hz", 1e6}}})));
-  ASSERT_EQ(zt.getInvertedChannel(5), -5);
-  const std::vector<Tag> tags = record({5, -5, 6, -6}, 20000000000);  // 20 ms
-  for (auto [input, width] : {std::tuple{5, 5000}, std::tuple{6, 12345}}) {
-    const std::vector<int64_t> up = timesOf(tags, input), down = timesOf(tags, -input);
-    ASSERT_GT(up.size(), 15000u) << "input " << input;
-    // Dead time counts whole clock cycles, so the two edges may drop different
-    // pulses of a close pair: a search per pulse is not thrown by that.
-    ASSERT_NEAR(static_cast<double>(down.size()), static_cast<double>(up.size()), 20.0);
-    // A fine bin or two of error on each edge.
-    const Partners edges = partnersOf(up, down, width, 100);
-    ASSERT_GT(edges.found, up.size() * 99 / 100) << "input " << input;
-    EXPECT_NEAR(edges.mean_delay, width, 5.0) << "input " << input;
-  }
-}
 
 // Multiplexer 3 puts the internal test signal on an input in place of what is
 // connected: a period of 2 x 2 x divider cycles of the test oscillator, which

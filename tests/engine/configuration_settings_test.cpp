@@ -3,12 +3,12 @@
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <map>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "emulator/control/board.h"
 #include "zeptick_impl_fixture.h"
 
 namespace zeptick::testing {
@@ -120,16 +120,22 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   }
 
   zt.setHardwareBufferSize(100000);
-  zt.setLED(0x70005);
-  zt.setTestSignalDivider(100);
   zt.sync();
-  const std::map<int, int> dac = dacCodes(*board);
-  EXPECT_EQ(dac.at(2), 0);
-  EXPECT_EQ(dac.at(3), 65535);
-  EXPECT_EQ(dac.at(4), 45875) << "a falling channel sets its input's level";
-  EXPECT_EQ((std::vector{board->wireIn(0x12), board->wireIn(0x13), board->wireIn(0x0C),
-                         board->wireIn(0x09), board->wireIn(0x0B)}),
-            (std::vector<uint32_t>{100000, 50000, 0x70005, 200, 100}));
+  EXPECT_EQ(std::pair(board->wireIn(0x12), board->wireIn(0x13)), std::pair(100000u, 50000u));
+  // Inputs 3 and 4 clamped, input 5 set through its falling channel.
+  const auto& emulated = dynamic_cast<emulator::Board&>(*board);
+  EXPECT_EQ(std::tuple(emulated.dacCode(2), emulated.dacCode(3), emulated.dacCode(4)),
+            std::tuple(0, 65535, 45875));
+  // The channel table as the firmware reads it: multiplexer, dead time in clocks and the divider
+  // less one, of inputs 1 (rising and falling: 18 + 0), 2 and 6 (test signal).
+  const auto table = emulated.firmwareSetup().channels;
+  std::vector<std::tuple<int, int, int>> fields;
+  for (int index : {0, 18, 1, 5}) {
+    const emulator::ChannelSetup& c = table.at(static_cast<size_t>(index));
+    fields.emplace_back(c.mux, c.deadtime_clocks, c.divider_field);
+  }
+  EXPECT_EQ(fields, (std::vector<std::tuple<int, int, int>>{
+                        {0, 2, 0}, {0, 65535, 0}, {0, 1, 65534}, {3, 1, 0}}));
 }
 
 TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
@@ -152,6 +158,17 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(state(), std::tuple(Filter{1}, Filter{2, 3}, true)) << "failed calls change nothing";
   EXPECT_EQ(message({CHANNEL_UNUSED, 4}, {-4}), "no exception");
   EXPECT_EQ(state(), std::tuple(Filter{4}, Filter{-4}, false));
+  // In the firmware's table: the trigger is enabled while its filtered channel is in use, even
+  // unregistered itself.
+  zt.registerChannel(-4);
+  zt.sync();
+  const auto table = dynamic_cast<emulator::Board&>(*board).firmwareSetup().channels;
+  const emulator::ChannelSetup& trigger = table.at(3);
+  const emulator::ChannelSetup& filtered = table.at(18 + 3);
+  EXPECT_EQ(std::tuple(trigger.enabled, trigger.trigger, trigger.filtered, filtered.enabled,
+                       filtered.trigger, filtered.filtered),
+            std::tuple(true, true, false, true, false, true));
+  zt.unregisterChannel(-4);
   zt.clearConditionalFilter();
   EXPECT_EQ(state(), std::tuple(Filter{}, Filter{}, true));
 }

@@ -125,15 +125,6 @@ TEST_F(Group, AnExplicitListKeepsItsOrder) {
   expectOneTimeAxis({{101, 1}, {201, 0}});
 }
 
-// A member that sends nothing still lets the group advance through its rollovers.
-TEST_F(Group, AQuietMemberDoesNotHoldTheGroupBack) {
-  emulator::attachBoards(
-      {{"devices", {ultraBoard("G0", json::array({periodic(1, kPeriod)})), ultraBoard("G1")}},
-       {"synchronizer", json::object()}});
-  openGroup("G0");
-  expectOneTimeAxis({{101, 0}});
-}
-
 // A photon pair source of the Synchronizer spans two boards: the merged stream shows every
 // pair once on each board, at the configured delay within a few ps.
 TEST_F(Group, APairSourceAcrossBoardsKeepsItsDelay) {

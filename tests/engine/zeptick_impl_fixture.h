@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -43,16 +42,6 @@ inline json ultraBoard(const std::string& serial, json sources = json::array(), 
 template <class Condition>
 bool waitUntil(Condition done, int seconds = 60) {
   return eventually(done, std::chrono::seconds(seconds));
-}
-
-/// The code each DAC of `board` received last on the serial bus, by input index.
-inline std::map<int, int> dacCodes(emulator::BoardControl& board) {
-  std::map<int, int> codes;
-  for (const emulator::SerialWord& word : board.serialWords()) {
-    const int dac = static_cast<int>((word.word >> 16) & 0xF) + (word.select == 2 ? 16 : 0);
-    if ((word.word >> 20) == 3) codes[dac] = static_cast<int>(word.word & 0xFFFF);
-  }
-  return codes;
 }
 
 /// Time tags of `channel`, in stream order.
