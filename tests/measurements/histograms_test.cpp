@@ -313,7 +313,7 @@ using Rows = std::vector<std::pair<int64_t, int64_t>>;
 
 // For each click, look back for what came last among starts, clicks and non-time tags: only a start
 // (other than one at time 0) makes a pair. A tag on both channels is a start for the clicks after
-// it, not for itself.
+// it, not for itself. A width below 1 puts every pair in bin 0.
 Rows startStopReference(int click, int start, int64_t binwidth, const std::vector<Tag>& tags) {
   if (start == kUnused) start = click;
   std::map<int64_t, int64_t> counts;
@@ -323,7 +323,8 @@ Rows startStopReference(int click, int start, int64_t binwidth, const std::vecto
       const Tag& earlier = tags[i];
       if (earlier.type != Tag::Type::TimeTag) break;
       if (earlier.channel == start) {
-        if (earlier.time != 0) ++counts[(tags[j].time - earlier.time) / binwidth];
+        if (earlier.time != 0)
+          ++counts[binwidth > 0 ? (tags[j].time - earlier.time) / binwidth : 0];
         break;
       }
       if (earlier.channel == click) break;
@@ -392,20 +393,9 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
       const std::vector<Tag> delivered =
           concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40))));
-      const Rows expected =
-          c.binwidth > 0 ? startStopReference(c.click, c.start, c.binwidth, delivered) : Rows{};
-      const Rows got = rowsOf(measurement);
-      if (c.binwidth > 0) {
-        ASSERT_GT(expected.size(), 3u);
-        EXPECT_EQ(got, expected);
-      } else {
-        // Mode 0: everything at bin 0, as many as the reference pairs up with width 1.
-        int64_t pairs = 0;
-        for (const auto& row : startStopReference(c.click, c.start, 1, delivered)) {
-          pairs += row.second;
-        }
-        EXPECT_EQ(got, (Rows{{0, pairs}}));
-      }
+      const Rows expected = startStopReference(c.click, c.start, c.binwidth, delivered);
+      ASSERT_GT(expected.size(), c.binwidth > 0 ? 3u : 0u);
+      EXPECT_EQ(rowsOf(measurement), expected);
     }
   }
   for (int mode : {0, 1, 2, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
@@ -429,11 +419,9 @@ TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
   EXPECT_EQ(tagger.registrations(3), 1);
 }
 
-using DirectHistogram2D = Direct<Histogram2D>;
-
 // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
 TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
-  DirectHistogram2D h(&tagger, 1, 2, 3, 10, 25, 3, 2);
+  Direct<Histogram2D> h(&tagger, 1, 2, 3, 10, 25, 3, 2);
   std::vector<size_t> sizes;
   EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
             (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
@@ -447,35 +435,37 @@ TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEve
   EXPECT_EQ(collect(h, &Histogram2D::getData), std::vector<int32_t>(6, 0));
 
   // Unchecked widths and sizes count nothing rather than divide by zero.
-  DirectHistogram2D no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
+  Direct<Histogram2D> no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
   no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
   EXPECT_EQ(collect(no_width, &Histogram2D::getData), (std::vector<int32_t>{0, 0, 0, 0}));
-  DirectHistogram2D no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
+  Direct<Histogram2D> no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
   no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
   EXPECT_TRUE(collect(no_rows, &Histogram2D::getData).empty());
 }
 
 // Every start, scanned forward on its own: its event completes at the first tag by which both stops
 // have been seen, and is lost if another start or a tag other than a time tag comes first.
-std::vector<int32_t> bruteForce2D(const std::vector<Block>& blocks, int start, int stop_1,
-                                  int stop_2, int64_t width_1, int64_t width_2, int rows,
-                                  int columns) {
-  std::vector<Tag> line;
-  for (const Block& block : blocks) line.insert(line.end(), block.tags.begin(), block.tags.end());
-  std::vector<int32_t> cells(static_cast<size_t>(rows * columns), 0);
-  for (size_t s = 0; s < line.size(); ++s) {
-    if (line[s].type != Tag::Type::TimeTag || line[s].channel != start) continue;
+struct Setup2D {
+  int start, stop_1, stop_2;
+  int64_t width_1, width_2;
+  int rows, columns;
+};
+
+std::vector<int32_t> bruteForce2D(const Setup2D& s, const std::vector<Tag>& line) {
+  std::vector<int32_t> cells(static_cast<size_t>(s.rows * s.columns), 0);
+  for (size_t i = 0; i < line.size(); ++i) {
+    if (line[i].type != Tag::Type::TimeTag || line[i].channel != s.start) continue;
     int64_t seen_1 = -1;
     int64_t seen_2 = -1;
-    for (size_t k = s; k < line.size(); ++k) {
+    for (size_t k = i; k < line.size(); ++k) {
       const Tag& tag = line[k];
-      if (k > s && (tag.type != Tag::Type::TimeTag || tag.channel == start)) break;
-      if (tag.channel == stop_1) seen_1 = tag.time;
-      if (tag.channel == stop_2) seen_2 = tag.time;
+      if (k > i && (tag.type != Tag::Type::TimeTag || tag.channel == s.start)) break;
+      if (tag.channel == s.stop_1) seen_1 = tag.time;
+      if (tag.channel == s.stop_2) seen_2 = tag.time;
       if (seen_1 >= 0 && seen_2 >= 0) {
-        const int64_t row = (seen_1 - line[s].time) / width_1;
-        const int64_t column = (seen_2 - line[s].time) / width_2;
-        if (row < rows && column < columns) ++cells[static_cast<size_t>(row * columns + column)];
+        const int64_t row = (seen_1 - line[i].time) / s.width_1;
+        const int64_t column = (seen_2 - line[i].time) / s.width_2;
+        if (row < s.rows && column < s.columns) ++cells[row * s.columns + column];
         break;
       }
     }
@@ -517,7 +507,7 @@ struct NDSetup {
 // last sync or the last tag other than a time tag, minus one; it wraps without a sync channel and
 // is void past its end with one. Each click then meets every valid start within range, with no
 // queue.
-std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& blocks) {
+std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Tag>& tags) {
   const size_t dims = s.next.size();
   int64_t histograms = 1;
   for (int n : s.n_histograms) histograms *= n;
@@ -525,33 +515,31 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& bl
   const int64_t range = static_cast<int64_t>(s.n_bins) * s.binwidth;
   std::vector<int64_t> steps(dims, 0);
   std::vector<std::pair<int64_t, int64_t>> starts;  // time, histogram
-  for (const Block& block : blocks) {
-    for (const Tag& tag : block.tags) {
-      if (tag.type != Tag::Type::TimeTag) {
-        steps.assign(dims, 0);
-        continue;
+  for (const Tag& tag : tags) {
+    if (tag.type != Tag::Type::TimeTag) {
+      steps.assign(dims, 0);
+      continue;
+    }
+    for (size_t j = 0; j < s.sync.size(); ++j) {
+      if (tag.channel == s.sync[j]) steps[j] = 0;
+    }
+    for (size_t j = 0; j < dims; ++j) {
+      if (tag.channel == s.next[j]) ++steps[j];
+    }
+    if (tag.channel == s.start && dims > 0) {
+      bool valid = true;
+      int64_t histogram = 0;
+      for (size_t j = dims; j-- > 0;) {
+        const bool wraps = s.sync.empty() || s.sync[j] == CHANNEL_UNUSED;
+        valid = valid && steps[j] >= 1 && (wraps || steps[j] <= s.n_histograms[j]);
+        histogram = histogram * s.n_histograms[j] + (steps[j] - 1) % s.n_histograms[j];
       }
-      for (size_t j = 0; j < s.sync.size(); ++j) {
-        if (tag.channel == s.sync[j]) steps[j] = 0;
-      }
-      for (size_t j = 0; j < dims; ++j) {
-        if (tag.channel == s.next[j]) ++steps[j];
-      }
-      if (tag.channel == s.start && dims > 0) {
-        bool valid = true;
-        int64_t histogram = 0;
-        for (size_t j = dims; j-- > 0;) {
-          const bool wraps = s.sync.empty() || s.sync[j] == CHANNEL_UNUSED;
-          valid = valid && steps[j] >= 1 && (wraps || steps[j] <= s.n_histograms[j]);
-          histogram = histogram * s.n_histograms[j] + (steps[j] - 1) % s.n_histograms[j];
-        }
-        if (valid) starts.emplace_back(tag.time, histogram);
-      }
-      if (tag.channel == s.click) {
-        for (const auto& [time, histogram] : starts) {
-          const int64_t d = tag.time - time;
-          if (d >= 0 && d < range) ++data[histogram * s.n_bins + d / s.binwidth];
-        }
+      if (valid) starts.emplace_back(tag.time, histogram);
+    }
+    if (tag.channel == s.click) {
+      for (const auto& [time, histogram] : starts) {
+        const int64_t d = tag.time - time;
+        if (d >= 0 && d < range) ++data[histogram * s.n_bins + d / s.binwidth];
       }
     }
   }
@@ -560,12 +548,7 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Block>& bl
 
 // Both grids through the runner on one stream however cut, each against its brute force.
 TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
-  struct Setup {
-    int start, stop_1, stop_2;
-    int64_t width_1, width_2;
-    int rows, columns;
-  };
-  const std::vector<Setup> setups_2d = {
+  const std::vector<Setup2D> setups_2d = {
       {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
       {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
       {1, 1, 2, 3, 50, 4, 6},     // start is stop 1: first axis always 0, small grid
@@ -580,7 +563,7 @@ TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
       {1, 2, {1}, {3}, {5}, 1000, 1000000},                          // the click steps; long range
   };
   for (uint64_t seed = 1; seed <= 10; ++seed) {
-    const Setup& s = setups_2d[seed % setups_2d.size()];
+    const Setup2D& s = setups_2d[seed % setups_2d.size()];
     const NDSetup& nd = setups_nd[seed % setups_nd.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
@@ -595,10 +578,9 @@ TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
                           s.columns);
       TimeDifferencesND grid_nd(&tagger, nd.click, nd.start, nd.next, nd.sync, nd.n_histograms,
                                 nd.binwidth, nd.n_bins);
-      const std::vector<Block> seen =
-          deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts)));
-      const std::vector<int32_t> cells =
-          bruteForce2D(seen, s.start, s.stop_1, s.stop_2, s.width_1, s.width_2, s.rows, s.columns);
+      const std::vector<Tag> seen =
+          concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, most_cuts))));
+      const std::vector<int32_t> cells = bruteForce2D(s, seen);
       ASSERT_GT(std::accumulate(cells.begin(), cells.end(), 0), 20);
       EXPECT_EQ(collect(grid_2d, &Histogram2D::getData), cells);
       const std::vector<int32_t> bins = bruteForceND(nd, seen);
@@ -608,19 +590,17 @@ TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
   }
 }
 
-using DirectLogBins = Direct<HistogramLogBins>;
-
 TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
-  DirectLogBins h(&tagger, 1, 2, -12, -9, 3);
+  Direct<HistogramLogBins> h(&tagger, 1, 2, -12, -9, 3);
   EXPECT_EQ(collect(h, &HistogramLogBins::getBinEdges), (std::vector<int64_t>{1, 10, 100, 1000}));
 
   // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
-  DirectLogBins halves(&tagger, 1, 2, -12.5, -10, 5);
+  Direct<HistogramLogBins> halves(&tagger, 1, 2, -12.5, -10, 5);
   EXPECT_EQ(collect(halves, &HistogramLogBins::getBinEdges),
             (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
 
   // Unchecked arguments stay harmless: no bins, one edge.
-  DirectLogBins none(&tagger, 1, 2, -12, -9, 0);
+  Direct<HistogramLogBins> none(&tagger, 1, 2, -12, -9, 0);
   EXPECT_EQ(collect(none, &HistogramLogBins::getBinEdges), std::vector<int64_t>{1});
   EXPECT_TRUE(collect(none, &HistogramLogBins::getData).empty());
 
@@ -729,13 +709,13 @@ TEST_F(HistogramTest, LogBinsMatchBruteForceThroughTheRunnerHoweverCut) {
     const LogSetup& s = setups[seed % setups.size()];
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937_64 rng(seed);
-    StreamShape shape;
-    shape.channels = s.channels;
-    if (s.click != s.start) shape.channels.push_back(s.click);
-    shape.mean_gap = s.max_gap / 2;
-    shape.tags = 5000;
-    shape.error_percent = shape.overflow_percent = s.special_permille / 10.0;
-    const TagStream stream = makeRandomStream(rng, shape);
+    std::vector<int> channels = s.channels;
+    if (s.click != s.start) channels.push_back(s.click);
+    const TagStream stream = makeRandomStream(rng, {.channels = channels,
+                                                    .tags = 5000,
+                                                    .mean_gap = s.max_gap / 2,
+                                                    .error_percent = s.special_permille / 10.0,
+                                                    .overflow_percent = s.special_permille / 10.0});
 
     for (size_t most_cuts : {3, 40, 700}) {
       HistogramLogBins h(&tagger, s.click, s.start, s.exp_start, s.exp_stop, s.n_bins);
