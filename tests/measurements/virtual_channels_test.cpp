@@ -1,6 +1,5 @@
-// The virtual channels, each run through the virtual channel harness (or fed block by block) and
-// compared with its rules worked out on the whole stream, plus the behaviours no stream reaches:
-// delay and window changes, restarts and clears.
+// The virtual channels against their rules worked out on the whole stream, plus what no stream
+// reaches: delay and window changes, restarts and clears.
 
 #include <gtest/gtest.h>
 
@@ -34,8 +33,8 @@ using Groups = std::vector<std::vector<int>>;
 using Stamp = CoincidenceTimestamp;
 using VirtualChannelTest = QuietTaggerTest;
 
-// `stream` (in time order) with `added` merged in by time, each behind the stream tags of its time;
-// only what lies before `end` is kept.
+// `added` merged into `stream` by time, behind the stream tags of its time; only what lies before
+// `end` is kept.
 std::vector<Tag> behindStreamTags(std::vector<Tag> stream, const std::vector<Tag>& added,
                                   int64_t end) {
   stream.insert(stream.end(), added.begin(), added.end());
@@ -45,8 +44,7 @@ std::vector<Tag> behindStreamTags(std::vector<Tag> stream, const std::vector<Tag
   return stream;
 }
 
-// The whole output from the rules: each tag, then one copy per listing of its channel, whatever its
-// type.
+// Each tag, then one copy per listing of its channel, whatever its type.
 std::vector<Tag> combinerReference(const std::vector<Tag>& in, const std::vector<int>& listed) {
   std::vector<Tag> out;
   for (const Tag& tag : in) {
@@ -90,10 +88,9 @@ TEST_F(VirtualChannelTest, CombinerCopiesEveryListedTagOncePerListingOnRandomStr
   }
 }
 
-// The whole output stream worked out from the rules with plain scans: a group fires on a time tag
-// of one of its channels when the latest tag of each of its channels, not behind an error or
-// overflow tag, is less than `window` old. The delayed stamps shift everything by `window` and
-// order by time, keeping stream order among equal times with new tags right after their source.
+// A group fires on a time tag of one of its channels when the latest tag of each of its channels,
+// not behind an error or overflow tag, is less than `window` old. The delayed stamps shift
+// everything by `window`; new tags come right after their source.
 std::vector<Tag> coincidencesReference(const TagStream& stream, const Groups& groups,
                                        int64_t window, Stamp stamp, int64_t run_end) {
   const std::vector<Tag>& in = stream.tags;
@@ -140,7 +137,8 @@ std::vector<Tag> coincidencesReference(const TagStream& stream, const Groups& gr
   return out;
 }
 
-TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
+TEST_F(VirtualChannelTest,
+       CoincidencesMatchTheRulesInEveryModeAndWindowChangesApplyFromTheNextBlock) {
   Direct<Coincidences> direct(&tagger, Groups{{1}}, 100, Stamp::First);
   const int vc = direct.getChannels()[0];
   EXPECT_TRUE(sameTags(direct.feed({timeTag(1, 899), timeTag(1, 900)}, 0, 1000),
@@ -174,9 +172,6 @@ TEST_F(VirtualChannelTest, CoincidenceWindowChangesApplyFromTheNextBlock) {
       {timeTag(3, 150), timeTag(3, 140), timeTag(3, 200)}));
   back.setCoincidenceWindow(-10);
   EXPECT_TRUE(sameTags(back.feed({timeTag(3, 255)}, 300), {timeTag(3, 250), timeTag(3, 245)}));
-}
-
-TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
   // Overlapping groups, a repeated channel, a single-channel group, over 8 inputs.
   const Groups some = {{1, 2}, {1, 2, 3}, {3, 4, 4, 5}, {6}, {7, 8, 1}, {2, 7}};
   // Input 1 in six groups, with nine partners: tables too wide to pad.
@@ -210,9 +205,9 @@ TEST(CoincidencesStreamTest, MatchesReferenceOnRandomStreamsInEveryMode) {
   detail::limitCoincidenceWindows(detail::WindowForm::Avx512);
 }
 
-// The whole output worked out from the rules, tag by tag, with lookups over the input instead of a
-// queue. `virtual_of` maps each input channel to its copy.
-std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::map<int, int>& virtual_of,
+// Tag by tag, with lookups over the input instead of a queue. Input i's copies go to virtual
+// channel i.
+std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::vector<int>& inputs,
                                   int64_t delay, int64_t run_end) {
   // Overflow state after the first k input tags, and errors among them.
   std::vector<bool> overflow_after(in.size() + 1, false);
@@ -235,8 +230,9 @@ std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::map<int
   for (size_t i = 0; i < in.size(); ++i) {
     passing.push_back(in[i]);
     if (delay < 0) passing.back().time -= delay;
-    if (in[i].type != Tag::Type::TimeTag || !virtual_of.contains(in[i].channel)) continue;
-    Tag copy = timeTag(virtual_of.at(in[i].channel), in[i].time);
+    const auto input = std::find(inputs.begin(), inputs.end(), in[i].channel);
+    if (in[i].type != Tag::Type::TimeTag || input == inputs.end()) continue;
+    Tag copy = timeTag(kFirstVirtualChannel + static_cast<int>(input - inputs.begin()), in[i].time);
     bool overflow = false;
     if (delay >= 0) {
       copy.time += delay;
@@ -254,7 +250,7 @@ std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::map<int
                    : behindStreamTags(passing, copies, run_end);
 }
 
-TEST_F(VirtualChannelTest, DelayChangesFollowTheSignRulesAndOnlyLoweringDropsCopies) {
+TEST_F(VirtualChannelTest, DelayedChannelMatchesTheRulesAndDelayChangesFollowTheSignRules) {
   // The first input's copy is the channel; with no input there is none.
   Direct<DelayedChannel> several(&tagger, std::vector<int>{3, -3, 5}, -20);
   EXPECT_EQ(several.getChannel(), several.getChannels()[0]);
@@ -297,9 +293,6 @@ TEST_F(VirtualChannelTest, DelayChangesFollowTheSignRulesAndOnlyLoweringDropsCop
   channel.feed({timeTag(1, 400)}, 400, 401);
   channel.restart();
   EXPECT_TRUE(channel.feed({}, 401, 500).empty());
-}
-
-TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   struct Case {
     std::vector<int> inputs;
     int64_t delay;
@@ -324,19 +317,14 @@ TEST(DelayedChannelStreamTest, MatchesReferenceOnRandomStreams) {
     if (c.delay < 0) rules.shift = [&c](const Tag&) { return -c.delay; };
     rules.tail = c.tail;
     const auto out = checkVirtualChannel<DelayedChannel>(stream, rules, c.inputs, c.delay);
-    std::map<int, int> virtual_of;
-    for (size_t i = 0; i < c.inputs.size(); ++i) {
-      virtual_of[c.inputs[i]] = kFirstVirtualChannel + static_cast<int>(i);
-    }
     EXPECT_TRUE(
-        sameTags(out.output, delayedReference(stream.tags, virtual_of, c.delay, out.end_time)));
+        sameTags(out.output, delayedReference(stream.tags, c.inputs, c.delay, out.end_time)));
     EXPECT_GT(out.inserted.size(), 100u);
   }
 }
 
-// Copies expected from the rules, asked per tag by looking back: an input tag is copied unless it
-// is a stop tag, when it is itself a start tag or when the nearest earlier start tag is not
-// followed by a stop or a non-time tag.
+// An input tag that is no stop tag is copied if it is a start tag or the nearest earlier start tag
+// is not followed by a stop or a non-time tag.
 std::vector<Tag> gatedReference(const std::vector<Tag>& in, int input, int start, int stop) {
   std::vector<Tag> copies;
   for (size_t i = 0; i < in.size(); ++i) {
@@ -352,7 +340,7 @@ std::vector<Tag> gatedReference(const std::vector<Tag>& in, int input, int start
   return copies;
 }
 
-TEST_F(VirtualChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
+TEST_F(VirtualChannelTest, GateMatchesTheRulesAndStaysOpenAcrossBlocksStopsAndClears) {
   Direct<GatedChannel> gated(&tagger, 1, 2, 3);
   const int vc = gated.getChannel();
   gated.feed({timeTag(2, 10)}, 0, 100);
@@ -360,9 +348,6 @@ TEST_F(VirtualChannelTest, GateStaysOpenAcrossBlocksStopsAndClears) {
   gated.restart();
   EXPECT_TRUE(
       sameTags(gated.feed({timeTag(1, 150)}, 100, 200), {timeTag(1, 150), timeTag(vc, 150)}));
-}
-
-TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
@@ -372,8 +357,7 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
                                                     .overflow_percent = 0.5});
     for (const auto& [input, start, stop] :
          {std::tuple{1, 2, 3}, std::tuple{2, 2, 3}, std::tuple{1, 3, 1}, std::tuple{1, 5, 2}}) {
-      SCOPED_TRACE(std::to_string(input) + " " + std::to_string(start) + " " +
-                   std::to_string(stop));
+      SCOPED_TRACE(::testing::Message() << input << " " << start << " " << stop);
       const std::vector<Tag> expected = gatedReference(stream.tags, input, start, stop);
       const auto out = checkVirtualChannel<GatedChannel>(stream, {}, input, start, stop);
       EXPECT_TRUE(sameTags(out.inserted, expected));
@@ -384,10 +368,9 @@ TEST(GatedChannelStreamTest, MatchesReferenceOnRandomStreams) {
   }
 }
 
-// The output of one block from the rules, with the whole period's schedule worked out at once: each
-// input tag after the first copies itself and schedules t + period * k / m for k = 1 .. m - 1,
-// replacing the previous schedule; scheduled tags go out before the first later time tag or at the
-// block's end; tags that are not time tags cancel everything.
+// Each input tag after the first copies itself and schedules t + period * k / m for k = 1 .. m - 1,
+// replacing the previous schedule, let out before the first later time tag or at the end; a tag
+// that is not a time tag cancels everything.
 std::vector<Tag> multiplierReference(const TagStream& stream, int input, int multiplier) {
   const int vc = kFirstVirtualChannel;
   std::vector<Tag> out;
@@ -421,7 +404,7 @@ std::vector<Tag> multiplierReference(const TagStream& stream, int input, int mul
   return out;
 }
 
-TEST_F(VirtualChannelTest, FrequencyMultiplierAtTimeZeroAndAcrossRestarts) {
+TEST_F(VirtualChannelTest, FrequencyMultiplierMatchesTheRulesAndAtTimeZeroAndAcrossRestarts) {
   // Multipliers below 2 only copy.
   for (int factor : {1, 0, -5}) {
     EXPECT_EQ(Direct<FrequencyMultiplier>(&tagger, 1, factor).getMultiplier(), 1);
@@ -435,9 +418,6 @@ TEST_F(VirtualChannelTest, FrequencyMultiplierAtTimeZeroAndAcrossRestarts) {
   fm.clear();
   fm.restart();
   EXPECT_TRUE(sameTags(fm.feed({}, 2200, 3000), {timeTag(vc, 2500)}));
-}
-
-TEST(FrequencyMultiplierStreamTest, MatchesReferenceOnRandomStreams) {
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     std::mt19937_64 rng(seed);
     const TagStream with_overflows =
@@ -473,11 +453,9 @@ struct GeneratorSetup {
   int stop = CHANNEL_UNUSED;
 };
 
-// The generator's rules worked out on the whole stream. With a negative entry the stream is shifted
-// by `lag` and every entry with it. A generated tag is cancelled by a later stop tag at or before
-// its time, by an error at or before it that had not yet left the (lagging) stream when its trigger
-// came, and becomes a missed-events tag if it falls inside an overflow. It leaves right behind the
-// stream tags of its own time.
+// With a negative entry the stream and every entry are shifted by `lag`. A generated tag is
+// cancelled by a later stop tag at or before its time, or by an error at or before it that had not
+// left the (lagging) stream when its trigger came; inside an overflow it is a missed-events tag.
 std::vector<Tag> generatorReference(const std::vector<Tag>& input, const GeneratorSetup& setup,
                                     int64_t run_end) {
   int64_t lag = 0;
@@ -519,15 +497,12 @@ std::vector<Tag> generatorReference(const std::vector<Tag>& input, const Generat
   return behindStreamTags(std::move(out), generated, run_end);
 }
 
-TEST_F(VirtualChannelTest, EventGeneratorWithoutPatternPassesTheStreamUnchanged) {
+TEST_F(VirtualChannelTest, EventGeneratorMatchesTheRulesAndWithoutPatternPassesTheStream) {
   Direct<EventGenerator> generator(&tagger, 1, std::vector<int64_t>{}, 1, 0, 2);
   const std::vector<Tag> in = {timeTag(1, 10), marker(Tag::Type::Error, 20)};
   EXPECT_TRUE(sameTags(generator.feed(in, 0, 100), in));
   EXPECT_EQ(tagger.registrations(1), 1);
   EXPECT_EQ(tagger.registrations(2), 0);
-}
-
-TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
   std::mt19937_64 rng(11);
   const std::vector<GeneratorSetup> setups = {
       {1, {0, 0, 700, 2500}, 1, 0, CHANNEL_UNUSED},
@@ -556,12 +531,10 @@ TEST(EventGeneratorHarness, MatchesTheRulesOnRandomStreams) {
   }
 }
 
-// The discriminator's rules worked out on the whole stream at once. A pulse is a tag on a listed
-// channel followed by one on its inverted channel with no pulse end between; its midpoint counts if
-// narrower than the window. Every time tag reappears half a window later. A tag that is not a time
-// tag throws away every pulse begun and every delayed tag that had not yet left; a delayed tag has
-// left once some later time tag or block end (in `block_ends`) was beyond it. Entry i of `channels`
-// leads the pulses that `numbers[i]` marks.
+// A pulse is a tag on a listed channel then one on its inverted channel, no pulse end between; its
+// midpoint counts if narrower than the window. Every time tag reappears half a window later. A
+// non-time tag drops every pulse begun and every delayed tag not yet out, i.e. not yet passed by
+// a later time tag or block end. Entry i of `channels` leads the pulses `numbers[i]` marks.
 std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<int64_t>& block_ends,
                               const std::vector<int>& channels, const std::vector<int>& numbers,
                               int64_t window) {
@@ -613,13 +586,10 @@ std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<i
   return sortedWithinEqualTimes(out);
 }
 
-TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPair) {
-  CFD cfd(&tagger, {2, 3, 2}, 100);
-  EXPECT_EQ(cfd.getChannels(), (std::vector<int>{1000, 1001, 1000}));
+TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPairAndMatchesTheRulesCutAnywhere) {
+  CFD numbered(&tagger, {2, 3, 2}, 100);
+  EXPECT_EQ(numbered.getChannels(), (std::vector<int>{1000, 1001, 1000}));
   for (int channel : {2, -2, 3, -3}) EXPECT_EQ(tagger.registrations(channel), 1) << channel;
-}
-
-TEST_F(VirtualChannelTest, CfdMatchesTheRulesOnRandomStreamsCutAnywhere) {
   std::mt19937_64 rng(99);
   for (int trial = 0; trial < 30; ++trial) {
     // Both edges of one input listed: each closes the pulse the other opened.
@@ -646,11 +616,9 @@ TEST_F(VirtualChannelTest, CfdMatchesTheRulesOnRandomStreamsCutAnywhere) {
   }
 }
 
-// The channel's rules on the whole stream: a time tag on an input takes that input's latest time;
-// if every input's latest time lies within the window before it, a mean tag goes out at its time
-// less the rounded-down mean difference. Anything but a time tag forgets all latest times. Every
-// tag leaves with its own time, means behind stream tags of the same time, and only what lies more
-// than a window before the end leaves at all.
+// If every input's latest time lies within the window before a time tag on an input, a mean tag
+// goes out at its time less the rounded-down mean difference. Anything but a time tag forgets all
+// latest times. Only what lies more than a window before the end leaves.
 std::vector<Tag> averageReference(const std::vector<Tag>& input, const std::vector<int>& channels,
                                   int64_t window, int64_t run_end) {
   std::vector<Tag> means;
@@ -677,7 +645,7 @@ std::vector<Tag> averageReference(const std::vector<Tag>& input, const std::vect
   return behindStreamTags(input, means, run_end - window);
 }
 
-TEST(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
+TEST(AverageChannelTest, NeedsAnUltra18SetsTheInputMultiplexersAndMatchesTheRules) {
   TestZeptick small("TEST-1", 2, 17);
   try {
     AverageChannel average(&small, 1, {1, 2});
@@ -698,18 +666,14 @@ TEST(AverageChannelTest, NeedsAnUltra18AndSetsTheInputMultiplexers) {
     EXPECT_EQ(tagger.getInputMux(channel), mux) << channel;
     EXPECT_EQ(tagger.registrations(channel), 1);
   }
-}
-
-TEST(AverageChannelTest, MatchesTheRulesOnRandomStreamsCutAnywhere) {
   std::mt19937_64 rng(31);
-  const std::vector<std::vector<int>> inputs = {{1, 2, 3}, {2, -2, 2}, {4, 1, 3, 2, -1}};
-  for (size_t k = 0; k < inputs.size(); ++k) {
-    const std::vector<int>& channels = inputs[k];
+  // With the window the channel picks: 4000 ps, plus 1000 ps per channel the farthest input lies
+  // from the reference.
+  const std::vector<std::pair<std::vector<int>, int64_t>> setups = {
+      {{1, 2, 3}, 6000}, {{2, -2, 2}, 7000}, {{4, 1, 3, 2, -1}, 7000}};
+  for (size_t k = 0; k < setups.size(); ++k) {
+    const auto& [channels, window] = setups[k];
     SCOPED_TRACE("setup " + std::to_string(k));
-    int64_t window = 4000;
-    for (int channel : channels) {
-      window = std::max<int64_t>(window, std::abs(channel - 1) * 1000 + 4000);
-    }
     StreamShape shape;
     shape.channels = {1, 2, 3, 4, -1, -2, 5};
     shape.tags = 1500;
