@@ -273,9 +273,9 @@ std::vector<ReferenceBin> referenceBins(const std::vector<Tag>& tags, int click,
   return bins;
 }
 
-// Once full without wrapping nothing is counted, but an overflow that begins or ends meanwhile
-// must still be known to the bins that a clear() lets in.
-TEST_F(CountingTest, CountBetweenMarkersOverflowsMetWhileFullFlagTheBinsAfterAClear) {
+TEST_F(CountingTest, CountBetweenMarkersEqualsBruteForceAndOverflowsWhileFullFlagLaterBins) {
+  // Once full without wrapping nothing is counted, but an overflow that begins or ends meanwhile
+  // must still be known to the bins that a clear() lets in.
   for (const bool ends : {false, true}) {
     Direct<CountBetweenMarkers> measurement(&tagger, 1, 2, CHANNEL_UNUSED, 1, false);
     measurement.feed({timeTag(2, 100), timeTag(2, 200)}, 0, 300);
@@ -288,9 +288,6 @@ TEST_F(CountingTest, CountBetweenMarkersOverflowsMetWhileFullFlagTheBinsAfterACl
     EXPECT_EQ(collect(measurement, &CountBetweenMarkers::getOverflows),
               std::vector<uint8_t>{flagged});
   }
-}
-
-TEST_F(CountingTest, CountBetweenMarkersEqualsBruteForceOnRandomStreamsCutEveryWay) {
   std::mt19937_64 rng(11);
   for (int round = 0; round < 40; ++round) {
     // On a grid, markers and clicks often share a time.
@@ -416,7 +413,7 @@ TEST_F(CountingTest, ScopeEqualsBruteForceOnRandomStreamsCutEveryWay) {
   }
 }
 
-TEST_F(CountingTest, IteratorDeliversTheChannelsTagsInOrderAndMarksWhatItDropped) {
+TEST_F(CountingTest, IteratorDeliversTheChannelsTagsInOrderMarksDropsAndFeedsAConsumer) {
   std::mt19937_64 rng(5);
   // No overflows of its own, so every overflow mark read is one the iterator made.
   const TagStream stream =
@@ -469,23 +466,19 @@ TEST_F(CountingTest, IteratorDeliversTheChannelsTagsInOrderAndMarksWhatItDropped
   EXPECT_TRUE(sameTags(block.tags, {marker(Tag::Type::OverflowBegin, expected_begin),
                                     marker(Tag::Type::OverflowEnd, stream.end_time),
                                     timeTag(1, stream.end_time + 10)}));
-}
-
-TEST_F(CountingTest, IteratorConsumerThreadReadsEveryTagWhileWorkersFill) {
   TestZeptick live{"TEST-2", 2};
   live.setIdleSpan(0);
-  std::mt19937_64 rng(9);
-  const TagStream stream = makeRandomStream(rng, StreamShape{.tags = 20000});
-  Iterator iterator(&live, {}, 1u << 20);
-  std::vector<Tag> read;
+  const TagStream many = makeRandomStream(rng, StreamShape{.tags = 20000});
+  Iterator consumed(&live, {}, 1u << 20);
+  std::vector<Tag> all;
   std::thread consumer([&] {
-    for (const Tag& tag : iterator) read.push_back(tag);
+    for (const Tag& tag : consumed) all.push_back(tag);
   });
-  deliver(live, cutStream(stream, randomCuts(rng, stream, 200)));
-  iterator.stop();  // ends the range-for once drained
+  deliver(live, cutStream(many, randomCuts(rng, many, 200)));
+  consumed.stop();  // ends the range-for once drained
   consumer.join();
-  EXPECT_EQ(iterator.getDroppedTags(), 0u);
-  EXPECT_EQ(read.size(), stream.tags.size());
+  EXPECT_EQ(consumed.getDroppedTags(), 0u);
+  EXPECT_EQ(all.size(), many.tags.size());
 }
 
 }  // namespace

@@ -99,7 +99,37 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-TEST_F(HistogramTest, TimeDifferencesMatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingStarts) {
+  {
+    // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
+    TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
+    for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
+    EXPECT_EQ(collect(m, &TimeDifferences::getIndex), (std::vector<int64_t>{0, 7, 14, 21}));
+  }
+  for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
+  // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
+  Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
+  limited.setMaxCounts(1);
+  limited.feed({timeTag(2, 0), timeTag(4, 10), timeTag(2, 20), timeTag(3, 30), timeTag(2, 40),
+                timeTag(1, 45), timeTag(3, 50), timeTag(2, 55), timeTag(1, 60), timeTag(3, 70),
+                timeTag(2, 75), timeTag(1, 80)},
+               0, 85);
+  EXPECT_EQ(limited.getCounts(), 1u);
+  // Later sync and next tags find the gate shut; the starts at 40 and 55 may count until 155.
+  limited.feed({timeTag(4, 90), timeTag(3, 95), timeTag(4, 96)}, 154);
+  EXPECT_FALSE(limited.ready());
+  limited.feed({}, 155);
+  EXPECT_TRUE(limited.ready());
+  EXPECT_EQ(collect(limited, &TimeDifferences::getData),
+            (std::vector<int32_t>{1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(limited.getCounts(), 1u);
+  // clear forgets counts and data but keeps the limit.
+  limited.clear();
+  EXPECT_EQ(collect(limited, &TimeDifferences::getData), std::vector<int32_t>(20, 0));
+  limited.feed({timeTag(4, 300), timeTag(3, 301), timeTag(3, 302), timeTag(4, 303), timeTag(3, 304),
+                timeTag(3, 305)},
+               310);
+  EXPECT_EQ(limited.getCounts(), 1u);
   const Config configs[] = {
       {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
       {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
@@ -153,39 +183,6 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceOnRandomStreamsHoweverCut) 
   for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(HistogramTest, TimeDifferencesSequenceWaitsForSyncAndTheLimitForPendingStarts) {
-  {
-    // -1 is the falling edge of input 1 under the one-based numbering, not "unused".
-    TimeDifferences m(&tagger, 1, kUnused, -1, 4, 7, 4, 2);
-    for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 1);
-    EXPECT_EQ(collect(m, &TimeDifferences::getIndex), (std::vector<int64_t>{0, 7, 14, 21}));
-  }
-  for (int channel : {1, 4, -1}) EXPECT_EQ(tagger.registrations(channel), 0);
-  // click 1, start 2, next 3, sync 4; two histograms of ten 10 ps bins; at most one sequence.
-  Direct<TimeDifferences> limited(&tagger, 1, 2, 3, 4, 10, 10, 2);
-  limited.setMaxCounts(1);
-  limited.feed({timeTag(2, 0), timeTag(4, 10), timeTag(2, 20), timeTag(3, 30), timeTag(2, 40),
-                timeTag(1, 45), timeTag(3, 50), timeTag(2, 55), timeTag(1, 60), timeTag(3, 70),
-                timeTag(2, 75), timeTag(1, 80)},
-               0, 85);
-  EXPECT_EQ(limited.getCounts(), 1u);
-  // Later sync and next tags find the gate shut; the starts at 40 and 55 may count until 155.
-  limited.feed({timeTag(4, 90), timeTag(3, 95), timeTag(4, 96)}, 154);
-  EXPECT_FALSE(limited.ready());
-  limited.feed({}, 155);
-  EXPECT_TRUE(limited.ready());
-  EXPECT_EQ(collect(limited, &TimeDifferences::getData),
-            (std::vector<int32_t>{1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(limited.getCounts(), 1u);
-  // clear forgets counts and data but keeps the limit.
-  limited.clear();
-  EXPECT_EQ(collect(limited, &TimeDifferences::getData), std::vector<int32_t>(20, 0));
-  limited.feed({timeTag(4, 300), timeTag(3, 301), timeTag(3, 302), timeTag(4, 303), timeTag(3, 304),
-                timeTag(3, 305)},
-               310);
-  EXPECT_EQ(limited.getCounts(), 1u);
-}
-
 }  // namespace time_differences
 
 namespace correlation {
@@ -237,7 +234,25 @@ Expected reference(const Config& c, const std::vector<Tag>& tags) {
   return out;
 }
 
-TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheCapture) {
+  // 3 bins of 5 ps: half range 7, the range 15 is odd.
+  Correlation odd(&tagger, 1, 2, 5, 3);
+  EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
+  Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
+  EXPECT_EQ(tagger.registrations(3), 1);
+  Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
+  // Before any tag every normalised bin is 0 x (0 / 0).
+  for (double value : collect(correlation, &Correlation::getDataNormalized)) {
+    EXPECT_TRUE(std::isnan(value));
+  }
+  correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
+  // An end with no begin (started inside an overflow) drops the capture time before it, but no
+  // counts.
+  correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
+  EXPECT_EQ(collect(correlation, &Correlation::getData),
+            (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+  EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
+                   100.0 / (10.0 * 1 * 2));
   const Config configs[] = {
       {1, 2, 1, 64},           // identity binning, even range
       {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
@@ -283,28 +298,6 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceOnRandomStreamsHoweverCut) {
     }
   }
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
-}
-
-TEST_F(HistogramTest,
-       CorrelationIndexRegistrationNanBeforeAnyTagAndAnOverflowEndAloneResetsTheCapture) {
-  // 3 bins of 5 ps: half range 7, the range 15 is odd.
-  Correlation odd(&tagger, 1, 2, 5, 3);
-  EXPECT_EQ(collect(odd, &Correlation::getIndex), (std::vector<int64_t>{-7, -2, 3}));
-  Correlation auto_correlation(&tagger, 3, kUnused, 1, 1);
-  EXPECT_EQ(tagger.registrations(3), 1);
-  Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
-  // Before any tag every normalised bin is 0 x (0 / 0).
-  for (double value : collect(correlation, &Correlation::getDataNormalized)) {
-    EXPECT_TRUE(std::isnan(value));
-  }
-  correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
-  // An end with no begin (started inside an overflow) drops the capture time before it, but no
-  // counts.
-  correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
-  EXPECT_EQ(collect(correlation, &Correlation::getData),
-            (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
-  EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
-                   100.0 / (10.0 * 1 * 2));
 }
 
 }  // namespace correlation
@@ -361,7 +354,22 @@ TagStream nearAndFarPairs(std::mt19937_64& rng, int64_t width) {
   return stream;
 }
 
-TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
+TEST_F(HistogramTest, StartStopMatchesReferenceAndAStartBeforeARestartOrClearNeverOpens) {
+  Direct<StartStop> m(&tagger, 1, 2, 10);
+  std::vector<size_t> asked;
+  EXPECT_TRUE(rowsOf(m, &asked).empty());
+  EXPECT_EQ(asked, (std::vector<size_t>{0, 2}));
+  m.feed({timeTag(2, 0), timeTag(1, 5), timeTag(2, 2000)}, 0, 2010);
+  m.restart();
+  m.feed({timeTag(1, 2020), timeTag(2, 2030), timeTag(1, 2060)}, 2070);
+  EXPECT_EQ(rowsOf(m), (Rows{{30, 1}}));
+  m.feed({timeTag(2, 3000)}, 3010);
+  m.clear();
+  m.feed({timeTag(1, 3020)}, 3030);
+  EXPECT_TRUE(rowsOf(m).empty());
+  // A start channel left unused measures the spacing of the clicks alone.
+  StartStop spacing(&tagger, 3, kUnused, 1);
+  EXPECT_EQ(tagger.registrations(3), 1);
   struct Config {
     int click, start;
     int64_t binwidth;
@@ -401,48 +409,6 @@ TEST_F(HistogramTest, StartStopMatchesReferenceOnRandomStreamsHoweverCut) {
   for (int mode : {0, 1, 2, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-TEST_F(HistogramTest, StartStopAStartAtZeroOrBeforeARestartOrClearNeverOpens) {
-  Direct<StartStop> m(&tagger, 1, 2, 10);
-  std::vector<size_t> asked;
-  EXPECT_TRUE(rowsOf(m, &asked).empty());
-  EXPECT_EQ(asked, (std::vector<size_t>{0, 2}));
-  m.feed({timeTag(2, 0), timeTag(1, 5), timeTag(2, 2000)}, 0, 2010);
-  m.restart();
-  m.feed({timeTag(1, 2020), timeTag(2, 2030), timeTag(1, 2060)}, 2070);
-  EXPECT_EQ(rowsOf(m), (Rows{{30, 1}}));
-  m.feed({timeTag(2, 3000)}, 3010);
-  m.clear();
-  m.feed({timeTag(1, 3020)}, 3030);
-  EXPECT_TRUE(rowsOf(m).empty());
-  // A start channel left unused measures the spacing of the clicks alone.
-  StartStop spacing(&tagger, 3, kUnused, 1);
-  EXPECT_EQ(tagger.registrations(3), 1);
-}
-
-// Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
-TEST_F(HistogramTest, Histogram2DIndexListsCellCornersAndClearAbandonsTheOpenEvent) {
-  Direct<Histogram2D> h(&tagger, 1, 2, 3, 10, 25, 3, 2);
-  std::vector<size_t> sizes;
-  EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
-            (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
-  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
-  h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
-         720);
-  EXPECT_EQ(collect(h, &Histogram2D::getData, &sizes), (std::vector<int32_t>{0, 1, 0, 0, 0, 0}));
-  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2}));
-  h.clear();  // the event opened at 700 would complete at 721
-  h.feed({timeTag(2, 721)}, 730);
-  EXPECT_EQ(collect(h, &Histogram2D::getData), std::vector<int32_t>(6, 0));
-
-  // Unchecked widths and sizes count nothing rather than divide by zero.
-  Direct<Histogram2D> no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
-  no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
-  EXPECT_EQ(collect(no_width, &Histogram2D::getData), (std::vector<int32_t>{0, 0, 0, 0}));
-  Direct<Histogram2D> no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
-  no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
-  EXPECT_TRUE(collect(no_rows, &Histogram2D::getData).empty());
-}
-
 // Every start, scanned forward on its own: its event completes at the first tag by which both stops
 // have been seen, and is lost if another start or a tag other than a time tag comes first.
 struct Setup2D {
@@ -471,26 +437,6 @@ std::vector<int32_t> bruteForce2D(const Setup2D& s, const std::vector<Tag>& line
     }
   }
   return cells;
-}
-
-TEST_F(HistogramTest, TimeDifferencesNDClearKeepsTheSequencesAndNoDimensionCountsNothing) {
-  // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
-  Direct<TimeDifferencesND> h(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
-  // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
-  h.feed({timeTag(3, 100), timeTag(3, 101), timeTag(4, 102), timeTag(2, 110)}, 0, 120);
-  h.clear();
-  h.feed({timeTag(2, 121), timeTag(1, 125)}, 130);
-  std::vector<int32_t> expected(24, 0);
-  expected[4] = 1;  // histogram 1, bin 0
-  std::vector<size_t> sizes;
-  EXPECT_EQ(collect(h, &TimeDifferencesND::getData, &sizes), expected);
-  EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
-
-  Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
-                                 std::vector<int>{}, 10, 3);
-  flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
-  EXPECT_EQ(collect(flat, &TimeDifferencesND::getData, &sizes), std::vector<int32_t>(3, 0));
-  EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
 }
 
 struct NDSetup {
@@ -547,7 +493,44 @@ std::vector<int32_t> bruteForceND(const NDSetup& s, const std::vector<Tag>& tags
 }
 
 // Both grids through the runner on one stream however cut, each against its brute force.
-TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
+TEST_F(HistogramTest, GridsMatchBruteForceHoweverCutAndClearsAbandonTheOpenEvent) {
+  // Two wrapping dimensions of 2 and 3 histograms, the first varying fastest; 4 bins of 10 ps.
+  Direct<TimeDifferencesND> nd(&tagger, 1, 2, {3, 4}, {}, {2, 3}, 10, 4);
+  // Dimension 0 at 1, dimension 1 at 0: histogram 1. The clear forgets the start at 110.
+  nd.feed({timeTag(3, 100), timeTag(3, 101), timeTag(4, 102), timeTag(2, 110)}, 0, 120);
+  nd.clear();
+  nd.feed({timeTag(2, 121), timeTag(1, 125)}, 130);
+  std::vector<int32_t> expected(24, 0);
+  expected[4] = 1;  // histogram 1, bin 0
+  std::vector<size_t> sizes;
+  EXPECT_EQ(collect(nd, &TimeDifferencesND::getData, &sizes), expected);
+  EXPECT_EQ(sizes, (std::vector<size_t>{6, 4}));
+
+  Direct<TimeDifferencesND> flat(&tagger, 1, 1, std::vector<int>{}, std::vector<int>{},
+                                 std::vector<int>{}, 10, 3);
+  flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
+  EXPECT_EQ(collect(flat, &TimeDifferencesND::getData, &sizes), std::vector<int32_t>(3, 0));
+  EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
+  // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
+  Direct<Histogram2D> h(&tagger, 1, 2, 3, 10, 25, 3, 2);
+  EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
+            (std::vector<int64_t>{0, 0, 0, 25, 10, 0, 10, 25, 20, 0, 20, 25}));
+  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2, 2}));
+  h.feed({timeTag(1, 100), timeTag(2, 105), timeTag(3, 130), timeTag(1, 700), timeTag(3, 710)}, 0,
+         720);
+  EXPECT_EQ(collect(h, &Histogram2D::getData, &sizes), (std::vector<int32_t>{0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(sizes, (std::vector<size_t>{3, 2}));
+  h.clear();  // the event opened at 700 would complete at 721
+  h.feed({timeTag(2, 721)}, 730);
+  EXPECT_EQ(collect(h, &Histogram2D::getData), std::vector<int32_t>(6, 0));
+
+  // Unchecked widths and sizes count nothing rather than divide by zero.
+  Direct<Histogram2D> no_width(&tagger, 1, 2, 3, 0, 10, 2, 2);
+  no_width.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_EQ(collect(no_width, &Histogram2D::getData), (std::vector<int32_t>{0, 0, 0, 0}));
+  Direct<Histogram2D> no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
+  no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
+  EXPECT_TRUE(collect(no_rows, &Histogram2D::getData).empty());
   const std::vector<Setup2D> setups_2d = {
       {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
       {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
@@ -588,35 +571,6 @@ TEST_F(HistogramTest, GridsMatchBruteForceThroughTheRunnerHoweverCut) {
       EXPECT_EQ(collect(grid_nd, &TimeDifferencesND::getData), bins);
     }
   }
-}
-
-TEST_F(HistogramTest, LogBinsEdgesAreTruncatedPowersOfTenAndClearSettlesAgain) {
-  Direct<HistogramLogBins> h(&tagger, 1, 2, -12, -9, 3);
-  EXPECT_EQ(collect(h, &HistogramLogBins::getBinEdges), (std::vector<int64_t>{1, 10, 100, 1000}));
-
-  // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
-  Direct<HistogramLogBins> halves(&tagger, 1, 2, -12.5, -10, 5);
-  EXPECT_EQ(collect(halves, &HistogramLogBins::getBinEdges),
-            (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
-
-  // Unchecked arguments stay harmless: no bins, one edge.
-  Direct<HistogramLogBins> none(&tagger, 1, 2, -12, -9, 0);
-  EXPECT_EQ(collect(none, &HistogramLogBins::getBinEdges), std::vector<int64_t>{1});
-  EXPECT_TRUE(collect(none, &HistogramLogBins::getData).empty());
-
-  // The click at 600 falls within the first range after the reset at 1: settling, ignored.
-  h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
-  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 1, 0}));
-  h.clear();
-  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 0}));
-  EXPECT_TRUE(std::isnan(
-      collect(h, &HistogramLogBins::getDataNormalizedG2)[0]));  // no click or start yet: 0 / 0
-  h.feed({timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
-          timeTag(1, 21600)},
-         30000);
-  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 2}));
-  EXPECT_EQ(collect(h, &HistogramLogBins::getDataNormalizedG2)[2],
-            2 * ((30000.0 - 21000) / (2 * 1)) / 900);
 }
 
 // The stated rules, with each click compared against every start kept since the last reset: no
@@ -693,7 +647,33 @@ struct LogSetup {
   std::vector<int> channels;
 };
 
-TEST_F(HistogramTest, LogBinsMatchBruteForceThroughTheRunnerHoweverCut) {
+TEST_F(HistogramTest, LogBinsMatchBruteForceHoweverCutAndClearSettlesAgain) {
+  Direct<HistogramLogBins> h(&tagger, 1, 2, -12, -9, 3);
+  EXPECT_EQ(collect(h, &HistogramLogBins::getBinEdges), (std::vector<int64_t>{1, 10, 100, 1000}));
+
+  // Half decades: 10^0.5 = 3.16.., 10^1.5 = 31.6..; below 1 ps truncates to 0.
+  Direct<HistogramLogBins> halves(&tagger, 1, 2, -12.5, -10, 5);
+  EXPECT_EQ(collect(halves, &HistogramLogBins::getBinEdges),
+            (std::vector<int64_t>{0, 1, 3, 10, 31, 100}));
+
+  // Unchecked arguments stay harmless: no bins, one edge.
+  Direct<HistogramLogBins> none(&tagger, 1, 2, -12, -9, 0);
+  EXPECT_EQ(collect(none, &HistogramLogBins::getBinEdges), std::vector<int64_t>{1});
+  EXPECT_TRUE(collect(none, &HistogramLogBins::getData).empty());
+
+  // The click at 600 falls within the first range after the reset at 1: settling, ignored.
+  h.feed({timeTag(2, 100), timeTag(1, 600), timeTag(2, 1200), timeTag(1, 1250)}, 1, 20000);
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 1, 0}));
+  h.clear();
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 0}));
+  EXPECT_TRUE(std::isnan(
+      collect(h, &HistogramLogBins::getDataNormalizedG2)[0]));  // no click or start yet: 0 / 0
+  h.feed({timeTag(2, 20100), timeTag(1, 20200), timeTag(2, 21500), timeTag(1, 21600),
+          timeTag(1, 21600)},
+         30000);
+  EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 2}));
+  EXPECT_EQ(collect(h, &HistogramLogBins::getDataNormalizedG2)[2],
+            2 * ((30000.0 - 21000) / (2 * 1)) / 900);
   const std::vector<LogSetup> setups = {
       // A range far longer than a gap: many live starts per click.
       {1, 2, -12, -8, 16, 300, 2, {1, 1, 2, -1, 3}},
