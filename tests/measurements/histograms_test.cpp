@@ -33,8 +33,7 @@ using namespace testing;
 constexpr int kUnused = CHANNEL_UNUSED;
 using HistogramTest = QuietTaggerTest;
 
-// Holds the histogram kernels to their plain form, or lets them take the
-// processor's fastest, for one scope.
+// The plain histogram kernels, or the processor's fastest, for one scope.
 struct PlainKernels {
   explicit PlainKernels(bool plain) { detail::forcePlainHistogramKernels(plain); }
   ~PlainKernels() { detail::forcePlainHistogramKernels(false); }
@@ -421,8 +420,7 @@ std::vector<int32_t> bruteForce2D(const Setup2D& s, const std::vector<Tag>& line
   std::vector<int32_t> cells(static_cast<size_t>(s.rows * s.columns), 0);
   for (size_t i = 0; i < line.size(); ++i) {
     if (line[i].type != Tag::Type::TimeTag || line[i].channel != s.start) continue;
-    int64_t seen_1 = -1;
-    int64_t seen_2 = -1;
+    int64_t seen_1 = -1, seen_2 = -1;
     for (size_t k = i; k < line.size(); ++k) {
       const Tag& tag = line[k];
       if (k > i && (tag.type != Tag::Type::TimeTag || tag.channel == s.start)) break;
@@ -440,11 +438,8 @@ std::vector<int32_t> bruteForce2D(const Setup2D& s, const std::vector<Tag>& line
 }
 
 struct NDSetup {
-  int click;
-  int start;
-  std::vector<int> next;
-  std::vector<int> sync;
-  std::vector<int> n_histograms;
+  int click, start;
+  std::vector<int> next, sync, n_histograms;
   int64_t binwidth;
   uint64_t n_bins;
 };
@@ -577,9 +572,7 @@ TEST_F(HistogramTest, GridsMatchBruteForceHoweverCutAndClearsAbandonTheOpenEvent
 // ring, no read indices.
 struct LogReference {
   std::vector<uint64_t> counts;
-  double clicks = 0;
-  double starts = 0;
-  double capture = 0;
+  double clicks = 0, starts = 0, capture = 0;
 };
 
 LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
@@ -637,10 +630,8 @@ LogReference bruteForceLog(const std::vector<int64_t>& e, int click, int start,
 }
 
 struct LogSetup {
-  int click;
-  int start;
-  double exp_start;
-  double exp_stop;
+  int click, start;
+  double exp_start, exp_stop;
   int n_bins;
   int64_t max_gap;
   int special_permille;  // chance per tag of an error, and of an overflow

@@ -114,14 +114,16 @@ class Direct : public Measurement {
   int64_t last_end = 0;
 };
 
-/// The message of the std::invalid_argument that `call` throws; "no exception"
-/// or "another exception" otherwise.
+/// The message of the std::invalid_argument that `call` throws, that of a std::runtime_error after
+/// "runtime_error: "; "no exception" or "another exception" otherwise.
 template <class Call>
 std::string invalidArgument(Call call) {
   try {
     call();
   } catch (const std::invalid_argument& error) {
     return error.what();
+  } catch (const std::runtime_error& error) {
+    return std::string("runtime_error: ") + error.what();
   } catch (...) {
     return "another exception";
   }

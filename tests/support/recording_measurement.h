@@ -14,9 +14,8 @@
 
 namespace zeptick::testing {
 
-/// A measurement that keeps a copy of every block it is given, counts its
-/// stops and clears, and can run a hook inside next_impl (to stall, throw or
-/// edit the block).
+/// A measurement that keeps a copy of every block it is given, counts its stops and clears, and can
+/// run a hook inside next_impl (to stall, throw or edit the block).
 class RecordingMeasurement : public IteratorBase {
  public:
   using Hook = std::function<bool(std::vector<Tag>& tags, int64_t begin, int64_t end)>;

@@ -29,9 +29,8 @@ struct VirtualChannelRules {
   int64_t held_back = -1;
   /// Span of an empty block appended after the stream, to let held-back tags out.
   int64_t tail = 0;
-  /// Number of cuttings: the whole stream as one block, one cut at every tag
-  /// time (alternately at t and t + 1), then random cuts with empty and
-  /// zero-length blocks.
+  /// Number of cuttings: the whole stream as one block, one cut at every tag time (alternately at t
+  /// and t + 1), then random cuts with empty and zero-length blocks.
   int cuttings = 5;
   uint64_t seed = 1;
   /// Inputs of the tagger the channel runs on.
