@@ -109,46 +109,10 @@ uint64_t binOf(const FastBinning& binner, uint64_t delta) {
 }
 
 struct Selection {
-  uint64_t divisor;
-  uint64_t max_duration;
+  uint64_t divisor, max_duration;
   FastBinning::Mode mode;
   uint64_t parameter;  // factor for modes 3 and 4, shift for mode 2
 };
-
-TEST(FastBinningTest, SelectsTheCheapestExactMode) {
-  const Selection table[] = {
-      {1000, 999, FastBinning::ModeZero, 0},
-      {1, 1000, FastBinning::ModeIdentity, 0},
-      {1024, 1048576, FastBinning::ModeShift, 10},
-      {3, 3000, FastBinning::ModeMul32, 1431655766},
-      {1000, 1000000000, FastBinning::ModeMulHigh64, 18446744073709552},
-      {1000000007, 1000000007000000000, FastBinning::ModeDiv64, 0},
-      // Limits worked out by hand: for 1000 the 32-bit reciprocal is exact below
-      // floor(2^32 / 704) = 6100805 and the 64-bit one below floor(M / 384); for 3 the 32-bit one
-      // below 2^31. A max_duration equal to a limit falls through.
-      {1000, 6100804, FastBinning::ModeMul32, 4294968},
-      {1000, 6100805, FastBinning::ModeMulHigh64, 18446744073709552},
-      {1000, 48038396025285289, FastBinning::ModeMulHigh64, 18446744073709552},
-      {1000, 48038396025285290, FastBinning::ModeDiv64, 0},
-      {3, 2147483647, FastBinning::ModeMul32, 1431655766},
-      {3, 2147483648, FastBinning::ModeMulHigh64, 6148914691236517206},
-      // The empty range wins over everything, even a divisor of 1.
-      {1, 0, FastBinning::ModeZero, 0},
-      {uint64_t{1} << 63, kMax, FastBinning::ModeShift, 63},
-      {2, 2, FastBinning::ModeShift, 1},
-  };
-  for (const Selection& s : table) {
-    SCOPED_TRACE(testing::Message() << s.divisor << " / " << s.max_duration);
-    const FastBinning binner(s.divisor, s.max_duration);
-    ASSERT_EQ(binner.getMode(), s.mode);
-    if (s.mode == FastBinning::ModeShift) {
-      EXPECT_EQ(binner.getShift(), s.parameter);
-    }
-    if (s.mode == FastBinning::ModeMul32 || s.mode == FastBinning::ModeMulHigh64) {
-      EXPECT_EQ(binner.getFactor(), s.parameter);
-    }
-  }
-}
 
 // The limit of the 32-bit and 64-bit reciprocals for a divisor, so that the property test can probe
 // max_duration right at each side of them.
@@ -167,7 +131,7 @@ std::vector<uint64_t> limitsOf(uint64_t d) {
 
 // Every mode, every divisor size, every delta in range: the bin is exactly the rounded-down
 // quotient that a plain division gives.
-TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
+TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotientInTheCheapestExactMode) {
   std::mt19937_64 rng(20261122);
   auto logUniform = [&rng]() {
     const int bits = static_cast<int>(rng() % 64) + 1;
@@ -222,6 +186,38 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotient) {
   }
   // The samples reach every mode that the selection can return.
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(seen_modes[mode], 0) << "mode " << mode;
+  const Selection table[] = {
+      {1000, 999, FastBinning::ModeZero, 0},
+      {1, 1000, FastBinning::ModeIdentity, 0},
+      {1024, 1048576, FastBinning::ModeShift, 10},
+      {3, 3000, FastBinning::ModeMul32, 1431655766},
+      {1000, 1000000000, FastBinning::ModeMulHigh64, 18446744073709552},
+      {1000000007, 1000000007000000000, FastBinning::ModeDiv64, 0},
+      // Limits worked out by hand: for 1000 the 32-bit reciprocal is exact below
+      // floor(2^32 / 704) = 6100805 and the 64-bit one below floor(M / 384); for 3 the 32-bit one
+      // below 2^31. A max_duration equal to a limit falls through.
+      {1000, 6100804, FastBinning::ModeMul32, 4294968},
+      {1000, 6100805, FastBinning::ModeMulHigh64, 18446744073709552},
+      {1000, 48038396025285289, FastBinning::ModeMulHigh64, 18446744073709552},
+      {1000, 48038396025285290, FastBinning::ModeDiv64, 0},
+      {3, 2147483647, FastBinning::ModeMul32, 1431655766},
+      {3, 2147483648, FastBinning::ModeMulHigh64, 6148914691236517206},
+      // The empty range wins over everything, even a divisor of 1.
+      {1, 0, FastBinning::ModeZero, 0},
+      {uint64_t{1} << 63, kMax, FastBinning::ModeShift, 63},
+      {2, 2, FastBinning::ModeShift, 1},
+  };
+  for (const Selection& s : table) {
+    SCOPED_TRACE(testing::Message() << s.divisor << " / " << s.max_duration);
+    const FastBinning binner(s.divisor, s.max_duration);
+    ASSERT_EQ(binner.getMode(), s.mode);
+    if (s.mode == FastBinning::ModeShift) {
+      EXPECT_EQ(binner.getShift(), s.parameter);
+    }
+    if (s.mode == FastBinning::ModeMul32 || s.mode == FastBinning::ModeMulHigh64) {
+      EXPECT_EQ(binner.getFactor(), s.parameter);
+    }
+  }
 }
 
 }  // namespace

@@ -24,14 +24,9 @@ namespace {
 using namespace testing;
 using CountingTest = QuietTaggerTest;
 
-struct CountrateExpected {
-  std::vector<int64_t> totals;
-  std::vector<double> rates;
-};
-
-// The counting rules, worked per channel value with maps rather than per entry.
-CountrateExpected countrateReference(const std::vector<int>& entries,
-                                     const std::vector<Block>& blocks) {
+// The counting rules, worked per channel value with maps rather than per entry: totals and rates.
+std::pair<std::vector<int64_t>, std::vector<double>> countrateReference(
+    const std::vector<int>& entries, const std::vector<Block>& blocks) {
   std::map<int, int64_t> total;
   std::map<int, int64_t> since_error;
   for (int channel : entries) total[channel] = since_error[channel] = 0;
@@ -54,11 +49,11 @@ CountrateExpected countrateReference(const std::vector<int>& entries,
     if (first_time == 0) first_time = block.end_time;
   }
   const int64_t last_time = blocks.back().end_time;
-  CountrateExpected expected;
+  std::pair<std::vector<int64_t>, std::vector<double>> expected;
   for (int channel : entries) {
-    expected.totals.push_back(total[channel]);
+    expected.first.push_back(total[channel]);
     const double span = static_cast<double>(last_time - first_time);
-    expected.rates.push_back(last_time == first_time ? 0.0 : since_error[channel] * 1e12 / span);
+    expected.second.push_back(last_time == first_time ? 0.0 : since_error[channel] * 1e12 / span);
   }
   return expected;
 }
@@ -98,10 +93,10 @@ TEST_F(CountingTest, CountrateMatchesReferenceOnRandomStreamsCutAnywhere) {
       countrate.feed(blocks[k].tags, blocks[k].begin_time, blocks[k].end_time);
     }
     if (seed % 3 != 2) blocks.erase(blocks.begin(), blocks.begin() + restart_at);
-    const CountrateExpected expected = countrateReference(entries, blocks);
-    EXPECT_EQ(collect(countrate, &Countrate::getCountsTotal), expected.totals);
+    const auto [totals, rates] = countrateReference(entries, blocks);
+    EXPECT_EQ(collect(countrate, &Countrate::getCountsTotal), totals);
     EXPECT_THAT(collect(countrate, &Countrate::getData),
-                ::testing::Pointwise(::testing::DoubleEq(), expected.rates));
+                ::testing::Pointwise(::testing::DoubleEq(), rates));
   }
 }
 

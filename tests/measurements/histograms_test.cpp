@@ -1,6 +1,7 @@
 // The histogramming measurements, each against a brute-force reference fed the same stream through
 // the runner however it is cut, plus the few behaviours no stream reaches.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,26 +40,38 @@ struct PlainKernels {
   ~PlainKernels() { detail::forcePlainHistogramKernels(false); }
 };
 
-namespace time_differences {
-struct Config {
+// Errors and overflows at 1 % each; odd seeds put every time on a grid of `grid`, so that ages hit
+// bin edges and the range itself.
+TagStream binningStream(std::mt19937_64& rng, uint64_t seed, std::vector<int> channels,
+                        int64_t mean_gap, int64_t grid) {
+  return makeRandomStream(rng, {.channels = std::move(channels),
+                                .tags = 3000,
+                                .mean_gap = mean_gap,
+                                .error_percent = 1,
+                                .overflow_percent = 1,
+                                .grid = seed % 2 == 1 ? grid : 1});
+}
+
+struct TimeDifferencesConfig {
   int click, start, next, sync;
   int64_t binwidth;
   int n_bins, n_histograms;
   uint64_t max_counts;
 };
 
-struct Expected {
+struct TimeDifferencesExpected {
   std::vector<int32_t> data;
   uint64_t counts = 0;
 };
 
 // The counting rules worked tag by tag, with every start since the last reset kept and compared by
 // its age instead of a queue that expires starts.
-Expected reference(const Config& c, const std::vector<Tag>& tags) {
+TimeDifferencesExpected timeDifferencesReference(const TimeDifferencesConfig& c,
+                                                 const std::vector<Tag>& tags) {
   const int start = c.start == kUnused ? c.click : c.start;
   const bool has_next = c.next != kUnused;
   const bool has_sync = c.sync != kUnused;
-  Expected out;
+  TimeDifferencesExpected out;
   out.data.assign(static_cast<size_t>(c.n_bins * c.n_histograms), 0);
   std::vector<std::pair<int64_t, int>> starts;  // time, histogram
   int index = has_next ? -1 : 0;
@@ -129,7 +142,7 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingS
                 timeTag(3, 305)},
                310);
   EXPECT_EQ(limited.getCounts(), 1u);
-  const Config configs[] = {
+  const TimeDifferencesConfig configs[] = {
       {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
       {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
       {1, kUnused, 3, kUnused, 1000, 7, 4, 60},  // reciprocal, rollover, limit
@@ -139,20 +152,15 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingS
       {3, 3, 3, 3, 5, 20, 3, 0},                 // one channel in every role
   };
   int modes_seen[7] = {};
-  for (const Config& c : configs) {
+  for (const TimeDifferencesConfig& c : configs) {
     ++modes_seen[FastBinning(c.binwidth, c.binwidth * c.n_bins).getMode()];
     // Seeds 1 and 2 run the plain kernels, 3 and 4 the fastest this processor has.
     for (uint64_t seed = 1; seed <= 4; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       const PlainKernels plain(seed <= 2);
       std::mt19937_64 rng(seed);
-      // Odd seeds put every time on a grid of bin widths: ages then hit bin edges and the range
-      // itself.
-      const TagStream stream = makeRandomStream(rng, {.tags = 3000,
-                                                      .mean_gap = c.binwidth * c.n_bins / 6 + 1,
-                                                      .error_percent = 1,
-                                                      .overflow_percent = 1,
-                                                      .grid = seed % 2 == 1 ? c.binwidth : 1});
+      const TagStream stream =
+          binningStream(rng, seed, {1, 2, 3, 4}, c.binwidth * c.n_bins / 6 + 1, c.binwidth);
       TimeDifferences measurement(&tagger, c.click, c.start, c.next, c.sync, c.binwidth, c.n_bins,
                                   c.n_histograms);
       measurement.setMaxCounts(c.max_counts);
@@ -167,7 +175,7 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingS
                                       c.n_histograms);
       }
       const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
-      const Expected expected = reference(c, concatenate(delivered));
+      const TimeDifferencesExpected expected = timeDifferencesReference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 10);
       EXPECT_EQ(collect(measurement, &TimeDifferences::getData), expected.data);
       EXPECT_EQ(measurement.getCounts(), expected.counts);
@@ -182,16 +190,13 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingS
   for (int mode : {1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
 
-}  // namespace time_differences
-
-namespace correlation {
-struct Config {
+struct CorrelationConfig {
   int channel_1, channel_2;
   int64_t binwidth;
   int n_bins;
 };
 
-struct Expected {
+struct CorrelationExpected {
   std::vector<int32_t> data;
   uint64_t counts[2] = {0, 0};
   int64_t overflow_time = 0;
@@ -200,10 +205,10 @@ struct Expected {
 // Every pair of tags on the two channels that no error separates and that lie at most half the
 // range apart, found by looking back from each tag. A tag on both channels pairs with itself once,
 // at offset 0.
-Expected reference(const Config& c, const std::vector<Tag>& tags) {
+CorrelationExpected correlationReference(const CorrelationConfig& c, const std::vector<Tag>& tags) {
   const int second = c.channel_2 == kUnused ? c.channel_1 : c.channel_2;
   const int64_t half_range = c.binwidth * c.n_bins / 2;
-  Expected out;
+  CorrelationExpected out;
   out.data.assign(static_cast<size_t>(c.n_bins), 0);
   auto count = [&](int64_t offset) {
     const int64_t bin = (offset + half_range) / c.binwidth;
@@ -241,9 +246,8 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
   EXPECT_EQ(tagger.registrations(3), 1);
   Direct<Correlation> correlation(&tagger, 1, 2, 10, 10);  // half range 50
   // Before any tag every normalised bin is 0 x (0 / 0).
-  for (double value : collect(correlation, &Correlation::getDataNormalized)) {
-    EXPECT_TRUE(std::isnan(value));
-  }
+  EXPECT_THAT(collect(correlation, &Correlation::getDataNormalized),
+              ::testing::Each(::testing::IsNan()));
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
   // An end with no begin (started inside an overflow) drops the capture time before it, but no
   // counts.
@@ -252,7 +256,7 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
             (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
   EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
                    100.0 / (10.0 * 1 * 2));
-  const Config configs[] = {
+  const CorrelationConfig configs[] = {
       {1, 2, 1, 64},           // identity binning, even range
       {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
       {1, kUnused, 16, 40},    // shift, autocorrelation
@@ -262,24 +266,19 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
       {1, 2, 10000000019, 4},  // true division
   };
   int modes_seen[7] = {};
-  for (const Config& c : configs) {
+  for (const CorrelationConfig& c : configs) {
     const int64_t half_range = c.binwidth * c.n_bins / 2;
     ++modes_seen[FastBinning(c.binwidth, 2 * half_range).getMode()];
     for (uint64_t seed = 1; seed <= 4; ++seed) {
       SCOPED_TRACE(::testing::Message() << "binwidth " << c.binwidth << " seed " << seed);
       const PlainKernels plain(seed <= 2);
       std::mt19937_64 rng(seed);
-      const TagStream stream =
-          makeRandomStream(rng, {.channels = {1, 2, 3},
-                                 .tags = 3000,
-                                 .mean_gap = half_range / 3 + 1,
-                                 .error_percent = 1,
-                                 .overflow_percent = 1,
-                                 .grid = seed % 2 == 1 ? std::max<int64_t>(1, half_range / 8) : 1});
+      const TagStream stream = binningStream(rng, seed, {1, 2, 3}, half_range / 3 + 1,
+                                             std::max<int64_t>(1, half_range / 8));
       Correlation correlation(&tagger, c.channel_1, c.channel_2, c.binwidth, c.n_bins);
       const auto delivered = deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40)));
       correlation.stop();
-      const Expected expected = reference(c, concatenate(delivered));
+      const CorrelationExpected expected = correlationReference(c, concatenate(delivered));
       ASSERT_GT(std::accumulate(expected.data.begin(), expected.data.end(), 0), 50);
       const std::vector<int32_t> data = collect(correlation, &Correlation::getData);
       ASSERT_EQ(data, expected.data);
@@ -298,8 +297,6 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
   }
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(modes_seen[mode], 0) << "mode " << mode;
 }
-
-}  // namespace correlation
 
 using Rows = std::vector<std::pair<int64_t, int64_t>>;
 
@@ -391,12 +388,7 @@ TEST_F(HistogramTest, StartStopMatchesReferenceAndAStartBeforeARestartOrClearNev
       std::mt19937_64 rng(seed);
       const int64_t width = std::max<int64_t>(c.binwidth, 1);
       const TagStream stream = c.far ? nearAndFarPairs(rng, width)
-                                     : makeRandomStream(rng, {.channels = {1, 2, 3},
-                                                              .tags = 3000,
-                                                              .mean_gap = 5 * width,
-                                                              .error_percent = 1,
-                                                              .overflow_percent = 1,
-                                                              .grid = seed % 2 == 1 ? width : 1});
+                                     : binningStream(rng, seed, {1, 2, 3}, 5 * width, width);
       StartStop measurement(&tagger, c.click, c.start, c.binwidth);
       const std::vector<Tag> delivered =
           concatenate(deliver(tagger, cutStream(stream, randomCuts(rng, stream, 40))));

@@ -118,13 +118,8 @@ std::string describe(const Tag& tag) {
   static const char* const kNames[] = {"time", "error", "overflow-begin", "overflow-end", "missed"};
   std::ostringstream text;
   const auto type = static_cast<unsigned>(tag.type);
-  text << (type < 5 ? kNames[type] : "type?") << ' ';
-  if (tag.channel == CHANNEL_UNUSED) {
-    text << "-";
-  } else {
-    text << tag.channel;
-  }
-  text << '@' << tag.time;
+  text << (type < 5 ? kNames[type] : "type?") << ' '
+       << (tag.channel == CHANNEL_UNUSED ? "-" : std::to_string(tag.channel)) << '@' << tag.time;
   if (tag.type == Tag::Type::MissedEvents || tag.missed_events != 0) {
     text << " x" << tag.missed_events;
   }
@@ -134,13 +129,12 @@ std::string describe(const Tag& tag) {
 
 ::testing::AssertionResult sameTags(const std::vector<Tag>& actual,
                                     const std::vector<Tag>& expected) {
-  auto equal = [](const Tag& a, const Tag& b) {
-    return a.type == b.type && a.reserved == b.reserved && a.missed_events == b.missed_events &&
-           a.channel == b.channel && a.time == b.time;
+  auto key = [](const Tag& t) {
+    return std::tuple(t.type, t.reserved, t.missed_events, t.channel, t.time);
   };
   const size_t common = std::min(actual.size(), expected.size());
   size_t first = 0;
-  while (first < common && equal(actual[first], expected[first])) ++first;
+  while (first < common && key(actual[first]) == key(expected[first])) ++first;
   if (first == common && actual.size() == expected.size()) return ::testing::AssertionSuccess();
 
   auto failure = ::testing::AssertionFailure();
