@@ -112,15 +112,15 @@ Rows rowsOf(Counter& counter) {
   return out;
 }
 
-// The counter's rules with each row kept as a plain list of its last n finished bins: no ring.
-class ReferenceCounter {
- public:
-  ReferenceCounter(std::vector<int> channels, int64_t binwidth, int32_t n)
-      : channels(std::move(channels)),
-        binwidth(binwidth),
-        n(n),
-        finished(this->channels.size(), std::vector<int32_t>(static_cast<size_t>(n), 0)),
-        open(this->channels.size()) {}
+// The counter's rules with each row kept as a plain list of its last n finished bins, oldest first:
+// no ring.
+struct ReferenceCounter {
+  std::vector<int> channels;
+  int64_t binwidth;
+  int32_t n;
+  Rows finished = Rows(channels.size(), std::vector<int32_t>(static_cast<size_t>(n), 0));
+  std::vector<int32_t> open = std::vector<int32_t>(channels.size(), 0);  // per channel
+  std::optional<int64_t> origin = std::nullopt;
 
   void feed(const Block& block) {
     if (!origin) origin = block.begin_time;
@@ -152,9 +152,6 @@ class ReferenceCounter {
     return *origin + (n + 1) * binwidth;
   }
 
-  const Rows& rows() const { return finished; }
-
- private:
   void moveTo(int64_t time) {
     if (time - *origin >= (n + 1) * binwidth) {
       // Everything kept is older than the ring: forgotten, and a fresh grid 1 ps before a multiple
@@ -171,13 +168,6 @@ class ReferenceCounter {
       }
     }
   }
-
-  std::vector<int> channels;
-  int64_t binwidth;
-  int32_t n;
-  Rows finished;  // per channel, oldest first
-  std::vector<int32_t> open;
-  std::optional<int64_t> origin;
 };
 
 // Random blocks, restarts, and empty blocks that end one below, at and one above the moment the
@@ -196,7 +186,7 @@ TEST(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
     std::vector<int64_t> index;
     for (int32_t i = 0; i < n; ++i) index.push_back(i * binwidth);
     EXPECT_EQ(collect(counter, &Counter::getIndex), index);
-    ReferenceCounter reference(channels, binwidth, n);
+    ReferenceCounter reference{channels, binwidth, n};
     // Far from 0, so that no grid lands on -1, which the counter takes for "no bin".
     int64_t time = 1000000000;
     for (int step = 0; step < 250; ++step) {
@@ -218,7 +208,7 @@ TEST(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
       counter.feed(block.tags, block.begin_time, block.end_time);
       reference.feed(block);
       time = block.end_time;
-      ASSERT_EQ(rowsOf(counter), reference.rows()) << "trial " << trial << " step " << step;
+      ASSERT_EQ(rowsOf(counter), reference.finished) << "trial " << trial << " step " << step;
     }
   }
 }
