@@ -33,17 +33,6 @@ using testing::invalidArgument;
 using testing::TestZeptick;
 using Stamp = CoincidenceTimestamp;
 
-// 64 distinct channels over four groups, one repeated across them.
-std::vector<std::vector<int>> sixtyFourChannels() {
-  std::vector<std::vector<int>> groups;
-  for (int base = 0; base < 64; base += 16) {
-    std::vector<int> group{100};
-    for (int c = base; c < base + 16; ++c) group.push_back(100 + c);
-    groups.push_back(group);
-  }
-  return groups;
-}
-
 // One case per line: the message, then the statement that raises it.
 #define CASE(message, ...)        \
   {                               \
@@ -55,7 +44,10 @@ TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
   TestZeptick tagger("TEST-1", 2);
   tagger.setIdleSpan(0);
   TestZeptick* t = &tagger;
-  auto too_many = sixtyFourChannels();
+  // 64 distinct channels over four groups, 100 in each of them; one more is too many.
+  std::vector<std::vector<int>> sixty_four(4, std::vector<int>{100});
+  for (int c = 0; c < 64; ++c) sixty_four[c / 16].push_back(100 + c);
+  auto too_many = sixty_four;
   too_many.back().push_back(164);
   const std::string binwidth = "binwidth must be at least 1 ps";
   const std::string n_bins = "n_bins must be at least 1";
@@ -91,7 +83,7 @@ TEST(ArgumentMessagesTest, EachBadArgumentThrowsItsMessageAndRegistersNothing) {
       CASE("coincidences groups are empty", Coincidences(t, {}, 100, Stamp::Last)),
       CASE(empty_group, Coincidences(t, {{1, 2}, {}}, 100, Stamp::Last)),
       CASE(empty_group, Coincidence(t, {}, 100, Stamp::Last)),
-      CASE("no exception", Coincidences(t, sixtyFourChannels(), 100, Stamp::Last)),
+      CASE("no exception", Coincidences(t, sixty_four, 100, Stamp::Last)),
       CASE("no more than 64 different channels can be used at once on a single "
            "Coincidences measurement. Split the groups into multiple measurements",
            Coincidences(t, too_many, 100, Stamp::Last)),
