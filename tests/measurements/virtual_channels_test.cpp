@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <stdexcept>
@@ -117,18 +118,16 @@ std::vector<Tag> coincidencesReference(const TagStream& stream, const Groups& gr
       if (latest.size() != group.size()) continue;
       int64_t stamp_time = now;
       if (stamp == Stamp::Average) {
-        int64_t sum = 0;
-        for (int64_t t : latest) sum += t;
         const auto n = static_cast<int64_t>(latest.size());
-        stamp_time = now + (sum - now * n) / n;
+        stamp_time =
+            now + (std::accumulate(latest.begin(), latest.end(), int64_t{0}) - now * n) / n;
       } else if (stamp == Stamp::First) {
         stamp_time = *std::min_element(latest.begin(), latest.end());
       } else if (stamp == Stamp::ListedFirst) {
         stamp_time = latest.front();
       }
       const int64_t lag = stamp == Stamp::Last ? 0 : window;
-      out.push_back(Tag{Tag::Type::TimeTag, 0, 0, kFirstVirtualChannel + static_cast<int>(g),
-                        stamp_time + lag});
+      out.push_back(timeTag(kFirstVirtualChannel + static_cast<int>(g), stamp_time + lag));
     }
   }
   std::stable_sort(out.begin(), out.end(),
@@ -225,8 +224,7 @@ std::vector<Tag> delayedReference(const std::vector<Tag>& in, const std::vector<
         in.begin());
   };
 
-  std::vector<Tag> passing;
-  std::vector<Tag> copies;
+  std::vector<Tag> passing, copies;
   for (size_t i = 0; i < in.size(); ++i) {
     passing.push_back(in[i]);
     if (delay < 0) passing.back().time -= delay;
@@ -295,8 +293,7 @@ TEST_F(VirtualChannelTest, DelayedChannelMatchesTheRulesAndDelayChangesFollowThe
   EXPECT_TRUE(channel.feed({}, 401, 500).empty());
   struct Case {
     std::vector<int> inputs;
-    int64_t delay;
-    int64_t tail;
+    int64_t delay, tail;
   };
   // Up to three inputs take the scan, more the hash map; both signs of delay.
   const Case cases[] = {{{1}, 0, 0},
@@ -446,11 +443,10 @@ TEST_F(VirtualChannelTest, FrequencyMultiplierMatchesTheRulesAndAtTimeZeroAndAcr
 }
 
 struct GeneratorSetup {
-  int trigger = 1;
+  int trigger;
   std::vector<int64_t> pattern;
-  uint64_t divider = 1;
-  uint64_t offset = 0;
-  int stop = CHANNEL_UNUSED;
+  uint64_t divider, offset;
+  int stop;
 };
 
 // With a negative entry the stream and every entry are shifted by `lag`. A generated tag is
