@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <random>
@@ -19,10 +20,8 @@ namespace {
 using namespace testing;
 
 bool contiguous(const std::vector<Block>& blocks) {
-  for (size_t i = 1; i < blocks.size(); ++i) {
-    if (blocks[i].begin_time != blocks[i - 1].end_time) return false;
-  }
-  return true;
+  auto gap = [](const Block& a, const Block& b) { return b.begin_time != a.end_time; };
+  return std::adjacent_find(blocks.begin(), blocks.end(), gap) == blocks.end();
 }
 
 void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }

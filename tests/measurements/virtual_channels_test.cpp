@@ -527,6 +527,15 @@ TEST_F(VirtualChannelTest, EventGeneratorMatchesTheRulesAndWithoutPatternPassesT
   }
 }
 
+// Sorted by time and then by every field: the channel may emit tags of one time in any order.
+std::vector<Tag> sortedWithinEqualTimes(std::vector<Tag> tags) {
+  std::sort(tags.begin(), tags.end(), [](const Tag& a, const Tag& b) {
+    return std::tuple(a.time, a.type, a.channel, a.missed_events) <
+           std::tuple(b.time, b.type, b.channel, b.missed_events);
+  });
+  return tags;
+}
+
 // A pulse is a tag on a listed channel then one on its inverted channel, no pulse end between; its
 // midpoint counts if narrower than the window. Every time tag reappears half a window later. A
 // non-time tag drops every pulse begun and every delayed tag not yet out, i.e. not yet passed by

@@ -106,14 +106,6 @@ std::vector<Block> deliver(TestTaggerCore& tagger, std::vector<Block> blocks) {
   return pushed;
 }
 
-std::vector<Tag> sortedWithinEqualTimes(std::vector<Tag> tags) {
-  std::stable_sort(tags.begin(), tags.end(), [](const Tag& a, const Tag& b) {
-    return std::tuple(a.time, a.type, a.channel, a.missed_events) <
-           std::tuple(b.time, b.type, b.channel, b.missed_events);
-  });
-  return tags;
-}
-
 std::string describe(const Tag& tag) {
   static const char* const kNames[] = {"time", "error", "overflow-begin", "overflow-end", "missed"};
   std::ostringstream text;

@@ -63,10 +63,6 @@ std::vector<Tag> concatenate(const std::vector<Block>& blocks);
 /// stood). Works with and without idle blocks.
 std::vector<Block> deliver(TestTaggerCore& tagger, std::vector<Block> blocks);
 
-/// Stable sort by time and then by every field: the canonical order of a
-/// stream whose tags of equal time may come in any order.
-std::vector<Tag> sortedWithinEqualTimes(std::vector<Tag> tags);
-
 /// Field by field equality of two tag sequences; on failure, the first
 /// difference with a few tags of context on either side.
 ::testing::AssertionResult sameTags(const std::vector<Tag>& actual,
