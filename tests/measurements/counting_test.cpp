@@ -378,9 +378,7 @@ TEST_F(CountingTest, ScopeEqualsBruteForceOnRandomStreamsCutEveryWay) {
     const int64_t window = 20 * (100 + static_cast<int64_t>(rng() % 1000));  // edges hit its end
     const int32_t n_traces = 3 + static_cast<int32_t>(rng() % 30);
     Direct<Scope> scope(&tagger, std::vector<int>{1, 2}, 3, window, n_traces);
-    for (const Block& block : cutStream(stream, randomCuts(rng, stream, 25))) {
-      scope.feed(block.tags, block.begin_time, block.end_time);
-    }
+    scope.feed(cutStream(stream, randomCuts(rng, stream, 25)));
     std::vector<std::vector<int64_t>> expected;
     std::vector<int64_t> triggers;
     referenceScope(stream, {1, 2}, 3, window, static_cast<size_t>(n_traces), expected, triggers);
@@ -406,7 +404,7 @@ TEST_F(CountingTest, IteratorDeliversTheChannelsTagsInOrderMarksDropsAndFeedsACo
   const auto blocks = cutStream(stream, randomCuts(rng, stream, 40));
   // Room for about a third of the stream: the caller reads only after everything arrived.
   Direct<Iterator> iterator(&tagger, std::vector<int>{1, 3}, stream.tags.size() / 3);
-  for (const Block& block : blocks) iterator.feed(block.tags, block.begin_time, block.end_time);
+  iterator.feed(blocks);
 
   std::vector<Tag> kept;
   for (const Tag& tag : stream.tags) {

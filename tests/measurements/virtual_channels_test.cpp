@@ -358,9 +358,7 @@ TEST_F(VirtualChannelTest, GateMatchesTheRulesAndStaysOpenAcrossBlocksStopsAndCl
       const std::vector<Tag> expected = gatedReference(stream.tags, input, start, stop);
       const auto out = checkVirtualChannel<GatedChannel>(stream, {}, input, start, stop);
       EXPECT_TRUE(sameTags(out.inserted, expected));
-      if (start != 5 && input != stop) {
-        EXPECT_GT(expected.size(), 50u);
-      }
+      EXPECT_TRUE(start == 5 || input == stop || expected.size() > 50);  // 5 never occurs
     }
   }
 }
@@ -610,7 +608,7 @@ TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPairAndMatchesTheRulesC
     const std::vector<Block> blocks = cutStream(stream, randomCuts(rng, stream, 40));
 
     Direct<CFD> cfd(&tagger, channels, window);
-    const std::vector<Block> out = feedBlocks(cfd, blocks);
+    const std::vector<Block> out = cfd.feed(blocks);
     ASSERT_TRUE(blocksInOrder(out)) << "trial " << trial;
     std::vector<int64_t> ends;
     for (const Block& block : blocks) ends.push_back(block.end_time);

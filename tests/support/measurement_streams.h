@@ -98,6 +98,14 @@ class Direct : public Measurement {
   std::vector<Tag> feed(std::vector<Tag> tags, int64_t end_time) {
     return feed(std::move(tags), last_end, end_time);
   }
+  /// Each of `blocks` in turn; returns them as they left.
+  std::vector<Block> feed(const std::vector<Block>& blocks) {
+    std::vector<Block> out;
+    for (const Block& b : blocks) {
+      out.push_back({feed(b.tags, b.begin_time, b.end_time), b.begin_time, b.end_time});
+    }
+    return out;
+  }
   /// Runs the start hook as start() would, leaving the measurement stopped.
   void restart() {
     this->start();

@@ -44,17 +44,6 @@ struct VirtualChannelOutput {
 /// Each tag of `blocks` in time order and inside its block's span, or as `held_back` allows.
 ::testing::AssertionResult blocksInOrder(const std::vector<Block>& blocks, int64_t held_back = -1);
 
-/// Feeds `blocks` to `channel` (a Direct<...>) in turn; returns them as they left it.
-template <class Channel>
-std::vector<Block> feedBlocks(Channel& channel, const std::vector<Block>& blocks) {
-  std::vector<Block> out;
-  for (const Block& block : blocks) {
-    out.push_back({channel.feed(block.tags, block.begin_time, block.end_time), block.begin_time,
-                   block.end_time});
-  }
-  return out;
-}
-
 /// Runs blocks through a fresh channel; returns them as they left it.
 using VirtualChannelRun = std::function<std::vector<Block>(const std::vector<Block>&)>;
 
@@ -75,7 +64,7 @@ VirtualChannelOutput checkVirtualChannel(const TagStream& stream, const VirtualC
         TestZeptick tagger("TEST-1", 4, rules.inputs);
         tagger.setIdleSpan(0);
         Direct<Channel> channel(&tagger, args...);
-        return feedBlocks(channel, blocks);
+        return channel.feed(blocks);
       },
       rules);
 }
