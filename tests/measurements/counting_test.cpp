@@ -286,10 +286,9 @@ TEST_F(CountingTest, CountBetweenMarkersEqualsBruteForceAndOverflowsWhileFullFla
     // A clear drops every bin, the open one too.
     const auto blocks = cutStream(stream, randomCuts(rng, stream, 30));
     const size_t clear_at = rng() % blocks.size();
-    for (size_t k = 0; k < blocks.size(); ++k) {
-      if (k == clear_at) measurement.clear();
-      measurement.feed(blocks[k].tags, blocks[k].begin_time, blocks[k].end_time);
-    }
+    measurement.feed({blocks.begin(), blocks.begin() + clear_at});
+    measurement.clear();
+    measurement.feed({blocks.begin() + clear_at, blocks.end()});
     auto bins = referenceBins(stream.tags, 1, 2, end_channel);
     std::erase_if(bins,
                   [&](const ReferenceBin& bin) { return bin.begin < blocks[clear_at].begin_time; });
