@@ -192,9 +192,10 @@ TEST_F(VirtualChannelTest,
       detail::limitCoincidenceWindows(form);
       SCOPED_TRACE(::testing::Message()
                    << "seed " << seed << " stamp " << int(stamp) << " form " << int(form));
-      VirtualChannelRules rules;
-      if (stamp != Stamp::Last) rules.shift = [window](const Tag&) { return window; };
-      rules.tail = seed % 2 == 0 ? window : 0;  // half the runs let the held-back end out
+      // Half the runs let the held-back end out.
+      const VirtualChannelRules rules{
+          .shift = [&](const Tag&) { return stamp == Stamp::Last ? 0 : window; },
+          .tail = seed % 2 == 0 ? window : 0};
       const auto out = checkVirtualChannel<Coincidences>(stream, rules, groups, window, stamp);
       EXPECT_TRUE(
           sameTags(out.output, coincidencesReference(stream, groups, window, stamp, out.end_time)));
@@ -310,9 +311,8 @@ TEST_F(VirtualChannelTest, DelayedChannelMatchesTheRulesAndDelayChangesFollowThe
                                                   .overflow_percent = 0.5});
   for (const Case& c : cases) {
     SCOPED_TRACE("delay " + std::to_string(c.delay) + " inputs " + std::to_string(c.inputs.size()));
-    VirtualChannelRules rules;
-    if (c.delay < 0) rules.shift = [&c](const Tag&) { return -c.delay; };
-    rules.tail = c.tail;
+    const VirtualChannelRules rules{
+        .shift = [&c](const Tag&) { return std::max<int64_t>(0, -c.delay); }, .tail = c.tail};
     const auto out = checkVirtualChannel<DelayedChannel>(stream, rules, c.inputs, c.delay);
     EXPECT_TRUE(
         sameTags(out.output, delayedReference(stream.tags, c.inputs, c.delay, out.end_time)));
@@ -432,9 +432,8 @@ TEST_F(VirtualChannelTest, FrequencyMultiplierMatchesTheRulesAndAtTimeZeroAndAcr
       EXPECT_GE(out.inserted.size(), 400u * static_cast<size_t>(factor) / 2);
       // A non-time tag drops an extrapolation that a block end before it would have let out, so
       // here only the one-block run is compared.
-      VirtualChannelRules rules;
-      rules.cut_invariant = false;
-      out = checkVirtualChannel<FrequencyMultiplier>(with_overflows, rules, 1, factor);
+      out = checkVirtualChannel<FrequencyMultiplier>(with_overflows, {.cut_invariant = false}, 1,
+                                                     factor);
       EXPECT_TRUE(sameTags(out.output, multiplierReference(with_overflows, 1, factor)));
     }
   }
@@ -514,10 +513,8 @@ TEST_F(VirtualChannelTest, EventGeneratorMatchesTheRulesAndWithoutPatternPassesT
                                                     .missed_outside_percent = 0.5});
     int64_t lag = 0;
     for (int64_t p : setup.pattern) lag = std::max(lag, -p);
-    VirtualChannelRules rules;
-    rules.shift = [lag](const Tag&) { return lag; };
-    rules.tail = 3000;
-    rules.seed = k + 1;
+    const VirtualChannelRules rules{
+        .shift = [lag](const Tag&) { return lag; }, .tail = 3000, .seed = k + 1};
     const auto out = checkVirtualChannel<EventGenerator>(
         stream, rules, setup.trigger, setup.pattern, setup.divider, setup.offset, setup.stop);
     EXPECT_TRUE(sameTags(out.output, generatorReference(stream.tags, setup, out.end_time)));
@@ -686,8 +683,8 @@ TEST(AverageChannelTest, NeedsAnUltra18SetsTheInputMultiplexersAndMatchesTheRule
     const TagStream stream = makeRandomStream(rng, shape);
     // Held back a window at their own times: the tail lets the last of them out.
     const auto out = checkVirtualChannel<AverageChannel>(
-        stream, {.shift = {}, .held_back = window, .tail = window + 1, .seed = k + 1, .inputs = 18},
-        1, channels);
+        stream, {.held_back = window, .tail = window + 1, .seed = k + 1, .inputs = 18}, 1,
+        channels);
     EXPECT_GT(out.inserted.size(), 30u);
     EXPECT_TRUE(
         sameTags(out.output, averageReference(stream.tags, channels, window, out.end_time)));

@@ -21,7 +21,7 @@ namespace zeptick::testing {
 struct VirtualChannelRules {
   /// Time a passing tag gains (a channel that holds the whole stream back).
   /// Passing tags at or after the end of the run are not expected.
-  std::function<int64_t(const Tag&)> shift;
+  std::function<int64_t(const Tag&)> shift = nullptr;
   /// The output is the same however the stream is cut.
   bool cut_invariant = true;
   /// At least 0 for a channel that holds tags back at their own times: each leaves only in a block
