@@ -87,11 +87,10 @@ TEST_F(CountingTest, CountrateMatchesReferenceOnRandomStreamsCutAnywhere) {
     auto blocks = cutStream(stream, randomCuts(rng, stream, 60));
     const size_t restart_at = rng() % blocks.size();
     Direct<Countrate> countrate(&tagger, entries);
-    for (size_t k = 0; k < blocks.size(); ++k) {
-      if (k == restart_at && seed % 3 == 0) countrate.clear();
-      if (k == restart_at && seed % 3 == 1) countrate.restart();
-      countrate.feed(blocks[k].tags, blocks[k].begin_time, blocks[k].end_time);
-    }
+    countrate.feed({blocks.begin(), blocks.begin() + restart_at});
+    if (seed % 3 == 0) countrate.clear();
+    if (seed % 3 == 1) countrate.restart();
+    countrate.feed({blocks.begin() + restart_at, blocks.end()});
     if (seed % 3 != 2) blocks.erase(blocks.begin(), blocks.begin() + restart_at);
     const auto [totals, rates] = countrateReference(entries, blocks);
     EXPECT_EQ(collect(countrate, &Countrate::getCountsTotal), totals);
