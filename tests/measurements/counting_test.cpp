@@ -101,16 +101,6 @@ TEST_F(CountingTest, CountrateMatchesReferenceOnRandomStreamsCutAnywhere) {
 
 using Rows = std::vector<std::vector<int32_t>>;
 
-Rows rowsOf(Counter& counter) {
-  std::vector<size_t> sizes;
-  const std::vector<int32_t> flat = collect(counter, &Counter::getData, &sizes);
-  Rows out;
-  for (size_t i = 0; i < flat.size(); i += sizes[1]) {
-    out.emplace_back(flat.begin() + i, flat.begin() + i + sizes[1]);
-  }
-  return out;
-}
-
 // The counter's rules with each row kept as a plain list of its last n finished bins, oldest first:
 // no ring.
 struct ReferenceCounter {
@@ -207,7 +197,11 @@ TEST(CounterTest, MatchesAPlainListOfBinsOnRandomStreams) {
       counter.feed(block.tags, block.begin_time, block.end_time);
       reference.feed(block);
       time = block.end_time;
-      ASSERT_EQ(rowsOf(counter), reference.finished) << "trial " << trial << " step " << step;
+      std::vector<int32_t> rows;  // flat, a row per channel
+      for (const auto& row : reference.finished) rows.insert(rows.end(), row.begin(), row.end());
+      std::vector<size_t> sizes;
+      ASSERT_EQ(collect(counter, &Counter::getData, &sizes), rows) << trial << ", step " << step;
+      ASSERT_EQ(sizes, (std::vector<size_t>{3, static_cast<size_t>(n)}));
     }
   }
 }
