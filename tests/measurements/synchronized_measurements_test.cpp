@@ -1,5 +1,6 @@
 #include "zeptick/synchronized_measurements.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -156,12 +157,8 @@ TEST(SynchronizedMeasurements, MembershipFollowsRegistrationAndDestructionAndFai
   SynchronizedMeasurements failing(&tagger);
   RecordingMeasurement good(failing.getTagger());
   FailingStart bad(failing.getTagger());
-  try {
-    failing.start();
-    ADD_FAILURE() << "expected std::runtime_error";
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("refuses to start"), std::string::npos);
-  }
+  EXPECT_THAT(invalidArgument([&] { failing.start(); }),
+              ::testing::MatchesRegex("runtime_error: .*refuses to start.*"));
   EXPECT_TRUE(good.isRunning());
   EXPECT_FALSE(bad.isRunning());
   failing.stop();
