@@ -102,12 +102,6 @@ TEST(RingQueueTest, BehavesLikeADequeThroughWrapsAndGrowth) {
 
 constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
 
-uint64_t binOf(const FastBinning& binner, uint64_t delta) {
-  uint64_t bin = kMax;
-  withBinningMode(binner, [&](auto mode) { bin = binner.divide<decltype(mode)::value>(delta); });
-  return bin;
-}
-
 struct Selection {
   uint64_t divisor, max_duration;
   FastBinning::Mode mode;
@@ -179,9 +173,10 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotientInTheCheapestExactMo
       deltas.push_back(max_duration == kMax ? rng() : rng() % (max_duration + 1));
     }
     for (uint64_t delta : deltas) {
-      ASSERT_EQ(binOf(binner, delta), delta / divisor)
-          << "divisor " << divisor << " max_duration " << max_duration << " delta " << delta
-          << " mode " << mode;
+      uint64_t bin = kMax;
+      withBinningMode(binner, [&](auto m) { bin = binner.divide<decltype(m)::value>(delta); });
+      ASSERT_EQ(bin, delta / divisor) << "divisor " << divisor << " max_duration " << max_duration
+                                      << " delta " << delta << " mode " << mode;
     }
   }
   // The samples reach every mode that the selection can return.

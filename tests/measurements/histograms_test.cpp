@@ -244,8 +244,7 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
   EXPECT_THAT(collect(correlation, &Correlation::getDataNormalized),
               ::testing::Each(::testing::IsNan()));
   correlation.feed({timeTag(2, 120), timeTag(1, 165)}, 100, 500);  // +45: the last bin
-  // An end with no begin (started inside an overflow) drops the capture time before it, but no
-  // counts.
+  // An end with no begin (started inside an overflow) drops the capture time before it, no counts.
   correlation.feed({timeTag(2, 510), marker(Tag::Type::OverflowEnd, 550)}, 500, 600);
   EXPECT_EQ(collect(correlation, &Correlation::getData),
             (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));

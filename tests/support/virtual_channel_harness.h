@@ -1,13 +1,11 @@
 #pragma once
 
-// Invariants every virtual channel owes the measurements behind it, checked by
-// feeding one stream to the channel cut into blocks in several ways:
-//   - each block leaves in non-decreasing time order, inside its span;
-//   - every input tag passes through once, in order (unless the channel's
-//     rules drop it), with only the time shift the channel's rules give it;
-//   - the whole output stream does not depend on where the blocks were cut.
-// The tags the channel inserted are handed back, so that each test can compare
-// them with a reference worked out from the channel's rules.
+// Invariants every virtual channel owes the measurements behind it, checked by feeding one stream
+// to the channel cut into blocks in several ways: each block leaves in non-decreasing time order,
+// inside its span; every input tag passes through once, in order (unless the channel's rules drop
+// it), with only the time shift the rules give it; the whole output does not depend on where the
+// blocks were cut. The tags the channel inserted are handed back for each test to compare with a
+// reference worked out from the channel's rules.
 
 #include <cstdint>
 #include <functional>
