@@ -534,7 +534,7 @@ std::vector<Tag> sortedWithinEqualTimes(std::vector<Tag> tags) {
 // midpoint counts if narrower than the window. Every time tag reappears half a window later. A
 // non-time tag drops every pulse begun and every delayed tag not yet out, i.e. not yet passed by
 // a later time tag or block end. Entry i of `channels` leads the pulses `numbers[i]` marks.
-std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<int64_t>& block_ends,
+std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<Block>& blocks,
                               const std::vector<int>& channels, const std::vector<int>& numbers,
                               int64_t window) {
   const int64_t half = window / 2;
@@ -550,8 +550,8 @@ std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<i
     held.clear();
   };
   for (const Tag& tag : input) {
-    while (next_end < block_ends.size() && block_ends[next_end] <= tag.time) {
-      passed_limit = std::max(passed_limit, block_ends[next_end++]);
+    while (next_end < blocks.size() && blocks[next_end].end_time <= tag.time) {
+      passed_limit = std::max(passed_limit, blocks[next_end++].end_time);
     }
     if (tag.type != Tag::Type::TimeTag) {
       release();
@@ -578,9 +578,7 @@ std::vector<Tag> cfdReference(const std::vector<Tag>& input, const std::vector<i
     shifted.time += half;
     held.push_back(shifted);
   }
-  for (; next_end < block_ends.size(); ++next_end) {
-    passed_limit = std::max(passed_limit, block_ends[next_end]);
-  }
+  passed_limit = std::max(passed_limit, blocks.back().end_time);  // the ends only grow
   release();
   return sortedWithinEqualTimes(out);
 }
@@ -606,10 +604,8 @@ TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPairAndMatchesTheRulesC
     Direct<CFD> cfd(&tagger, channels, window);
     const std::vector<Block> out = cfd.feed(blocks);
     ASSERT_TRUE(blocksInOrder(out)) << "trial " << trial;
-    std::vector<int64_t> ends;
-    for (const Block& block : blocks) ends.push_back(block.end_time);
     const std::vector<Tag> expected =
-        cfdReference(stream.tags, ends, channels, cfd.getChannels(), window);
+        cfdReference(stream.tags, blocks, channels, cfd.getChannels(), window);
     ASSERT_TRUE(sameTags(sortedWithinEqualTimes(concatenate(out)), expected))
         << "trial " << trial << ", window " << window;
   }
