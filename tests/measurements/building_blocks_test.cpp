@@ -48,8 +48,7 @@ TEST(ChannelIndexTest, AgreesWithAMapOnNarrowAndWideChannelSets) {
 }
 
 struct Timed {
-  int64_t time;
-  int64_t id;
+  int64_t time, id;
   bool operator==(const Timed&) const = default;
 };
 
@@ -78,8 +77,7 @@ TEST(RingQueueTest, BehavesLikeADequeThroughWrapsAndGrowth) {
       while (at != reference.begin() && (at - 1)->time > late.time) --at;
       reference.insert(at, late);
     } else if (roll < push_per_mille || reference.empty()) {
-      const Timed value{next_value, next_value};
-      ++next_value;
+      const Timed value{next_value, next_value++};  // braces evaluate left to right
       queue.push_back(value);
       reference.push_back(value);
     } else {
