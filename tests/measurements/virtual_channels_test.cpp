@@ -366,13 +366,12 @@ TEST_F(VirtualChannelTest, GateMatchesTheRulesAndStaysOpenAcrossBlocksStopsAndCl
 // replacing the previous schedule, let out before the first later time tag or at the end; a tag
 // that is not a time tag cancels everything.
 std::vector<Tag> multiplierReference(const TagStream& stream, int input, int multiplier) {
-  const int vc = kFirstVirtualChannel;
   std::vector<Tag> out;
   std::deque<int64_t> schedule;
   int64_t last = 0;
   auto emitBefore = [&](int64_t time) {
     for (; !schedule.empty() && schedule.front() < time; schedule.pop_front()) {
-      out.push_back(timeTag(vc, schedule.front()));
+      out.push_back(timeTag(kFirstVirtualChannel, schedule.front()));
     }
   };
   for (const Tag& tag : stream.tags) {
@@ -388,7 +387,7 @@ std::vector<Tag> multiplierReference(const TagStream& stream, int input, int mul
     const int64_t previous = last;
     last = tag.time;
     if (previous <= 0) continue;
-    out.push_back(timeTag(vc, tag.time));
+    out.push_back(timeTag(kFirstVirtualChannel, tag.time));
     schedule.clear();
     for (int k = 1; k < multiplier; ++k) {
       schedule.push_back(tag.time + (tag.time - previous) * k / multiplier);

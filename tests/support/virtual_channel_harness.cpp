@@ -52,16 +52,14 @@ VirtualChannelOutput checkVirtualChannelRuns(const TagStream& stream, const Virt
 
   VirtualChannelOutput first;
   for (int cutting = 0; cutting < 5; ++cutting) {
+    // One block, one cut at every tag time, then a few and many random cuts in turn.
     std::vector<int64_t> cuts;
-    std::string how = "one block";
     if (cutting == 1) {
       cuts = cutsAtTagTimes(stream);
-      how = "cut at every tag time";
     } else if (cutting > 1) {
       cuts = randomCuts(rng, stream, cutting % 2 == 1 ? stream.tags.size() / 2 : 12);
-      how = cutting % 2 == 1 ? "many random cuts" : "a few random cuts";
     }
-    SCOPED_TRACE("cutting " + std::to_string(cutting) + ": " + how);
+    SCOPED_TRACE("cutting " + std::to_string(cutting));
     std::vector<Block> blocks = cutStream(stream, cuts);
     if (rules.tail > 0) blocks.push_back(Block{{}, stream.end_time, run_end});
 
