@@ -179,6 +179,7 @@ TEST(FastBinningTest, EveryDeltaInRangeGivesTheExactQuotientInTheCheapestExactMo
   }
   // The samples reach every mode that the selection can return.
   for (int mode : {0, 1, 2, 3, 4, 6}) EXPECT_GT(seen_modes[mode], 0) << "mode " << mode;
+
   const Selection table[] = {
       {1000, 999, FastBinning::ModeZero, 0},
       {1, 1000, FastBinning::ModeIdentity, 0},

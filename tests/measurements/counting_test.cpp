@@ -265,6 +265,7 @@ TEST_F(CountingTest, CountBetweenMarkersEqualsBruteForceAndOverflowsWhileFullFla
     EXPECT_EQ(collect(measurement, &CountBetweenMarkers::getOverflows),
               std::vector<uint8_t>{!ends});
   }
+
   std::mt19937_64 rng(11);
   for (int round = 0; round < 40; ++round) {
     // On a grid, markers and clicks often share a time.
@@ -440,6 +441,7 @@ TEST_F(CountingTest, IteratorDeliversTheChannelsTagsInOrderMarksDropsAndFeedsACo
   EXPECT_TRUE(sameTags(block.tags, {marker(Tag::Type::OverflowBegin, expected_begin),
                                     marker(Tag::Type::OverflowEnd, stream.end_time),
                                     timeTag(1, stream.end_time + 10)}));
+
   TestZeptick live{"TEST-2", 2};
   live.setIdleSpan(0);
   const TagStream many = makeRandomStream(rng, StreamShape{.tags = 20000});

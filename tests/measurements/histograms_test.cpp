@@ -140,6 +140,7 @@ TEST_F(HistogramTest, TimeDifferencesMatchesReferenceAndTheLimitWaitsForPendingS
                 timeTag(3, 305)},
                310);
   EXPECT_EQ(limited.getCounts(), 1u);
+
   const TimeDifferencesConfig configs[] = {
       {1, 2, kUnused, kUnused, 1, 50, 1, 0},     // identity binning
       {1, 2, 3, 4, 64, 20, 3, 0},                // shift, full sequence
@@ -250,6 +251,7 @@ TEST_F(HistogramTest, CorrelationMatchesReferenceAndAnOverflowEndAloneResetsTheC
             (std::vector<int32_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
   EXPECT_DOUBLE_EQ(collect(correlation, &Correlation::getDataNormalized)[9],
                    100.0 / (10.0 * 1 * 2));
+
   const CorrelationConfig configs[] = {
       {1, 2, 1, 64},           // identity binning, even range
       {1, 2, 7, 33},           // reciprocal, odd range: the top edge lands in the last bin
@@ -349,6 +351,7 @@ TEST_F(HistogramTest, StartStopMatchesReferenceAndAStartBeforeARestartOrClearNev
   // A start channel left unused measures the spacing of the clicks alone.
   StartStop spacing(&tagger, 3, kUnused, 1);
   EXPECT_EQ(tagger.registrations(3), 1);
+
   struct Config {
     int click, start;
     int64_t binwidth;
@@ -477,6 +480,7 @@ TEST_F(HistogramTest, GridsMatchBruteForceHoweverCutAndClearsAbandonTheOpenEvent
   flat.feed({timeTag(1, 100), timeTag(1, 105)}, 0, 110);
   EXPECT_EQ(collect(flat, &TimeDifferencesND::getData, &sizes), std::vector<int32_t>(3, 0));
   EXPECT_EQ(sizes, (std::vector<size_t>{1, 3}));
+
   // Start 1, stops 2 and 3; bins of 10 ps (3 rows) and 25 ps (2 columns).
   Direct<Histogram2D> h(&tagger, 1, 2, 3, 10, 25, 3, 2);
   EXPECT_EQ(collect(h, &Histogram2D::getIndex, &sizes),
@@ -497,6 +501,7 @@ TEST_F(HistogramTest, GridsMatchBruteForceHoweverCutAndClearsAbandonTheOpenEvent
   Direct<Histogram2D> no_rows(&tagger, 1, 2, 3, 10, 10, -2, 2);
   no_rows.feed({timeTag(1, 100), timeTag(2, 101), timeTag(3, 102)}, 0, 110);
   EXPECT_TRUE(collect(no_rows, &Histogram2D::getData).empty());
+
   const std::vector<Setup2D> setups_2d = {
       {1, 2, 3, 7, 13, 20, 11},   // three channels, coarse second axis
       {1, 2, 2, 5, 5, 30, 30},    // one stop channel on both axes: the diagonal
@@ -636,6 +641,7 @@ TEST_F(HistogramTest, LogBinsMatchBruteForceHoweverCutAndClearSettlesAgain) {
   EXPECT_EQ(collect(h, &HistogramLogBins::getData), (std::vector<uint64_t>{0, 0, 2}));
   EXPECT_EQ(collect(h, &HistogramLogBins::getDataNormalizedG2)[2],
             2 * ((30000.0 - 21000) / (2 * 1)) / 900);
+
   const std::vector<LogSetup> setups = {
       // A range far longer than a gap: many live starts per click.
       {1, 2, -12, -8, 16, 300, 2, {1, 1, 2, -1, 3}},

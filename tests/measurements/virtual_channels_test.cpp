@@ -170,6 +170,7 @@ TEST_F(VirtualChannelTest,
       {timeTag(3, 150), timeTag(3, 140), timeTag(3, 200)}));
   back.setCoincidenceWindow(-10);
   EXPECT_TRUE(sameTags(back.feed({timeTag(3, 255)}, 300), {timeTag(3, 250), timeTag(3, 245)}));
+
   // Overlapping groups, a repeated channel, a single-channel group, over 8 inputs.
   const Groups some = {{1, 2}, {1, 2, 3}, {3, 4, 4, 5}, {6}, {7, 8, 1}, {2, 7}};
   // Input 1 in six groups, with nine partners: tables too wide to pad.
@@ -291,6 +292,7 @@ TEST_F(VirtualChannelTest, DelayedChannelMatchesTheRulesAndDelayChangesFollowThe
   channel.feed({timeTag(1, 400)}, 400, 401);
   channel.restart();
   EXPECT_TRUE(channel.feed({}, 401, 500).empty());
+
   struct Case {
     std::vector<int> inputs;
     int64_t delay, tail;
@@ -344,6 +346,7 @@ TEST_F(VirtualChannelTest, GateMatchesTheRulesAndStaysOpenAcrossBlocksStopsAndCl
   gated.restart();
   EXPECT_TRUE(
       sameTags(gated.feed({timeTag(1, 150)}, 100, 200), {timeTag(1, 150), timeTag(vc, 150)}));
+
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 rng(seed);
@@ -411,6 +414,7 @@ TEST_F(VirtualChannelTest, FrequencyMultiplierMatchesTheRulesAndAtTimeZeroAndAcr
   fm.clear();
   fm.restart();
   EXPECT_TRUE(sameTags(fm.feed({}, 2200, 3000), {timeTag(vc, 2500)}));
+
   for (uint64_t seed = 1; seed <= 3; ++seed) {
     std::mt19937_64 rng(seed);
     const TagStream with_overflows =
@@ -494,6 +498,7 @@ TEST_F(VirtualChannelTest, EventGeneratorMatchesTheRulesAndWithoutPatternPassesT
   EXPECT_TRUE(sameTags(generator.feed(in, 0, 100), in));
   EXPECT_EQ(tagger.registrations(1), 1);
   EXPECT_EQ(tagger.registrations(2), 0);
+
   std::mt19937_64 rng(11);
   const std::vector<GeneratorSetup> setups = {
       {1, {0, 0, 700, 2500}, 1, 0, CHANNEL_UNUSED},
@@ -586,6 +591,7 @@ TEST_F(VirtualChannelTest, CfdNumbersOneVirtualChannelPerPairAndMatchesTheRulesC
   CFD numbered(&tagger, {2, 3, 2}, 100);
   EXPECT_EQ(numbered.getChannels(), (std::vector<int>{1000, 1001, 1000}));
   for (int channel : {2, -2, 3, -3}) EXPECT_EQ(tagger.registrations(channel), 1) << channel;
+
   std::mt19937_64 rng(99);
   for (int trial = 0; trial < 30; ++trial) {
     // Both edges of one input listed: each closes the pulse the other opened.
@@ -657,6 +663,7 @@ TEST(AverageChannelTest, NeedsAnUltra18SetsTheInputMultiplexersAndMatchesTheRule
     EXPECT_EQ(tagger.getInputMux(channel), mux) << channel;
     EXPECT_EQ(tagger.registrations(channel), 1);
   }
+
   std::mt19937_64 rng(31);
   // With the window the channel picks: 4000 ps, plus 1000 ps per channel the farthest input lies
   // from the reference.
