@@ -7,9 +7,8 @@
 #include <hdf5.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -19,7 +18,6 @@
 #include "file_format_testing.h"
 #include "files/foreign/channel_mapping.h"
 #include "files/foreign/picosecond_scale.h"
-#include "files/foreign/ptu_header.h"
 #include "foreign_testing.h"
 #include "zeptick/file_reader.h"
 #include "zeptick/histogram.h"
@@ -82,9 +80,8 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
   ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kT3));
   ASSERT_TRUE(read.open);
-  const auto counts = countPerChannel(read.tags);
-  EXPECT_EQ(counts.at(1), 45012u);
-  EXPECT_EQ(counts.at(2), 32871u);
+  EXPECT_EQ(countPerChannel(read.tags),
+            (std::map<int32_t, size_t>{{1, 45012}, {2, 32871}, {kSyncChannel, 77699}}));
   // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
   const double period = read.settings["global_resolution_ps"];
   EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
@@ -107,11 +104,10 @@ TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kFlim));
   ASSERT_TRUE(read.open);
-  const auto counts = countPerChannel(read.tags);
-  EXPECT_EQ(counts.at(1), 150363u);   // router channel 1 is detector 0
-  EXPECT_EQ(counts.at(1001), 1280u);  // line start
-  EXPECT_EQ(counts.at(1002), 1280u);  // line stop
-  EXPECT_EQ(counts.at(1003), 5u);     // frame
+  // Router channel 1 is detector 0; markers 1 to 3 are line start, line stop and frame.
+  EXPECT_EQ(countPerChannel(read.tags),
+            (std::map<int32_t, size_t>{
+                {1, 150363}, {1000, 121344}, {1001, 1280}, {1002, 1280}, {1003, 5}}));
   EXPECT_EQ(read.settings["tag_version"], "00.0.1");
   EXPECT_EQ(read.settings["header"]["TTResult_SyncRate"], 78020000);
   const double period = read.settings["global_resolution_ps"];
@@ -146,13 +142,19 @@ TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
   const Bytes intact = readBytes(realData(kT3));
   const ForeignRead full = readForeign(realData(kT3));
   const size_t data = tagValueOffset(intact, "Header_End") + 8;
-  const auto with = [&](const std::string& name, uint64_t value) {
-    Bytes copy = intact;
-    putLittleEndian(copy, tagValueOffset(intact, name), value, 8);
+  // The value of header tag `name` changed, and its type too where one is given.
+  const auto with = [&](Bytes copy, const std::string& name, uint64_t value, uint32_t type = 0) {
+    const size_t at = tagValueOffset(intact, name);
+    putLittleEndian(copy, at, value, 8);
+    if (type != 0) putLittleEndian(copy, at - 4, type, 4);
     return copy;
   };
+  // Numbers written as reals: whole ones count, others (here beyond any integer, which the
+  // conversion once met undefined) read as the absent value that the reader refuses.
+  const auto real = [&](Bytes copy, const std::string& name, double value) {
+    return with(std::move(copy), name, std::bit_cast<uint64_t>(value), 0x20000008);
+  };
   const auto cut = [&](size_t size) { return Bytes(intact.begin(), intact.begin() + size); };
-  const uint64_t nan = 0x7FF8000000000000;
   struct Case {
     std::string what;
     Bytes bytes;
@@ -166,21 +168,27 @@ TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
        "(byte " +
            std::to_string(data + 4 * 50000) + ").",
        false},
-      {"count too large", with("TTResult_NumberOfRecords", 200000), LOGGER_ERROR,
+      {"count too large", with(intact, "TTResult_NumberOfRecords", 200000), LOGGER_ERROR,
        "the data end after record 106349 (byte " + std::to_string(intact.size()) + ").", true},
-      {"count zero", with("TTResult_NumberOfRecords", 0), LOGGER_WARNING,
+      {"count zero", with(intact, "TTResult_NumberOfRecords", 0), LOGGER_WARNING,
        "PTU header gives 0 records; reading the 106349 the file holds.", true},
-      {"count negative", with("TTResult_NumberOfRecords", uint64_t(-1127383114)), LOGGER_WARNING,
-       "PTU header gives -1127383114 records; reading the 106349 the file holds.", true},
-      {"count too small", with("TTResult_NumberOfRecords", 7), LOGGER_WARNING,
+      {"count negative", with(intact, "TTResult_NumberOfRecords", uint64_t(-1127383114)),
+       LOGGER_WARNING, "PTU header gives -1127383114 records; reading the 106349 the file holds.",
+       true},
+      {"count too small", with(intact, "TTResult_NumberOfRecords", 7), LOGGER_WARNING,
        "PTU header gives 7 records, the file holds 106349; reading all.", true},
       {"cut in the header", cut(1000), LOGGER_ERROR, "PTU header ends before Header_End (byte ",
        false},
-      {"record type", with("TTResultFormat_TTTRRecType", 0x12345678), LOGGER_ERROR,
+      {"record type", with(intact, "TTResultFormat_TTTRRecType", 0x12345678), LOGGER_ERROR,
        "PTU record type 0x12345678 is not supported.", false},
-      {"resolution", with("MeasDesc_GlobalResolution", nan), LOGGER_ERROR,
+      {"resolution", real(intact, "MeasDesc_GlobalResolution", std::nan("")), LOGGER_ERROR,
        "PTU header gives no usable MeasDesc_GlobalResolution (nan s).", false},
-      {"payload length", with("CreatorSW_Name", uint64_t{1} << 40), LOGGER_ERROR,
+      {"count a huge real, bits a whole one",
+       real(real(intact, "TTResult_NumberOfRecords", 1e300), "TTResultFormat_BitsPerRecord", 32.0),
+       LOGGER_WARNING, "PTU header gives -1 records; reading the 106349 the file holds.", true},
+      {"record type a huge real", real(intact, "TTResultFormat_TTTRRecType", -4.0e173),
+       LOGGER_ERROR, "PTU record type 0xffffffffffffffff is not supported.", false},
+      {"payload length", with(intact, "CreatorSW_Name", uint64_t{1} << 40), LOGGER_ERROR,
        "claims a payload beyond the end of the file", false},
   };
   ScratchDirectory dir;
@@ -215,42 +223,6 @@ TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
   renamed[0] = 'X';
   writeBytes(path, renamed);
   EXPECT_THROW(replay.tagger->replay(path), std::runtime_error);
-}
-
-// Header numbers written as reals: whole ones count, others (here beyond any integer, which the
-// conversion once met undefined) read as the absent value that the reader refuses.
-TEST(PtuHeader, RealNumbersCountOnlyWhenWhole) {
-  struct {
-    const char* name;
-    double value;
-  } const reals[] = {{"TTResultFormat_TTTRRecType", -4.0e173},
-                     {"TTResult_NumberOfRecords", 1e300},
-                     {"TTResultFormat_BitsPerRecord", 32.0}};
-  std::string bytes(
-      "PQTTTR\0\0"
-      "1.0\0\0\0\0\0",
-      16);
-  const auto tag = [&bytes](const char* name, uint32_t type, double value) {
-    char raw[48] = {};
-    std::strncpy(raw, name, 31);
-    const int32_t index = -1;
-    std::memcpy(raw + 32, &index, 4);
-    std::memcpy(raw + 36, &type, 4);
-    std::memcpy(raw + 40, &value, 8);
-    bytes.append(raw, sizeof(raw));
-  };
-  for (const auto& real : reals) tag(real.name, 0x20000008, real.value);  // Float8
-  tag("Header_End", 0xFFFF0008, 0);                                       // Empty8
-  std::FILE* file = fmemopen(bytes.data(), bytes.size(), "rb");
-  ASSERT_NE(file, nullptr);
-  foreign::PtuHeader header;
-  std::string error;
-  EXPECT_TRUE(foreign::parsePtuHeader(file, header, error)) << error;
-  std::fclose(file);
-  EXPECT_EQ(header.record_type, -1);
-  EXPECT_EQ(header.record_count, -1);
-  EXPECT_TRUE(header.has_record_count);
-  EXPECT_EQ(header.bits_per_record, 32);
 }
 
 TEST(PicosecondScale, RoundsOnceFromTheStoredUnitAndKeepsWholeUnitsExact) {
