@@ -2,6 +2,7 @@
 // FileReader on what it leaves (split sets read back whole, in any chunk size, and replayed;
 // damaged sets and names that cannot be opened), TimeTagStream, and the old raw Dump.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -19,6 +20,8 @@
 
 namespace zeptick::testing {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 // Everything `reader` delivers, fetched in random chunk sizes. Each span starts where the last
 // one ended (the first at the recording's begin), and ends at its last tag.
@@ -201,13 +204,10 @@ TEST_F(FileMeasurements, ReaderEndsARecordingAtAForeignOrEmptySplitFileAndReadsA
                   std::to_string(readRecording(cut).back().end_time) + " ps."});
 
   EXPECT_THROW(FileReader(std::vector<std::string>{}), std::runtime_error);
-  try {
-    FileReader missing(std::vector<std::string>{other, dir.file("missing")});
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()),
-              "FileReader could not open file '" + dir.file("missing") + "'.");
-  }
+  const std::vector<std::string> names = {other, dir.file("missing")};
+  EXPECT_THAT(
+      [&] { FileReader reader(names); },
+      ThrowsMessage<std::runtime_error>("FileReader could not open file '" + names[1] + "'."));
   FileReader again(other);
   EXPECT_EQ(again.getData(0).size, 0u);
   EXPECT_NE(again.getConfiguration().find("generator"), std::string::npos);

@@ -1,6 +1,7 @@
 // ZeptickFileWriter: compression choice, channel numbering, failures with their messages, and
 // reuse of block states.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 
 namespace zeptick::testing {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 // `count` tags on channel 1, one per word: equal times compress well, random gaps do not.
 std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible) {
@@ -61,13 +64,9 @@ TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
     many.emplace_back(7, -7);  // a repeat takes no number
     writer.writeChannelMap(many);
     many.emplace_back(252, -252);
-    try {
-      writer.writeChannelMap(many);
-      ADD_FAILURE() << "a 252nd channel was accepted";
-    } catch (const std::runtime_error& error) {
-      EXPECT_STREQ(error.what(),
-                   "Too many channels. This format does not support more than 250 channels.");
-    }
+    EXPECT_THAT([&] { writer.writeChannelMap(many); },
+                ThrowsMessage<std::runtime_error>(
+                    "Too many channels. This format does not support more than 250 channels."));
     // The failed map changed nothing: channel 251 still has the last index.
     auto* state = writer.encodeBlock({timeTag(251, 10), timeTag(252, 11)}, 0, 20);
     ASSERT_EQ(state->data.size(), 1u);
@@ -89,15 +88,10 @@ TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
 }
 
 TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
-  try {
-    ZeptickFileWriter writer("/nonexistent-zeptick-dir/data", 3, {});
-    ADD_FAILURE() << "opened a file in a missing directory";
-  } catch (const std::runtime_error& error) {
-    // The base name as given, not the numbered file name.
-    EXPECT_STREQ(error.what(),
-                 "FileWriter: Error on opening the file '/nonexistent-zeptick-dir/data' for "
-                 "writing.");
-  }
+  // The base name as given, not the numbered file name.
+  EXPECT_THAT([] { ZeptickFileWriter("/nonexistent-zeptick-dir/data", 3, {}); },
+              ThrowsMessage<std::runtime_error>("FileWriter: Error on opening the file "
+                                                "'/nonexistent-zeptick-dir/data' for writing."));
   ScratchDirectory directory;
   const std::string base = directory.file("full");
   ASSERT_EQ(symlink("/dev/full", (base + ".ztbin").c_str()), 0);
@@ -110,12 +104,7 @@ TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
     writer.writeChannelMap({{1, -1}});
     auto* state = writer.encodeBlock(tags, 0, tags.back().time + 1);
     ZeptickFileWriter::finishBlock(state);
-    try {
-      writer.writeBlock(state);
-      ADD_FAILURE() << "writing to a full disk succeeded";
-    } catch (const std::runtime_error& error) {
-      EXPECT_EQ(error.what(), full);
-    }
+    EXPECT_THAT([&] { writer.writeBlock(state); }, ThrowsMessage<std::runtime_error>(full));
     writer.recycleBlock(state);
   }
   // Closing meets the same failure and can only log it.
