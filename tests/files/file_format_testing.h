@@ -138,7 +138,9 @@ class FileBuilder {
     for (uint32_t word : {alignment, 1u, required_version, 0u, 7u, 8u, 9u, 10u}) {
       appendLittleEndian(payload, word, 4);
     }
-    return block(2, payload);
+    block(2, payload);
+    pad = alignment != 0;  // alignment 0: no padding anywhere after the file header
+    return *this;
   }
   /// Entries are (index, channel, inverted channel).
   FileBuilder& channelMap(const std::vector<std::array<int32_t, 3>>& entries) {
@@ -171,7 +173,7 @@ class FileBuilder {
   FileBuilder& end() { return block(1, {}); }
 
   Bytes bytes;
-  bool pad = true;  ///< false for files whose header turns alignment off
+  bool pad = true;
 };
 
 inline uint32_t shortTag(uint32_t value, uint32_t code) { return (value << 8) | code; }

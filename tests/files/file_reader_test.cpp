@@ -64,10 +64,9 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
       ASSERT_EQ(fields(read[b].tags), fields(clean[b].tags)) << "cut at " << length;
     }
     // The short read, then what could not be loaded: two errors, whatever the place.
-    const std::vector<LogCapture::Entry> entries = log.entries();
-    ASSERT_EQ(entries.size(), 2u) << "cut at " << length;
-    EXPECT_TRUE(entries[0].text.ends_with("File access failed")) << "cut at " << length;
-    for (const LogCapture::Entry& entry : entries) EXPECT_EQ(entry.level, LOGGER_ERROR);
+    const std::vector<std::string> texts = messageTexts(log);
+    ASSERT_EQ(texts.size(), 2u) << "cut at " << length;
+    EXPECT_EQ(texts[0], "File access failed") << "cut at " << length;
   }
 }
 
@@ -84,8 +83,7 @@ TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
       LogCapture log;
       const std::vector<Block> read = readRecording(path, true);
       ASSERT_EQ(read.size(), block) << "block " << block << " byte " << at;
-      const std::vector<std::string> messages = log.messages();
-      for (const LogCapture::Entry& entry : log.entries()) EXPECT_EQ(entry.level, LOGGER_ERROR);
+      const std::vector<std::string> messages = messageTexts(log);
       const bool unpacked = messages.size() == 1 && messages[0].ends_with("decompressed");
       const bool refused = messages.size() == 2 && messages[1].ends_with(invalid) &&
                            (messages[0].ends_with(at < 80 || at >= 144 ? "Hash missmatch"
@@ -220,60 +218,40 @@ TEST(FileReader, MissingTooNewTooSmallAndUnalignedFiles) {
     EXPECT_TRUE(readRecording(directory.file("missing.ztbin")).empty());
     EXPECT_TRUE(log.messages().empty());
   }
-  struct Case {
-    const char* what;
-    Bytes file;
-    std::vector<std::string> messages;
+  const std::string small = "Block is too small", access = "File access failed";
+  const auto sized = [](uint32_t type, uint32_t size, const Bytes& payload) {
+    return FileBuilder().fileHeader().blockWithSize(type, size, payload).bytes;
   };
-  const std::vector<Case> cases = {
-      {"file header",
-       FileBuilder().blockWithSize(2, 8, Bytes(32, 0)).bytes,
-       {"Block is too small", "File header could not be loaded"}},
-      {"channel map head",
-       FileBuilder().fileHeader().blockWithSize(3, 8, Bytes(16, 0)).bytes,
-       {"Block is too small", "Channel map could not be loaded"}},
-      {"channel map entries",
-       FileBuilder().fileHeader().blockWithSize(3, 32, {3, 0, 0, 0}).bytes,
-       {"Block is too small", "Channel map data could not be loaded"}},
-      {"time tag header",
-       FileBuilder().fileHeader().blockWithSize(4, 100, Bytes(144, 0)).bytes,
-       {"Block is too small", "Time tag block header could not be loaded"}},
-      {"configuration of 4 GiB",
-       FileBuilder().fileHeader().blockWithSize(5, 0xFFFFFFF0, Bytes(64, 'x')).bytes,
-       {"File access failed", "JSON config could not be loaded"}},
-      {"marker past the end",
-       FileBuilder().fileHeader().blockWithSize(6, 40, Bytes(20, 'x')).bytes,
-       {"File access failed", "last_marker could not be loaded"}},
-      {"channel map of 4 G entries",
-       FileBuilder().fileHeader().blockWithSize(3, 0xFFFFFFF0, {0xF0, 0xFF, 0xFF, 0x0F}).bytes,
-       {"File access failed", "Channel map data could not be loaded"}},
-      {"wrong magic", Bytes(48, 1), {"Incorrect Header"}},
-      {"too new",
-       FileBuilder().fileHeader(2).channelMap({{0, 1, -1}}).timeTags(0, 10, {1}).end().bytes,
+  // Blocks too small for their kind, sizes of 4 GiB, a marker past the end, a wrong magic, and a
+  // file that needs a newer reader.
+  const std::vector<std::pair<Bytes, std::vector<std::string>>> cases = {
+      {FileBuilder().blockWithSize(2, 8, Bytes(32, 0)).bytes,
+       {small, "File header could not be loaded"}},
+      {sized(3, 8, Bytes(16, 0)), {small, "Channel map could not be loaded"}},
+      {sized(3, 32, {3, 0, 0, 0}), {small, "Channel map data could not be loaded"}},
+      {sized(4, 100, Bytes(144, 0)), {small, "Time tag block header could not be loaded"}},
+      {sized(5, 0xFFFFFFF0, Bytes(64, 'x')), {access, "JSON config could not be loaded"}},
+      {sized(6, 40, Bytes(20, 'x')), {access, "last_marker could not be loaded"}},
+      {sized(3, 0xFFFFFFF0, {0xF0, 0xFF, 0xFF, 0x0F}),
+       {access, "Channel map data could not be loaded"}},
+      {Bytes(48, 1), {"Incorrect Header"}},
+      {FileBuilder().fileHeader(2).channelMap({{0, 1, -1}}).timeTags(0, 10, {1}).end().bytes,
        {"This file is too new. Please update your Zeptick installation."}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    writeBytes(path, c.file);
+  for (const auto& [file, messages] : cases) {
+    SCOPED_TRACE(messages.back());
+    writeBytes(path, file);
     LogCapture log;
     EXPECT_TRUE(readRecording(path).empty());
-    expectMessages(log, c.messages);
+    expectMessages(log, messages);
   }
 
   // Alignment 0: no padding anywhere after the file header.
-  FileBuilder unaligned;
-  unaligned.fileHeader(1, 0);
-  unaligned.pad = false;
-  unaligned.block(5, {'{', '}', ' '}).channelMap({{0, 3, -3}}).timeTags(0, 9, {shortTag(4, 0)});
-  unaligned.end();
-  writeBytes(path, unaligned.bytes);
+  FileBuilder unaligned = FileBuilder().fileHeader(1, 0).block(5, {'{', '}', ' '});
+  writeBytes(path, unaligned.channelMap({{0, 3, -3}}).timeTags(0, 9, {shortTag(4, 0)}).end().bytes);
   LogCapture log;
-  ZeptickFileReader reader(path, false);
-  std::vector<Tag> tags;
-  uint64_t overflows = 0;
-  ASSERT_TRUE(reader.decodeBlock(tags, 0, overflows));
-  EXPECT_EQ(fields(tags), fields({timeTag(3, 4)}));
-  EXPECT_EQ(reader.getConfiguration(), "{} ");
+  EXPECT_EQ(fields(readRecording(path, false).at(0).tags), fields({timeTag(3, 4)}));
+  EXPECT_EQ(ZeptickFileReader(path, false).getConfiguration(), "{} ");
   EXPECT_TRUE(log.messages().empty());
 }
 
