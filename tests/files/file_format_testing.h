@@ -265,14 +265,6 @@ struct Replay {
   std::vector<Block> blocks;  ///< as of the last play() or tags()
 };
 
-/// Waits until every block pushed so far has passed every measurement: blocks pass in order,
-/// and a last empty block carries a new fence.
-inline bool drain(TestZeptick& tagger) {
-  const uint32_t fence = tagger.getFence(true);
-  tagger.pushBlocks({Block{{}, 0, 0}});
-  return tagger.waitForFence(fence, 60000);
-}
-
 /// Blocks with time tags on `channels`, errors, and overflow spans that may cross blocks: inside
 /// a span mostly missed-event counts and now and then a time tag, outside now and then a stray
 /// missed-event count. Some long quiet blocks need the high-bit words. Times non-decreasing.

@@ -65,6 +65,15 @@ std::vector<Tag> readRaw(FileReader& reader, int* refusals = nullptr) {
 class FileMeasurements : public ::testing::Test {
  protected:
   FileMeasurements() { tagger.setIdleSpan(0); }
+  // Pushes `blocks` and waits until they have passed every measurement: blocks pass in order,
+  // and a last empty block carries a new fence.
+  std::vector<Block> push(std::vector<Block> blocks) {
+    blocks = tagger.pushBlocks(std::move(blocks));
+    const uint32_t fence = tagger.getFence(true);
+    tagger.pushBlocks({Block{{}, 0, 0}});
+    EXPECT_TRUE(tagger.waitForFence(fence, 60000));
+    return blocks;
+  }
   ScratchDirectory dir;
   TestZeptick tagger{"TEST-1", 8};
   std::mt19937_64 rng{77};
@@ -76,8 +85,7 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
   const std::string base = dir.file("run");
   FileWriter writer(&tagger, base, {1, 2, -1});
   writer.setMaxFileSize(3000);
-  const std::vector<Block> pushed = tagger.pushBlocks(randomStream(rng, 600, {1, 2, 3, -1}));
-  ASSERT_TRUE(drain(tagger));
+  const std::vector<Block> pushed = push(randomStream(rng, 600, {1, 2, 3, -1}));
   writer.stop();
 
   const std::vector<std::string> files = splitFiles(base);
@@ -110,20 +118,16 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
 TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording) {
   const std::string base = dir.file("parts");
   FileWriter writer(&tagger, base, {1});
-  const int64_t shift = tagger.pushBlocks({Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
-  ASSERT_TRUE(drain(tagger));
+  const int64_t shift = push({Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
   writer.setMarker("after first");
   writer.split();
-  tagger.pushBlocks({Block{{timeTag(1, 150)}, 100, 200}});
-  ASSERT_TRUE(drain(tagger));
+  push({Block{{timeTag(1, 150)}, 100, 200}});
   writer.clear();
-  tagger.pushBlocks({Block{{timeTag(1, 250)}, 200, 300}});
-  ASSERT_TRUE(drain(tagger));
+  push({Block{{timeTag(1, 250)}, 200, 300}});
   // A new name restarts the numbering, with a head file of its own.
   const std::string renamed = dir.file("renamed");
   writer.split(renamed);
-  tagger.pushBlocks({Block{{timeTag(1, 350)}, 300, 400}});
-  ASSERT_TRUE(drain(tagger));
+  push({Block{{timeTag(1, 350)}, 300, 400}});
   writer.stop();
 
   EXPECT_EQ(splitFiles(base).size(), 4u);
@@ -152,8 +156,7 @@ TEST_F(FileMeasurements, WriterRejectsWhatTheFormatCannotHoldAndNeverSplitsWitho
 
   FileWriter unlimited(&tagger, dir.file("one"), {1, 2});
   unlimited.setMaxFileSize(-1);
-  tagger.pushBlocks(randomStream(rng, 200, {1, 2}));
-  ASSERT_TRUE(drain(tagger));
+  push(randomStream(rng, 200, {1, 2}));
   unlimited.stop();
   EXPECT_EQ(splitFiles(dir.file("one")).size(), 2u);
 }
@@ -283,8 +286,7 @@ TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
       "The Dump class is deprecated and will be removed soon. Please use FileWriter instead."));
   Dump some(&tagger, dir.file("some.bin"), 150, {2});
   Dump none(&tagger, dir.file("none.bin"), 0, {});
-  const std::vector<Tag> stream = concat(tagger.pushBlocks(randomStream(rng, 100, {1, 2, 3})));
-  ASSERT_TRUE(drain(tagger));
+  const std::vector<Tag> stream = concat(push(randomStream(rng, 100, {1, 2, 3})));
   // At their limits they stop by themselves; without one it runs on.
   EXPECT_FALSE(some.isRunning());
   EXPECT_FALSE(none.isRunning());
@@ -304,8 +306,7 @@ TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
   // A clear starts the file afresh.
   all.start();
   all.clear();
-  tagger.pushBlocks({Block{{timeTag(1, 5)}, 0, 10}});
-  ASSERT_TRUE(drain(tagger));
+  push({Block{{timeTag(1, 5)}, 0, 10}});
   all.stop();
   EXPECT_EQ(dumped(dir.file("all.bin")).size(), 1u);
 }
