@@ -26,6 +26,7 @@
 #include "files/zeptick_virtual_impl.h"
 #include "recording/recording_generator.h"
 #include "support/log_capture.h"
+#include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
 #include "support/test_tagger.h"
 #include "zeptick/time_tag_stream.h"
@@ -231,12 +232,6 @@ inline std::vector<TagFields> fields(const std::vector<Tag>& tags) {
   return out;
 }
 
-inline std::vector<Tag> concat(const std::vector<Block>& blocks) {
-  std::vector<Tag> tags;
-  for (const Block& block : blocks) tags.insert(tags.end(), block.tags.begin(), block.tags.end());
-  return tags;
-}
-
 /// A replay tagger on the heap with a measurement that keeps every block. ThreadSanitizer
 /// forgets a mutex only when its memory is freed, so taggers in stack slots of earlier tests
 /// would alias this one's mutexes.
@@ -257,7 +252,7 @@ struct Replay {
         EXPECT_TRUE(tag.time >= block.begin_time && tag.time < block.end_time) << tag.time;
       }
     }
-    return concat(blocks);
+    return concatenate(blocks);
   }
 
   std::unique_ptr<ZeptickVirtualImpl> tagger;

@@ -65,15 +65,6 @@ std::vector<Tag> readRaw(FileReader& reader, int* refusals = nullptr) {
 class FileMeasurements : public ::testing::Test {
  protected:
   FileMeasurements() { tagger.setIdleSpan(0); }
-  // Pushes `blocks` and waits until they have passed every measurement: blocks pass in order,
-  // and a last empty block carries a new fence.
-  std::vector<Block> push(std::vector<Block> blocks) {
-    blocks = tagger.pushBlocks(std::move(blocks));
-    const uint32_t fence = tagger.getFence(true);
-    tagger.pushBlocks({Block{{}, 0, 0}});
-    EXPECT_TRUE(tagger.waitForFence(fence, 60000));
-    return blocks;
-  }
   ScratchDirectory dir;
   TestZeptick tagger{"TEST-1", 8};
   std::mt19937_64 rng{77};
@@ -85,7 +76,7 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
   const std::string base = dir.file("run");
   FileWriter writer(&tagger, base, {1, 2, -1});
   writer.setMaxFileSize(3000);
-  const std::vector<Block> pushed = push(randomStream(rng, 600, {1, 2, 3, -1}));
+  const std::vector<Block> pushed = deliver(tagger, randomStream(rng, 600, {1, 2, 3, -1}));
   writer.stop();
 
   const std::vector<std::string> files = splitFiles(base);
@@ -118,16 +109,16 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
 TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording) {
   const std::string base = dir.file("parts");
   FileWriter writer(&tagger, base, {1});
-  const int64_t shift = push({Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
+  const int64_t shift = deliver(tagger, {Block{{timeTag(1, 10)}, 0, 100}}).front().begin_time;
   writer.setMarker("after first");
   writer.split();
-  push({Block{{timeTag(1, 150)}, 100, 200}});
+  deliver(tagger, {Block{{timeTag(1, 150)}, 100, 200}});
   writer.clear();
-  push({Block{{timeTag(1, 250)}, 200, 300}});
+  deliver(tagger, {Block{{timeTag(1, 250)}, 200, 300}});
   // A new name restarts the numbering, with a head file of its own.
   const std::string renamed = dir.file("renamed");
   writer.split(renamed);
-  push({Block{{timeTag(1, 350)}, 300, 400}});
+  deliver(tagger, {Block{{timeTag(1, 350)}, 300, 400}});
   writer.stop();
 
   EXPECT_EQ(splitFiles(base).size(), 4u);
@@ -139,7 +130,7 @@ TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording)
   EXPECT_EQ(times, (std::vector<int64_t>{10, 150, 250, 350}));
   // The marker landed in the first data file, behind its blocks.
   ZeptickFileReader first_file(splitFiles(base)[1], true);
-  EXPECT_EQ(concat(readRecording(splitFiles(base)[1])).size(), 1u);
+  EXPECT_EQ(concatenate(readRecording(splitFiles(base)[1])).size(), 1u);
   while (first_file.skipBlock()) continue;
   EXPECT_EQ(first_file.getLastMarker(), "after first");
   EXPECT_EQ(FileReader(base).getConfiguration(), tagger.getConfiguration());
@@ -156,7 +147,7 @@ TEST_F(FileMeasurements, WriterRejectsWhatTheFormatCannotHoldAndNeverSplitsWitho
 
   FileWriter unlimited(&tagger, dir.file("one"), {1, 2});
   unlimited.setMaxFileSize(-1);
-  push(randomStream(rng, 200, {1, 2}));
+  deliver(tagger, randomStream(rng, 200, {1, 2}));
   unlimited.stop();
   EXPECT_EQ(splitFiles(dir.file("one")).size(), 2u);
 }
@@ -174,7 +165,8 @@ TEST_F(FileMeasurements, ReaderEndsARecordingAtAForeignOrEmptySplitFileAndReadsA
                               const std::vector<std::string>& messages) {
     std::vector<Tag> expected;
     for (uint32_t index = 1; index <= kept; ++index) {
-      const std::vector<Tag> more = concat(readRecording(ZeptickFile::makeFileName(base, index)));
+      const std::vector<Tag> more =
+          concatenate(readRecording(ZeptickFile::makeFileName(base, index)));
       expected.insert(expected.end(), more.begin(), more.end());
     }
     expected.insert(expected.end(), whole_other.begin(), whole_other.end());
@@ -286,7 +278,7 @@ TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
       "The Dump class is deprecated and will be removed soon. Please use FileWriter instead."));
   Dump some(&tagger, dir.file("some.bin"), 150, {2});
   Dump none(&tagger, dir.file("none.bin"), 0, {});
-  const std::vector<Tag> stream = concat(push(randomStream(rng, 100, {1, 2, 3})));
+  const std::vector<Tag> stream = concatenate(deliver(tagger, randomStream(rng, 100, {1, 2, 3})));
   // At their limits they stop by themselves; without one it runs on.
   EXPECT_FALSE(some.isRunning());
   EXPECT_FALSE(none.isRunning());
@@ -306,7 +298,7 @@ TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
   // A clear starts the file afresh.
   all.start();
   all.clear();
-  push({Block{{timeTag(1, 5)}, 0, 10}});
+  deliver(tagger, {Block{{timeTag(1, 5)}, 0, 10}});
   all.stop();
   EXPECT_EQ(dumped(dir.file("all.bin")).size(), 1u);
 }

@@ -26,7 +26,7 @@ TEST(PhotonHdf5Export, OurRecordingRoundTripsItsTimeTagsAndLeavesOutTheRest) {
   std::vector<std::pair<int32_t, int32_t>> map;
   for (int channel : channels) map.emplace_back(channel, CHANNEL_UNUSED);
   writeRecording(dir.file("ours.ztbin"), blocks, map);
-  const auto expected = sortedTimeTags(concat(readRecording(dir.file("ours.ztbin"))));
+  const auto expected = sortedTimeTags(concatenate(readRecording(dir.file("ours.ztbin"))));
   ASSERT_GT(expected.size(), 1000u);
 
   LogCapture log;
@@ -58,7 +58,8 @@ TEST(ForeignExport, T3FilesRoundTripExactlyThroughPhotonHdf5AndZtbin) {
     EXPECT_TRUE(back.settings["groups"]["photon_data"].contains("tcspc_unit_ps"));
 
     EXPECT_EQ(convertToZtbin(realData(name), dir.file("out")), source.tags.size());
-    EXPECT_EQ(fields(concat(readRecording(dir.file("out.1.ztbin"), true))), fields(source.tags));
+    EXPECT_EQ(fields(concatenate(readRecording(dir.file("out.1.ztbin"), true))),
+              fields(source.tags));
     EXPECT_EQ(FileReader(dir.file("out")).getConfiguration(), source.configuration);
   }
   EXPECT_THROW(convertToZtbin(dir.file("out.1.ztbin"), dir.file("again")), std::runtime_error);
