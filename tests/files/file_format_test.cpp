@@ -190,7 +190,7 @@ TEST(FileFormat, ArbitraryStreamsKeepWhatTheEncodingDefines) {
     bool inside = overflow;
     const std::vector<Tag> expected =
         expectedAfterFile(blocks[b].tags, blocks[b].begin_time, {1, 2, -1}, overflow);
-    ASSERT_EQ(fields(read[b].tags), fields(expected));
+    ASSERT_TRUE(sameTags(read[b].tags, expected));
     // The valid time sums the spans outside overflows; a repeated mark changes nothing.
     int64_t valid = 0, mark = blocks[b].begin_time;
     for (const Tag& tag : expected) {

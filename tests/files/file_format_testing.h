@@ -15,7 +15,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -219,17 +218,6 @@ inline std::vector<std::string> messageTexts(LogCapture& log) {
 }
 inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
   EXPECT_EQ(messageTexts(log), expected);
-}
-
-/// Tags as tuples, which gtest compares and prints, so a failure shows the first differing tag.
-using TagFields = std::tuple<int, int, int32_t, int64_t, int>;
-inline std::vector<TagFields> fields(const std::vector<Tag>& tags) {
-  std::vector<TagFields> out;
-  for (const Tag& tag : tags) {
-    out.emplace_back(static_cast<int>(tag.type), tag.missed_events, tag.channel, tag.time,
-                     tag.reserved);
-  }
-  return out;
 }
 
 /// A replay tagger on the heap with a measurement that keeps every block. ThreadSanitizer

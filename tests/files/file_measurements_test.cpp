@@ -92,7 +92,7 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
     expected.insert(expected.end(), kept.begin(), kept.end());
   }
   FileReader reader(base);
-  EXPECT_EQ(fields(readInChunks(reader, rng, pushed.front().begin_time)), fields(expected));
+  EXPECT_TRUE(sameTags(readInChunks(reader, rng, pushed.front().begin_time), expected));
 
   uint64_t bytes = 0;
   for (const std::string& name : files) bytes += std::filesystem::file_size(name);
@@ -103,7 +103,7 @@ TEST_F(FileMeasurements, WriterSplitRecordingReadsBackCompleteAndInOrder) {
   // anywhere, so it adds no error tag.
   std::vector<Tag> shifted = expected;
   for (Tag& tag : shifted) tag.time -= pushed.front().begin_time;
-  EXPECT_EQ(fields(Replay(4).play(base)), fields(shifted));
+  EXPECT_TRUE(sameTags(Replay(4).play(base), shifted));
 }
 
 TEST_F(FileMeasurements, WriterSplitClearAndMarkersStartFilesOfTheSameRecording) {
@@ -173,7 +173,7 @@ TEST_F(FileMeasurements, ReaderEndsARecordingAtAForeignOrEmptySplitFileAndReadsA
     LogCapture log;
     FileReader reader(std::vector<std::string>{base, other});
     int refused = 0;
-    EXPECT_EQ(fields(readRaw(reader, &refused)), fields(expected));
+    EXPECT_TRUE(sameTags(readRaw(reader, &refused), expected));
     EXPECT_EQ(refused, refusals);
     expectMessages(log, messages);
   };
@@ -250,7 +250,7 @@ TEST_F(FileMeasurements, StreamCollectsFilteredTagsUpToItsLimitAndChainsSpans) {
       if (i % 20 != 19) continue;
       EXPECT_EQ(stream.getCounts(), expected.size());
       const TimeTagStreamBuffer buffer = stream.getData();
-      EXPECT_EQ(fields(bufferTags(buffer)), fields(expected)) << "after block " << i;
+      EXPECT_TRUE(sameTags(bufferTags(buffer), expected)) << "after block " << i;
       EXPECT_EQ(buffer.hasOverflows, expect_overflow);
       EXPECT_EQ(buffer.tGetData, blocks[i].end_time);
       EXPECT_EQ(buffer.tStart, span_start);
@@ -285,14 +285,14 @@ TEST_F(FileMeasurements, DumpWritesRawRecordsOfTheChosenChannelsUpToTheLimit) {
   EXPECT_TRUE(all.isRunning());
   all.stop();
 
-  EXPECT_EQ(fields(dumped(dir.file("all.bin"))), fields(stream));
+  EXPECT_TRUE(sameTags(dumped(dir.file("all.bin")), stream));
   std::vector<Tag> expected;
   for (const Tag& tag : stream) {
     if (tag.type != Tag::Type::TimeTag || tag.channel == 2) expected.push_back(tag);
   }
   ASSERT_GT(expected.size(), 150u);
   expected.resize(150);
-  EXPECT_EQ(fields(dumped(dir.file("some.bin"))), fields(expected));
+  EXPECT_TRUE(sameTags(dumped(dir.file("some.bin")), expected));
   EXPECT_TRUE(dumped(dir.file("none.bin")).empty());
 
   // A clear starts the file afresh.

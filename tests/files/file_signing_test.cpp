@@ -128,9 +128,9 @@ TEST(ForgedBlocks, ABlockMovedInFromAnotherRecordingIsMarkedAtBothJoins) {
   writeBytes(path, spliced);
   LogCapture log;
   Replay replay(2);
-  EXPECT_EQ(fields(replay.play(path)),
-            fields({timeTag(1, 10), marker(Tag::Type::Error, 100), timeTag(2, 150),
-                    marker(Tag::Type::Error, 200), timeTag(1, 250)}));
+  EXPECT_TRUE(
+      sameTags(replay.play(path), {timeTag(1, 10), marker(Tag::Type::Error, 100), timeTag(2, 150),
+                                   marker(Tag::Type::Error, 200), timeTag(1, 250)}));
   EXPECT_TRUE(log.messages().empty());
 }
 

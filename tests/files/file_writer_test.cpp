@@ -50,7 +50,7 @@ TEST(FileWriter, CompressesFromOneKibibyteOnAndOnlyWhenItShrinks) {
     EXPECT_LE(stored_size, c.words * 4);
     const std::vector<Block> read = readRecording(path);
     ASSERT_EQ(read.size(), 1u);
-    EXPECT_EQ(fields(read[0].tags), fields(tags));
+    EXPECT_TRUE(sameTags(read[0].tags, tags));
   }
 }
 
@@ -83,8 +83,8 @@ TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
   }
   const std::vector<Block> read = readRecording(path);
   ASSERT_EQ(read.size(), 2u);
-  EXPECT_EQ(fields(read[0].tags), fields({timeTag(251, 10)}));
-  EXPECT_EQ(fields(read[1].tags), fields({timeTag(2, 30)}));
+  EXPECT_TRUE(sameTags(read[0].tags, {timeTag(251, 10)}));
+  EXPECT_TRUE(sameTags(read[1].tags, {timeTag(2, 30)}));
 }
 
 TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {

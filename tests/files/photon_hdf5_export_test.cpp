@@ -58,8 +58,7 @@ TEST(ForeignExport, T3FilesRoundTripExactlyThroughPhotonHdf5AndZtbin) {
     EXPECT_TRUE(back.settings["groups"]["photon_data"].contains("tcspc_unit_ps"));
 
     EXPECT_EQ(convertToZtbin(realData(name), dir.file("out")), source.tags.size());
-    EXPECT_EQ(fields(concatenate(readRecording(dir.file("out.1.ztbin"), true))),
-              fields(source.tags));
+    EXPECT_TRUE(sameTags(concatenate(readRecording(dir.file("out.1.ztbin"), true)), source.tags));
     EXPECT_EQ(FileReader(dir.file("out")).getConfiguration(), source.configuration);
   }
   EXPECT_THROW(convertToZtbin(dir.file("out.1.ztbin"), dir.file("again")), std::runtime_error);

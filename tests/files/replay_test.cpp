@@ -57,8 +57,7 @@ TEST(Replay, BeginAndDurationCutAtExactTimes) {
     ASSERT_FALSE(replay.blocks.empty());
     EXPECT_EQ(replay.blocks.front().begin_time, 0);
     EXPECT_EQ(replay.blocks.back().end_time, duration);
-    EXPECT_EQ(fields(tags),
-              fields(window(all, std::max<int64_t>(begin, 0), begin + duration, -begin)));
+    EXPECT_TRUE(sameTags(tags, window(all, std::max<int64_t>(begin, 0), begin + duration, -begin)));
   }
 }
 
@@ -84,7 +83,7 @@ TEST(Replay, QueueMarksTheJoinAndStopEndsEverything) {
   for (const Tag& tag : window(generatedTags(plan), 0, plan.duration, plan.duration)) {
     expected.push_back(tag);
   }
-  EXPECT_EQ(fields(replay.tags()), fields(expected));
+  EXPECT_TRUE(sameTags(replay.tags(), expected));
   // One overflow begin per span of each recording, and the error at the join.
   EXPECT_EQ(tagger.getOverflowsAndClear(), 2 + 1 + 2);
   EXPECT_EQ(tagger.getOverflows(), 0);
@@ -182,7 +181,7 @@ void expectReplayReadsFileByFile(const std::string& base, const FileByFile& expe
     SCOPED_TRACE(workers);
     LogCapture log;
     Replay replay(workers);
-    EXPECT_EQ(fields(replay.play(base)), fields(expected.tags));
+    EXPECT_TRUE(sameTags(replay.play(base), expected.tags));
     EXPECT_EQ(replay.tagger->getOverflows(), expected.overflows);
     expectMessages(log, expected.log);
   }
@@ -323,11 +322,11 @@ TEST(ReplayChannelStageTest, DeadTimeRestartsAfterAnErrorAndDelayedEventsInOverf
                            timeTag(2, 200), overflow_begin, marker(Tag::Type::OverflowEnd, 800),
                            timeTag(1, 2000)};
   stage.process(tags, 0, 2500);
-  EXPECT_EQ(fields(tags), fields({timeTag(2, 0), timeTag(2, 100), error, timeTag(2, 170),
-                                  overflow_begin, marker(Tag::Type::OverflowEnd, 1800)}));
+  EXPECT_TRUE(sameTags(tags, {timeTag(2, 0), timeTag(2, 100), error, timeTag(2, 170),
+                              overflow_begin, marker(Tag::Type::OverflowEnd, 1800)}));
   std::vector<Tag> later;
   stage.process(later, 2500, 5000);
-  EXPECT_EQ(fields(later), fields({timeTag(1, 3000)}));
+  EXPECT_TRUE(sameTags(later, {timeTag(1, 3000)}));
 }
 
 TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
@@ -363,7 +362,7 @@ TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
       if (tag.time < plan.duration) expected.push_back(tag);
     }
     std::stable_sort(expected.begin(), expected.end(), byTime);
-    EXPECT_EQ(fields(replay.play(base)), fields(expected));
+    EXPECT_TRUE(sameTags(replay.play(base), expected));
   }
   // The test signal replaces both edges of its input only: a square wave of about 1.256 us,
   // its edges alternating, each about 628 ns after the last.
@@ -380,7 +379,7 @@ TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
   for (const Tag& tag : recorded) {
     if (tag.channel != 1) expected_others.push_back(tag);
   }
-  EXPECT_EQ(fields(others), fields(expected_others));
+  EXPECT_TRUE(sameTags(others, expected_others));
   ASSERT_FALSE(edges.empty());
   EXPECT_EQ(edges[0].channel, 1);
   EXPECT_NEAR(static_cast<double>(edges.size()), static_cast<double>(plan.duration) / 628006.5, 6);
