@@ -62,44 +62,6 @@ TEST(PtuRecording, HydraHarpT2TimesWrapAtTwoToThe25) {
   EXPECT_EQ(read.settings["header"].size(), 87u);
 }
 
-// The dtime of each photon of detector `channel` (from 0) in a HydraHarp T3 file, straight from
-// the records: the reference for the lifetime histogram.
-std::vector<uint64_t> dtimeHistogram(const Bytes& file, uint32_t channel, size_t bins) {
-  std::vector<uint64_t> counts(bins);
-  const size_t offset = tagValueOffset(file, "Header_End") + 8;
-  for (size_t at = offset; at + 4 <= file.size(); at += 4) {
-    const uint32_t record = u32At(file, at);
-    if ((record >> 31) == 0 && ((record >> 25) & 63) == channel) {
-      ++counts.at((record >> 10) & 0x7FFF);
-    }
-  }
-  return counts;
-}
-
-TEST(PtuRecording, HydraHarpT3LifetimeHistogramThroughReplay) {
-  ZT_REQUIRE_REAL_DATA();
-  const ForeignRead read = readForeign(realData(kT3));
-  ASSERT_TRUE(read.open);
-  EXPECT_EQ(countPerChannel(read.tags),
-            (std::map<int32_t, size_t>{{1, 45012}, {2, 32871}, {kSyncChannel, 77699}}));
-  // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
-  const double period = read.settings["global_resolution_ps"];
-  EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
-  EXPECT_EQ(timesOn(read.tags, kSyncChannel).back(), std::llround(49999358 * period));
-
-  // One 200 ns laser period in 64 ps bins. The sync before a photon's own lies a whole period
-  // earlier, outside the histogram, so each photon counts once.
-  constexpr size_t kBins = 3125;
-  Replay replay(2);
-  Histogram histogram(replay.tagger.get(), 1, kSyncChannel, 64, kBins);
-  replay.play(realData(kT3));
-  EXPECT_EQ(replay.tagger->getConfiguration(), read.configuration);
-  std::vector<int32_t> ours(kBins);
-  histogram.getData([&](size_t) { return ours.data(); });
-  const std::vector<uint64_t> reference = dtimeHistogram(readBytes(realData(kT3)), 0, kBins);
-  EXPECT_EQ(std::vector<uint64_t>(ours.begin(), ours.end()), reference);
-}
-
 TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kFlim));
@@ -136,12 +98,36 @@ TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
   EXPECT_EQ(latest, std::llround(132 * bin));
 }
 
-// Copies of the T3 file, each damaged in one way, against the intact file's stream.
-TEST(PtuRecording, DamagedCopiesEndWithAMessageSayingWhatAndWhere) {
+// The HydraHarp T3 file as read, its lifetime histogram through the replay tagger, and copies of
+// it, each damaged in one way, against the intact file's stream.
+TEST(PtuRecording, HydraHarpT3LifetimeHistogramAndDamagedCopiesEndingWithWhatAndWhere) {
   ZT_REQUIRE_REAL_DATA();
   const Bytes intact = readBytes(realData(kT3));
   const ForeignRead full = readForeign(realData(kT3));
+  ASSERT_TRUE(full.open);
   const size_t data = tagValueOffset(intact, "Header_End") + 8;
+  EXPECT_EQ(countPerChannel(full.tags),
+            (std::map<int32_t, size_t>{{1, 45012}, {2, 32871}, {kSyncChannel, 77699}}));
+  // Compressed overflow counts: the last sync lies at 49,999,358 periods of 1/SyncRate, 10 s in.
+  const double period = full.settings["global_resolution_ps"];
+  EXPECT_NEAR(period, 1e12 / 4999960, 1e-6);
+  EXPECT_EQ(timesOn(full.tags, kSyncChannel).back(), std::llround(49999358 * period));
+  {
+    // One 200 ns laser period in 64 ps bins. The sync before a photon's own lies a whole period
+    // earlier, outside the histogram, so each photon counts once.
+    constexpr size_t kBins = 3125;
+    Replay replay(2);
+    Histogram histogram(replay.tagger.get(), 1, kSyncChannel, 64, kBins);
+    replay.play(realData(kT3));
+    EXPECT_EQ(replay.tagger->getConfiguration(), full.configuration);
+    // The reference: the dtime of each photon record (special bit 0) of detector 0.
+    std::vector<int32_t> reference(kBins);
+    for (size_t at = data; at + 4 <= intact.size(); at += 4) {
+      if ((u32At(intact, at) >> 25) == 0) ++reference.at((u32At(intact, at) >> 10) & 0x7FFF);
+    }
+    EXPECT_EQ(collect(histogram, &Histogram::getData), reference);
+  }
+
   // The value of header tag `name` changed, and its type too where one is given.
   const auto with = [&](Bytes copy, const std::string& name, uint64_t value, uint32_t type = 0) {
     const size_t at = tagValueOffset(intact, name);

@@ -31,12 +31,6 @@ std::vector<Tag> window(const std::vector<Tag>& tags, int64_t from, int64_t to, 
   return out;
 }
 
-std::vector<int64_t> countsTotal(Countrate& rates) {
-  std::vector<int64_t> totals(3, -1);
-  rates.getCountsTotal([&totals](size_t) { return totals.data(); });
-  return totals;
-}
-
 TEST(Replay, BeginAndDurationCutAtExactTimes) {
   ScratchDirectory dir;
   const RecordingPlan plan = smallPlan(6);
@@ -125,7 +119,7 @@ TEST(Replay, SpeedPacesPausesAndRejectsTooSlow) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   tagger.sync();
   EXPECT_FALSE(tagger.waitForCompletion(id, 0));
-  EXPECT_EQ(countsTotal(rates), (std::vector<int64_t>{0, 0, 0}));
+  EXPECT_EQ(collect(rates, &Countrate::getCountsTotal), (std::vector<int64_t>{0, 0, 0}));
 
   // At twice real time, 0.4 s of recording cannot pass in much under 0.2 s; the upper bound
   // only guards against a stalled clock.
@@ -135,7 +129,7 @@ TEST(Replay, SpeedPacesPausesAndRejectsTooSlow) {
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   EXPECT_GT(took.count(), 0.15);
   EXPECT_LT(took.count(), 20.0);
-  EXPECT_GT(countsTotal(rates)[0], 0);
+  EXPECT_GT(collect(rates, &Countrate::getCountsTotal)[0], 0);
 }
 
 // What verifying readers give for `files` read one after another, joined as replay joins blocks,
