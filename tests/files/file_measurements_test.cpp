@@ -48,15 +48,11 @@ std::vector<Tag> readInChunks(FileReader& reader, std::mt19937_64& rng, int64_t 
 // Everything `reader` hands out block by block; each refused block counts in `refusals`, where
 // given, and is a failure where not.
 std::vector<Tag> readRaw(FileReader& reader, int* refusals = nullptr) {
-  std::vector<Tag> read;
-  std::vector<Tag> block;
+  std::vector<Tag> read, block;
   while (reader.hasData()) {
     const bool delivered = reader.getDataRaw(block);
-    if (refusals != nullptr) {
-      *refusals += !delivered;
-    } else {
-      EXPECT_TRUE(delivered);
-    }
+    EXPECT_TRUE(delivered || refusals != nullptr);
+    if (refusals != nullptr) *refusals += !delivered;
     read.insert(read.end(), block.begin(), block.end());
   }
   return read;

@@ -31,11 +31,11 @@ std::vector<Tag> window(const std::vector<Tag>& tags, int64_t from, int64_t to, 
   return out;
 }
 
-TEST(Replay, BeginAndDurationCutAtExactTimes) {
+TEST(Replay, BeginAndDurationCutAtExactTimesQueuesMarkTheJoinAndStopEndsEverything) {
   ScratchDirectory dir;
-  const RecordingPlan plan = smallPlan(6);
-  writeRecording(dir.file("cut"), plan, 6000);
-  const std::vector<Tag> all = generatedTags(plan);
+  RecordingPlan plan = smallPlan(7);
+  writeRecording(dir.file("first"), plan, 5000);
+  const std::vector<Tag> first = generatedTags(plan);
   // Inside blocks (ending on a tick of the periodic channel, which stays out), on a block edge,
   // a negative begin (idle time first, which counts against the duration), and a duration
   // beyond the end (empty time).
@@ -47,18 +47,14 @@ TEST(Replay, BeginAndDurationCutAtExactTimes) {
                                                 {25000000000, 1000000000}}) {
     SCOPED_TRACE(begin);
     Replay replay(3);
-    const std::vector<Tag> tags = replay.play(dir.file("cut"), begin, duration);
+    const std::vector<Tag> tags = replay.play(dir.file("first"), begin, duration);
     ASSERT_FALSE(replay.blocks.empty());
     EXPECT_EQ(replay.blocks.front().begin_time, 0);
     EXPECT_EQ(replay.blocks.back().end_time, duration);
-    EXPECT_TRUE(sameTags(tags, window(all, std::max<int64_t>(begin, 0), begin + duration, -begin)));
+    EXPECT_TRUE(
+        sameTags(tags, window(first, std::max<int64_t>(begin, 0), begin + duration, -begin)));
   }
-}
 
-TEST(Replay, QueueMarksTheJoinAndStopEndsEverything) {
-  ScratchDirectory dir;
-  RecordingPlan plan = smallPlan(7);
-  writeRecording(dir.file("first"), plan, 5000);
   plan.seed = 8;
   writeRecording(dir.file("second"), plan, -1);
 
@@ -72,7 +68,7 @@ TEST(Replay, QueueMarksTheJoinAndStopEndsEverything) {
   EXPECT_TRUE(tagger.waitForCompletion(a, 0));
 
   // The second recording starts where the first ended, behind an error tag.
-  std::vector<Tag> expected = generatedTags(smallPlan(7));
+  std::vector<Tag> expected = first;
   expected.push_back(marker(Tag::Type::Error, plan.duration));
   for (const Tag& tag : window(generatedTags(plan), 0, plan.duration, plan.duration)) {
     expected.push_back(tag);
@@ -367,12 +363,9 @@ TEST(ReplaySettings, DelaysDeadTimeAndTestSignalMatchTheirModels) {
   EXPECT_FALSE(replay.tagger->getTestSignal(2));
   const std::vector<Tag> out = replay.play(base);
   EXPECT_TRUE(std::is_sorted(out.begin(), out.end(), byTime));
-  std::vector<Tag> others, expected_others;
-  std::vector<Tag> edges;
+  std::vector<Tag> edges, others, expected_others = recorded;
   for (const Tag& tag : out) (std::abs(tag.channel) == 1 ? edges : others).push_back(tag);
-  for (const Tag& tag : recorded) {
-    if (tag.channel != 1) expected_others.push_back(tag);
-  }
+  std::erase_if(expected_others, [](const Tag& tag) { return tag.channel == 1; });
   EXPECT_TRUE(sameTags(others, expected_others));
   ASSERT_FALSE(edges.empty());
   EXPECT_EQ(edges[0].channel, 1);
