@@ -149,7 +149,7 @@ TEST_F(RecordedFile, DamagedBlocksEndTheFileWithTheirMessages) {
   }
 }
 
-TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnitAndTheLatestChannelMaps) {
+TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnitAndTheLatestMapsAndRefusesBrokenFiles) {
   ScratchDirectory directory;
   const std::string path = directory.file("unit.ztbin");
   // Worked by hand with time_unit 3 from start time 100.
@@ -175,45 +175,33 @@ TEST(FileReader, DecodesEveryCodeWithTheBlocksTimeUnitAndTheLatestChannelMaps) {
                        .timeTags(200, 300, {shortTag(8, 1)}, 1, true)
                        .end()
                        .bytes);
-  LogCapture log;
-  ZeptickFileReader reader(path, false);
-  std::vector<Tag> tags;
-  uint64_t overflows = 10;
-  ASSERT_TRUE(reader.decodeBlock(tags, 100, overflows));
-  const int64_t t1 = 100 + (int64_t{3} << 24) + 6;
-  const int64_t t2 = t1 + (int64_t{3} << 48);
-  const int64_t t3 = t2 + 12;
-  const std::vector<Tag> expected = {
-      timeTag(4, t1),
-      timeTag(9, t2),
-      marker(Tag::Type::OverflowBegin, t3),
-      Tag{Tag::Type::MissedEvents, 0, 9, 4, t3},
-      Tag{Tag::Type::MissedEvents, 0, 5, CHANNEL_UNUSED, t3},
-      marker(Tag::Type::OverflowEnd, t3 + 3),
-      marker(Tag::Type::Error, t3 + 18),
-      timeTag(CHANNEL_UNUSED, t3 + 18),
-  };
-  EXPECT_TRUE(sameTags(tags, expected));
-  EXPECT_EQ(overflows, 12u);
-  // The second block starts in overflow: its channel word is a missed-event count. A start
-  // time other than begin_time moves the whole block.
-  ASSERT_TRUE(reader.decodeBlock(tags, 5000, overflows));
-  EXPECT_TRUE(sameTags(tags, {Tag{Tag::Type::MissedEvents, 0, 8, 9, 5000}}));
-  EXPECT_EQ(reader.getInvertedChannel(2), -2);  // kept though its index was given to 9
-  EXPECT_EQ(reader.getInvertedChannel(-9), 9);
-  EXPECT_EQ(reader.getInvertedChannel(6), -6);
-  EXPECT_EQ(reader.getInvertedChannel(3), CHANNEL_UNUSED);
-  // At the end: nothing decoded, the caller's tags untouched.
-  EXPECT_FALSE(reader.decodeBlock(tags, 0, overflows));
-  EXPECT_EQ(tags.size(), 1u);
-  EXPECT_TRUE(log.messages().empty());
-}
-
-TEST(FileReader, MissingTooNewTooSmallAndUnalignedFiles) {
-  ScratchDirectory directory;
-  const std::string path = directory.file("small.ztbin");
   {
     LogCapture log;
+    ZeptickFileReader reader(path, false);
+    std::vector<Tag> tags;
+    uint64_t overflows = 10;
+    ASSERT_TRUE(reader.decodeBlock(tags, 100, overflows));
+    const int64_t t1 = 100 + (int64_t{3} << 24) + 6;
+    const int64_t t2 = t1 + (int64_t{3} << 48);
+    const int64_t t3 = t2 + 12;
+    EXPECT_TRUE(sameTags(
+        tags,
+        {timeTag(4, t1), timeTag(9, t2), marker(Tag::Type::OverflowBegin, t3), missedTag(4, t3, 9),
+         missedTag(CHANNEL_UNUSED, t3, 5), marker(Tag::Type::OverflowEnd, t3 + 3),
+         marker(Tag::Type::Error, t3 + 18), timeTag(CHANNEL_UNUSED, t3 + 18)}));
+    EXPECT_EQ(overflows, 12u);
+    // The second block starts in overflow: its channel word is a missed-event count. A start
+    // time other than begin_time moves the whole block.
+    ASSERT_TRUE(reader.decodeBlock(tags, 5000, overflows));
+    EXPECT_TRUE(sameTags(tags, {missedTag(9, 5000, 8)}));
+    EXPECT_EQ(reader.getInvertedChannel(2), -2);  // kept though its index was given to 9
+    EXPECT_EQ(reader.getInvertedChannel(-9), 9);
+    EXPECT_EQ(reader.getInvertedChannel(6), -6);
+    EXPECT_EQ(reader.getInvertedChannel(3), CHANNEL_UNUSED);
+    // At the end: nothing decoded, the caller's tags untouched.
+    EXPECT_FALSE(reader.decodeBlock(tags, 0, overflows));
+    EXPECT_EQ(tags.size(), 1u);
+    // A missing file is no fault: it holds nothing.
     EXPECT_TRUE(readRecording(directory.file("missing.ztbin")).empty());
     EXPECT_TRUE(log.messages().empty());
   }
