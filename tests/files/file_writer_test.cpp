@@ -26,7 +26,7 @@ std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible) {
   return tags;
 }
 
-TEST(FileWriter, CompressesFromOneKibibyteOnAndOnlyWhenItShrinks) {
+TEST(FileWriter, CompressesFromOneKibibyteOnWhenItShrinksAndNumbersChannelsOncePerMap) {
   ScratchDirectory directory;
   const std::string path = directory.file("c.ztbin");
   struct Case {
@@ -52,11 +52,7 @@ TEST(FileWriter, CompressesFromOneKibibyteOnAndOnlyWhenItShrinks) {
     ASSERT_EQ(read.size(), 1u);
     EXPECT_TRUE(sameTags(read[0].tags, tags));
   }
-}
 
-TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
-  ScratchDirectory directory;
-  const std::string path = directory.file("map.ztbin");
   {
     ZeptickFileWriter writer(path, 0, {});
     std::vector<std::pair<int32_t, int32_t>> many;
@@ -87,7 +83,7 @@ TEST(FileWriter, NumbersChannelsOncePerMapAndDropsUnmappedOnes) {
   EXPECT_TRUE(sameTags(read[1].tags, {timeTag(2, 30)}));
 }
 
-TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
+TEST(FileWriter, FailuresRaiseTheirMessagesAndBlockStatesAreReusedWithoutGrowing) {
   // The base name as given, not the numbered file name.
   EXPECT_THAT([] { ZeptickFileWriter("/nonexistent-zeptick-dir/data", 3, {}); },
               ThrowsMessage<std::runtime_error>("FileWriter: Error on opening the file "
@@ -95,7 +91,6 @@ TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
   ScratchDirectory directory;
   const std::string base = directory.file("full");
   ASSERT_EQ(symlink("/dev/full", (base + ".ztbin").c_str()), 0);
-  const std::string full = "FileWriter: Error on writing to the disk.";
   LogCapture log;
   {
     ZeptickFileWriter writer(base, 0, {});
@@ -104,15 +99,13 @@ TEST(FileWriter, OpeningAndWritingFailuresRaiseTheirMessages) {
     writer.writeChannelMap({{1, -1}});
     auto* state = writer.encodeBlock(tags, 0, tags.back().time + 1);
     ZeptickFileWriter::finishBlock(state);
-    EXPECT_THAT([&] { writer.writeBlock(state); }, ThrowsMessage<std::runtime_error>(full));
+    EXPECT_THAT([&] { writer.writeBlock(state); },
+                ThrowsMessage<std::runtime_error>("FileWriter: Error on writing to the disk."));
     writer.recycleBlock(state);
   }
   // Closing meets the same failure and can only log it.
   expectMessages(log, {"Error on writing to the disk."});
-}
 
-TEST(FileWriter, ReusesBlockStatesWithoutGrowingThem) {
-  ScratchDirectory directory;
   ZeptickFileWriter writer(directory.file("pool"), 0, {});
   writer.writeChannelMap({{1, -1}});
   const std::vector<Tag> tags = tagsOnOneChannel(3000, true);
