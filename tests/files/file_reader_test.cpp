@@ -13,43 +13,33 @@
 namespace zeptick::testing {
 namespace {
 
-// A recording of small raw blocks and one large compressed block.
-class RecordedFile : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::mt19937_64 rng(5);
-    blocks = randomStream(rng, 6, {1, 2});
-    Block large{{}, blocks.back().end_time, blocks.back().end_time + 100000};
-    for (int64_t t = 0; t < 3000; ++t) {
-      large.tags.push_back(timeTag(1 + t % 2, large.begin_time + t));
-    }
-    blocks.push_back(large);
-    blocks.push_back(Block{{timeTag(2, large.end_time + 5)}, large.end_time, large.end_time + 10});
-    writeRecording(path, blocks, {{1, -1}, {2, -2}});
-    bytes = readBytes(path);
-    time_blocks = timeTagBlocks(bytes);
-    ASSERT_EQ(time_blocks.size(), blocks.size());
-    ASSERT_EQ(u32At(time_blocks[6].payload, 36), 1u) << "the large block should be compressed";
-    ASSERT_GE(u32At(time_blocks[1].payload, 24), 2u) << "damage tests need raw words in block 1";
-    ASSERT_GE(u32At(time_blocks[3].payload, 24), 2u) << "and in block 3";
-    clean = readRecording(path);
-  }
-
-  // Offset in the file of a byte of time tag block `index`, counted from its payload.
-  size_t offsetIn(size_t index, size_t payload_offset) const {
-    return time_blocks[index].offset + 16 + payload_offset;
-  }
-
+// A recording of small raw blocks and one large compressed block, cut short, changed byte by
+// byte and damaged: a reader delivers the blocks before the fault, nothing from it on, and
+// says why.
+TEST(RecordedFile, CutChangedAndDamagedFilesEndAtTheFaultWithTheirMessages) {
+  std::mt19937_64 rng(5);
+  std::vector<Block> blocks = randomStream(rng, 6, {1, 2});
+  Block large{{}, blocks.back().end_time, blocks.back().end_time + 100000};
+  for (int64_t t = 0; t < 3000; ++t) large.tags.push_back(timeTag(1 + t % 2, large.begin_time + t));
+  blocks.push_back(large);
+  blocks.push_back(Block{{timeTag(2, large.end_time + 5)}, large.end_time, large.end_time + 10});
   ScratchDirectory directory;
-  std::string path = directory.file("recording.ztbin");
-  std::vector<Block> blocks;
-  Bytes bytes;
-  std::vector<RawBlock> time_blocks;
-  std::vector<Block> clean;
+  const std::string path = directory.file("recording.ztbin");
+  writeRecording(path, blocks, {{1, -1}, {2, -2}});
+  const Bytes bytes = readBytes(path);
+  const std::vector<RawBlock> time_blocks = timeTagBlocks(bytes);
+  ASSERT_EQ(time_blocks.size(), blocks.size());
+  ASSERT_EQ(u32At(time_blocks[6].payload, 36), 1u) << "the large block should be compressed";
+  ASSERT_GE(u32At(time_blocks[1].payload, 24), 2u) << "damage tests need raw words in block 1";
+  ASSERT_GE(u32At(time_blocks[3].payload, 24), 2u) << "and in block 3";
+  const std::vector<Block> clean = readRecording(path);
+  // Offset in the file of a byte of time tag block `index`, counted from its payload.
+  const auto offsetIn = [&](size_t index, size_t at) {
+    return time_blocks[index].offset + 16 + at;
+  };
   const std::string invalid = "Time tag block data with invalid hash or signature";
-};
 
-TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
+  // Cut at every length: every complete block is delivered.
   const std::string cut = directory.file("cut.ztbin");
   for (size_t length = 0; length < bytes.size(); ++length) {
     writeBytes(cut, Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length)));
@@ -68,12 +58,9 @@ TEST_F(RecordedFile, DeliversEveryCompleteBlockOfATruncatedFileAndTellsOnce) {
     ASSERT_EQ(texts.size(), 2u) << "cut at " << length;
     EXPECT_EQ(texts[0], "File access failed") << "cut at " << length;
   }
-}
 
-// Every byte that the digest or the signature covers, changed in turn in a raw and in a
-// compressed block: a verifying reader delivers the blocks before it and nothing from it on,
-// and says why. (The span and flag fields before the digest are not covered by it.)
-TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
+  // Every byte that the digest or the signature covers, changed in turn in a raw and in a
+  // compressed block. (The span and flag fields before the digest are not covered by it.)
   for (const size_t block : {size_t{3}, size_t{6}}) {
     for (size_t at = 48; at < time_blocks[block].payload.size(); ++at) {
       if (at >= 144 + u32At(time_blocks[block].payload, 28)) break;  // the padding
@@ -92,17 +79,16 @@ TEST_F(RecordedFile, EveryChangedByteOfTheSignedPartEndsTheFileThere) {
           << "block " << block << " byte " << at << ": " << ::testing::PrintToString(messages);
     }
   }
-}
 
-TEST_F(RecordedFile, DamagedBlocksEndTheFileWithTheirMessages) {
+  // Header fields and data damaged one at a time.
   const std::string signature = "ECC signature is wrong";
-  auto put = [this](size_t block, size_t at, uint32_t value) {
-    return [this, block, at, value](Bytes& file) {
+  auto put = [&](size_t block, size_t at, uint32_t value) {
+    return [&, block, at, value](Bytes& file) {
       putLittleEndian(file, offsetIn(block, at), value, 4);
     };
   };
   // One tick later, with a digest that matches again: only the signature can tell.
-  auto forge = [this](Bytes& file) {
+  auto forge = [&](Bytes& file) {
     file[offsetIn(1, 144)] ^= 0x01;
     unsigned int length = 0;
     ASSERT_EQ(EVP_Digest(&file[offsetIn(1, 144)], u32At(time_blocks[1].payload, 24) * 4,
