@@ -53,7 +53,7 @@ void expectSigned(const Bytes& block) {
   EVP_PKEY_free(key);
 }
 
-TEST(FileFormat, MakeFileNameDropsOneExtensionAndNumbersSplits) {
+TEST(FileFormat, NamesDropOneExtensionAndNumberSplitsAndAWrittenFileMatchesTheLayout) {
   // Only a name longer than the extension loses it, and only in lower case.
   const std::vector<std::tuple<std::string, uint32_t, std::string>> cases = {
       {"data", 0, "data.ztbin"},
@@ -66,9 +66,7 @@ TEST(FileFormat, MakeFileNameDropsOneExtensionAndNumbersSplits) {
   for (const auto& [base, index, name] : cases) {
     EXPECT_EQ(ZeptickFile::makeFileName(base, index), name) << base << " " << index;
   }
-}
 
-TEST(FileFormat, WrittenFileMatchesTheLayoutByteForByte) {
   ScratchDirectory directory;
   const std::string path = directory.file("layout.ztbin");
   const int64_t begin = 1000;

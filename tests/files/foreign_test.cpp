@@ -297,7 +297,7 @@ void writeScalar(hid_t file, const std::string& name, double value) {
   writeDataset(file, name, &value, 0, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE);
 }
 
-TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync) {
+TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeAndAVariantPlaysOnceGivenItsUnit) {
   ScratchDirectory dir;
   const std::string path = dir.file("multispot.h5");
   constexpr int64_t kUnit = 12500, kTcspc = 16;  // ps
@@ -328,38 +328,34 @@ TEST(PhotonHdf5Recording, MultispotGroupsMergeInTimeWithNanotimesAfterTheirSync)
   H5Fclose(file);
   std::sort(expected.begin(), expected.end());
 
-  const ForeignRead read = readForeign(path);
-  ASSERT_TRUE(read.open);
-  EXPECT_GE(read.blocks, 3u);
-  EXPECT_EQ(sortedTimeTags(read.tags), expected);
-  EXPECT_EQ(read.settings["groups"]["photon_data1"]["photons"], 90000);
-}
+  const ForeignRead multispot = readForeign(path);
+  ASSERT_TRUE(multispot.open);
+  EXPECT_GE(multispot.blocks, 3u);
+  EXPECT_EQ(sortedTimeTags(multispot.tags), expected);
+  EXPECT_EQ(multispot.settings["groups"]["photon_data1"]["photons"], 90000);
 
-TEST(PhotonHdf5Recording, VariantWithoutTimestampUnitIsRefusedAndPlaysOnceGivenOne) {
+  // A real file of a variant without the timestamp unit is refused.
   ZT_REQUIRE_REAL_DATA();
-  {
-    LogCapture log;
-    const ForeignRead read = readForeign(realData(kVariant));
-    EXPECT_FALSE(read.open);
-    EXPECT_TRUE(read.tags.empty());
-    EXPECT_TRUE(log.contains(LOGGER_ERROR,
-                             "is not playable Photon-HDF5: "
-                             "photon_data0/timestamps_specs/timestamps_unit is missing."));
-  }
+  LogCapture log;
+  const ForeignRead refused = readForeign(realData(kVariant));
+  EXPECT_FALSE(refused.open);
+  EXPECT_TRUE(refused.tags.empty());
+  EXPECT_TRUE(log.contains(LOGGER_ERROR,
+                           "is not playable Photon-HDF5: "
+                           "photon_data0/timestamps_specs/timestamps_unit is missing."));
   // The unit its users pass by hand, added to a copy: int32 detectors in a numbered group.
-  ScratchDirectory dir;
   const std::string copy = dir.file("variant.h5");
   std::filesystem::copy_file(realData(kVariant), copy);
   std::filesystem::permissions(copy, std::filesystem::perms::owner_write,
                                std::filesystem::perm_options::add);
-  const hid_t file = H5Fopen(copy.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
-  ASSERT_GE(file, 0);
-  writeScalar(file, "photon_data0/timestamps_specs/timestamps_unit", 5e-9);
-  H5Fclose(file);
-  const ForeignRead read = readForeign(copy);
-  ASSERT_TRUE(read.open);
-  EXPECT_EQ(countPerChannel(read.tags), (std::map<int32_t, size_t>{{1, 727}, {2, 553}}));
-  EXPECT_NEAR((read.tags.back().time - read.tags.front().time) * 1e-12, 6.535, 0.001);
+  const hid_t variant = H5Fopen(copy.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+  ASSERT_GE(variant, 0);
+  writeScalar(variant, "photon_data0/timestamps_specs/timestamps_unit", 5e-9);
+  H5Fclose(variant);
+  const ForeignRead given = readForeign(copy);
+  ASSERT_TRUE(given.open);
+  EXPECT_EQ(countPerChannel(given.tags), (std::map<int32_t, size_t>{{1, 727}, {2, 553}}));
+  EXPECT_NEAR((given.tags.back().time - given.tags.front().time) * 1e-12, 6.535, 0.001);
 }
 
 }  // namespace
