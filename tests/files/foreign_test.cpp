@@ -43,27 +43,24 @@ size_t tagValueOffset(const Bytes& file, const std::string& name, int32_t index 
   return 0;
 }
 
-TEST(PtuRecording, HydraHarpT2TimesWrapAtTwoToThe25) {
+TEST(PtuRecording, HydraHarpT2WrapsAtTwoToThe25AndPicoHarpT3TimesSitOnTheSyncGrid) {
   ZT_REQUIRE_REAL_DATA();
-  const ForeignRead read = readForeign(realData(kT2));
-  ASSERT_TRUE(read.open);
+  const ForeignRead t2 = readForeign(realData(kT2));
+  ASSERT_TRUE(t2.open);
   // One detector, no sync, no markers; times in 1 ps units.
-  EXPECT_EQ(countPerChannel(read.tags), (std::map<int32_t, size_t>{{1, 305565}}));
-  const std::vector<int64_t> photons = timesOn(read.tags, 1);
+  EXPECT_EQ(countPerChannel(t2.tags), (std::map<int32_t, size_t>{{1, 305565}}));
+  const std::vector<int64_t> photons = timesOn(t2.tags, 1);
   EXPECT_EQ(std::vector<int64_t>(photons.begin(), photons.begin() + 10),
             (std::vector<int64_t>{24433765, 42010976, 42303858, 65241860, 71933885, 87149772,
                                   124793256, 131543896, 134363435, 136622106}));
   EXPECT_EQ(photons.back(), 4999964931763);
 
-  EXPECT_EQ(read.settings["record_type"], "HydraHarp V2 T2");
-  EXPECT_EQ(read.settings["records"], 435319);
-  EXPECT_EQ(read.settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
+  EXPECT_EQ(t2.settings["record_type"], "HydraHarp V2 T2");
+  EXPECT_EQ(t2.settings["records"], 435319);
+  EXPECT_EQ(t2.settings["header"]["CreatorSW_Name"], "HydraHarp AcqUI");
   // 88 tag entries, Header_End being the one not kept.
-  EXPECT_EQ(read.settings["header"].size(), 87u);
-}
+  EXPECT_EQ(t2.settings["header"].size(), 87u);
 
-TEST(PtuRecording, PicoHarpT3ImageMarkersAndTimesOnTheSyncGrid) {
-  ZT_REQUIRE_REAL_DATA();
   const ForeignRead read = readForeign(realData(kFlim));
   ASSERT_TRUE(read.open);
   // Router channel 1 is detector 0; markers 1 to 3 are line start, line stop and frame.
