@@ -27,7 +27,6 @@
 #include "support/log_capture.h"
 #include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
-#include "support/test_tagger.h"
 #include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
