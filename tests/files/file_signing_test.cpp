@@ -42,23 +42,17 @@ KeyPair generateKeyPair(const char* curve) {
   return pair;
 }
 
-class FileKeys : public ::testing::Test {
- protected:
-  void TearDown() override {
-    setFileSigningKey("");
-    setFileVerificationKey("");
-  }
+// Ends with the built-in pair in force on both sides again, as every other test expects.
+TEST(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
+  ScratchDirectory directory;
   // One block of three tags, signed with the key in force; how many blocks verify.
-  void write(const std::string& name) {
+  const auto write = [&](const std::string& name) {
     writeRecording(directory.file(name),
                    {{{timeTag(1, 10), timeTag(1, 20), timeTag(1, 30)}, 0, 100}}, {{1, -1}});
-  }
-  size_t verified(const std::string& name) { return readRecording(directory.file(name)).size(); }
-
-  ScratchDirectory directory;
-};
-
-TEST_F(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
+  };
+  const auto verified = [&](const std::string& name) {
+    return readRecording(directory.file(name)).size();
+  };
   const KeyPair mine = generateKeyPair("P-256");
   const KeyPair other_curve = generateKeyPair("P-384");
   setFileSigningKey(mine.private_pem);
