@@ -202,19 +202,6 @@ TEST_F(FileMeasurements, ReaderEndsARecordingAtAForeignOrEmptySplitFileAndReadsA
   EXPECT_EQ(again.getData(5).size, 5u);
 }
 
-// Fed by hand on the test's thread: stopped at once, so no worker calls next_impl too.
-class DirectStream : public TimeTagStream {
- public:
-  DirectStream(ZeptickBase* tagger, uint64_t n_max, std::vector<int> channels)
-      : TimeTagStream(tagger, n_max, std::move(channels)) {
-    stop();
-  }
-  void feed(Block block) {
-    lock();
-    next_impl(block.tags, block.begin_time, block.end_time);
-    unlock();
-  }
-};
 // With a channel filter and without, with and without a limit: what each span collects, and
 // that the overflow mark says that data are missing even when the tag that set it was dropped.
 TEST_F(FileMeasurements, StreamCollectsFilteredTagsUpToItsLimitAndChainsSpans) {
@@ -222,7 +209,7 @@ TEST_F(FileMeasurements, StreamCollectsFilteredTagsUpToItsLimitAndChainsSpans) {
   using Setting = std::pair<std::vector<int>, uint64_t>;
   for (const auto& [filter, limit] : {Setting{{2, -1}, 1 << 20}, Setting{{}, 7}, {{1, 2}, 7}}) {
     SCOPED_TRACE(limit);
-    DirectStream stream(&tagger, limit, filter);
+    Direct<TimeTagStream> stream(&tagger, limit, filter);  // fed on this thread
     const TimeTagStreamBuffer empty = stream.getData();
     EXPECT_TRUE(bufferTags(empty).empty());
     EXPECT_FALSE(empty.hasOverflows);
@@ -230,7 +217,7 @@ TEST_F(FileMeasurements, StreamCollectsFilteredTagsUpToItsLimitAndChainsSpans) {
     bool expect_overflow = false;
     int64_t span_start = -1;
     for (size_t i = 0; i < blocks.size(); ++i) {
-      stream.feed(blocks[i]);
+      stream.feed(blocks[i].tags, blocks[i].begin_time, blocks[i].end_time);
       if (span_start == -1) span_start = blocks[i].end_time;
       for (const Tag& tag : blocks[i].tags) {
         const bool on_channel = std::count(filter.begin(), filter.end(), tag.channel) > 0;
