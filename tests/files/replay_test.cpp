@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -205,10 +204,10 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   damage(files[2], 2, 150, true);       // a cut in the next block, which is never told
   damage(files[3], 2, 100, true);       // a cut that is told
   const FileByFile expected = readFileByFile(files);
-  std::vector<std::string> readers_log;
-  std::copy_if(
-      expected.log.begin(), expected.log.end(), std::back_inserter(readers_log),
-      [](const std::string& text) { return text.find("' ends early") == std::string::npos; });
+  std::vector<std::string> readers_log = expected.log;
+  std::erase_if(readers_log, [](const std::string& text) {
+    return text.find("' ends early") != std::string::npos;
+  });
   ASSERT_EQ(readers_log,
             (std::vector<std::string>{
                 "Hash missmatch", "Time tag block data with invalid hash or signature",
@@ -227,10 +226,8 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   expectReplayReadsFileByFile(base, ended);
   std::filesystem::resize_file(files[4], 0);
   ended.log.pop_back();
-  for (const char* text :
-       {"File access failed", "Incorrect Header", "the recording ends before it."}) {
-    ended.log.push_back(text);
-  }
+  ended.log.insert(ended.log.end(),
+                   {"File access failed", "Incorrect Header", "the recording ends before it."});
   expectReplayReadsFileByFile(base, ended);
 
   // A large block whose signature fails only after its digest: meanwhile other workers claim the
@@ -239,8 +236,7 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   uint64_t state = 1;
   for (int64_t b = 0; b < 5; ++b) {
     Block block{{}, b * 1000000000, (b + 1) * 1000000000};
-    const int64_t count = b == 1 ? 2000000 : 50;
-    for (int64_t t = 0; t < count; ++t) {
+    for (int64_t t = 0; t < (b == 1 ? 2000000 : 50); ++t) {
       state = state * 6364136223846793005u + 1442695040888963407u;
       block.tags.push_back(timeTag(1 + static_cast<int>(state >> 63),
                                    block.begin_time + t * 450 + static_cast<int64_t>(state >> 56)));
