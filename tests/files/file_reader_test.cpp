@@ -81,7 +81,6 @@ TEST(RecordedFile, CutChangedAndDamagedFilesEndAtTheFaultWithTheirMessages) {
   }
 
   // Header fields and data damaged one at a time.
-  const std::string signature = "ECC signature is wrong";
   auto put = [&](size_t block, size_t at, uint32_t value) {
     return [&, block, at, value](Bytes& file) {
       putLittleEndian(file, offsetIn(block, at), value, 4);
@@ -108,7 +107,7 @@ TEST(RecordedFile, CutChangedAndDamagedFilesEndAtTheFaultWithTheirMessages) {
   const std::string packed_lost = "Compressed time tag block data could not be loaded";
   const std::string unknown = "Time tag block data with unknown compression";
   const std::vector<Damage> damages = {
-      {"forged data with a fresh digest", 1, forge, {signature, invalid}, true},
+      {"forged data with a fresh digest", 1, forge, {"ECC signature is wrong", invalid}, true},
       {"one word more than compressed", 6, put(6, 24, 3001), {unpacked}, false},
       {"compressed block claiming 16 GiB", 6, put(6, 24, 0xFFFFFFFF), {unpacked}, false},
       {"more stored bytes than the block", 6, put(6, 28, 0x7FFFFFFF), {small, packed_lost}, false},

@@ -82,7 +82,6 @@ TEST(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
     EXPECT_EQ(verified("still-mine.ztbin"), 1u);
     EXPECT_TRUE(log.messages().empty());
   }
-  // Back to the built-in pair on both sides.
   setFileSigningKey("");
   setFileVerificationKey("");
   write("builtin.ztbin");

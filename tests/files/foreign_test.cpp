@@ -269,7 +269,6 @@ TEST(SpcRecording, EveryPhotonMatchesTheListingWithReversedMicrotime) {
   EXPECT_NEAR(read.settings["tac_bin_ps"].get<double>(), kTacBin, 1e-9);
   EXPECT_EQ(read.settings["parameters"]["SP_TAC_G"], 5);
 
-  // FileReader hands out the same stream.
   EXPECT_EQ(FileReader(realData(kSpc)).getData(1 << 20).size, read.tags.size());
 }
 
