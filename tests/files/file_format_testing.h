@@ -211,7 +211,7 @@ inline std::vector<std::string> messageTexts(LogCapture& log) {
   std::vector<std::string> texts;
   for (const LogCapture::Entry& entry : log.entries()) {
     EXPECT_EQ(entry.level, LOGGER_ERROR) << entry.text;
-    texts.push_back(entry.text.substr(entry.text.rfind(": ") + 2));
+    texts.push_back(entry.text.substr(entry.text.find(": ") + 2));
   }
   return texts;
 }

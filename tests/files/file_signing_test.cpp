@@ -14,9 +14,7 @@ namespace zeptick::testing {
 namespace {
 
 struct KeyPair {
-  std::string private_pem;
-  std::string public_pem;
-  std::string traditional_pem;  // "BEGIN EC PRIVATE KEY"
+  std::string private_pem, public_pem, traditional_pem;  // the last "BEGIN EC PRIVATE KEY"
 };
 
 KeyPair generateKeyPair(const char* curve) {

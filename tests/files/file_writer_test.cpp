@@ -104,7 +104,7 @@ TEST(FileWriter, FailuresRaiseTheirMessagesAndBlockStatesAreReusedWithoutGrowing
     writer.recycleBlock(state);
   }
   // Closing meets the same failure and can only log it.
-  expectMessages(log, {"Error on writing to the disk."});
+  expectMessages(log, {"FileWriter: Error on writing to the disk."});
 
   ZeptickFileWriter writer(directory.file("pool"), 0, {});
   writer.writeChannelMap({{1, -1}});

@@ -181,8 +181,7 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramAndDamagedCopiesEndingWithWhatAnd
     writeBytes(path, c.bytes);
     LogCapture log;
     const ForeignRead read = readForeign(path);
-    const std::vector<LogCapture::Entry> entries = log.entries();
-    const bool found = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+    const bool found = std::ranges::any_of(log.entries(), [&](const LogCapture::Entry& entry) {
       return entry.level == c.level && entry.text.find(c.message) != std::string::npos &&
              entry.text.find(path) != std::string::npos;
     });

@@ -227,7 +227,8 @@ TEST(Replay, ParallelChecksGiveTheStreamAndLogOfReadingFileByFile) {
   std::filesystem::resize_file(files[4], 0);
   ended.log.pop_back();
   ended.log.insert(ended.log.end(),
-                   {"File access failed", "Incorrect Header", "the recording ends before it."});
+                   {"File access failed", "Incorrect Header",
+                    "File '" + files[4] + "' has no file header: the recording ends before it."});
   expectReplayReadsFileByFile(base, ended);
 
   // A large block whose signature fails only after its digest: meanwhile other workers claim the
