@@ -318,10 +318,8 @@ inline RecordingPlan smallPlan(uint64_t seed) {
 /// The generator's whole stream in memory: the reference for what the files hold.
 inline std::vector<Tag> generatedTags(const RecordingPlan& plan) {
   RecordingGenerator generator(plan);
-  std::vector<Tag> all;
-  std::vector<Tag> tags;
-  int64_t begin = 0;
-  int64_t end = 0;
+  std::vector<Tag> all, tags;
+  int64_t begin = 0, end = 0;
   while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
   return all;
 }
@@ -331,8 +329,7 @@ inline std::vector<Tag> bufferTags(const TimeTagStreamBuffer& buffer) {
   std::vector<int> channels;
   std::vector<int64_t> times;
   std::vector<uint16_t> missed;
-  std::vector<uint8_t> types;
-  std::vector<uint8_t> overflows;
+  std::vector<uint8_t> types, overflows;
   buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
   buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
   buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });

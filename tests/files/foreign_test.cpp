@@ -197,8 +197,7 @@ TEST(PtuRecording, HydraHarpT3LifetimeHistogramAndDamagedCopiesEndingWithWhatAnd
   writeBytes(path, cases.front().bytes);
   LogCapture log;
   Replay replay(2);
-  const std::vector<Tag> played = replay.play(path);
-  EXPECT_EQ(played.size(), readForeign(path).tags.size());
+  EXPECT_EQ(replay.play(path).size(), readForeign(path).tags.size());
   EXPECT_TRUE(log.waitFor(LOGGER_ERROR, "(byte " + std::to_string(data + 4 * 50000) + ")."));
   // A file that is no PTU file any more is not taken for one.
   Bytes renamed = intact;

@@ -137,8 +137,7 @@ struct FileByFile {
 
 FileByFile readFileByFile(const std::vector<std::string>& files) {
   FileByFile out;
-  int64_t now = 0;
-  int64_t last_end = 0;
+  int64_t now = 0, last_end = 0;
   for (const std::string& name : files) {
     LogCapture log;
     for (const Block& block : readRecording(name)) {
