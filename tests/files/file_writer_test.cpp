@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <random>
+#include <tuple>
 
 #include "file_format_testing.h"
 
@@ -29,25 +30,21 @@ std::vector<Tag> tagsOnOneChannel(size_t count, bool compressible) {
 TEST(FileWriter, CompressesFromOneKibibyteOnWhenItShrinksAndNumbersChannelsOncePerMap) {
   ScratchDirectory directory;
   const std::string path = directory.file("c.ztbin");
-  struct Case {
-    size_t words;
-    bool compressible;
-    uint32_t compression;
-  };
-  for (const Case& c :
+  using Case = std::tuple<size_t, bool, uint32_t>;  // words, compressible, compression
+  for (const auto& [words, compressible, compression] :
        {Case{255, true, 0}, Case{256, true, 1}, Case{5000, false, 0}, Case{0, true, 0}}) {
-    SCOPED_TRACE(::testing::Message() << c.words << " words, compressible " << c.compressible);
-    const std::vector<Tag> tags = tagsOnOneChannel(c.words, c.compressible);
+    SCOPED_TRACE(::testing::Message() << words << " words, compressible " << compressible);
+    const std::vector<Tag> tags = tagsOnOneChannel(words, compressible);
     writeRecording(path, {{tags, 0, tags.empty() ? 1 : tags.back().time + 1}}, {{1, -1}});
     const std::vector<RawBlock> blocks = timeTagBlocks(readBytes(path));
     ASSERT_EQ(blocks.size(), 1u);
     const Bytes& header = blocks[0].payload;
-    EXPECT_EQ(u32At(header, 24), c.words);  // word_count
-    EXPECT_EQ(u32At(header, 36), c.compression);
+    EXPECT_EQ(u32At(header, 24), words);  // word_count
+    EXPECT_EQ(u32At(header, 36), compression);
     const uint32_t stored_size = u32At(header, 28);
     EXPECT_EQ(header.size(), 144 + stored_size);
-    EXPECT_EQ(stored_size < c.words * 4, c.compression == 1);
-    EXPECT_LE(stored_size, c.words * 4);
+    EXPECT_EQ(stored_size < words * 4, compression == 1);
+    EXPECT_LE(stored_size, words * 4);
     const std::vector<Block> read = readRecording(path);
     ASSERT_EQ(read.size(), 1u);
     EXPECT_TRUE(sameTags(read[0].tags, tags));
