@@ -107,26 +107,18 @@ TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
 // The board reports busy for this many status polls, then done; -1 for never.
 // Revision 3 is the first whose I2C core the start-up enables.
 TEST_F(PipeBackendTest, BusesThatStayBusyTooLongFail) {
-  struct Case {
-    const char* setting;
-    int busy_polls;
-    bool succeeds;
-  };
-  for (const Case& c : {Case{"serial_bus_busy_polls", 0, true},
-                        {"serial_bus_busy_polls", 997, true},
-                        {"serial_bus_busy_polls", 998, false},  // done on the last poll is late
-                        {"serial_bus_busy_polls", -1, false},
-                        {"i2c_busy_polls", 1001, true},
-                        {"i2c_busy_polls", 1002, false}}) {
-    SCOPED_TRACE(std::string(c.setting) + " " + std::to_string(c.busy_polls));
+  // Serial bus or I2C, busy polls, success; done on the serial bus's last poll is late.
+  const std::tuple<bool, int, bool> cases[] = {{true, 0, true},     {true, 997, true},
+                                               {true, 998, false},  {true, -1, false},
+                                               {false, 1001, true}, {false, 1002, false}};
+  for (auto [serial, busy_polls, succeeds] : cases) {
+    SCOPED_TRACE(std::to_string(serial) + " " + std::to_string(busy_polls));
     nlohmann::json entry = boardEntry("BUS", 36, 3);
-    entry[c.setting] = c.busy_polls;
+    entry[serial ? "serial_bus_busy_polls" : "i2c_busy_polls"] = busy_polls;
     auto board = attach(entry);
     PipeBackend backend;
     ASSERT_TRUE(backend.openDevice("BUS"));
-    const bool serial = c.setting[0] == 's';
-    EXPECT_EQ(serial ? backend.writeBusWord(4, 0x123456) : backend.i2cWrite(0x30, 0x90),
-              c.succeeds);
+    EXPECT_EQ(serial ? backend.writeBusWord(4, 0x123456) : backend.i2cWrite(0x30, 0x90), succeeds);
     EXPECT_EQ(board->wireIn(0x04), 0x30000u);  // the select bits are taken back
   }
 }
@@ -171,17 +163,9 @@ TEST_F(Sensors, ReportHasTheRowsOfModelAndRevisionAndFailedReadingsRead42) {
       {"11611 -5VD", 0},   {"11611 -5VA", 1},  {"11611 -5.52V", 5}, {"11611 +5VD", 7},
       {"11611 +5VA", 4},   {"11611 +5.6V", 6}, {"11611 +2.5VD", 2}, {"11611 +2.5VA", 8},
       {"11611 +2.99V", 3}, {"11611 12V", 9},   {"11611 incurr", 10}};
-  struct Case {
-    int model, revision, absent;
-  };
-  for (auto [model, revision, absent] : {Case{4, 0, 0},
-                                         {4, 2, 0},
-                                         {36, 0, 0},
-                                         {36, 2, 0},
-                                         {36, 3, 0},
-                                         {36, 4, 0},
-                                         {36, 5, 0},
-                                         {36, 5, 0x31}}) {
+  const std::tuple<int, int, int> cases[] = {{4, 0, 0},  {4, 2, 0},  {36, 0, 0}, {36, 2, 0},
+                                             {36, 3, 0}, {36, 4, 0}, {36, 5, 0}, {36, 5, 0x31}};
+  for (auto [model, revision, absent] : cases) {
     SCOPED_TRACE(::testing::Message() << model << " revision " << revision << " " << absent);
     const bool ultra = model == 36;
     nlohmann::json entry = boardEntry("HEALTH", model, revision);
