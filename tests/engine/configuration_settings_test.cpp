@@ -24,7 +24,7 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   ZeptickImpl& zt = open(ultraBoard("CFG1"));
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  constexpr int kUnknown = 40;
+  constexpr int kNone = 40;  // no such channel
   using Z = ZeptickImpl&;
   struct Row {
     std::function<double(Z)> run;
@@ -33,7 +33,7 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   };
   const std::string events_message = "max_events must be between 256 and 32*10^6 events";
   const std::string latency_message = "max_latency must be between 1 millisecond and 10 seconds";
-  const std::vector<Row> rows = {
+  std::vector<Row> rows = {
       {[](Z z) { return z.setTriggerLevel(3, -10.0), z.getTriggerLevel(3); }, -2.5},
       {[](Z z) { return z.setTriggerLevel(4, 10.0), z.getTriggerLevel(-4); }, 2.5},
       // 1 V: (1 + 2.5) * 65535 / 5 = 45874.5, rounded half away from zero: 45875.
@@ -69,34 +69,8 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
       {[](Z z) { return z.setStreamBlockSize(33554432, 20), z.getStreamBlockSizeEvents(); },
        33554432},
       {[](Z z) { return z.setStreamBlockSize(1000, 10000), z.getStreamBlockSizeLatency(); }, 10000},
-      {[](Z z) { return z.setTriggerLevel(kUnknown, 1.0), 0; }, 0,
-       "Tried to configure the trigger level for an unknown channel"},
-      {[](Z z) { return z.getTriggerLevel(kUnknown); }, 0,
-       "Tried to fetch the trigger level for an unknown channel"},
-      {[](Z z) { return z.setInputMux(kUnknown, 1), 0; }, 0,
-       "Tried to set the input multiplexer of an unknown channel"},
-      {[](Z z) { return z.getInputMux(kUnknown); }, 0,
-       "Tried to get the input multiplexer of an unknown channel"},
-      {[](Z z) { return z.setTestSignal(kUnknown, true), 0; }, 0,
-       "Tried to set the test signal of an unknown channel"},
-      {[](Z z) { return z.getTestSignal(kUnknown); }, 0,
-       "Tried to query the test signal of an unknown channel"},
-      {[](Z z) { return z.setEventDivider(kUnknown, 2), 0; }, 0,
-       "Tried to configure the event divider for an unknown channel"},
-      {[](Z z) { return z.getEventDivider(kUnknown); }, 0,
-       "Tried to query the event divider for an unknown channel"},
-      {[](Z z) { return z.setInputDelay(kUnknown, 5), 0; }, 0,
-       "Tried to set the input delay of an unknown channel"},
-      {[](Z z) { return z.getInputDelay(kUnknown); }, 0,
-       "Tried to get the input delay of an unknown channel"},
-      {[](Z z) { return z.setDeadtime(kUnknown, 5000); }, 0,
-       "Tried to configure the deadtime for an unknown channel"},
-      {[](Z z) { return z.getDeadtime(kUnknown); }, 0,
-       "Tried to query the deadtime for an unknown channel"},
-      {[](Z z) { return z.getHardwareDelayCompensation(kUnknown); }, 0,
-       "Tried to get the hardware delay compensation of an unknown channel"},
       {[](Z z) { return z.registerChannel(0), 0; }, 0, "Tried to register an unknown channel"},
-      {[](Z z) { return z.unregisterChannel(-40), 0; }, 0,
+      {[](Z z) { return z.unregisterChannel(-kNone), 0; }, 0,
        "Tried to unregister an unknown channel"},
       {[](Z z) {
          const int channel = z.getNewVirtualChannel();
@@ -104,6 +78,26 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
        },
        0},
   };
+  // Calls on a channel that does not exist, and what "Tried to ... an unknown channel" says.
+  const std::pair<std::function<double(Z)>, std::string> unknown[] = {
+      {[](Z z) { return z.setTriggerLevel(kNone, 1.0), 0; }, "configure the trigger level for"},
+      {[](Z z) { return z.getTriggerLevel(kNone); }, "fetch the trigger level for"},
+      {[](Z z) { return z.setInputMux(kNone, 1), 0; }, "set the input multiplexer of"},
+      {[](Z z) { return z.getInputMux(kNone); }, "get the input multiplexer of"},
+      {[](Z z) { return z.setTestSignal(kNone, true), 0; }, "set the test signal of"},
+      {[](Z z) { return z.getTestSignal(kNone); }, "query the test signal of"},
+      {[](Z z) { return z.setEventDivider(kNone, 2), 0; }, "configure the event divider for"},
+      {[](Z z) { return z.getEventDivider(kNone); }, "query the event divider for"},
+      {[](Z z) { return z.setInputDelay(kNone, 5), 0; }, "set the input delay of"},
+      {[](Z z) { return z.getInputDelay(kNone); }, "get the input delay of"},
+      {[](Z z) { return z.setDeadtime(kNone, 5000); }, "configure the deadtime for"},
+      {[](Z z) { return z.getDeadtime(kNone); }, "query the deadtime for"},
+      {[](Z z) { return z.getHardwareDelayCompensation(kNone); },
+       "get the hardware delay compensation of"},
+  };
+  for (const auto& [call, what] : unknown) {
+    rows.push_back({call, 0, "Tried to " + what + " an unknown channel"});
+  }
   for (size_t i = 0; i < rows.size(); ++i) {
     const Row& row = rows[i];
     SCOPED_TRACE("row " + std::to_string(i));
