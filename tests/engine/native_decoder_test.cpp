@@ -64,9 +64,9 @@ TEST(NativeDecoderWordsTest, TablesSwitchAtTenThousandEventsAndDecayAboveAMillio
   decode(big, events({600000, 400000}), plainSettings(2, true));
   decode(big, events({0, 0, 0, 1}), plainSettings(2, true));
   decode(big, {}, plainSettings(2, true));
-  EXPECT_EQ(big.distribution(0, 0).count, 540000u);
-  EXPECT_EQ(big.distribution(0, 1).count, 360000u);
-  EXPECT_EQ(big.distribution(0, 3).count, 0u);
+  EXPECT_EQ(std::tuple(big.distribution(0, 0).count, big.distribution(0, 1).count,
+                       big.distribution(0, 3).count),
+            std::tuple(540000u, 360000u, 0u));
   EXPECT_EQ(big.distribution(0, 1).psecs, 599u) << "made from the counts before they decayed";
 }
 
@@ -134,8 +134,7 @@ TEST(NativeDecoderSyncTest, AlignsOnTheCounterWatchesTheLinkAndFollowsTheHostClo
   NativeDecoder d = syncDecoder(shared);
   // Before alignment input words are dropped and the block can't be trusted.
   Block b = decode(d, {event(0, 0, 5), word(2, 0, 3, 6), rollover()}, settings);
-  EXPECT_TRUE(b.tags.empty());
-  EXPECT_TRUE(b.invalid);
+  EXPECT_TRUE(b.tags.empty() && b.invalid);
 
   const int64_t t = int64_t{0x01020304} * kPeriod;
   b = decode(d, join({{event(0, 0, 5)}, counter(0x01020304), {event(1, 0, 10), rollover()}}),

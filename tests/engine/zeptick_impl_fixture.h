@@ -88,13 +88,10 @@ inline void expectOrderedStream(const std::vector<Block>& blocks) {
   }
 }
 
-/// Emulated boards plus a hardware tagger opened on them.
+/// Emulated boards plus a hardware tagger opened on them. Tests may change the channel number
+/// scheme; it is back at its default after each.
 class EmulatedTagger : public EmulatedBoards {
  protected:
-  void SetUp() override {
-    EmulatedBoards::SetUp();
-    setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_AUTO);
-  }
   void TearDown() override {
     tagger.reset();
     setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_AUTO);
