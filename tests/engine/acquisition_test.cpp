@@ -26,15 +26,11 @@ using Acquisition = EmulatedTagger;
 // are few next to the pass's test edges, so the counting noise they add to the
 // bins, which no setting can remove, stays well inside the tolerance.
 TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
-  const json pairs = json::array({{{"type", "pairs"},
-                                   {"inputs", {1, 2}},
-                                   {"delays_ps", {0, 1500}},
-                                   {"rate_hz", 2e5},
-                                   {"jitter_ps", 30}}});
+  const json sources = json::array({pairs({1, 2}, 1500, 2e5, 30)});
   json zeptick20 = boardEntry("ACQ2B", 4, 2);
-  zeptick20["sources"] = pairs;
+  zeptick20["sources"] = sources;
   for (const auto& [entry, path1, path2] :
-       {std::tuple{ultraBoard("ACQ2A", pairs), 1574, 1814}, std::tuple{zeptick20, 1580, 1859}}) {
+       {std::tuple{ultraBoard("ACQ2A", sources), 1574, 1814}, std::tuple{zeptick20, 1580, 1859}}) {
     tagger.reset();
     ZeptickImpl& zt = open(entry);
     SCOPED_TRACE(zt.getModel());
@@ -174,12 +170,8 @@ TEST(BlockRule, ReadLengthFollowsRateLatencyAndCap) {
 // tagger's state and create and drop measurements. A measurement that lives
 // through all of it must still see one ordered, gap-free stream.
 TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
-  json entry = ultraBoard(
-      "CON1",
-      json::array(
-          {poisson(1, 3e5),
-           periodic(2, 2e6),
-           {{"type", "pairs"}, {"inputs", {3, 4}}, {"delays_ps", {0, 800}}, {"rate_hz", 1e5}}}));
+  json entry =
+      ultraBoard("CON1", json::array({poisson(1, 3e5), periodic(2, 2e6), pairs({3, 4}, 800, 1e5)}));
   entry["inputs"] = 4;
   ZeptickImpl& zt = open(entry);
   RecordingMeasurement witness(&zt, {1, 2, 3, 4});
@@ -239,11 +231,9 @@ TEST_F(Acquisition, OverloadedBufferFramesMissedEventsAndMeasurementsGoOn) {
   const std::vector<Tag> tags = record({1}, kSpan);
 
   // From the first overflow begin to the last end.
-  const auto begin = std::find_if(tags.begin(), tags.end(),
-                                  [](const Tag& t) { return t.type == Tag::Type::OverflowBegin; });
-  const auto end = std::find_if(tags.rbegin(), tags.rend(), [](const Tag& t) {
-                     return t.type == Tag::Type::OverflowEnd;
-                   }).base();
+  const auto begin = std::ranges::find(tags, Tag::Type::OverflowBegin, &Tag::type);
+  const auto end =
+      std::ranges::find(tags.rbegin(), tags.rend(), Tag::Type::OverflowEnd, &Tag::type).base();
   ASSERT_LT(begin, end);
   int begins = 0, ends = 0;
   int64_t delivered = 0, missed = 0;

@@ -130,17 +130,12 @@ TEST_F(Group, AnExplicitListKeepsItsOrder) {
 TEST_F(Group, APairSourceAcrossBoardsKeepsItsDelay) {
   json g0 = ultraBoard("G0"), g1 = ultraBoard("G1");
   g0["inputs"] = g1["inputs"] = 2;
-  json pairs = {{"type", "pairs"},
-                {"inputs", {"G0:1", "G9:1"}},  // no such board: refused
-                {"delays_ps", {0, 300}},
-                {"rate_hz", 5e5},
-                {"jitter_ps", 20}};
-  auto attach = [&] {
-    emulator::attachBoards({{"devices", {g0, g1}}, {"synchronizer", {{"sources", {pairs}}}}});
+  auto attach = [&](json inputs) {
+    const json source = pairs(std::move(inputs), 300, 5e5, 20);
+    emulator::attachBoards({{"devices", {g0, g1}}, {"synchronizer", {{"sources", {source}}}}});
   };
-  EXPECT_THROW(attach(), std::invalid_argument);
-  pairs["inputs"] = {"G0:1", "G1:2"};
-  attach();
+  EXPECT_THROW(attach({"G0:1", "G9:1"}), std::invalid_argument) << "no board G9";
+  attach({"G0:1", "G1:2"});
   openGroup("G0");
   const std::vector<Tag> tags = record({101, 202}, 20000000000);  // 20 ms, about 10000 pairs
   const std::vector<int64_t> first = timesOf(tags, 101);

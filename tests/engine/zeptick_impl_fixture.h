@@ -29,6 +29,14 @@ inline json periodic(int input, double period_ps) {
 inline json poisson(int input, double rate_hz) {
   return {{"type", "poisson"}, {"input", input}, {"rate_hz", rate_hz}};
 }
+/// Photon pairs on two inputs (numbers, or "serial:input" across a group), `delay_ps` apart.
+inline json pairs(json inputs, double delay_ps, double rate_hz, double jitter_ps = 0) {
+  return {{"type", "pairs"},
+          {"inputs", std::move(inputs)},
+          {"delays_ps", {0, delay_ps}},
+          {"rate_hz", rate_hz},
+          {"jitter_ps", jitter_ps}};
+}
 
 /// A free-running emulated "Zeptick Ultra" (revision 5: one-based channel
 /// numbers) with the given signal sources.
