@@ -15,10 +15,8 @@
 #include "engine/native_decoder_fixture.h"
 #include "support/measurement_streams.h"
 
-namespace zeptick {
+namespace zeptick::engine_testing {
 namespace {
-
-using engine_testing::word;
 
 constexpr int64_t kPs = 2500;
 constexpr int32_t kBins = 16;
@@ -35,10 +33,9 @@ struct Held {
 // without a sync board.
 class Model {
  public:
-  engine_testing::Block decode(const std::vector<uint32_t>& words, uint32_t fence,
-                               const DecoderBlockSettings& s) {
+  Block decode(const std::vector<uint32_t>& words, uint32_t fence, const DecoderBlockSettings& s) {
     calibrate(s.normalization);
-    engine_testing::Block block{{}, until, 0, deviceFence};
+    Block block{{}, until, 0, deviceFence};
     trigger = filtered = overflows = 0;
     maxDelay = 0;
     for (int i = 0; i < kIndices; ++i) {
@@ -112,7 +109,7 @@ class Model {
   }
 
   // The word's fields read from the bit layout directly, not through the decoder's accessors.
-  void step(uint32_t w, uint32_t fence, bool normalization, engine_testing::Block& block) {
+  void step(uint32_t w, uint32_t fence, bool normalization, Block& block) {
     const uint32_t kind = w >> 30, code = (w >> 24) & 0x3F, bin = (w >> 16) & 0xFF;
     const int64_t tick = w & 0xFFFF;
     const int64_t period = kPs * 65536;
@@ -255,7 +252,7 @@ void expectSameStream(const StreamShape& shape, uint64_t seed) {
   std::mt19937_64 rng(seed);
   const std::vector<uint32_t> words = randomWords(rng, 70000);
   NativeDecoder decoder;
-  decoder.setup(engine_testing::device(kPs, kBins, kIndices), 0);
+  decoder.setup(device(kPs, kBins, kIndices), 0);
   Model model;
   DecoderBlockSettings settings = randomSettings(rng, shape);
   uint32_t fence = 0;
@@ -267,8 +264,8 @@ void expectSameStream(const StreamShape& shape, uint64_t seed) {
     at += n;
     if (shape.delaysChange && rng() % 8 == 0) settings = randomSettings(rng, shape);
     fence += static_cast<uint32_t>(rng() % 3);
-    const engine_testing::Block got = engine_testing::decode(decoder, part, settings, fence);
-    const engine_testing::Block want = model.decode(part, fence, settings);
+    const Block got = decode(decoder, part, settings, fence);
+    const Block want = model.decode(part, fence, settings);
     ASSERT_EQ(std::tuple(got.begin, got.end, got.fence, decoder.takeOverflows()),
               std::tuple(want.begin, want.end, want.fence, model.overflows))
         << "block " << block;
@@ -302,4 +299,4 @@ TEST(NativeDecoderEquivalenceTest, RandomStreamsMatchAPlainModel) {
 }
 
 }  // namespace
-}  // namespace zeptick
+}  // namespace zeptick::engine_testing
