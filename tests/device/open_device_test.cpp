@@ -44,10 +44,9 @@ struct ExpectedTraffic {
 
 using OpenDevice = EmulatedBoards;
 
-// The Zeptick 20 sets its clock up before the firmware and resets its
-// converter; the Ultra follows a branch per revision: the I2C core and the
-// fan set-up from revision 3, the supply check (ten rails in this order,
-// eight two-byte samples each) from revision 4.
+// The Zeptick 20 sets its clock up before the firmware and resets its converter; the Ultra adds
+// the I2C core and the fan set-up from revision 3, the supply check (ten rails in this order, eight
+// two-byte samples each) from revision 4.
 TEST_F(OpenDevice, StartUpFollowsModelAndRevision) {
   const std::set<std::string> traffic = {"SetWireInValue", "UpdateWireIns", "ActivateTriggerIn",
                                          "ConfigureFPGA", "SetPLL22150Configuration"};

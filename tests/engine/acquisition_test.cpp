@@ -18,13 +18,11 @@ namespace {
 
 using Acquisition = EmulatedTagger;
 
-// Photon pairs 1.5 ns apart, on both models: their delay, found directly from
-// the tags, is the source's as soon as the tagger is open (the calibration
-// pass has taught the fine bins), and moves by exactly the input delays set,
-// of either sign. Without compensation the inputs' own path lengths show:
-// 1574 and 1814 ps on the Ultra, 1580 and 1859 ps on the Zeptick 20. The pairs
-// are few next to the pass's test edges, so the counting noise they add to the
-// bins, which no setting can remove, stays well inside the tolerance.
+// Photon pairs 1.5 ns apart, on both models: their delay, read from the tags, is the source's
+// from opening on (the calibration pass taught the fine bins) and moves by exactly the input
+// delays set, of either sign. Without compensation the inputs' path lengths show: 1574 and 1814
+// ps on the Ultra, 1580 and 1859 ps on the Zeptick 20. The few pairs add too little counting noise
+// to the bins to matter.
 TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
   const json sources = json::array({pairs({1, 2}, 1500, 2e5, 30)});
   json zeptick20 = boardEntry("ACQ2B", 4, 2);
@@ -166,9 +164,8 @@ TEST(BlockRule, ReadLengthFollowsRateLatencyAndCap) {
   EXPECT_EQ(blockWords(1024, 20, 131072, 1e300), 131072u) << "a read that took no time";
 }
 
-// Workers read and decode while other threads change settings, read the
-// tagger's state and create and drop measurements. A measurement that lives
-// through all of it must still see one ordered, gap-free stream.
+// Workers decode while other threads change settings, read the tagger's state and create and drop
+// measurements; a measurement living through it all still sees one ordered, gap-free stream.
 TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
   json entry =
       ultraBoard("CON1", json::array({poisson(1, 3e5), periodic(2, 2e6), pairs({3, 4}, 800, 1e5)}));
@@ -216,10 +213,9 @@ TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
   EXPECT_FALSE(timesOf(concatenate(witness.blocks()), 1).empty());
 }
 
-// A board whose USB side drains 1 million words a second, fed 10 million
-// pulses a second: the stream shows overflow begin, missed events and end, in
-// that order, with no time tag inside, every pulse either delivered or
-// counted, and the measurements run on through it.
+// A board draining 1 million words a second, fed 10 million pulses a second: the stream shows
+// overflow begin, missed events and end, no time tag inside, every pulse delivered or counted,
+// and the measurements run on through it.
 TEST_F(Acquisition, OverloadedBufferFramesMissedEventsAndMeasurementsGoOn) {
   constexpr int64_t kPeriod = 100000;  // ps
   json entry = ultraBoard("LIVE3", json::array({periodic(1, kPeriod)}));

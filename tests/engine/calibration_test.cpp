@@ -15,11 +15,9 @@ namespace {
 
 using Calibration = EmulatedTagger;
 
-// The test signal has its own oscillator, so its edges sweep every fine bin
-// evenly: the half-second pass at opening already teaches the tables the
-// board's true, uneven bins, and the reported figure is their true RMS error.
-// The pass borrows every input and gives it back: test signals and
-// registrations are what they were.
+// The test signal has its own oscillator, so its edges sweep every fine bin evenly: the pass at
+// opening teaches the tables the board's true, uneven bins, and reports their true RMS error. The
+// pass borrows every input and gives it back: test signals and registrations are as they were.
 TEST_F(Calibration, PassLearnsTheTrueBinsReportsTheirErrorAndLeavesInputsAsFound) {
   json entry = ultraBoard("CAL1");
   entry["inputs"] = 4;
@@ -83,10 +81,9 @@ TEST_F(Calibration, ResetRestoresDefaultsAndKeepsStreaming) {
   EXPECT_NEAR(collect(rate, &Countrate::getData).at(0), 1e5, 5 * std::sqrt(1e5));
 }
 
-// A host that falls behind the stream sees, in the pass's half second, only a quarter of the
-// test edges a quiet one sees (about 200 000 per input instead of 800 000). The table the
-// user's timing rests on must still hold the full count: later random events then move its
-// edges as little as on a quiet host.
+// A host that falls behind sees a quarter of the pass's test edges (some 200 000 per input, not
+// 800 000). The table must still hold the full count, so that later random events move its edges
+// as little as on a quiet host.
 TEST_F(Calibration, PassCountsTestEdgesNotTime) {
   json entry = ultraBoard("CALP");
   entry["inputs"] = 4;

@@ -17,9 +17,8 @@ namespace {
 
 using Configuration = EmulatedTagger;
 
-// Each row is one call, in order on one tagger: what it returns (for a setter,
-// the getter read right after it), and the exception it throws or the one
-// warning it logs ("": neither).
+// Each row is one call, in order on one tagger: what it returns (for a setter, the getter read
+// right after it), and the exception it throws or the one warning it logs ("": neither).
 TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   ZeptickImpl& zt = open(ultraBoard("CFG1"));
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();

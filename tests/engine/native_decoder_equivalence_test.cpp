@@ -1,8 +1,6 @@
-// Long random word streams through the decoder, against a plainly written
-// model of the same stream: every word handled on its own, every release a
-// sort of what is held. Whatever batching or merging the decoder does to be
-// fast, its blocks, tables, dither state and overflow counts must come out as
-// the model's.
+// Long random word streams through the decoder, against a plain model: every word handled on its
+// own, every release a sort of what is held. Whatever the decoder batches or merges to be fast,
+// its blocks, tables, dither state and overflow counts must come out as the model's.
 
 #include <gtest/gtest.h>
 
@@ -182,9 +180,8 @@ struct StreamShape {
   bool delaysChange;  // new delays now and then, so held tags meet differently delayed ones
 };
 
-// A busy device: mostly events on a handful of inputs (enough for the tables to
-// leave their uniform start), with every kind of control word sprinkled in, some
-// damaged words, and ties on purpose.
+// A busy device: mostly events on a few inputs (enough for the tables to leave their uniform
+// start), every kind of control word, some damaged words, and ties on purpose.
 std::vector<uint32_t> randomWords(std::mt19937_64& rng, size_t n) {
   std::vector<uint32_t> words;
   uint32_t tick = 0;

@@ -127,10 +127,9 @@ TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoardOrSaysWhyNot) {
   EXPECT_EQ(emulator::findBoard("ENG6")->wireIn(0x0C), 0x70000u);
 }
 
-// The built-in board paces its stream in real time. Opening it must not wait
-// for quiet inputs to fill the large reads that follow calibration (it once
-// took some 40 s), and the padded transfers must leave the stream whole: the
-// 10 MHz laser on input 3 loses and doubles no pulse, and photon pairs stay pairs.
+// The built-in board paces its stream in real time. Opening must not wait for quiet inputs to fill
+// the large reads after calibration (it once took 40 s), and padded transfers leave the stream
+// whole: the 10 MHz laser on input 3 loses and doubles no pulse, and photon pairs stay pairs.
 TEST_F(ZeptickImplOpen, DefaultPacedBoardOpensPromptlyAndStreamsWholeTimes) {
   json config = json::parse(defaultEmulatorConfiguration());
   ASSERT_EQ(config["devices"][0].value("pacing", "realtime"), "realtime");
