@@ -129,10 +129,8 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   }
   EXPECT_EQ(fields, (std::vector<std::tuple<int, int, int>>{
                         {0, 2, 0}, {0, 65535, 0}, {0, 1, 65534}, {3, 1, 0}}));
-}
 
-TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
-  ZeptickImpl& zt = open(ultraBoard("CFG6"));
+  // The conditional filter checks its arguments before it changes anything.
   zt.setConditionalFilter({1}, {2, 3});
   auto message = [&zt](std::vector<int> trigger, std::vector<int> filtered) {
     return invalidArgument([&] { zt.setConditionalFilter(trigger, filtered, false); });
@@ -140,7 +138,7 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(message({1}, {77}),
             "Tried to configure the conditional filter for the unknown channel 77");
   EXPECT_EQ(message({1}, {}),
-            "The conditional filter on device CFG6 requires at least one trigger and at least one "
+            "The conditional filter on device CFG1 requires at least one trigger and at least one "
             "filtered channel.");
   // Triggers, filtered channels, and whether the hardware delays are compensated.
   auto state = [&zt] {
@@ -155,9 +153,9 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   // unregistered itself.
   zt.registerChannel(-4);
   zt.sync();
-  const auto table = dynamic_cast<emulator::Board&>(*board).firmwareSetup().channels;
-  const emulator::ChannelSetup& trigger = table.at(3);
-  const emulator::ChannelSetup& filtered = table.at(18 + 3);
+  const auto filter_table = emulated.firmwareSetup().channels;
+  const emulator::ChannelSetup& trigger = filter_table.at(3);
+  const emulator::ChannelSetup& filtered = filter_table.at(18 + 3);
   EXPECT_EQ(std::tuple(trigger.enabled, trigger.trigger, trigger.filtered, filtered.enabled,
                        filtered.trigger, filtered.filtered),
             std::tuple(true, true, false, true, false, true));
