@@ -178,7 +178,7 @@ TEST_F(OpenDevice, FindsBoardsBySerialOrTheFirstAndFailsUnlessSilent) {
   EXPECT_TRUE(backend.openDevice("PLUG", true));
 }
 
-TEST_F(OpenDevice, FaultsBeforeOrAfterTheFirmwareStopTheStartUp) {
+TEST_F(OpenDevice, FaultsBeforeOrAfterTheFirmwareAndBadSuppliesStopTheStartUp) {
   auto board = attach(boardEntry("FAULT", 36, 5));
   PipeBackend backend;
   board->failDeviceInfo(-5);
@@ -214,11 +214,9 @@ TEST_F(OpenDevice, FaultsBeforeOrAfterTheFirmwareStopTheStartUp) {
   EXPECT_EQ(errorOf([&] { backend.openDevice("OLDFW20"); }),
             "The firmware version 'ZT-20, FW 5, OK 2.7' is not supported by the Zeptick 2.7.0 "
             "version");
-}
 
-TEST_F(OpenDevice, SupplyCheckReportsTheFirstBadRail) {
-  auto board = attach(boardEntry("VOLT", 36, 4));
-  PipeBackend backend;
+  // The supply check reports the first bad rail.
+  board = attach(boardEntry("VOLT", 36, 4));
   // The message with the reading (six decimals, quantised by the converter) cut out.
   auto failure = [&](const std::string& serial, double volts, double tolerance = 0.01) {
     const std::string message = errorOf([&] { backend.openDevice(serial); });

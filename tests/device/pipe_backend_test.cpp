@@ -21,47 +21,13 @@ using device::PipeBackend;
 
 using PipeBackendTest = EmulatedBoards;
 
-TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
-  auto board = attach(boardEntry("PIPE", 36, 5));
-  PipeBackend backend;
-  ASSERT_TRUE(backend.openDevice("PIPE"));
-  std::vector<unsigned char> buffer(4096);
-  LogCapture log;
-
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 4096);
-
-  // A short read is the caller's business: the connection stays up, nothing is logged.
-  board->shortReads(1);
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 2048);
-  EXPECT_TRUE(backend.isConnected());
-  EXPECT_TRUE(log.messages().empty());
-
-  // The second run works, yet the caller sees the first, failed result.
-  board->failReads(1);
-  EXPECT_LT(backend.readBlock(buffer.data(), 4096), 0);
-  EXPECT_FALSE(backend.isConnected());
-  EXPECT_EQ(log.messages().size(), 1u);
-  EXPECT_TRUE(log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, len=4096"));
-
-  // Disconnected: no transfer at all (the handle would still deliver), and the unsigned -1.
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 0xFFFFFFFFll);
-
-  ASSERT_TRUE(backend.openDevice("PIPE"));
-  log.reset();
-  board->failReads(2);
-  EXPECT_LT(backend.readBlock(buffer.data(), 1024), 0);
-  EXPECT_EQ(log.messages().size(), 2u);
-  EXPECT_TRUE(
-      log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, second run, len=1024"));
-}
-
 // Wires reach the board only at the update. The Zeptick 20 keeps LED bits 0-2,
 // moves bits 16-18 down to 8-10 and drops the rest, and takes the test signal
 // divider as it is; the Ultra takes the LEDs whole and the divider doubled.
 // A DAC value becomes the trigger level of its input. The Ultra sends inputs 0-15 to its
 // first converter and the rest to the second, over -2.5..2.5 V; the Zeptick 20 frames the
 // value over two wires, over 0..2.5 V. Levels are known answers, not the conversion again.
-TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
+TEST_F(PipeBackendTest, WiresDacValuesAndFailedReadsFollowTheModelsLayout) {
   auto boards = attachAll({boardEntry("Z20", 4, 2), boardEntry("ULTRA", 36, 5)});
   PipeBackend z20, ultra;
   ASSERT_TRUE(z20.openDevice("Z20"));
@@ -102,6 +68,35 @@ TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
   const emulator::SerialWord last = boards[1]->serialWords().back();
   EXPECT_EQ(std::pair(last.select, last.word), std::pair(2u, 0x31B333u));
   EXPECT_EQ(boards[1]->wireIn(0x04), 0x30000u);  // the select bits are taken back
+
+  // A failed read is retried once but reported as failed.
+  std::vector<unsigned char> buffer(4096);
+  LogCapture log;
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 4096);
+
+  // A short read is the caller's business: the connection stays up, nothing is logged.
+  boards[1]->shortReads(1);
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 2048);
+  EXPECT_TRUE(ultra.isConnected());
+  EXPECT_TRUE(log.messages().empty());
+
+  // The second run works, yet the caller sees the first, failed result.
+  boards[1]->failReads(1);
+  EXPECT_LT(ultra.readBlock(buffer.data(), 4096), 0);
+  EXPECT_FALSE(ultra.isConnected());
+  EXPECT_EQ(log.messages().size(), 1u);
+  EXPECT_TRUE(log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, len=4096"));
+
+  // Disconnected: no transfer at all (the handle would still deliver), and the unsigned -1.
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 0xFFFFFFFFll);
+
+  ASSERT_TRUE(ultra.openDevice("ULTRA"));
+  log.reset();
+  boards[1]->failReads(2);
+  EXPECT_LT(ultra.readBlock(buffer.data(), 1024), 0);
+  EXPECT_EQ(log.messages().size(), 2u);
+  EXPECT_TRUE(
+      log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, second run, len=1024"));
 }
 
 // The board reports busy for this many status polls, then done; -1 for never.
