@@ -74,8 +74,8 @@ class Group : public EmulatedTagger {
   }
 };
 
-// Opened by one serial, the rest found by probing; the chain follows the ring, not the scan.
-TEST_F(Group, ProbingFindsTheRingOrderNumbersByOffsetAndResetReopensTheGroup) {
+// Opened by one serial, the rest found by probing: the chain follows the ring, not the scan.
+TEST_F(Group, MembersFollowTheRingOrTheListGivenAndResetReopensTheGroup) {
   for (int members : {2, 3, 4}) {
     SCOPED_TRACE(members);
     tagger.reset();
@@ -115,13 +115,10 @@ TEST_F(Group, ProbingFindsTheRingOrderNumbersByOffsetAndResetReopensTheGroup) {
       expectOneTimeAxis(steps);
     }
   }
-}
-
-// A list of serials is a group in the order given, and its wiring is not examined.
-TEST_F(Group, AnExplicitListKeepsItsOrder) {
+  // A list of serials is a group in the order given, and its wiring is not examined.
+  tagger.reset();
   attachGroup(2, {{"feedback", nullptr}});
-  ZeptickImpl& zt = openGroup("G1, G0");
-  EXPECT_EQ(zt.getSerial(), "G1, G0");
+  EXPECT_EQ(openGroup("G1, G0").getSerial(), "G1, G0");
   expectOneTimeAxis({{101, 1}, {201, 0}});
 }
 
