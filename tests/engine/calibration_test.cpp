@@ -18,10 +18,12 @@ using Calibration = EmulatedTagger;
 // The test signal has its own oscillator, so its edges sweep every fine bin evenly: the pass at
 // opening teaches the tables the board's true, uneven bins, and reports their true RMS error. The
 // pass borrows every input and gives it back: test signals and registrations are as they were.
-TEST_F(Calibration, PassLearnsTheTrueBinsReportsTheirErrorAndLeavesInputsAsFound) {
-  json entry = ultraBoard("CAL1");
+// Then a reset restores the defaults and the stream goes on (the Poisson source on input 4).
+TEST_F(Calibration, PassLearnsTheTrueBinsLeavesInputsAsFoundAndResetRestoresDefaults) {
+  json entry = ultraBoard("CAL1", json::array({poisson(4, 1e5)}));
   entry["inputs"] = 4;
   ZeptickImpl& zt = open(entry);
+  const std::string defaults = zt.getConfiguration();
   const auto model = std::dynamic_pointer_cast<emulator::Board>(board)->streamModel();
   const std::vector<int> channels = zt.getChannelList(ZT_CHANNEL_ALL);
   ASSERT_EQ(channels.size(), 8u);
@@ -51,16 +53,12 @@ TEST_F(Calibration, PassLearnsTheTrueBinsReportsTheirErrorAndLeavesInputsAsFound
   EXPECT_THROW(zt.autoCalibration(nullptr), std::bad_function_call);
   for (int input = 1; input <= 4; ++input) EXPECT_EQ(zt.getTestSignal(input), input == 3);
   EXPECT_EQ(json::parse(zt.getConfiguration())["registered channels"], json({2}));
-}
 
-TEST_F(Calibration, ResetRestoresDefaultsAndKeepsStreaming) {
-  ZeptickImpl& zt = open(ultraBoard("CAL3", json::array({poisson(4, 1e5)})));
-  const std::string defaults = zt.getConfiguration();
   RecordingMeasurement before(&zt, {4});
   zt.setDeadtime(1, 50000);
   zt.setInputDelay(2, 777);
   zt.setTriggerLevel(3, -1.0);
-  zt.setConditionalFilter({5}, {6});
+  zt.setConditionalFilter({1}, {-2});
   zt.setStreamBlockSize(1024, 3);
   zt.setNormalization(false);
   zt.setLED(5);
