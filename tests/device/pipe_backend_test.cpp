@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -134,13 +133,6 @@ Rows parseReport(const std::string& report) {
   return rows;
 }
 
-double number(const std::string& text) {
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  EXPECT_TRUE(end != text.c_str() && *end == '\0') << "not a number: " << text;
-  return value;
-}
-
 using Sensors = EmulatedBoards;
 
 // Degrees with eighths, duty in whole percent of 240 steps (truncated), raw registers. A fan
@@ -178,8 +170,10 @@ TEST_F(Sensors, ReportHasTheRowsOfModelAndRevisionAndFailedReadingsRead42) {
     auto next = [&] { return at < rows.size() ? rows[at++] : Row{"<end>", ""}; };
     auto expectRow = [&](const std::string& label, double value, double tolerance) {
       const Row row = next();
+      size_t used = 0;  // the whole value must be the number
       EXPECT_EQ(row.first, label);
-      EXPECT_NEAR(number(row.second), value, tolerance) << label;
+      EXPECT_NEAR(std::stod(row.second, &used), value, tolerance) << label;
+      EXPECT_EQ(used, row.second.size()) << row.second;
     };
     EXPECT_EQ(next(), (Row{"Serial", "HEALTH"}));
     for (auto [label, value] : platform_rows) expectRow(label, value, 1e-6);
