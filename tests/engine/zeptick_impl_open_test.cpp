@@ -119,9 +119,8 @@ TEST_F(ZeptickImplOpen, LibraryEntryOpensTheEmulatedBoardOrSaysWhyNot) {
   Zeptick* first = createZeptick();
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->getSerial(), "ENG6");
-  Zeptick* again = createZeptick("ENG6");
-  EXPECT_EQ(again, first);
-  EXPECT_FALSE(freeZeptick(again));
+  EXPECT_EQ(createZeptick("ENG6"), first);
+  EXPECT_FALSE(freeZeptick(first));
   EXPECT_TRUE(freeZeptick(first));
   // The LEDs say that the instrument is no longer in use.
   EXPECT_EQ(emulator::findBoard("ENG6")->wireIn(0x0C), 0x70000u);
