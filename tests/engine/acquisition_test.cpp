@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <thread>
 #include <tuple>
@@ -43,9 +42,9 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
       zt.setInputDelay(channel, delay);
       if (!compensated) zt.setConditionalFilter({}, {}, false);
       const std::vector<Tag> tags = record({1, 2}, 50000000000);  // 50 ms, about 10000 pairs
-      const Partners pairs = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
-      EXPECT_GT(pairs.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
-      EXPECT_NEAR(pairs.mean_delay, expected, 5) << "delay " << delay << " on " << channel;
+      const Partners found = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
+      EXPECT_GT(found.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
+      EXPECT_NEAR(found.mean_delay, expected, 5) << "delay " << delay << " on " << channel;
     }
   }
 }
