@@ -51,8 +51,7 @@ TEST_F(PipeBackendTest, WiresDacValuesAndFailedReadsFollowTheModelsLayout) {
   const std::tuple<int, int, uint16_t, double> dacs[] = {
       {1, 0, 0, -2.5},     {1, 5, 6554, -2.0},      {1, 15, 0xFFFF, 2.5}, {1, 16, 39321, 0.5},
       {1, 17, 45875, 1.0}, {0, 2, 0xABCD, 1.67777}, {0, 7, 26214, 1.0}};
-  boards[0]->clearTraffic();
-  boards[1]->clearTraffic();
+  for (const auto& board : boards) board->clearTraffic();
   for (auto [board, input, value, volts] : dacs) {
     ASSERT_TRUE((board == 0 ? z20 : ultra).setDac(input, value));
   }

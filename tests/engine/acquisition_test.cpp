@@ -131,8 +131,7 @@ TEST_F(Acquisition, UnpluggedDeviceGivesOneErrorThenReconnects) {
   ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
   zt.sync();
   EXPECT_EQ(board->wireIn(0x12), 67108864u);
-  const auto events = board->events();
-  EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const emulator::BoardEvent& e) {
+  EXPECT_TRUE(std::ranges::any_of(board->events(), [](const emulator::BoardEvent& e) {
     return e.call == "WriteToPipeIn" && e.a == 0x80;
   })) << "the reloaded board gets its channel table again";
   const size_t count = timesOf(tags(), 4).size();

@@ -168,9 +168,8 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   const std::vector<Tag> second = {Tag{Type::Error, 0, 0, CHANNEL_UNUSED, 1500},
                                    Tag{Type::TimeTag, 0, 0, 201, 1600}};
   const auto cut = feed(merger, 1, second, 1800, 2, 256, true);
-  EXPECT_EQ(cut.tags.size(), 300u);
-  EXPECT_EQ(cut.blockEnd, 1500) << "cut at the first later time";
-  EXPECT_EQ(cut.fence, 2u) << "member 1's waiting chunk";
+  // Cut at the first later time, under the fence of member 1's waiting chunk.
+  EXPECT_EQ(std::tuple(cut.tags.size(), cut.blockEnd, cut.fence), std::tuple(300u, 1500, 2u));
 
   const auto invalid = feed(merger, 1, {}, 2500, 2, 256, true);
   EXPECT_EQ(invalid.blockBegin, 1500);
@@ -188,8 +187,7 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   feed(ahead, 0, {Tag{Type::TimeTag, 0, 0, 101, 300}}, 400, 5);
   feed(ahead, 0, {}, 500, 6);
   const auto all = feed(ahead, 1, {}, 1000, 6);
-  EXPECT_EQ(all.tags.size(), 2u);
-  EXPECT_EQ(all.fence, 4u);
+  EXPECT_EQ(std::pair(all.tags.size(), all.fence), std::pair(size_t{2}, 4u));
   EXPECT_EQ(feed(ahead, 1, {}, 1100, 6).fence, 6u) << "nothing of member 0 before 6 is left";
 }
 

@@ -253,8 +253,7 @@ TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
     for (const std::string& message : {fault.message, fault.also}) {
       // Every link fault stops the aligned stream, so each is an error.
       EXPECT_TRUE(waitUntil([&] {
-        const auto lines = log.entries();
-        return std::ranges::any_of(lines, [&](auto& l) {
+        return std::ranges::any_of(log.entries(), [&](const LogCapture::Entry& l) {
           return l.level == LOGGER_ERROR && l.text.find(message) != l.text.npos;
         });
       })) << message;
