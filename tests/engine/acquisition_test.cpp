@@ -163,10 +163,8 @@ TEST(BlockRule, ReadLengthFollowsRateLatencyAndCap) {
 // Workers decode while other threads change settings, read the tagger's state and create and drop
 // measurements; a measurement living through it all still sees one ordered, gap-free stream.
 TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
-  json entry =
-      ultraBoard("CON1", json::array({poisson(1, 3e5), periodic(2, 2e6), pairs({3, 4}, 800, 1e5)}));
-  entry["inputs"] = 4;
-  ZeptickImpl& zt = open(entry);
+  ZeptickImpl& zt = open(ultraBoard(
+      "CON1", json::array({poisson(1, 3e5), periodic(2, 2e6), pairs({3, 4}, 800, 1e5)}), 4));
   RecordingMeasurement witness(&zt, {1, 2, 3, 4});
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;

@@ -20,9 +20,7 @@ using Calibration = EmulatedTagger;
 // pass borrows every input and gives it back: test signals and registrations are as they were.
 // Then a reset restores the defaults and the stream goes on (the Poisson source on input 4).
 TEST_F(Calibration, PassLearnsTheTrueBinsLeavesInputsAsFoundAndResetRestoresDefaults) {
-  json entry = ultraBoard("CAL1", json::array({poisson(4, 1e5)}));
-  entry["inputs"] = 4;
-  ZeptickImpl& zt = open(entry);
+  ZeptickImpl& zt = open(ultraBoard("CAL1", json::array({poisson(4, 1e5)}), 4));
   const std::string defaults = zt.getConfiguration();
   const auto model = std::dynamic_pointer_cast<emulator::Board>(board)->streamModel();
   const std::vector<int> channels = zt.getChannelList(ZT_CHANNEL_ALL);
@@ -83,8 +81,7 @@ TEST_F(Calibration, PassLearnsTheTrueBinsLeavesInputsAsFoundAndResetRestoresDefa
 // 800 000). The table must still hold the full count, so that later random events move its edges
 // as little as on a quiet host.
 TEST_F(Calibration, PassCountsTestEdgesNotTime) {
-  json entry = ultraBoard("CALP");
-  entry["inputs"] = 4;
+  json entry = ultraBoard("CALP", json::array(), 4);
   entry["pacing"] = 0.25;
   ZeptickImpl& zt = open(entry);
   std::vector<size_t> sizes;

@@ -31,9 +31,7 @@ class Group : public EmulatedTagger {
     for (int k = 0; k < members; ++k) {
       json source = periodic(1, kPeriod);
       source["phase_ps"] = k * kStep;
-      json entry = ultraBoard("G" + std::to_string(k), json::array({source}));
-      entry["inputs"] = 2;
-      devices.push_back(entry);
+      devices.push_back(ultraBoard("G" + std::to_string(k), json::array({source}), 2));
     }
     emulator::attachBoards({{"devices", devices}, {"synchronizer", std::move(wiring)}});
   }
@@ -125,8 +123,7 @@ TEST_F(Group, MembersFollowTheRingOrTheListGivenAndResetReopensTheGroup) {
 // A photon pair source of the Synchronizer spans two boards: the merged stream shows every
 // pair once on each board, at the configured delay within a few ps.
 TEST_F(Group, APairSourceAcrossBoardsKeepsItsDelay) {
-  json g0 = ultraBoard("G0"), g1 = ultraBoard("G1");
-  g0["inputs"] = g1["inputs"] = 2;
+  const json g0 = ultraBoard("G0", json::array(), 2), g1 = ultraBoard("G1", json::array(), 2);
   auto attach = [&](json inputs) {
     const json source = pairs(std::move(inputs), 300, 5e5, 20);
     emulator::attachBoards({{"devices", {g0, g1}}, {"synchronizer", {{"sources", {source}}}}});

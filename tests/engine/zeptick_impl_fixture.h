@@ -38,11 +38,12 @@ inline json pairs(json inputs, double delay_ps, double rate_hz, double jitter_ps
           {"jitter_ps", jitter_ps}};
 }
 
-/// A free-running emulated "Zeptick Ultra" (revision 5: one-based channel
-/// numbers) with the given signal sources.
-inline json ultraBoard(const std::string& serial, json sources = json::array(), int revision = 5) {
-  json entry = boardEntry(serial, 36, revision);
+/// A free-running emulated "Zeptick Ultra" (revision 5: one-based channel numbers) with the given
+/// signal sources and, unless 0, that many inputs instead of its 18.
+inline json ultraBoard(const std::string& serial, json sources = json::array(), int inputs = 0) {
+  json entry = boardEntry(serial, 36, 5);
   entry["sources"] = std::move(sources);
+  if (inputs != 0) entry["inputs"] = inputs;
   return entry;
 }
 
