@@ -222,8 +222,7 @@ TEST_F(Group, WiringFaultsAreNamed) {
 TEST_F(Group, LinkFaultsRealignAndTheStreamGoesOn) {
   attachGroup(2, json::object());
   ZeptickImpl& zt = openGroup("G0");
-  const auto g0 = emulator::findBoard("G0");
-  const auto g1 = emulator::findBoard("G1");
+  const auto g0 = emulator::findBoard("G0"), g1 = emulator::findBoard("G1");
   struct Fault {
     std::function<void()> inject;
     std::string message;
