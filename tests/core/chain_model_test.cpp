@@ -38,25 +38,26 @@ bool copyInput1(std::vector<Tag>& tags, int channel) {
   return true;
 }
 
-// A measurement of the chain: copies input 1 to `copy_to` (unless 0) and logs each block it is
-// handed, under its lock or, with `stages` of 1 or 2, in that many ordered stages run with the
-// lock let go, each after `pause`. With `skip_empty`, blocks without tags skip the stages and are
-// not logged, so a stop at a limit in such a block has nothing of its own to wait for; such a
-// block may overtake the ones in the stages, so only the last of a chain may skip.
-class ChainMember final : public IteratorBase {
+// What sets a measurement of the chain apart. It copies input 1 to `copy_to` (unless 0) and logs
+// each block it is handed, under its lock or, with `stages` of 1 or 2, in that many ordered stages
+// run with the lock let go. With `fail_at` > 0 it throws on the fail_at-th block handed to it, a
+// standard exception when `fail_at` is odd, an int when even. With `skip_empty`, blocks without
+// tags skip the stages and are not logged, so a stop at a limit in such a block has nothing of its
+// own to wait for; such a block may overtake the ones in the stages, so only the last may skip.
+struct Setup {
+  int copy_to = 0;
+  int stages = 1;
+  int fail_at = 0;
+  bool skip_empty = false;
+};
+
+// A measurement of the chain, pausing by `pause` before each stage.
+class ChainMember final : public IteratorBase, Setup {
  public:
   using Pause = std::function<void(ChainMember& self, const std::vector<Tag>& tags)>;
 
-  // With `fail_at` > 0 the measurement throws on the fail_at-th block handed to it, a standard
-  // exception when `fail_at` is odd, an int when even.
-  ChainMember(ZeptickBase* tagger, int copy_to, int stages, Pause pause, int fail_at = 0,
-              bool skip_empty = false)
-      : IteratorBase(tagger),
-        copy_to(copy_to),
-        stages(stages),
-        fail_at(fail_at),
-        skip_empty(skip_empty),
-        pause(std::move(pause)) {
+  ChainMember(ZeptickBase* tagger, Setup setup, Pause pause)
+      : IteratorBase(tagger), Setup(setup), pause(std::move(pause)) {
     registerChannel(1);
     finishInitialization();
   }
@@ -110,10 +111,6 @@ class ChainMember final : public IteratorBase {
   }
 
  private:
-  const int copy_to;
-  const int stages;
-  const int fail_at;
-  const bool skip_empty;
   const Pause pause;
   int handed = 0;
   std::vector<Block> logs[2];  // logs[k] guarded by the turn of stage k
@@ -127,15 +124,12 @@ class ChainMember final : public IteratorBase {
 // and the unregistered 5; the chain passes every kind of tag on alike.
 std::vector<Block> randomBlocks(std::mt19937_64& rng) {
   const TagStream stream =
-      makeRandomStream(rng, {.channels = {1, 2, 5}, .tags = 100, .mean_gap = 250, .begin_time = 0});
-  return cutStream(stream, randomCuts(rng, stream, 60));
+      makeRandomStream(rng, {.channels = {1, 2, 5}, .tags = 200, .mean_gap = 250, .begin_time = 0});
+  return cutStream(stream, randomCuts(rng, stream, 80));
 }
 
 // What one measurement of the chain should do, worked out block by block.
-struct Model {
-  int stages = 0;
-  int copy_to = 0;
-  int fail_at = 0;
+struct Model : Setup {
   bool loose = false;  // see where it is set
   int handed = 0;
   bool running = true;
@@ -163,30 +157,25 @@ struct Model {
     seen.clear();
     capture = 0;
   }
-  // Passes `block` on as the chain hands it to the next measurement.
+  // Passes `block` on as the chain hands it to the next measurement. Cut at the limit, the
+  // measurement sees the tags before it and stops; its copies travel on with the tags it never saw.
+  // A block counts towards the capture as it is handed over, so also when the measurement fails.
   void step(Block& block) {
     if (!running) return;
+    const int64_t room = limit < 0 ? block.end_time - block.begin_time : limit - capture;
+    const bool cut = room < block.end_time - block.begin_time;
+    Block inside{{}, block.begin_time, cut ? block.begin_time + room : block.end_time};
+    const auto end = std::ranges::find_if(
+        block.tags, [&](const Tag& tag) { return tag.time >= inside.end_time; });
+    capture += inside.end_time - inside.begin_time;
     if (++handed == fail_at) return stop();
-    if (limit < 0 || limit - capture >= block.end_time - block.begin_time) {
-      copyInput1(block.tags, copy_to);
-      seen.push_back(block);
-      capture += block.end_time - block.begin_time;
-      return;
-    }
-    // Cut at the limit: the measurement sees the tags before it and stops; its copies travel on
-    // with the tags it never saw.
-    Block inside{{}, block.begin_time, block.begin_time + limit - capture};
-    size_t n = 0;
-    while (n < block.tags.size() && block.tags[n].time < inside.end_time) {
-      inside.tags.push_back(block.tags[n++]);
-    }
+    inside.tags.assign(block.tags.begin(), end);
     if (copyInput1(inside.tags, copy_to)) {
-      block.tags.erase(block.tags.begin(), block.tags.begin() + static_cast<ptrdiff_t>(n));
+      block.tags.erase(block.tags.begin(), end);
       block.tags.insert(block.tags.begin(), inside.tags.begin(), inside.tags.end());
     }
     seen.push_back(std::move(inside));
-    capture = limit;
-    stop();
+    if (cut) stop();
   }
 };
 
@@ -231,15 +220,14 @@ TEST(Runner, ChainOfMeasurementsMatchesTheSequentialModel) {
     std::vector<Model> models(6);
     for (Model& model : models) {
       // The last one skips empty blocks in its stages and always has a limit.
-      const bool last = &model == &models.back();
+      const bool last = model.skip_empty = &model == &models.back();
       model.stages = last ? 1 + static_cast<int>(rng() % 2) : static_cast<int>(rng() % 3);
       model.copy_to = model.stages == 0 && rng() % 2 == 0 ? tagger.getNewVirtualChannel() : 0;
       model.fail_at = rng() % 5 == 0 && model.stages == 0 ? static_cast<int>(1 + rng() % 60) : 0;
       const int most_us = static_cast<int>(rng() % (model.stages > 0 ? 2000 : 400));
       chain.push_back(std::make_unique<ChainMember>(
-          &tagger, model.copy_to, model.stages,
-          [most_us](ChainMember&, const std::vector<Tag>&) { randomPause(most_us); }, model.fail_at,
-          last));
+          &tagger, model,
+          [most_us](ChainMember&, const std::vector<Tag>&) { randomPause(most_us); }));
       if (rng() % 2 == 0 && !last) continue;
       chain.back()->stop();
       model.stop();
@@ -306,7 +294,7 @@ TEST(Runner, StopWaitsForTheLastOrderedStage) {
   TestZeptick tagger("T", 6);
   std::atomic<bool> marker_inside{false};
   std::atomic<bool> stop_seen{false};
-  ChainMember work(&tagger, 0, 1, [&](ChainMember& self, const std::vector<Tag>& tags) {
+  ChainMember work(&tagger, {}, [&](ChainMember& self, const std::vector<Tag>& tags) {
     randomPause(300);
     if (!marked(tags)) return;
     marker_inside = true;
@@ -342,7 +330,7 @@ TEST(Runner, ASlowOrderedStageKeepsTheLimitAndTheOrderBehindIt) {
     SCOPED_TRACE(failing ? "a failure behind the slow block" : "a limit behind the slow block");
     TestZeptick tagger("T", 4);
     tagger.setIdleSpan(0);
-    ChainMember staged(&tagger, 0, 1, slow, failing ? 2 : 0);
+    ChainMember staged(&tagger, {.fail_at = failing ? 2 : 0}, slow);
     RecordingMeasurement behind(&tagger);
     staged.startFor(failing ? -1 : 2500);
     const std::vector<Block> pushed = deliver(tagger, numberedBlocks(6, failing ? 0 : 1));
