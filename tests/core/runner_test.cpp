@@ -41,8 +41,7 @@ TEST(Runner, ClearAndDestructionWhileAWorkerHoldsABlock) {
   RecordingMeasurement measurement(&tagger);
   EXPECT_EQ(tagger.registrations(3), 1);
 
-  Block held{{Tag{Tag::Type::TimeTag, 0, 0, 7, 10}}, 0, 100};
-  const int64_t held_begin = tagger.pushBlocks({held}).front().begin_time;
+  const int64_t held_begin = tagger.pushBlocks({{{timeTag(7, 10)}, 0, 100}}).front().begin_time;
   reached.wait();  // the block has been fetched and is in the chain
   measurement.clear();
   std::thread destroyer([&] { doomed.reset(); });
@@ -122,24 +121,6 @@ TEST(Runner, SynchronizedCallbackFailuresAreReportedOrLogged) {
   EXPECT_TRUE(a.isRunning());
 }
 
-TEST(IteratorBase, ChannelsAreRegisteredOnceAndReleasedAtDestruction) {
-  LogCapture log;
-  TestZeptick tagger("T", 2);
-  auto first =
-      std::make_unique<RecordingMeasurement>(&tagger, std::vector<int>{1, 1, 2, CHANNEL_UNUSED});
-  RecordingMeasurement second(&tagger, {1});
-  EXPECT_EQ(tagger.registrations(1), 2);
-  EXPECT_EQ(tagger.registrations(2), 1);
-
-  first->unregisterChannel(2);
-  first->unregisterChannel(2);  // a second time does nothing
-  first->unregisterChannel(3);  // never registered
-  EXPECT_EQ(tagger.registrations(2), 0);
-  first.reset();
-  EXPECT_EQ(tagger.registrations(1), 1);
-  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
-}
-
 // With `failing`, throws from its start and its clear; never stops in its destructor, which the
 // base class must report when it is destroyed running.
 class Careless : public IteratorBase {
@@ -160,10 +141,25 @@ class Careless : public IteratorBase {
   const bool failing;
 };
 
-TEST(IteratorBase, FailedStartsAndClearsReachTheCallerAndRunningDestructionIsReported) {
+// Channels are registered once and released at destruction, quietly; failed starts and clears
+// reach the caller, and a measurement destroyed running is reported.
+TEST(IteratorBase, ChannelsCountOnceAndFailuresReachTheCallerOrTheLog) {
   LogCapture log;
   TestZeptick tagger("T", 2);
   tagger.setIdleSpan(0);  // no block may reach the half-destroyed object
+  auto first =
+      std::make_unique<RecordingMeasurement>(&tagger, std::vector<int>{1, 1, 2, CHANNEL_UNUSED});
+  RecordingMeasurement second(&tagger, {1});
+  EXPECT_EQ(tagger.registrations(1), 2);
+  EXPECT_EQ(tagger.registrations(2), 1);
+  first->unregisterChannel(2);
+  first->unregisterChannel(2);  // a second time does nothing
+  first->unregisterChannel(3);  // never registered
+  EXPECT_EQ(tagger.registrations(2), 0);
+  first.reset();
+  EXPECT_EQ(tagger.registrations(1), 1);
+  EXPECT_TRUE(log.messages().empty()) << log.messages().front();
+
   {
     Careless failing(&tagger, true);
     EXPECT_THROW(failing.begin(), std::runtime_error);
