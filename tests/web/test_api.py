@@ -115,6 +115,12 @@ class Api(unittest.TestCase):
     def source(self, kind):
         return next(s for s in self.sources if s["type"] == kind)
 
+    def ok(self, method, path, body=None):
+        """The answer to a request that must succeed."""
+        status, answer = self.server.request(method, path, body)
+        self.assertEqual(status, 200, answer)
+        return answer
+
     def test_rates_follow_the_emulated_sources(self):
         periodic = self.source("periodic")
         status, rates = wait_for(lambda: (lambda r: r if len(r[1]["times"]) >= 3 else None)(
@@ -131,12 +137,9 @@ class Api(unittest.TestCase):
         pairs = self.source("pairs")
         a, b = pairs["inputs"]
         delay = pairs["delays_ps"][1] - pairs["delays_ps"][0]
-        s, corr = self.server.post("/api/panels", {"channels": [a, b], "binwidth": 20,
-                                                   "range": "10ns"})
-        self.assertEqual(s, 200, corr)
-        s, startstop = self.server.post("/api/panels", {"kind": "startstop", "channels": [a, b],
-                                                        "binwidth": "20ps", "range": 4000})
-        self.assertEqual(s, 200, startstop)
+        corr = self.ok("POST", "/api/panels", {"channels": [a, b], "binwidth": 20, "range": "10ns"})
+        startstop = self.ok("POST", "/api/panels", {"kind": "startstop", "channels": [a, b],
+                                                    "binwidth": "20ps", "range": 4000})
         ids = [p["id"] for p in self.server.get("/api/panels")[1]]
         self.assertIn(corr["id"], ids)
         self.assertIn(startstop["id"], ids)
@@ -146,24 +149,21 @@ class Api(unittest.TestCase):
         self.assertAlmostEqual(peak_position(wait_for(lambda: filled(corr["id"]))), -delay, delta=40)
         self.assertAlmostEqual(peak_position(wait_for(lambda: filled(startstop["id"]))), delay,
                                delta=40)
-        self.assertEqual(self.server.post(f"/api/panels/{corr['id']}/clear")[0], 200)
+        self.ok("POST", f"/api/panels/{corr['id']}/clear", {})
         for panel in (corr, startstop):
-            self.assertEqual(self.server.request("DELETE", f"/api/panels/{panel['id']}")[0], 200)
+            self.ok("DELETE", f"/api/panels/{panel['id']}")
             self.assertEqual(self.server.get(f"/api/panels/{panel['id']}")[0], 404)
         # The widest bins over the longest range: the bin count must not overflow on the way.
-        s, wide = self.server.post("/api/panels", {"channels": [a, b], "binwidth": 92233720368548,
-                                                   "range": 2**63 - 1})
-        self.assertEqual(s, 200, wide)
+        wide = self.ok("POST", "/api/panels", {"channels": [a, b], "binwidth": 92233720368548,
+                                               "range": 2**63 - 1})
         self.assertEqual(wide["bins"], 100000)
 
     def test_settings_round_trip_and_reach_the_stream(self):
-        s, before = self.server.get("/api/channels")
-        self.assertEqual(s, 200)
+        before = self.ok("GET", "/api/channels")
         low, high = before["trigger_range"]
-        s, now = self.server.post("/api/channels/5", {
+        now = self.ok("POST", "/api/channels/5", {
             "trigger_level": (low + high) / 4, "input_delay": "1.5ns", "dead_time": 5000,
             "test_signal": True, "enabled": False})
-        self.assertEqual(s, 200, now)
         self.assertAlmostEqual(now["trigger_level"], (low + high) / 4, delta=0.01)
         self.assertEqual(now["input_delay"], 1500)
         self.assertGreaterEqual(now["dead_time"], 5000)
@@ -230,12 +230,10 @@ class Api(unittest.TestCase):
                 status, body = self.server.post("/api/recording", {"name": name})
                 self.assertEqual((status, body["field"]), (400, "name"))
         self.assertEqual(os.listdir(self.dir.name), [])
-        s, started = self.server.post("/api/recording", {"name": "run1"})
-        self.assertEqual(s, 200, started)
+        self.ok("POST", "/api/recording", {"name": "run1"})
         self.assertEqual(self.server.post("/api/recording", {"name": "run2"})[0], 409)
         time.sleep(0.5)
-        s, done = self.server.post("/api/recording/stop")
-        self.assertEqual(s, 200, done)
+        done = self.ok("POST", "/api/recording/stop", {})
         self.assertGreater(done["events"], 0)
         self.assertEqual(self.server.post("/api/recording/stop")[0], 409)
         self.assertEqual(self.server.post("/api/recording", {"name": "run1.ztbin"})[0], 409)
