@@ -56,10 +56,11 @@ class BoardProtocolTest : public ::testing::Test {
     return board;
   }
 
-  void setWire(int address, uint32_t value) {
-    ASSERT_EQ(fp.okFrontPanel_SetWireInValue(handle, address, value, 0xFFFFFFFF), ok_NoError);
+  /// Sets the start wire, as the host does to start the stream.
+  void start() {
+    ASSERT_EQ(fp.okFrontPanel_SetWireInValue(handle, 0x0D, 1, 0xFFFFFFFF), ok_NoError);
+    ASSERT_EQ(fp.okFrontPanel_UpdateWireIns(handle), ok_NoError);
   }
-  void update() { ASSERT_EQ(fp.okFrontPanel_UpdateWireIns(handle), ok_NoError); }
   uint32_t wireOut(int address) {
     EXPECT_EQ(fp.okFrontPanel_UpdateWireOuts(handle), ok_NoError);
     return static_cast<uint32_t>(fp.okFrontPanel_GetWireOutValue(handle, address));
@@ -169,8 +170,7 @@ TEST_F(BoardProtocolTest, ChannelTableNeedsItsTriggerAndDecodesEveryField) {
 // must get through meanwhile, as the host's sensor report does during acquisition.
 TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
   loadedBoard();
-  setWire(0x0D, 1);
-  update();
+  start();
   // A quiet board pads each 1024-byte transfer after about 1 ms: about a second.
   std::vector<unsigned char> buffer(4 * 262144);
   std::atomic<bool> done{false};
@@ -200,8 +200,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
   };
   loadedBoard({{"pacing", "free"}});
   EXPECT_EQ(read(0xA0, 1024, 4096), ok_Timeout);  // not started yet
-  setWire(0x0D, 1);
-  update();
+  start();
   EXPECT_EQ(read(0xA0, 1024, 4096), 4096);
   for (auto [block, length] : {std::pair{3000, 4096L}, {0, 4096L}, {2, 4094L}}) {
     EXPECT_EQ(read(0xA0, block, length), ok_InvalidBlockSize) << block << " " << length;
@@ -212,8 +211,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
   okPLL22150_HANDLE pll = fp.okPLL22150_Construct();
   EXPECT_FALSE(fp.okPLL22150_SetVCOParameters(pll, 1, 1));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_InvalidParameter);
-  setWire(0x0D, 1);
-  update();
+  start();
   EXPECT_EQ(read(0xA0, 1024, 1024), ok_Timeout);
   EXPECT_TRUE(fp.okPLL22150_SetVCOParameters(pll, 125, 18));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_NoError);

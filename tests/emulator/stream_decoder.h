@@ -107,10 +107,10 @@ inline std::vector<double> eventTimes(const StreamModel& model, const std::vecto
   return times;
 }
 
-inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
+inline StreamParameters ultra(bool paced = false) {
   StreamParameters p;
   p.model = 36, p.inputs = 18, p.ps_per_clock = 2500, p.bin_count = 256;
-  p.seed = seed, p.paced = paced, p.usb_words_per_second = 1e8;
+  p.seed = 7, p.paced = paced, p.usb_words_per_second = 1e8;
   return p;
 }
 

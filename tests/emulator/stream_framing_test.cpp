@@ -196,7 +196,7 @@ TEST(StreamFramingTest, LoopedRecordingRepeatsWithTheHostsFence) {
 // A quiet free-running board passes one period per read: fences keep coming, and its clock
 // cannot race ahead of real time towards an overflow.
 TEST(StreamFramingTest, AQuietFreeRunningBoardPassesOnePeriodPerRead) {
-  const auto p = testing::ultra(false);
+  const auto p = testing::ultra();
   StreamModel quiet(p, json::array());
   quiet.configure(testing::enable(p, {0}));
   ReferenceDecoder decoder;

@@ -41,11 +41,6 @@ void readAll(const std::string& path, bool verify, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&zeptick::fuzz::quiet);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static zeptick::fuzz::MemoryFile file;
   const std::string& path = file.fill(data, size);

@@ -3,7 +3,6 @@
 // Usage: file_reader_seeds <directory>
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -33,10 +32,7 @@ void writeSeed(const std::string& base, const std::vector<std::vector<Tag>>& blo
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s <directory>\n", argv[0]);
-    return 2;
-  }
+  if (argc != 2) return 2;
   const std::string directory = argv[1];
   const Tag::Type time_tag = Tag::Type::TimeTag;
   const int32_t unused = zeptick::CHANNEL_UNUSED;

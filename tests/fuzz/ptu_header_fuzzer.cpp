@@ -15,11 +15,6 @@
 #include "files/foreign/ptu_recording.h"
 #include "fuzz/fuzz_input.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&zeptick::fuzz::quiet);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<char> bytes(8, '\0');  // the magic, padded with NULs
   std::copy_n(zeptick::foreign::kPtuMagic, 6, bytes.begin());
