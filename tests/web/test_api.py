@@ -137,7 +137,8 @@ class Api(unittest.TestCase):
         pairs = self.source("pairs")
         a, b = pairs["inputs"]
         delay = pairs["delays_ps"][1] - pairs["delays_ps"][0]
-        corr = self.ok("POST", "/api/panels", {"channels": [a, b], "binwidth": 20, "range": "10ns"})
+        corr = self.ok("POST", "/api/panels",
+                       {"channels": [a, b], "binwidth": 20, "range": "10ns"})
         startstop = self.ok("POST", "/api/panels", {"kind": "startstop", "channels": [a, b],
                                                     "binwidth": "20ps", "range": 4000})
         ids = [p["id"] for p in self.server.get("/api/panels")[1]]
