@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -236,14 +237,11 @@ TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
     EXPECT_FALSE(status & 2);
     return !(status & 0x80);
   };
-  struct Case {
-    int model, revision;
-    bool fan, converter;
-  };
-  for (const Case& c : {Case{36, 2, false, false}, Case{36, 3, true, false},
-                        Case{36, 4, true, true}, Case{4, 2, false, false}}) {
-    SCOPED_TRACE(::testing::Message() << c.model << " revision " << c.revision);
-    auto board = loadedBoard({{"model", c.model}, {"revision", c.revision}});
+  const std::tuple<int, int, bool, bool> cases[] = {
+      {36, 2, false, false}, {36, 3, true, false}, {36, 4, true, true}, {4, 2, false, false}};
+  for (const auto& [model, revision, fan, converter] : cases) {
+    SCOPED_TRACE(::testing::Message() << model << " revision " << revision);
+    auto board = loadedBoard({{"model", model}, {"revision", revision}});
     // A disabled core does nothing with a command.
     EXPECT_EQ(fp.okFrontPanel_WriteRegister(handle, 3, 0x30), ok_NoError);
     EXPECT_EQ(fp.okFrontPanel_WriteRegister(handle, 4, 0x90), ok_NoError);
@@ -251,8 +249,8 @@ TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
     for (auto [reg, value] : {std::pair{2, 0}, {1, 0}, {0, 200}, {2, 0x80}}) {
       ASSERT_EQ(fp.okFrontPanel_WriteRegister(handle, reg, value), ok_NoError);
     }
-    EXPECT_EQ(i2c(0x30, 0xD0), c.fan);
-    EXPECT_EQ(i2c(0x6A, 0xD0), c.converter);
+    EXPECT_EQ(i2c(0x30, 0xD0), fan);
+    EXPECT_EQ(i2c(0x6A, 0xD0), converter);
     EXPECT_FALSE(i2c(0x50, 0x90));
   }
 }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -252,11 +251,8 @@ TEST(StreamSourcesTest, ConditionalFilterPassesOneFilteredEventPerTrigger) {
   const int64_t clocks = 4'000'000;
   FirmwareSetup setup = testing::enable(p, {0, 1, 2, 3});
   const auto plain = stamps(sources, setup, clocks);
-  setup.channels[0].trigger = true;
-  setup.channels[1].filtered = true;
-  setup.channels[2].trigger = true;
-  setup.channels[2].filtered = true;
-  setup.channels[3].filtered = true;
+  for (int i : {0, 2}) setup.channels[i].trigger = true;
+  for (int i : {1, 2, 3}) setup.channels[i].filtered = true;
 
   // Reference: the unfiltered events in time order, one armed flag per channel.
   std::vector<Stamp> expected;
