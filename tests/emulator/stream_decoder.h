@@ -72,16 +72,16 @@ inline std::vector<uint32_t> readWords(StreamModel& model, size_t count) {
   return words;
 }
 
-/// Reads on until the decoded stream has passed `clocks` more cycles, and
-/// returns what lies before that cycle.
-inline std::vector<Decoded> readFor(StreamModel& model, ReferenceDecoder& decoder, int64_t clocks) {
+/// Reads a fresh model until the decoded stream has passed `clocks` cycles, and returns what
+/// lies before that cycle.
+inline std::vector<Decoded> readFor(StreamModel& model, int64_t clocks) {
+  ReferenceDecoder decoder;
   std::vector<Decoded> all;
-  const int64_t end = decoder.base() + clocks;
-  while (decoder.base() < end) {
+  while (decoder.base() < clocks) {
     std::vector<Decoded> part = decoder.decode(readWords(model, 4096));
     all.insert(all.end(), part.begin(), part.end());
   }
-  std::erase_if(all, [end](const Decoded& d) { return d.clock >= end; });
+  std::erase_if(all, [clocks](const Decoded& d) { return d.clock >= clocks; });
   return all;
 }
 

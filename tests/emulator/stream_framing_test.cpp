@@ -32,9 +32,8 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
   const uint32_t size = 1000;
   setup.buffer_words = size;
   model.configure(setup);
-  ReferenceDecoder decoder;
   const int64_t horizon = 150'000;
-  const auto all = testing::readFor(model, decoder, horizon + 10'000);
+  const auto all = testing::readFor(model, horizon + 10'000);
 
   // Brute force, cycle by cycle: drain, rollover word, due overflow end (not
   // in the cycle of a word that re-planned it), then the pulse of the cycle.

@@ -19,7 +19,6 @@ namespace {
 using nlohmann::json;
 using testing::Decoded;
 using testing::eventTimes;
-using testing::ReferenceDecoder;
 
 TEST(StreamSourcesTest, RatesJitterAndBurstsMatchTheDescription) {
   const auto p = testing::ultra();
@@ -29,9 +28,8 @@ TEST(StreamSourcesTest, RatesJitterAndBurstsMatchTheDescription) {
     {"type": "bursts", "input": 5, "rate_hz": 20000, "events": 5, "spacing_ps": 20000}
   ])"));
   model.configure(testing::enable(p, {0, 1, 4}));
-  ReferenceDecoder decoder;
   const int64_t clocks = 40'000'000;  // 0.1 s
-  const auto all = testing::readFor(model, decoder, clocks);
+  const auto all = testing::readFor(model, clocks);
   const double seconds = static_cast<double>(clocks) * 2500e-12;
 
   // Poisson: the count within 5 sigma, and a share exp(-2) of the gaps beyond twice the mean.
@@ -89,9 +87,8 @@ TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
     SCOPED_TRACE(::testing::Message() << "level " << level << " index " << index);
     StreamModel model(p, sources);
     model.configure(testing::enable(p, {0, 1, 18, 19}, level));
-    ReferenceDecoder decoder;
     const auto events =
-        testing::only(testing::readFor(model, decoder, 400'000), Decoded::Kind::Event, index);
+        testing::only(testing::readFor(model, 400'000), Decoded::Kind::Event, index);
     EXPECT_EQ(events.size() > 40, seen) << events.size();
     EXPECT_TRUE(seen || events.empty());
   }
@@ -99,8 +96,7 @@ TEST(StreamSourcesTest, TriggerLevelAndPolarityChooseTheEdgesSeen) {
   // A negative pulse starts with its falling edge; the rising one trails by the width.
   StreamModel model(p, sources);
   model.configure(testing::enable(p, {1, 19}, -0.4));
-  ReferenceDecoder decoder;
-  const auto all = testing::readFor(model, decoder, 400'000);
+  const auto all = testing::readFor(model, 400'000);
   const auto up2 = eventTimes(model, all, 1, 2500);
   for (double lead : eventTimes(model, all, 19, 2500)) {
     if (lead > 399'000 * 2500.0) break;
@@ -192,10 +188,8 @@ using Stamp = std::tuple<int64_t, int, int>;
 std::vector<Stamp> stamps(const json& sources, const FirmwareSetup& setup, int64_t clocks) {
   StreamModel model(testing::ultra(), sources);
   model.configure(setup);
-  ReferenceDecoder decoder;
   std::vector<Stamp> out;
-  for (const Decoded& d :
-       testing::only(testing::readFor(model, decoder, clocks), Decoded::Kind::Event)) {
+  for (const Decoded& d : testing::only(testing::readFor(model, clocks), Decoded::Kind::Event)) {
     out.emplace_back(d.clock, d.bin, d.index);
   }
   return out;
