@@ -102,56 +102,54 @@ class Cli(unittest.TestCase):
         self.assertEqual(len(pathlib.Path(csv).read_text().split()), 1001)
 
     def test_record_verify_and_replay_agree(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            path = f"{tmp}/live.ztbin"
-            rec = self.ok("zeptick", "--emulator", "default", "record", path, "--duration", "1s",
-                          "--channels", "1,2", "--test-signal", "--max-file-size", "100000")
-            self.assertIn("tags/s", rec.stderr)
-            out = self.ok("zeptick", "inspect", path, "--verify")
-            counts = channel_counts(out.stdout)
-            self.assertEqual(sorted(counts), [1, 2])
-            self.assertTrue(all(n > 0 for n in counts.values()))
-            verdicts = re.findall(r"(\d+) of (\d+) blocks pass", out.stdout)
-            self.assertGreater(len(verdicts), 1)
-            self.assertTrue(all(a == b for a, b in verdicts))
-            # The replay tagger and Countrate count what the reader counts from disk.
-            rows = [r.split(",") for r in self.ok("zeptick", "replay", path).stdout.split()[1:]]
-            self.assertEqual({int(c): int(n) for c, n, _ in rows}, counts)
+        path = f"{self.tmp.name}/live.ztbin"
+        rec = self.ok("zeptick", "--emulator", "default", "record", path, "--duration", "1s",
+                      "--channels", "1,2", "--test-signal", "--max-file-size", "100000")
+        self.assertIn("tags/s", rec.stderr)
+        out = self.ok("zeptick", "inspect", path, "--verify")
+        counts = channel_counts(out.stdout)
+        self.assertEqual(sorted(counts), [1, 2])
+        self.assertTrue(all(n > 0 for n in counts.values()))
+        verdicts = re.findall(r"(\d+) of (\d+) blocks pass", out.stdout)
+        self.assertGreater(len(verdicts), 1)
+        self.assertTrue(all(a == b for a, b in verdicts))
+        # The replay tagger and Countrate count what the reader counts from disk.
+        rows = [r.split(",") for r in self.ok("zeptick", "replay", path).stdout.split()[1:]]
+        self.assertEqual({int(c): int(n) for c, n, _ in rows}, counts)
 
-            # One flipped bit in the tag words of the first split file's last time tag block
-            # (blocks: 16-byte header "MIZT", size, type, 0; then the payload padded to 16).
-            split = pathlib.Path(f"{tmp}/live.1.ztbin")
-            data = bytearray(split.read_bytes())
-            offset, target = 0, None
-            while offset + 16 <= len(data):
-                size, kind = struct.unpack_from("<II", data, offset + 4)
-                if kind == 4 and size > 160:
-                    target = offset + 16 + 144 + 8
-                offset += 16 + (size + 15) // 16 * 16
-            self.assertIsNotNone(target)
-            data[target] ^= 0x40
-            split.write_bytes(data)
-            out = run("zeptick", "inspect", path, "--verify")
-            self.assertEqual(out.returncode, 1)
-            self.assertIn("verification failed", out.stderr)
-            self.assertRegex(out.stdout, r"live\.1\.ztbin: \d+ of \d+ blocks pass; the next fails")
+        # One flipped bit in the tag words of the first split file's last time tag block
+        # (blocks: 16-byte header "MIZT", size, type, 0; then the payload padded to 16).
+        split = pathlib.Path(f"{self.tmp.name}/live.1.ztbin")
+        data = bytearray(split.read_bytes())
+        offset, target = 0, None
+        while offset + 16 <= len(data):
+            size, kind = struct.unpack_from("<II", data, offset + 4)
+            if kind == 4 and size > 160:
+                target = offset + 16 + 144 + 8
+            offset += 16 + (size + 15) // 16 * 16
+        self.assertIsNotNone(target)
+        data[target] ^= 0x40
+        split.write_bytes(data)
+        out = run("zeptick", "inspect", path, "--verify")
+        self.assertEqual(out.returncode, 1)
+        self.assertIn("verification failed", out.stderr)
+        self.assertRegex(out.stdout, r"live\.1\.ztbin: \d+ of \d+ blocks pass; the next fails")
 
     def test_ctrl_c_leaves_a_complete_recording(self):
-        with tempfile.TemporaryDirectory() as tmp:
-            path = f"{tmp}/cut.ztbin"
-            proc = subprocess.Popen([f"{TOOLS}/zeptick", "--emulator", "default", "record", path,
-                                     "--duration", "10m", "--channels", "1", "--test-signal"],
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            # Interrupt once recording runs: the first progress line says so. Opening (with its
-            # calibration pass) may take seconds on a loaded machine.
-            proc.stderr.readline()
-            proc.send_signal(signal.SIGINT)
-            out, err = proc.communicate(timeout=60)
-            self.assertEqual(proc.returncode, 0, err)
-            self.assertIn("stopped by the user", out)
-            written = int(re.search(r": (\d+) tags", out).group(1))
-            check = self.ok("zeptick", "inspect", path, "--verify")
-            self.assertEqual(channel_counts(check.stdout), {1: written})
+        path = f"{self.tmp.name}/cut.ztbin"
+        proc = subprocess.Popen([f"{TOOLS}/zeptick", "--emulator", "default", "record", path,
+                                 "--duration", "10m", "--channels", "1", "--test-signal"],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        # Interrupt once recording runs: the first progress line says so. Opening (with its
+        # calibration pass) may take seconds on a loaded machine.
+        proc.stderr.readline()
+        proc.send_signal(signal.SIGINT)
+        out, err = proc.communicate(timeout=60)
+        self.assertEqual(proc.returncode, 0, err)
+        self.assertIn("stopped by the user", out)
+        written = int(re.search(r": (\d+) tags", out).group(1))
+        check = self.ok("zeptick", "inspect", path, "--verify")
+        self.assertEqual(channel_counts(check.stdout), {1: written})
 
     def test_info_rates_and_scan_on_the_emulator(self):
         out = self.ok("zeptick", "--emulator", "default", "info")
