@@ -29,8 +29,7 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
   const auto p = testing::ultra();  // 1e8 words/s drain exactly 0.25 words per 2500 ps cycle
   StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 1, "period_ps": 5000}])"));
   FirmwareSetup setup = testing::enable(p, {0});
-  const uint32_t size = 1000;
-  setup.buffer_words = size;
+  setup.buffer_words = 1000;
   model.configure(setup);
   const int64_t horizon = 150'000;
   const auto all = testing::readFor(model, horizon + 10'000);
@@ -54,7 +53,7 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
       level += 1;
       replanned = overflow;
     }
-    if (overflow && !replanned && level <= size / 2.0) {
+    if (overflow && !replanned && level <= setup.buffer_words / 2.0) {
       overflow = false;
       level += 1 + (missed >> 8 ? 1 : 0) + (missed & 0xFF ? 1 : 0);  // counts, then the end word
       expected.back()[1] = c;
@@ -63,7 +62,7 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
     if (!fires(c)) continue;
     if (overflow) {
       ++missed;
-    } else if (level > size - 1) {
+    } else if (level > setup.buffer_words - 1) {
       overflow = true;
       missed = 1;
       level += 1;
