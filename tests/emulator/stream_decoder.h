@@ -118,11 +118,10 @@ inline StreamParameters ultra(bool paced = false) {
 /// buffer limit, default dead time and divider.
 inline FirmwareSetup enable(const StreamParameters& p, std::initializer_list<int> indices,
                             double level = 0.5) {
-  FirmwareSetup s;
-  s.channels.assign(static_cast<size_t>(2 * p.inputs), ChannelSetup{});
+  FirmwareSetup s{.channels = std::vector<ChannelSetup>(static_cast<size_t>(2 * p.inputs)),
+                  .trigger_volts = std::vector<double>(static_cast<size_t>(p.inputs), level),
+                  .started = true};
   for (int i : indices) s.channels[static_cast<size_t>(i)].enabled = true;
-  s.trigger_volts.assign(static_cast<size_t>(p.inputs), level);
-  s.started = true;
   return s;
 }
 

@@ -21,21 +21,16 @@ namespace {
 
 using namespace zeptick::emulator;
 
-FirmwareSetup everythingOn(int inputs) {
-  FirmwareSetup setup;
-  setup.channels.assign(static_cast<size_t>(2 * inputs), ChannelSetup{});
-  for (ChannelSetup& channel : setup.channels) channel.enabled = true;
-  setup.trigger_volts.assign(static_cast<size_t>(inputs), 0.1);
-  setup.buffer_words = 1 << 16;
-  setup.started = true;
-  return setup;
-}
-
 void stream(const BoardConfig& board) {
   StreamParameters parameters = streamParametersOf(board);
   parameters.paced = false;
   StreamModel model(parameters, board.sources);
-  model.configure(everythingOn(board.inputs));
+  FirmwareSetup setup;
+  setup.channels.assign(static_cast<size_t>(2 * board.inputs), ChannelSetup{.enabled = true});
+  setup.trigger_volts.assign(static_cast<size_t>(board.inputs), 0.1);
+  setup.buffer_words = 1 << 16;
+  setup.started = true;
+  model.configure(setup);
   std::vector<unsigned char> words(4096 * 4);
   const long got = model.read(words.data(), static_cast<long>(words.size()));
   if (got != static_cast<long>(words.size())) std::abort();
