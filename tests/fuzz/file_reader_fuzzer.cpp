@@ -17,8 +17,7 @@ void readAll(const std::string& path, bool verify, size_t size) {
   zeptick::ZeptickFileReader reader(path, verify);
   std::vector<zeptick::Tag> tags;
   uint64_t overflows = 0;
-  int64_t begin = 0;
-  int64_t end = 0;
+  int64_t begin = 0, end = 0;
   bool skip = false;
   while (reader.getBlockRange(begin, end)) {
     // Alternate between the two ways of moving on.

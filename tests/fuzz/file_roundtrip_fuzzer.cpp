@@ -96,9 +96,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool overflow = false;
   std::vector<Tag> tags;
   uint64_t overflows = 0;
+  int64_t begin = 0, end = 0;
   for (const Block& block : blocks) {
-    int64_t begin = 0;
-    int64_t end = 0;
     if (!reader.getBlockRange(begin, end) || begin != block.begin_time || end != block.end_time ||
         !reader.decodeBlock(tags, begin, overflows)) {
       std::abort();
@@ -111,8 +110,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     if (!std::equal(tags.begin(), tags.end(), expected.begin(), expected.end(), same)) std::abort();
   }
-  int64_t begin = 0;
-  int64_t end = 0;
   if (reader.getBlockRange(begin, end)) std::abort();
   std::remove(file.c_str());
   return 0;
