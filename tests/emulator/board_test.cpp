@@ -37,8 +37,7 @@ class BoardProtocolTest : public ::testing::Test {
     detachBoards();
   }
 
-  /// Attaches one board with `fields` (serial "B1" unless given), in place of
-  /// any before, and opens it.
+  /// Attaches one board with `fields` (serial "B1" unless given) in place of any, and opens it.
   std::shared_ptr<Board> openBoard(nlohmann::json fields = nlohmann::json::object()) {
     if (!fields.contains("serial")) fields["serial"] = "B1";
     if (handle != nullptr) fp.okFrontPanel_Destruct(handle);
@@ -222,8 +221,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
 }
 
 // The fan controller (0x30) is there from revision 3 of the Ultra, the voltage converter
-// (0x6A) from revision 4; absent addresses never acknowledge. A chip configured absent is
-// driven from the host's side by the device suite's sensor tests.
+// (0x6A) from revision 4; absent addresses never acknowledge.
 TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
   // One I2C byte on an enabled core, written from the documented protocol; true when acknowledged.
   auto i2c = [&](uint8_t byte, uint8_t command) {

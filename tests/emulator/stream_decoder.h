@@ -1,8 +1,7 @@
 #pragma once
 
-// A deliberately plain decoder of board words for the stream tests: it widens
-// ticks with the rollover words and places an event in the middle of its fine
-// bin, using the board's true bin edges.
+// A deliberately plain decoder of board words: it widens ticks with the rollover words and places
+// an event in the middle of its fine bin, using the board's true bin edges.
 
 #include <cstdint>
 #include <initializer_list>
@@ -72,8 +71,7 @@ inline std::vector<uint32_t> readWords(StreamModel& model, size_t count) {
   return words;
 }
 
-/// Reads a fresh model until the decoded stream has passed `clocks` cycles, and returns what
-/// lies before that cycle.
+/// The decoded words of a fresh model before cycle `clocks`.
 inline std::vector<Decoded> readFor(StreamModel& model, int64_t clocks) {
   ReferenceDecoder decoder;
   std::vector<Decoded> all;
@@ -114,8 +112,7 @@ inline StreamParameters ultra(bool paced = false) {
   return p;
 }
 
-/// Every listed hardware index enabled, all trigger levels at `level`, no
-/// buffer limit, default dead time and divider.
+/// The listed hardware indices enabled, triggers at `level`, no buffer limit, other defaults.
 inline FirmwareSetup enable(const StreamParameters& p, std::initializer_list<int> indices,
                             double level = 0.5) {
   FirmwareSetup s{.channels = std::vector<ChannelSetup>(static_cast<size_t>(2 * p.inputs)),

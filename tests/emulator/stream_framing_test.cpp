@@ -84,9 +84,8 @@ TEST(StreamFramingTest, OverflowWordsAppearExactlyWhenTheBufferFills) {
   EXPECT_EQ(seen, expected);
 }
 
-// A new fence comes back in the first kind-1 rollover after the words already
-// produced: at the boundary that ends the period of the last word read, moved
-// on by any multi-rollover words that were still waiting.
+// A new fence returns in the first kind-1 rollover after the words already produced, at the end
+// of the last read word's period, moved on by multi-rollover words still waiting.
 TEST(StreamFramingTest, FenceReturnsAtTheNextBoundaryAfterConfigure) {
   const auto p = testing::ultra();
   for (const char* sources : {"[]", R"([{"type": "poisson", "input": 1, "rate_hz": 3e6}])"}) {
@@ -145,8 +144,7 @@ TEST(StreamFramingTest, AnInjectedErrorTakesThePlaceOfOneRollover) {
   EXPECT_GT(boundary, next + 2 * kPeriod);
 }
 
-// A 1 Hz source leaves more than 2^40 cycles between the first and the last
-// pulse; the time between pulses stays exact throughout.
+// A 1 Hz source leaves over 2^40 cycles between first and last pulse; the spacing stays exact.
 TEST(StreamFramingTest, SparseEventsKeepExactTimesOverLongStretches) {
   const auto p = testing::ultra();
   StreamModel model(p, json::parse(R"([{"type": "periodic", "input": 1, "period_ps": 1e12}])"));
@@ -164,8 +162,7 @@ TEST(StreamFramingTest, SparseEventsKeepExactTimesOverLongStretches) {
   }
 }
 
-// A looped recording comes back word for word, across reads of any length and
-// the loop's end, with its rollover words carrying the host's fence.
+// A looped recording repeats word for word over reads of any length, with the host's fence.
 TEST(StreamFramingTest, LoopedRecordingRepeatsWithTheHostsFence) {
   const auto p = testing::ultra();
   StreamModel model(p, json::parse(R"([{"type": "poisson", "input": 1, "rate_hz": 1e7}])"));
@@ -209,9 +206,8 @@ TEST(StreamFramingTest, AQuietFreeRunningBoardPassesOnePeriodPerRead) {
   }
 }
 
-// A quiet paced board sends a kind-1 rollover per period, none before its
-// time, and a read waiting for them does not hold configure() up: the new
-// fence shows in the words of that read.
+// A quiet paced board sends one kind-1 rollover per period, none early, and a read waiting for
+// them lets configure() through: the new fence shows in that read's words.
 TEST(StreamFramingTest, PacedRolloversKeepTimeAndConfigureGetsThroughMeanwhile) {
   const auto p = testing::ultra(true);
   const auto start = std::chrono::steady_clock::now();

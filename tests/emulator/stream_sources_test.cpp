@@ -55,8 +55,7 @@ TEST(StreamSourcesTest, RatesJitterAndBurstsMatchTheDescription) {
   EXPECT_NEAR(mean, 700.0 + static_cast<double>(model.inputLatency(1)), 8.0);
   EXPECT_NEAR(std::sqrt(squares / static_cast<double>(periodic.size()) - mean * mean), 50.0, 2.0);
 
-  // Bursts, 50 us apart on average, keep the spacing inside; now and then two
-  // overlap and make one larger group.
+  // Bursts, 50 us apart on average, keep their inner spacing; now and then two overlap into one.
   const auto bursts = eventTimes(model, all, 4, 2500);
   ASSERT_GT(bursts.size(), 5000u);
   size_t start = 0, groups = 0, regular = 0;
@@ -149,9 +148,8 @@ TEST(StreamSourcesTest, BadDescriptionsAreRefusedWithClearMessages) {
   EXPECT_THROW(StreamModel(bad, json::array()), std::invalid_argument);
 }
 
-// Shares of a million draws beyond thresholds against the exact distribution,
-// within five standard errors; the far thresholds land in the ziggurat's tail
-// and wedge paths, which the fast path never takes.
+// Shares of a million draws beyond thresholds, within five standard errors of the exact ones;
+// the far thresholds reach the ziggurat's tail and wedge paths, which the fast path never takes.
 TEST(StreamSourcesTest, VariatesFollowTheirDistributionsIntoTheTails) {
   constexpr int kDraws = 1'000'000;
   Random random(mixSeed(3, 1));
@@ -195,9 +193,8 @@ std::vector<Stamp> stamps(const json& sources, const FirmwareSetup& setup, int64
   return out;
 }
 
-// The firmware's settings act on the edges the sources deliver, and the same
-// seed gives the same edges, so a run with the plain settings is the reference
-// for a run with the setting under test.
+// The same seed gives the same edges, so a run with plain settings is the reference for a run
+// with the setting under test.
 TEST(StreamSourcesTest, DeadTimeAndDividerThinTheSameEdges) {
   const auto p = testing::ultra();
   const json sources = json::parse(R"([{"type": "poisson", "input": 1, "rate_hz": 2e7},
