@@ -162,7 +162,7 @@ TEST(StreamFramingTest, SparseEventsKeepExactTimesOverLongStretches) {
   }
 }
 
-// A looped recording repeats word for word over reads of any length, with the host's fence.
+// A looped recording repeats word for word over any read lengths; rollovers carry the host's fence.
 TEST(StreamFramingTest, LoopedRecordingRepeatsWithTheHostsFence) {
   const auto p = testing::ultra();
   StreamModel model(p, json::parse(R"([{"type": "poisson", "input": 1, "rate_hz": 1e7}])"));
