@@ -53,9 +53,8 @@ class Cli(unittest.TestCase):
         self.assertEqual(channel_counts(out.stdout), self.counts)
         self.assertIn("overflow spans:  0", out.stdout)
 
-        # Export all, then a channel/time window from one tag of channel 3 to a later one; the
-        # window must equal a brute-force filter of the full export (times count from the
-        # first tag), with the tag at its begin and without the one at its end.
+        # Export all, then channels 1 and 3 from one tag of channel 3 to a later one: a brute-force
+        # filter of the full export (times from its first tag), the end tag excluded.
         full, part = f"{tmp}/all.csv", f"{tmp}/part.csv"
         self.ok("zeptick", "export", path, "--to", full)
         rows = [tuple(map(int, r.split(","))) for r in pathlib.Path(full).read_text().split()[1:]]
@@ -140,8 +139,7 @@ class Cli(unittest.TestCase):
         proc = subprocess.Popen([f"{TOOLS}/zeptick", "--emulator", "default", "record", path,
                                  "--duration", "10m", "--channels", "1", "--test-signal"],
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        # Interrupt once recording runs: the first progress line says so. Opening (with its
-        # calibration pass) may take seconds on a loaded machine.
+        # Interrupt at the first progress line; opening may take seconds on a loaded machine.
         proc.stderr.readline()
         proc.send_signal(signal.SIGINT)
         out, err = proc.communicate(timeout=60)

@@ -1,8 +1,7 @@
-// Feeds arbitrary text to the emulator's JSON configuration, through the public entry that
-// programs and the ZEPTICK_EMULATOR file reach. It must attach the boards or refuse with
-// std::invalid_argument, never crash, hang or allocate beyond what the text asks for; a
-// configuration it accepts then streams a few thousand words from every board's sources,
-// free-running, with every input enabled, so that source parameters reach the generators.
+// Feeds arbitrary text to the emulator's JSON configuration through its public entry: it attaches
+// the boards or refuses with std::invalid_argument, never crashing, hanging or over-allocating.
+// An accepted configuration then streams a few thousand words, free-running with every input
+// enabled, so that source parameters reach the generators.
 
 #include <cstddef>
 #include <cstdint>

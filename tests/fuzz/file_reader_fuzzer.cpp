@@ -1,6 +1,5 @@
-// Feeds arbitrary bytes to ZeptickFileReader as a file, with verification off and on. The
-// reader must neither crash, nor read out of bounds, nor allocate more than the bytes justify
-// (scripts/fuzz runs this with a small malloc limit).
+// Feeds arbitrary bytes to ZeptickFileReader as a file, verifying off and on: no crash, no read
+// out of bounds, no allocation beyond what the bytes justify (scripts/fuzz limits malloc).
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,5 @@
-// Writes the seed corpus of ptu_header_fuzzer: the headers of the shared real PTU recordings
-// (and their first records), without the magic that the fuzzer puts in front. Writes nothing
-// when the recordings are not beside the source tree.
+// Writes the seed corpus of ptu_header_fuzzer: the headers and first records of the shared real
+// PTU recordings, if any, without the magic the fuzzer puts in front.
 // Usage: ptu_header_seeds <directory>
 
 #include <filesystem>

@@ -1,6 +1,5 @@
-// Replays a recording through a set of measurements in C++ and writes each result as
-// NAME.bin: a text line "dtype extent..." and the raw values, so that the Python tests can
-// compare the binding's arrays with the library's own.
+// Replays a recording through measurements and writes each result as NAME.bin (a line "dtype
+// extent..." and the raw values), for the Python tests to compare the binding's arrays with.
 // usage: zeptick-python-reference RECORDING OUTPUT_DIR
 
 #include <zeptick/zeptick.h>

@@ -1,7 +1,6 @@
-// `zeptick serve` in a real browser (Debian's chromium, headless, driven by
-// playwright-core from web/'s lockfile): the page loads, rates appear and
-// change, the correlation peak sits at the emulator's pair delay and moves by
-// an input delay typed on the page, and Record/Stop leave the named file.
+// `zeptick serve` in Debian's headless chromium, driven by playwright-core from web/'s lockfile:
+// rates appear and change, the correlation peak sits at the pair delay and moves by an input
+// delay typed on the page, and Record/Stop leave the named file.
 // Usage: node browser_test.mjs <build>/tools <artifact directory>
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";

@@ -1,7 +1,6 @@
 #!/usr/bin/python3
-"""`zeptick serve` on the default emulator, through its JSON API: what each
-endpoint answers checked against the emulator's own configuration, refusals
-naming the field, the token, the recording directory, and many clients at once."""
+"""`zeptick serve` on the default emulator through its JSON API: answers against the emulator's
+configuration, refusals naming the field, the token, the recording directory, many clients."""
 import json
 import os
 import re
