@@ -95,8 +95,7 @@ TEST_F(BoardProtocolTest, DeviceRecordAndWireOutsDescribeTheBoard) {
   EXPECT_EQ(fp.okFrontPanel_GetDeviceInfoWithSize(handle, &info, sizeof(info) - 1),
             ok_InvalidParameter);
 
-  // The identifier over two wire-outs; the host's start-up, sensor report and decoding read the
-  // others (inputs, clock, bins, firmware, clock input, revision, bus and Synchronizer status).
+  // The identifier over two wire-outs; the device and engine suites read the others.
   loadedBoard({{"identifier", 0x123456789ABCDEFULL}});
   EXPECT_EQ(std::pair(wireOut(0x26), wireOut(0x27)), std::pair(0x89ABCDEFu, 0x01234567u));
 }

@@ -128,8 +128,7 @@ TEST(StreamFramingTest, AnInjectedErrorTakesThePlaceOfOneRollover) {
   model.injectError();
   const auto after = decoder.decode(testing::readWords(model, 6000));
   all.insert(all.end(), after.begin(), after.end());
-  int64_t boundary = kPeriod;
-  int64_t previous_event = -1;
+  int64_t boundary = kPeriod, previous_event = -1;
   for (const Decoded& d : all) {
     // The pulses keep their spacing of 400 cycles across the error: no period lost or added.
     if (d.kind == Kind::Event) {
