@@ -39,13 +39,12 @@ class BoardProtocolTest : public ::testing::Test {
 
   /// Attaches one board with `fields` (serial "B1" unless given) in place of any, and opens it.
   std::shared_ptr<Board> openBoard(nlohmann::json fields = nlohmann::json::object()) {
-    if (!fields.contains("serial")) fields["serial"] = "B1";
+    const std::string serial = fields["serial"] = fields.value("serial", "B1");
     if (handle != nullptr) fp.okFrontPanel_Destruct(handle);
     attachBoards({{"devices", {fields}}});
     handle = fp.okFrontPanel_Construct();
-    EXPECT_EQ(fp.okFrontPanel_OpenBySerial(handle, fields["serial"].get<std::string>().c_str()),
-              ok_NoError);
-    return std::static_pointer_cast<Board>(findBoard(fields["serial"].get<std::string>()));
+    EXPECT_EQ(fp.okFrontPanel_OpenBySerial(handle, serial.c_str()), ok_NoError);
+    return std::static_pointer_cast<Board>(findBoard(serial));
   }
 
   /// As openBoard(), then loads the model's shipped firmware.

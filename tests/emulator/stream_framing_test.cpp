@@ -195,13 +195,10 @@ TEST(StreamFramingTest, AQuietFreeRunningBoardPassesOnePeriodPerRead) {
   quiet.configure(testing::enable(p, {0}));
   ReferenceDecoder decoder;
   for (int read = 1; read <= 3; ++read) {
-    int64_t periods = 0;
     for (const Decoded& d : decoder.decode(testing::readWords(quiet, 4096))) {
       ASSERT_TRUE(d.kind == Kind::Rollover || d.kind == Kind::Filler);
-      periods += d.periods;
     }
-    EXPECT_EQ(periods, 1);
-    EXPECT_EQ(decoder.base(), read * kPeriod);
+    EXPECT_EQ(decoder.base(), read * kPeriod);  // one period per read
   }
 }
 
