@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -170,12 +170,9 @@ TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
   start();
   // A quiet board pads each 1024-byte transfer after about 1 ms: about a second.
   std::vector<unsigned char> buffer(4 * 262144);
-  std::atomic<bool> done{false};
-  long result = 0;
-  std::thread reader([&] {
-    result = fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024,
-                                                  static_cast<long>(buffer.size()), buffer.data());
-    done = true;
+  auto reader = std::async(std::launch::async, [&] {
+    return fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024,
+                                                static_cast<long>(buffer.size()), buffer.data());
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   for (int i = 0; i < 50; ++i) {
@@ -183,9 +180,9 @@ TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
     uint32_t status = 0;
     ASSERT_EQ(fp.okFrontPanel_ReadRegister(handle, 4, &status), ok_NoError);
   }
-  EXPECT_FALSE(done.load()) << "control calls waited for the paced read";
-  reader.join();
-  EXPECT_EQ(result, 4 * 262144);
+  EXPECT_EQ(reader.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+      << "control calls waited for the paced read";
+  EXPECT_EQ(reader.get(), 4 * 262144);
 }
 
 // The stream runs only after the start wire, and on the Zeptick 20 only once its clock is set up,
