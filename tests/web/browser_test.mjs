@@ -30,6 +30,13 @@ function startServer(recordDir) {
   });
 }
 
+// Types `value` into a channel's setting on the page and submits it.
+async function typeSetting(page, channel, name, value) {
+  const field = page.locator(`#channels tr[data-channel="${channel}"] [name="${name}"]`);
+  await field.fill(value);
+  await field.press("Enter");
+}
+
 // Waits up to 8 s for the panel's peak to come within 30 ps of `want`.
 async function expectPeak(page, want) {
   let peak = NaN;
@@ -75,10 +82,9 @@ try {
   });
 
   await check("correlation peak sits at the pair delay", async () => {
-    await page.fill('#new-panel [name="a"]', String(a));
-    await page.fill('#new-panel [name="b"]', String(b));
-    await page.fill('#new-panel [name="binwidth"]', "10ps");
-    await page.fill('#new-panel [name="range"]', "10ns");
+    for (const [name, value] of Object.entries({ a, b, binwidth: "10ps", range: "10ns" })) {
+      await page.fill(`#new-panel [name="${name}"]`, String(value));
+    }
     await page.click('#new-panel button[type="submit"]');
     // Correlation bins (time on a) minus (time on b): b lags by the pair delay.
     await expectPeak(page, -pairDelay);
@@ -86,9 +92,7 @@ try {
 
   await check("an input delay typed on the page moves the peak by that amount", async () => {
     const moved = 1000;
-    const field = page.locator(`#channels tr[data-channel="${b}"] [name="input_delay"]`);
-    await field.fill(`${moved}`);
-    await field.press("Enter");
+    await typeSetting(page, b, "input_delay", `${moved}`);
     await page.waitForFunction(([ch, want]) => document.querySelector(
       `#channels tr[data-channel="${ch}"] [name="input_delay"]`).value === want, [b, String(moved)]);
     await expectPeak(page, -pairDelay - moved);
@@ -98,9 +102,7 @@ try {
   await page.screenshot({ path: path.join(artifacts, "serve.png"), fullPage: true });
 
   await check("a refused setting is shown", async () => {
-    const field = page.locator(`#channels tr[data-channel="${a}"] [name="dead_time"]`);
-    await field.fill("-5ns");
-    await field.press("Enter");
+    await typeSetting(page, a, "dead_time", "-5ns");
     await page.waitForFunction(() => document.querySelector("#message").textContent.includes("dead_time"));
   });
 
