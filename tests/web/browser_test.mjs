@@ -30,13 +30,6 @@ function startServer(recordDir) {
   });
 }
 
-// Types `value` into a channel's setting on the page and submits it.
-async function typeSetting(page, channel, name, value) {
-  const field = page.locator(`#channels tr[data-channel="${channel}"] [name="${name}"]`);
-  await field.fill(value);
-  await field.press("Enter");
-}
-
 // Waits up to 8 s for the panel's peak to come within 30 ps of `want`.
 async function expectPeak(page, want) {
   let peak = NaN;
@@ -92,7 +85,9 @@ try {
 
   await check("an input delay typed on the page moves the peak by that amount", async () => {
     const moved = 1000;
-    await typeSetting(page, b, "input_delay", `${moved}`);
+    const field = page.locator(`#channels tr[data-channel="${b}"] [name="input_delay"]`);
+    await field.fill(`${moved}`);
+    await field.press("Enter");
     await page.waitForFunction(([ch, want]) => document.querySelector(
       `#channels tr[data-channel="${ch}"] [name="input_delay"]`).value === want, [b, String(moved)]);
     await expectPeak(page, -pairDelay - moved);
@@ -102,7 +97,9 @@ try {
   await page.screenshot({ path: path.join(artifacts, "serve.png"), fullPage: true });
 
   await check("a refused setting is shown", async () => {
-    await typeSetting(page, a, "dead_time", "-5ns");
+    const field = page.locator(`#channels tr[data-channel="${a}"] [name="dead_time"]`);
+    await field.fill("-5ns");
+    await field.press("Enter");
     await page.waitForFunction(() => document.querySelector("#message").textContent.includes("dead_time"));
   });
 
