@@ -136,16 +136,15 @@ class Api(unittest.TestCase):
                                                     "binwidth": "20ps", "range": 4000})
         self.assertLessEqual({corr["id"], startstop["id"]},
                              {p["id"] for p in self.server.get("/api/panels")[1]})
-        filled = lambda i: (lambda p: p if sum(p["counts"]) > 1000 else None)(  # noqa: E731
-            self.server.get(f"/api/panels/{i}")[1])
         # Correlation bins (time on a) minus (time on b); start-stop the time from a to b.
-        self.assertAlmostEqual(peak_position(wait_for(lambda: filled(corr["id"]))), -delay, delta=40)
-        self.assertAlmostEqual(peak_position(wait_for(lambda: filled(startstop["id"]))), delay,
-                               delta=40)
-        self.ok("POST", f"/api/panels/{corr['id']}/clear", {})
-        for panel in (corr, startstop):
-            self.ok("DELETE", f"/api/panels/{panel['id']}")
-            self.assertEqual(self.server.get(f"/api/panels/{panel['id']}")[0], 404)
+        for panel, want in ((corr, -delay), (startstop, delay)):
+            url = f"/api/panels/{panel['id']}"
+            filled = wait_for(lambda: (lambda p: p if sum(p["counts"]) > 1000 else None)(
+                self.server.get(url)[1]))
+            self.assertAlmostEqual(peak_position(filled), want, delta=40, msg=panel)
+            self.ok("POST", url + "/clear", {})
+            self.ok("DELETE", url)
+            self.assertEqual(self.server.get(url)[0], 404)
         # The widest bins over the longest range: the bin count must not overflow on the way.
         wide = self.ok("POST", "/api/panels", {"channels": [a, b], "binwidth": 92233720368548,
                                                "range": 2**63 - 1})
