@@ -1,9 +1,6 @@
-"""Runs a notebook with a kernel on this interpreter and fails on any cell error.
-
-The kernel is started with sys.executable itself rather than a kernel spec found on PATH, which
-may name another interpreter without the package's dependencies.
-usage: python3 run_notebook.py NOTEBOOK.ipynb
-"""
+"""Runs a notebook and fails on any cell error. The kernel runs on sys.executable itself: a kernel
+spec found on PATH may name another interpreter without the package's dependencies.
+usage: python3 run_notebook.py NOTEBOOK.ipynb"""
 
 import sys
 
