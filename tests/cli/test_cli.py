@@ -29,16 +29,13 @@ class Cli(unittest.TestCase):
     def setUpClass(cls):
         """30 ms of generated recording in split files, channel 2 lagging 1 by 3.7 ns."""
         cls.tmp = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.tmp.cleanup)
         cls.recording = f"{cls.tmp.name}/rec.ztbin"
         gen = run("zeptick-generate-recording", cls.recording, "--duration-ms", "30",
                   "--max-file-size", "200000", "--delay-ps", "3700")
         assert gen.returncode == 0, gen.stderr
         cls.counts = {int(c): int(n) for c, n in re.findall(r"channel (\d+): (\d+) events",
                                                             gen.stdout)}
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.tmp.cleanup()
 
     def ok(self, *args):
         """Runs the tool, which must succeed; returns its output."""
