@@ -106,8 +106,7 @@ TEST(StreamFramingTest, FenceReturnsAtTheNextBoundaryAfterConfigure) {
     model.configure(setup);
     const auto after =
         testing::only(decoder.decode(testing::readWords(model, 10'000)), Kind::Rollover);
-    auto first =
-        std::find_if(after.begin(), after.end(), [](const Decoded& d) { return d.fence >= 0; });
+    auto first = std::ranges::find_if(after, [](const Decoded& d) { return d.fence >= 0; });
     ASSERT_NE(first, after.end());
     int64_t runs = 0;  // periods of multi-rollover words still waiting
     for (auto d = after.begin(); d != first; ++d) runs += d->periods;

@@ -99,8 +99,7 @@ TEST(StreamOutputTest, OverflowsEndOnTheirCycleAtAnyStreamPosition) {
     return words;
   };
   const auto early = window(3 * StreamOutput::kPeriodClocks);
-  EXPECT_GE(std::count_if(early.begin(), early.end(), [](uint32_t w) { return w >> 24 == 0xFF; }),
-            10);
+  EXPECT_GE(std::ranges::count_if(early, [](uint32_t w) { return w >> 24 == 0xFF; }), 10);
   EXPECT_EQ(window((int64_t{1} << 39) + StreamOutput::kPeriodClocks), early);
 }
 
