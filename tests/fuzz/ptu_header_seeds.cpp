@@ -11,8 +11,7 @@
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::filesystem::path shared(ZEPTICK_SOURCE_DIR "/../shared/realdata");
-  std::error_code ignored;
-  if (!std::filesystem::is_directory(shared, ignored)) return 0;
+  std::error_code ignored;  // without the recordings, the loop finds nothing
   int index = 0;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(shared, ignored)) {
     if (entry.path().extension() != ".ptu") continue;
