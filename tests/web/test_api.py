@@ -76,12 +76,6 @@ class Server:
                 return None
 
 
-def peak_position(panel):
-    """Centre in ps of the fullest bin of a panel read from the API."""
-    best = max(range(len(panel["counts"])), key=panel["counts"].__getitem__)
-    return panel["first_bin"] + best * panel["binwidth"] + panel["binwidth"] / 2
-
-
 def wait_for(condition, seconds=5.0):
     """The first true value of condition() within `seconds`, else the last one."""
     end = time.monotonic() + seconds
@@ -106,9 +100,6 @@ class Api(unittest.TestCase):
         assert cls.server.stop() == 0, "SIGTERM must stop the server cleanly"
         cls.dir.cleanup()
 
-    def source(self, kind):
-        return next(s for s in self.sources if s["type"] == kind)
-
     def ok(self, method, path, body=None):
         """The answer to a request that must succeed."""
         status, answer = self.server.request(method, path, body)
@@ -116,7 +107,7 @@ class Api(unittest.TestCase):
         return answer
 
     def test_rates_follow_the_emulated_sources(self):
-        periodic = self.source("periodic")
+        periodic = next(s for s in self.sources if s["type"] == "periodic")
         status, rates = wait_for(lambda: (lambda r: r if len(r[1]["times"]) >= 3 else None)(
             self.server.get("/api/rates")))
         self.assertEqual(status, 200)
@@ -127,7 +118,7 @@ class Api(unittest.TestCase):
         self.assertTrue(all(b > a for a, b in zip(rates["times"], rates["times"][1:])))
 
     def test_histogram_panels_show_the_pair_delay(self):
-        pairs = self.source("pairs")
+        pairs = next(s for s in self.sources if s["type"] == "pairs")
         a, b = pairs["inputs"]
         delay = pairs["delays_ps"][1] - pairs["delays_ps"][0]
         corr = self.ok("POST", "/api/panels",
@@ -141,7 +132,9 @@ class Api(unittest.TestCase):
             url = f"/api/panels/{panel['id']}"
             filled = wait_for(lambda: (lambda p: p if sum(p["counts"]) > 1000 else None)(
                 self.server.get(url)[1]))
-            self.assertAlmostEqual(peak_position(filled), want, delta=40, msg=panel)
+            best = max(range(len(filled["counts"])), key=filled["counts"].__getitem__)
+            peak = filled["first_bin"] + best * filled["binwidth"] + filled["binwidth"] / 2
+            self.assertAlmostEqual(peak, want, delta=40, msg=panel)
             self.ok("POST", url + "/clear", {})
             self.ok("DELETE", url)
             self.assertEqual(self.server.get(url)[0], 404)
