@@ -61,8 +61,7 @@ def test_results_equal_the_library_results(recording, replay, reference):
 
 
 def test_tags_as_structured_arrays(recording):
-    reader = zeptick.FileReader(str(recording))
-    tags = reader.getDataRaw()
+    tags = zeptick.FileReader(str(recording)).getDataRaw()
     assert tags.dtype == zeptick.TAG_DTYPE and tags.itemsize == 16
     assert set(tags.dtype.names) == {"type", "missed_events", "channel", "time"}
     assert len(tags) > 0 and np.all(np.diff(tags["time"]) >= 0)
