@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """Other instruments' recordings through the zeptick binary: Photon-HDF5 export read by h5py,
-inspect naming channels by the mapping, and import into a .ztbin that verifies and holds the
-same tags. Reads the shared real recordings; skips when they are absent."""
+inspect naming channels by the mapping, import into a .ztbin that verifies with the same tags."""
 import pathlib
 import re
 import subprocess

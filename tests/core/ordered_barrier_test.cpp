@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <future>
 #include <latch>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <utility>
@@ -18,14 +19,11 @@ namespace {
 
 using Turn = OrderedBarrier::OrderInstance;
 
-// Generous: only a lost turn, which never comes back, should ever reach it.
-constexpr auto kHangGuard = std::chrono::seconds(30);
-
-// A lost turn leaves a thread blocked for ever, and joining it would stall the
-// whole suite. Abort instead, naming the step that hung.
+// A lost turn leaves a thread blocked for ever, and joining it would stall the whole suite. Abort
+// instead, naming the step that hung; the wait is generous, only a lost turn should reach it.
 template <typename T>
 T getOrAbort(std::future<T>& done, const char* what) {
-  if (done.wait_for(kHangGuard) == std::future_status::timeout) {
+  if (done.wait_for(std::chrono::seconds(30)) == std::future_status::timeout) {
     std::fprintf(stderr, "hung: %s\n", what);
     std::abort();
   }
@@ -37,9 +35,6 @@ auto runGuarded(const char* what, F body) {
   auto done = std::async(std::launch::async, std::move(body));
   return getOrAbort(done, what);
 }
-
-// Only makes a particular arrival order likely; no assertion depends on it.
-void letOthersRun() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
 
 TEST(OrderedBarrierTest, RandomArrivalsAreServedInTicketOrder) {
   constexpr int kTickets = 3000;
@@ -74,7 +69,7 @@ TEST(OrderedBarrierTest, RandomArrivalsAreServedInTicketOrder) {
   for (auto& thread : threads) getOrAbort(thread, "randomized ordered stages");
 
   std::vector<int> expected(kTickets);
-  for (int i = 0; i < kTickets; ++i) expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(order, expected);
   runGuarded("waitUntilFinished after the last turn", [&barrier] { barrier.waitUntilFinished(); });
 }
@@ -96,7 +91,8 @@ TEST(OrderedBarrierTest, WaitUntilFinishedWaitsForTheLastTicket) {
   first.sync();
   released = 1;
   first.release();
-  letOthersRun();
+  // Lets a waiter that wrongly returns after the first ticket do so; nothing depends on the time.
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
   second.sync();
   released = 2;
   second.release();

@@ -36,9 +36,8 @@ class ScopedEnvironment {
   std::optional<std::string> previous;
 };
 
-/// One emulated board of a test, as a configuration entry. Boards stream
-/// free-running so that pipe reads never wait for real time, and report
-/// device version 2.7.
+/// One emulated board of a test, as a configuration entry: free-running, so that pipe reads never
+/// wait for real time, and reporting device version 2.7.
 inline nlohmann::json boardEntry(const std::string& serial, int model, int revision) {
   return {{"serial", serial}, {"model", model},     {"revision", revision},
           {"pacing", "free"}, {"major_version", 2}, {"minor_version", 7}};

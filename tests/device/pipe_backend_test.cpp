@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -21,47 +20,13 @@ using device::PipeBackend;
 
 using PipeBackendTest = EmulatedBoards;
 
-TEST_F(PipeBackendTest, FailedReadIsRetriedOnceButReportedAsFailed) {
-  auto board = attach(boardEntry("PIPE", 36, 5));
-  PipeBackend backend;
-  ASSERT_TRUE(backend.openDevice("PIPE"));
-  std::vector<unsigned char> buffer(4096);
-  LogCapture log;
-
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 4096);
-
-  // A short read is the caller's business: the connection stays up, nothing is logged.
-  board->shortReads(1);
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 2048);
-  EXPECT_TRUE(backend.isConnected());
-  EXPECT_TRUE(log.messages().empty());
-
-  // The second run works, yet the caller sees the first, failed result.
-  board->failReads(1);
-  EXPECT_LT(backend.readBlock(buffer.data(), 4096), 0);
-  EXPECT_FALSE(backend.isConnected());
-  EXPECT_EQ(log.messages().size(), 1u);
-  EXPECT_TRUE(log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, len=4096"));
-
-  // Disconnected: no transfer at all (the handle would still deliver), and the unsigned -1.
-  EXPECT_EQ(backend.readBlock(buffer.data(), 4096), 0xFFFFFFFFll);
-
-  ASSERT_TRUE(backend.openDevice("PIPE"));
-  log.reset();
-  board->failReads(2);
-  EXPECT_LT(backend.readBlock(buffer.data(), 1024), 0);
-  EXPECT_EQ(log.messages().size(), 2u);
-  EXPECT_TRUE(
-      log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, second run, len=1024"));
-}
-
 // Wires reach the board only at the update. The Zeptick 20 keeps LED bits 0-2,
 // moves bits 16-18 down to 8-10 and drops the rest, and takes the test signal
 // divider as it is; the Ultra takes the LEDs whole and the divider doubled.
 // A DAC value becomes the trigger level of its input. The Ultra sends inputs 0-15 to its
 // first converter and the rest to the second, over -2.5..2.5 V; the Zeptick 20 frames the
 // value over two wires, over 0..2.5 V. Levels are known answers, not the conversion again.
-TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
+TEST_F(PipeBackendTest, WiresDacValuesAndFailedReadsFollowTheModelsLayout) {
   auto boards = attachAll({boardEntry("Z20", 4, 2), boardEntry("ULTRA", 36, 5)});
   PipeBackend z20, ultra;
   ASSERT_TRUE(z20.openDevice("Z20"));
@@ -86,8 +51,7 @@ TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
   const std::tuple<int, int, uint16_t, double> dacs[] = {
       {1, 0, 0, -2.5},     {1, 5, 6554, -2.0},      {1, 15, 0xFFFF, 2.5}, {1, 16, 39321, 0.5},
       {1, 17, 45875, 1.0}, {0, 2, 0xABCD, 1.67777}, {0, 7, 26214, 1.0}};
-  boards[0]->clearTraffic();
-  boards[1]->clearTraffic();
+  for (const auto& board : boards) board->clearTraffic();
   for (auto [board, input, value, volts] : dacs) {
     ASSERT_TRUE((board == 0 ? z20 : ultra).setDac(input, value));
   }
@@ -102,31 +66,52 @@ TEST_F(PipeBackendTest, WiresAndDacValuesReachTheBoardInTheModelsLayout) {
   const emulator::SerialWord last = boards[1]->serialWords().back();
   EXPECT_EQ(std::pair(last.select, last.word), std::pair(2u, 0x31B333u));
   EXPECT_EQ(boards[1]->wireIn(0x04), 0x30000u);  // the select bits are taken back
+
+  // A failed read is retried once but reported as failed.
+  std::vector<unsigned char> buffer(4096);
+  LogCapture log;
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 4096);
+
+  // A short read is the caller's business: the connection stays up, nothing is logged.
+  boards[1]->shortReads(1);
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 2048);
+  EXPECT_TRUE(ultra.isConnected());
+  EXPECT_TRUE(log.messages().empty());
+
+  // The second run works, yet the caller sees the first, failed result.
+  boards[1]->failReads(1);
+  EXPECT_LT(ultra.readBlock(buffer.data(), 4096), 0);
+  EXPECT_FALSE(ultra.isConnected());
+  EXPECT_EQ(log.messages().size(), 1u);
+  EXPECT_TRUE(log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, len=4096"));
+
+  // Disconnected: no transfer at all (the handle would still deliver), and the unsigned -1.
+  EXPECT_EQ(ultra.readBlock(buffer.data(), 4096), 0xFFFFFFFFll);
+
+  ASSERT_TRUE(ultra.openDevice("ULTRA"));
+  log.reset();
+  boards[1]->failReads(2);
+  EXPECT_LT(ultra.readBlock(buffer.data(), 1024), 0);
+  EXPECT_EQ(log.messages().size(), 2u);
+  EXPECT_TRUE(
+      log.contains(LOGGER_ERROR, "PipeBackend: Pipe transfer failed, second run, len=1024"));
 }
 
 // The board reports busy for this many status polls, then done; -1 for never.
 // Revision 3 is the first whose I2C core the start-up enables.
 TEST_F(PipeBackendTest, BusesThatStayBusyTooLongFail) {
-  struct Case {
-    const char* setting;
-    int busy_polls;
-    bool succeeds;
-  };
-  for (const Case& c : {Case{"serial_bus_busy_polls", 0, true},
-                        {"serial_bus_busy_polls", 997, true},
-                        {"serial_bus_busy_polls", 998, false},  // done on the last poll is late
-                        {"serial_bus_busy_polls", -1, false},
-                        {"i2c_busy_polls", 1001, true},
-                        {"i2c_busy_polls", 1002, false}}) {
-    SCOPED_TRACE(std::string(c.setting) + " " + std::to_string(c.busy_polls));
+  // Serial bus or I2C, busy polls, success; done on the serial bus's last poll is late.
+  const std::tuple<bool, int, bool> cases[] = {{true, 0, true},     {true, 997, true},
+                                               {true, 998, false},  {true, -1, false},
+                                               {false, 1001, true}, {false, 1002, false}};
+  for (auto [serial, busy_polls, succeeds] : cases) {
+    SCOPED_TRACE(std::to_string(serial) + " " + std::to_string(busy_polls));
     nlohmann::json entry = boardEntry("BUS", 36, 3);
-    entry[c.setting] = c.busy_polls;
+    entry[serial ? "serial_bus_busy_polls" : "i2c_busy_polls"] = busy_polls;
     auto board = attach(entry);
     PipeBackend backend;
     ASSERT_TRUE(backend.openDevice("BUS"));
-    const bool serial = c.setting[0] == 's';
-    EXPECT_EQ(serial ? backend.writeBusWord(4, 0x123456) : backend.i2cWrite(0x30, 0x90),
-              c.succeeds);
+    EXPECT_EQ(serial ? backend.writeBusWord(4, 0x123456) : backend.i2cWrite(0x30, 0x90), succeeds);
     EXPECT_EQ(board->wireIn(0x04), 0x30000u);  // the select bits are taken back
   }
 }
@@ -147,13 +132,6 @@ Rows parseReport(const std::string& report) {
   return rows;
 }
 
-double number(const std::string& text) {
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  EXPECT_TRUE(end != text.c_str() && *end == '\0') << "not a number: " << text;
-  return value;
-}
-
 using Sensors = EmulatedBoards;
 
 // Degrees with eighths, duty in whole percent of 240 steps (truncated), raw registers. A fan
@@ -171,17 +149,9 @@ TEST_F(Sensors, ReportHasTheRowsOfModelAndRevisionAndFailedReadingsRead42) {
       {"11611 -5VD", 0},   {"11611 -5VA", 1},  {"11611 -5.52V", 5}, {"11611 +5VD", 7},
       {"11611 +5VA", 4},   {"11611 +5.6V", 6}, {"11611 +2.5VD", 2}, {"11611 +2.5VA", 8},
       {"11611 +2.99V", 3}, {"11611 12V", 9},   {"11611 incurr", 10}};
-  struct Case {
-    int model, revision, absent;
-  };
-  for (auto [model, revision, absent] : {Case{4, 0, 0},
-                                         {4, 2, 0},
-                                         {36, 0, 0},
-                                         {36, 2, 0},
-                                         {36, 3, 0},
-                                         {36, 4, 0},
-                                         {36, 5, 0},
-                                         {36, 5, 0x31}}) {
+  const std::tuple<int, int, int> cases[] = {{4, 0, 0},  {4, 2, 0},  {36, 0, 0}, {36, 2, 0},
+                                             {36, 3, 0}, {36, 4, 0}, {36, 5, 0}, {36, 5, 0x31}};
+  for (auto [model, revision, absent] : cases) {
     SCOPED_TRACE(::testing::Message() << model << " revision " << revision << " " << absent);
     const bool ultra = model == 36;
     nlohmann::json entry = boardEntry("HEALTH", model, revision);
@@ -199,8 +169,10 @@ TEST_F(Sensors, ReportHasTheRowsOfModelAndRevisionAndFailedReadingsRead42) {
     auto next = [&] { return at < rows.size() ? rows[at++] : Row{"<end>", ""}; };
     auto expectRow = [&](const std::string& label, double value, double tolerance) {
       const Row row = next();
+      size_t used = 0;  // the whole value must be the number
       EXPECT_EQ(row.first, label);
-      EXPECT_NEAR(number(row.second), value, tolerance) << label;
+      EXPECT_NEAR(std::stod(row.second, &used), value, tolerance) << label;
+      EXPECT_EQ(used, row.second.size()) << row.second;
     };
     EXPECT_EQ(next(), (Row{"Serial", "HEALTH"}));
     for (auto [label, value] : platform_rows) expectRow(label, value, 1e-6);

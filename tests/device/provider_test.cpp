@@ -39,8 +39,7 @@ TEST_F(Provider, ScanFollowsTheAttachedBoardsAndAMissingLibraryLeavesNoTable) {
   EXPECT_FALSE(PipeBackend().openDevice("", true));
 
   const FrontPanelLibrary missing("/nonexistent/libokFrontPanel.so");
-  EXPECT_EQ(missing.api(), nullptr);
-  EXPECT_FALSE(missing.error().empty());
+  EXPECT_TRUE(missing.api() == nullptr && !missing.error().empty());
   const FrontPanelLibrary unrelated("libm.so.6");  // a real library without the platform's calls
   EXPECT_EQ(unrelated.api(), nullptr);
   EXPECT_NE(unrelated.error().find("missing symbol okFrontPanel_Construct"), std::string::npos)
@@ -87,11 +86,10 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
   // Both models start up through the loaded table; the wires show it reached the boards.
   PipeBackend z20(1024, 1000, api), ultra(1024, 1000, api), old(1024, 1000, api);
   ASSERT_TRUE(z20.openDevice("DL-20"));
-  EXPECT_EQ(z20.modelName(), "ZT-20");
-  EXPECT_EQ(z20.getWireIn(0x04), 0x800u);
+  EXPECT_EQ(std::pair(z20.modelName(), z20.getWireIn(0x04)),
+            std::pair(std::string("ZT-20"), 0x800u));
   ASSERT_TRUE(ultra.openDevice("DL-ULTRA"));
-  EXPECT_EQ(ultra.revision(), 5u);
-  EXPECT_EQ(ultra.getWireIn(0x04), 0x30000u);
+  EXPECT_EQ(std::pair(ultra.revision(), ultra.getWireIn(0x04)), std::pair(5u, 0x30000u));
   EXPECT_NEAR(ultra.readVoltage(9), 12.0, 0.015);
   EXPECT_NE(ultra.getSensorReport().find("\n11611 incurr\t"), std::string::npos);
   ASSERT_TRUE(old.openDevice("DL-OLD"));
@@ -102,8 +100,7 @@ TEST_F(SharedLibraryProvider, OpensBothModelsThroughTheLoadedTable) {
   EXPECT_EQ(ultra.readBlock(buffer.data(), 2048), 2048);
 
   // A board already held by another handle cannot be opened twice.
-  PipeBackend again(1024, 1000, api);
-  EXPECT_FALSE(again.openDevice("DL-ULTRA", true));
+  EXPECT_FALSE(PipeBackend(1024, 1000, api).openDevice("DL-ULTRA", true));
 
   // The library's control calls replace its own boards, and say why they refuse a configuration.
   void* handle = dlopen(ZEPTICK_EMULATOR_LIBRARY, RTLD_NOW | RTLD_NOLOAD);

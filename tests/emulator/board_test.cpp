@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -36,16 +37,14 @@ class BoardProtocolTest : public ::testing::Test {
     detachBoards();
   }
 
-  /// Attaches one board with `fields` (serial "B1" unless given), in place of
-  /// any before, and opens it.
+  /// Attaches one board with `fields` (serial "B1" unless given) in place of any, and opens it.
   std::shared_ptr<Board> openBoard(nlohmann::json fields = nlohmann::json::object()) {
-    if (!fields.contains("serial")) fields["serial"] = "B1";
+    const std::string serial = fields["serial"] = fields.value("serial", "B1");
     if (handle != nullptr) fp.okFrontPanel_Destruct(handle);
     attachBoards({{"devices", {fields}}});
     handle = fp.okFrontPanel_Construct();
-    EXPECT_EQ(fp.okFrontPanel_OpenBySerial(handle, fields["serial"].get<std::string>().c_str()),
-              ok_NoError);
-    return std::static_pointer_cast<Board>(findBoard(fields["serial"].get<std::string>()));
+    EXPECT_EQ(fp.okFrontPanel_OpenBySerial(handle, serial.c_str()), ok_NoError);
+    return std::static_pointer_cast<Board>(findBoard(serial));
   }
 
   /// As openBoard(), then loads the model's shipped firmware.
@@ -56,10 +55,11 @@ class BoardProtocolTest : public ::testing::Test {
     return board;
   }
 
-  void setWire(int address, uint32_t value) {
-    ASSERT_EQ(fp.okFrontPanel_SetWireInValue(handle, address, value, 0xFFFFFFFF), ok_NoError);
+  /// Sets the start wire, as the host does to start the stream.
+  void start() {
+    ASSERT_EQ(fp.okFrontPanel_SetWireInValue(handle, 0x0D, 1, 0xFFFFFFFF), ok_NoError);
+    ASSERT_EQ(fp.okFrontPanel_UpdateWireIns(handle), ok_NoError);
   }
-  void update() { ASSERT_EQ(fp.okFrontPanel_UpdateWireIns(handle), ok_NoError); }
   uint32_t wireOut(int address) {
     EXPECT_EQ(fp.okFrontPanel_UpdateWireOuts(handle), ok_NoError);
     return static_cast<uint32_t>(fp.okFrontPanel_GetWireOutValue(handle, address));
@@ -94,8 +94,7 @@ TEST_F(BoardProtocolTest, DeviceRecordAndWireOutsDescribeTheBoard) {
   EXPECT_EQ(fp.okFrontPanel_GetDeviceInfoWithSize(handle, &info, sizeof(info) - 1),
             ok_InvalidParameter);
 
-  // The identifier over two wire-outs; the host's start-up, sensor report and decoding read the
-  // others (inputs, clock, bins, firmware, clock input, revision, bus and Synchronizer status).
+  // The identifier over two wire-outs; the device and engine suites read the others.
   loadedBoard({{"identifier", 0x123456789ABCDEFULL}});
   EXPECT_EQ(std::pair(wireOut(0x26), wireOut(0x27)), std::pair(0x89ABCDEFu, 0x01234567u));
 }
@@ -129,8 +128,7 @@ TEST_F(BoardProtocolTest, FirmwareFilesCarryModelVersionAndStampAndRefuseDamageA
   const uint32_t stamp = encodeBuildStamp(2024, 2, 3, 4, 5, 6);
   const std::string v5 = writeFile("fw_v5.bit", encodeFirmware({36, 5, stamp}));
   ASSERT_EQ(fp.okFrontPanel_ConfigureFPGA(handle, v5.c_str()), ok_NoError);
-  EXPECT_EQ(wireOut(0x24), 5u);
-  EXPECT_EQ(wireOut(0x20), stamp);
+  EXPECT_EQ(std::pair(wireOut(0x24), wireOut(0x20)), std::pair(5u, stamp));
   // Another model's firmware leaves the FPGA blank, however good the last one was.
   EXPECT_EQ(fp.okFrontPanel_ConfigureFPGA(handle, firmwarePath(4).c_str()), ok_InvalidBitstream);
   EXPECT_FALSE(board->firmwareLoaded());
@@ -169,16 +167,12 @@ TEST_F(BoardProtocolTest, ChannelTableNeedsItsTriggerAndDecodesEveryField) {
 // must get through meanwhile, as the host's sensor report does during acquisition.
 TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
   loadedBoard();
-  setWire(0x0D, 1);
-  update();
+  start();
   // A quiet board pads each 1024-byte transfer after about 1 ms: about a second.
   std::vector<unsigned char> buffer(4 * 262144);
-  std::atomic<bool> done{false};
-  long result = 0;
-  std::thread reader([&] {
-    result = fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024,
-                                                  static_cast<long>(buffer.size()), buffer.data());
-    done = true;
+  auto reader = std::async(std::launch::async, [&] {
+    return fp.okFrontPanel_ReadFromBlockPipeOut(handle, 0xA0, 1024,
+                                                static_cast<long>(buffer.size()), buffer.data());
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   for (int i = 0; i < 50; ++i) {
@@ -186,9 +180,9 @@ TEST_F(BoardProtocolTest, PacedReadDoesNotBlockControlCalls) {
     uint32_t status = 0;
     ASSERT_EQ(fp.okFrontPanel_ReadRegister(handle, 4, &status), ok_NoError);
   }
-  EXPECT_FALSE(done.load()) << "control calls waited for the paced read";
-  reader.join();
-  EXPECT_EQ(result, 4 * 262144);
+  EXPECT_EQ(reader.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+      << "control calls waited for the paced read";
+  EXPECT_EQ(reader.get(), 4 * 262144);
 }
 
 // The stream runs only after the start wire, and on the Zeptick 20 only once its clock is set up,
@@ -200,8 +194,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
   };
   loadedBoard({{"pacing", "free"}});
   EXPECT_EQ(read(0xA0, 1024, 4096), ok_Timeout);  // not started yet
-  setWire(0x0D, 1);
-  update();
+  start();
   EXPECT_EQ(read(0xA0, 1024, 4096), 4096);
   for (auto [block, length] : {std::pair{3000, 4096L}, {0, 4096L}, {2, 4094L}}) {
     EXPECT_EQ(read(0xA0, block, length), ok_InvalidBlockSize) << block << " " << length;
@@ -212,8 +205,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
   okPLL22150_HANDLE pll = fp.okPLL22150_Construct();
   EXPECT_FALSE(fp.okPLL22150_SetVCOParameters(pll, 1, 1));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_InvalidParameter);
-  setWire(0x0D, 1);
-  update();
+  start();
   EXPECT_EQ(read(0xA0, 1024, 1024), ok_Timeout);
   EXPECT_TRUE(fp.okPLL22150_SetVCOParameters(pll, 125, 18));
   EXPECT_EQ(fp.okFrontPanel_SetPLL22150Configuration(handle, pll), ok_NoError);
@@ -224,8 +216,7 @@ TEST_F(BoardProtocolTest, PipeReadsCheckTheirArgumentsAndRunOnlyAfterStartAndClo
 }
 
 // The fan controller (0x30) is there from revision 3 of the Ultra, the voltage converter
-// (0x6A) from revision 4; absent addresses never acknowledge. A chip configured absent is
-// driven from the host's side by the device suite's sensor tests.
+// (0x6A) from revision 4; absent addresses never acknowledge.
 TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
   // One I2C byte on an enabled core, written from the documented protocol; true when acknowledged.
   auto i2c = [&](uint8_t byte, uint8_t command) {
@@ -238,14 +229,11 @@ TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
     EXPECT_FALSE(status & 2);
     return !(status & 0x80);
   };
-  struct Case {
-    int model, revision;
-    bool fan, converter;
-  };
-  for (const Case& c : {Case{36, 2, false, false}, Case{36, 3, true, false},
-                        Case{36, 4, true, true}, Case{4, 2, false, false}}) {
-    SCOPED_TRACE(::testing::Message() << c.model << " revision " << c.revision);
-    auto board = loadedBoard({{"model", c.model}, {"revision", c.revision}});
+  const std::tuple<int, int, bool, bool> cases[] = {
+      {36, 2, false, false}, {36, 3, true, false}, {36, 4, true, true}, {4, 2, false, false}};
+  for (const auto& [model, revision, fan, converter] : cases) {
+    SCOPED_TRACE(::testing::Message() << model << " revision " << revision);
+    auto board = loadedBoard({{"model", model}, {"revision", revision}});
     // A disabled core does nothing with a command.
     EXPECT_EQ(fp.okFrontPanel_WriteRegister(handle, 3, 0x30), ok_NoError);
     EXPECT_EQ(fp.okFrontPanel_WriteRegister(handle, 4, 0x90), ok_NoError);
@@ -253,8 +241,8 @@ TEST_F(BoardProtocolTest, I2cChipsAnswerFromTheirRevisionOn) {
     for (auto [reg, value] : {std::pair{2, 0}, {1, 0}, {0, 200}, {2, 0x80}}) {
       ASSERT_EQ(fp.okFrontPanel_WriteRegister(handle, reg, value), ok_NoError);
     }
-    EXPECT_EQ(i2c(0x30, 0xD0), c.fan);
-    EXPECT_EQ(i2c(0x6A, 0xD0), c.converter);
+    EXPECT_EQ(i2c(0x30, 0xD0), fan);
+    EXPECT_EQ(i2c(0x6A, 0xD0), converter);
     EXPECT_FALSE(i2c(0x50, 0x90));
   }
 }

@@ -1,8 +1,7 @@
 #pragma once
 
-// A deliberately plain decoder of board words for the stream tests: it widens
-// ticks with the rollover words and places an event in the middle of its fine
-// bin, using the board's true bin edges.
+// A deliberately plain decoder of board words: it widens ticks with the rollover words and places
+// an event in the middle of its fine bin, using the board's true bin edges.
 
 #include <cstdint>
 #include <initializer_list>
@@ -72,16 +71,15 @@ inline std::vector<uint32_t> readWords(StreamModel& model, size_t count) {
   return words;
 }
 
-/// Reads on until the decoded stream has passed `clocks` more cycles, and
-/// returns what lies before that cycle.
-inline std::vector<Decoded> readFor(StreamModel& model, ReferenceDecoder& decoder, int64_t clocks) {
+/// The decoded words of a fresh model before cycle `clocks`.
+inline std::vector<Decoded> readFor(StreamModel& model, int64_t clocks) {
+  ReferenceDecoder decoder;
   std::vector<Decoded> all;
-  const int64_t end = decoder.base() + clocks;
-  while (decoder.base() < end) {
+  while (decoder.base() < clocks) {
     std::vector<Decoded> part = decoder.decode(readWords(model, 4096));
     all.insert(all.end(), part.begin(), part.end());
   }
-  std::erase_if(all, [end](const Decoded& d) { return d.clock >= end; });
+  std::erase_if(all, [clocks](const Decoded& d) { return d.clock >= clocks; });
   return all;
 }
 
@@ -107,22 +105,20 @@ inline std::vector<double> eventTimes(const StreamModel& model, const std::vecto
   return times;
 }
 
-inline StreamParameters ultra(bool paced = false, uint64_t seed = 7) {
+inline StreamParameters ultra(bool paced = false) {
   StreamParameters p;
   p.model = 36, p.inputs = 18, p.ps_per_clock = 2500, p.bin_count = 256;
-  p.seed = seed, p.paced = paced, p.usb_words_per_second = 1e8;
+  p.seed = 7, p.paced = paced, p.usb_words_per_second = 1e8;
   return p;
 }
 
-/// Every listed hardware index enabled, all trigger levels at `level`, no
-/// buffer limit, default dead time and divider.
+/// The listed hardware indices enabled, triggers at `level`, no buffer limit, other defaults.
 inline FirmwareSetup enable(const StreamParameters& p, std::initializer_list<int> indices,
                             double level = 0.5) {
-  FirmwareSetup s;
-  s.channels.assign(static_cast<size_t>(2 * p.inputs), ChannelSetup{});
+  FirmwareSetup s{.channels = std::vector<ChannelSetup>(static_cast<size_t>(2 * p.inputs)),
+                  .trigger_volts = std::vector<double>(static_cast<size_t>(p.inputs), level),
+                  .started = true};
   for (int i : indices) s.channels[static_cast<size_t>(i)].enabled = true;
-  s.trigger_volts.assign(static_cast<size_t>(p.inputs), level);
-  s.started = true;
   return s;
 }
 

@@ -13,8 +13,7 @@ namespace {
 
 constexpr int64_t kPsPerClock = 2500;
 
-// Sorted keys of one channel in cycles [begin, end) of the first period: at
-// most one event per cycle, as the dead time allows, at random offsets.
+// Sorted keys of one channel in cycles [begin, end): at most one per cycle, at random offsets.
 std::vector<uint64_t> channelKeys(unsigned index, size_t count, int64_t begin, int64_t end,
                                   std::mt19937_64& random) {
   std::vector<int64_t> cycles(static_cast<size_t>(end - begin));
@@ -32,10 +31,8 @@ std::vector<uint64_t> channelKeys(unsigned index, size_t count, int64_t begin, i
   return keys;
 }
 
-// Busy and quiet channels in every mix the merge treats differently (one
-// stream, a dominant one, equal ones, many), in two windows, with and without
-// a buffer that never fills: the words must be every event exactly once, in
-// the order of a plain sort of all keys by time and then channel.
+// Every mix of busy and quiet channels the merge treats differently, in two windows, with and
+// without a buffer that never fills: the words are every event once, sorted by time, then channel.
 TEST(StreamOutputTest, WordsFollowASortOfAllChannelsEvents) {
   // clang-format off
   const std::vector<std::vector<size_t>> mixes = {{1}, {900}, {500, 3}, {300, 300}, {200, 200, 200},
@@ -74,9 +71,8 @@ TEST(StreamOutputTest, WordsFollowASortOfAllChannelsEvents) {
   }
 }
 
-// Far into the stream (past 2^39 cycles, short of the rebase at 2^40) an
-// overflow must end on its own cycle, not at the end of the window: the words
-// of an overloaded window are the same wherever the window lies.
+// Past 2^39 cycles (short of the rebase at 2^40) an overflow still ends on its own cycle, not at
+// the window's end: an overloaded window gives the same words wherever it lies.
 TEST(StreamOutputTest, OverflowsEndOnTheirCycleAtAnyStreamPosition) {
   auto window = [](int64_t start) {
     StreamOutput out(2500, false, 1e8);
@@ -103,8 +99,7 @@ TEST(StreamOutputTest, OverflowsEndOnTheirCycleAtAnyStreamPosition) {
     return words;
   };
   const auto early = window(3 * StreamOutput::kPeriodClocks);
-  EXPECT_GE(std::count_if(early.begin(), early.end(), [](uint32_t w) { return w >> 24 == 0xFF; }),
-            10);
+  EXPECT_GE(std::ranges::count_if(early, [](uint32_t w) { return w >> 24 == 0xFF; }), 10);
   EXPECT_EQ(window((int64_t{1} << 39) + StreamOutput::kPeriodClocks), early);
 }
 

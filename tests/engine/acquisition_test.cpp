@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <thread>
 #include <tuple>
@@ -18,23 +17,17 @@ namespace {
 
 using Acquisition = EmulatedTagger;
 
-// Photon pairs 1.5 ns apart, on both models: their delay, found directly from
-// the tags, is the source's as soon as the tagger is open (the calibration
-// pass has taught the fine bins), and moves by exactly the input delays set,
-// of either sign. Without compensation the inputs' own path lengths show:
-// 1574 and 1814 ps on the Ultra, 1580 and 1859 ps on the Zeptick 20. The pairs
-// are few next to the pass's test edges, so the counting noise they add to the
-// bins, which no setting can remove, stays well inside the tolerance.
+// Photon pairs 1.5 ns apart, on both models: their delay, read from the tags, is the source's
+// from opening on (the calibration pass taught the fine bins) and moves by exactly the input
+// delays set, of either sign. Without compensation the inputs' path lengths show: 1574 and 1814
+// ps on the Ultra, 1580 and 1859 ps on the Zeptick 20. The few pairs add too little counting noise
+// to the bins to matter.
 TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
-  const json pairs = json::array({{{"type", "pairs"},
-                                   {"inputs", {1, 2}},
-                                   {"delays_ps", {0, 1500}},
-                                   {"rate_hz", 2e5},
-                                   {"jitter_ps", 30}}});
+  const json sources = json::array({pairs({1, 2}, 1500, 2e5, 30)});
   json zeptick20 = boardEntry("ACQ2B", 4, 2);
-  zeptick20["sources"] = pairs;
+  zeptick20["sources"] = sources;
   for (const auto& [entry, path1, path2] :
-       {std::tuple{ultraBoard("ACQ2A", pairs), 1574, 1814}, std::tuple{zeptick20, 1580, 1859}}) {
+       {std::tuple{ultraBoard("ACQ2A", sources), 1574, 1814}, std::tuple{zeptick20, 1580, 1859}}) {
     tagger.reset();
     ZeptickImpl& zt = open(entry);
     SCOPED_TRACE(zt.getModel());
@@ -49,17 +42,20 @@ TEST_F(Acquisition, InputDelaysMoveThePairDelay) {
       zt.setInputDelay(channel, delay);
       if (!compensated) zt.setConditionalFilter({}, {}, false);
       const std::vector<Tag> tags = record({1, 2}, 50000000000);  // 50 ms, about 10000 pairs
-      const Partners pairs = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
-      EXPECT_GT(pairs.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
-      EXPECT_NEAR(pairs.mean_delay, expected, 5) << "delay " << delay << " on " << channel;
+      const Partners found = partnersOf(timesOf(tags, 1), timesOf(tags, 2), expected, 1000);
+      EXPECT_GT(found.found, timesOf(tags, 1).size() / 2) << "delay " << delay << " on " << channel;
+      EXPECT_NEAR(found.mean_delay, expected, 5) << "delay " << delay << " on " << channel;
     }
   }
 }
 
-// Filtered events pass only one after each trigger event, whatever the
-// filtered input's rate; without compensation both keep their arrival order.
-TEST_F(Acquisition, ConditionalFilterPassesOneEventPerTrigger) {
-  ZeptickImpl& zt = open(ultraBoard("ACQ8", json::array({periodic(1, 1e6), poisson(2, 2e7)})));
+// One board with a source per check: a 1 MHz trigger on 1 and 20 MHz of Poisson events on 2,
+// 10 MHz pulses on 3, and 200 kHz of Poisson events on 7.
+TEST_F(Acquisition, FilterBlockSizesAndTestSignalOnOneBoard) {
+  ZeptickImpl& zt = open(ultraBoard(
+      "ACQ8", json::array({periodic(1, 1e6), poisson(2, 2e7), periodic(3, 1e5), poisson(7, 2e5)})));
+  // Filtered events pass only one after each trigger event, whatever the filtered input's rate;
+  // without compensation both keep their arrival order.
   zt.setConditionalFilter({1}, {2}, false);
   int previous = 1;  // the first trigger may lie before the collection started
   int passed = 0, triggers = 0;
@@ -70,60 +66,8 @@ TEST_F(Acquisition, ConditionalFilterPassesOneEventPerTrigger) {
   }
   EXPECT_GT(triggers, 4900);
   EXPECT_GT(passed, triggers * 9 / 10) << "nearly every microsecond holds a filtered event";
-}
 
-int errorTags(const std::vector<Tag>& tags) {
-  return static_cast<int>(std::count_if(tags.begin(), tags.end(),
-                                        [](const Tag& t) { return t.type == Tag::Type::Error; }));
-}
-
-// An unplugged device is retried every 100 ms, each an empty block, and comes
-// back with its whole configuration; the outage is one error tag, as is a failed read.
-TEST_F(Acquisition, UnpluggedDeviceGivesOneErrorThenReconnects) {
-  ZeptickImpl& zt = open(ultraBoard("ACQ4", json::array({poisson(4, 1e5)})));
-  RecordingMeasurement recorder(&zt, {4});
-  auto tags = [&recorder] { return concatenate(recorder.blocks()); };
-  ASSERT_TRUE(waitUntil([&] { return !timesOf(tags(), 4).empty(); }));
-  ASSERT_EQ(errorTags(tags()), 0);
-
-  LogCapture log;
-  board->unplug();
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  const size_t before = recorder.blocks().size();
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  const std::vector<Block> down = recorder.blocks();
-  EXPECT_GE(down.size() - before, 2u);
-  EXPECT_LE(down.size() - before, 7u);
-  for (size_t i = before; i < down.size(); ++i) {
-    EXPECT_TRUE(down[i].tags.empty());
-    EXPECT_EQ(down[i].begin_time, down[i].end_time);
-  }
-
-  board->clearTraffic();
-  board->replug();
-  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
-  zt.sync();
-  EXPECT_EQ(board->wireIn(0x12), 67108864u);
-  const auto events = board->events();
-  EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const emulator::BoardEvent& e) {
-    return e.call == "WriteToPipeIn" && e.a == 0x80;
-  })) << "the reloaded board gets its channel table again";
-  const size_t count = timesOf(tags(), 4).size();
-  EXPECT_TRUE(waitUntil([&] { return timesOf(tags(), 4).size() > count + 100; }));
-  // The error tag leaves once the stream moves on again.
-  EXPECT_EQ(errorTags(tags()), 1) << "one error tag for the whole outage";
-  expectOrderedStream(recorder.blocks());
-
-  // A failed read is an outage too.
-  log.reset();
-  board->failReads(1);
-  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
-  zt.sync();
-  EXPECT_EQ(errorTags(tags()), 2);
-}
-
-TEST_F(Acquisition, BlocksNeverExceedMaxEvents) {
-  ZeptickImpl& zt = open(ultraBoard("ACQ6", json::array({periodic(3, 1e5)})));
+  // Blocks never exceed maxEvents.
   auto largest = [this] {
     std::vector<Block> blocks;
     record({3}, 20000000000, &blocks);  // 20 ms, 200000 events
@@ -136,6 +80,72 @@ TEST_F(Acquisition, BlocksNeverExceedMaxEvents) {
   EXPECT_LE(largest(), 1024u);
   zt.setStreamBlockSize(300, 20);
   EXPECT_LE(largest(), 256u) << "reads are whole 256-word chunks";
+
+  // Multiplexer 3 puts the internal test signal on an input in place of what is connected: a
+  // period of 2 x 2 x divider cycles of the test oscillator, which runs 0.32 % fast against the
+  // 2.5 ns clock, changing with the divider, and back to the input's own signal with
+  // multiplexer 0.
+  constexpr int64_t kSpan = 10000000000;  // 10 ms
+  zt.setTestSignal(7, true);
+  for (int divider : {63, 10}) {
+    zt.setTestSignalDivider(divider);
+    const double period = 4.0 * divider * 2500 * (628006.5 / 630000.0);
+    const std::vector<int64_t> times = timesOf(record({7}, kSpan), 7);
+    ASSERT_NEAR(static_cast<double>(times.size()), static_cast<double>(kSpan) / period, 1.0);
+    for (size_t k = 1; k < times.size(); ++k) {
+      // A few ps of jitter and the error of two calibrated fine bins.
+      ASSERT_NEAR(static_cast<double>(times[k] - times[k - 1]), period, 60.0);
+    }
+    EXPECT_NEAR(
+        static_cast<double>(times.back() - times.front()) / static_cast<double>(times.size() - 1),
+        period, 1.0);
+  }
+  zt.setInputMux(7, 0);
+  // The Poisson source again: 2000 expected, five standard deviations.
+  EXPECT_NEAR(static_cast<double>(timesOf(record({7}, kSpan), 7).size()), 2000.0, 5 * 45.0);
+}
+
+// An unplugged device is retried every 100 ms, each an empty block, and comes
+// back with its whole configuration; the outage is one error tag, as is a failed read.
+TEST_F(Acquisition, UnpluggedDeviceGivesOneErrorThenReconnects) {
+  ZeptickImpl& zt = open(ultraBoard("ACQ4", json::array({poisson(4, 1e5)})));
+  RecordingMeasurement recorder(&zt, {4});
+  auto tags = [&recorder] { return concatenate(recorder.blocks()); };
+  auto errorTags = [&] { return std::ranges::count(tags(), Tag::Type::Error, &Tag::type); };
+  ASSERT_TRUE(waitUntil([&] { return !timesOf(tags(), 4).empty(); }));
+  ASSERT_EQ(errorTags(), 0);
+
+  LogCapture log;
+  board->unplug();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const size_t before = recorder.blocks().size();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const std::vector<Block> down = recorder.blocks();
+  EXPECT_TRUE(down.size() - before >= 2 && down.size() - before <= 7) << down.size() - before;
+  for (size_t i = before; i < down.size(); ++i) {
+    EXPECT_TRUE(down[i].tags.empty() && down[i].begin_time == down[i].end_time) << i;
+  }
+
+  board->clearTraffic();
+  board->replug();
+  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
+  zt.sync();
+  EXPECT_EQ(board->wireIn(0x12), 67108864u);
+  EXPECT_TRUE(std::ranges::any_of(board->events(), [](const emulator::BoardEvent& e) {
+    return e.call == "WriteToPipeIn" && e.a == 0x80;
+  })) << "the reloaded board gets its channel table again";
+  const size_t count = timesOf(tags(), 4).size();
+  EXPECT_TRUE(waitUntil([&] { return timesOf(tags(), 4).size() > count + 100; }));
+  // The error tag leaves once the stream moves on again.
+  EXPECT_EQ(errorTags(), 1) << "one error tag for the whole outage";
+  expectOrderedStream(recorder.blocks());
+
+  // A failed read is an outage too.
+  log.reset();
+  board->failReads(1);
+  ASSERT_TRUE(log.waitFor(LOGGER_INFO, "Zeptick ACQ4 reconnected"));
+  zt.sync();
+  EXPECT_EQ(errorTags(), 2);
 }
 
 // Read lengths worked out by hand: chunks of 256 words, as many as arrive in
@@ -150,18 +160,11 @@ TEST(BlockRule, ReadLengthFollowsRateLatencyAndCap) {
   EXPECT_EQ(blockWords(1024, 20, 131072, 1e300), 131072u) << "a read that took no time";
 }
 
-// Workers read and decode while other threads change settings, read the
-// tagger's state and create and drop measurements. A measurement that lives
-// through all of it must still see one ordered, gap-free stream.
+// Workers decode while other threads change settings, read the tagger's state and create and drop
+// measurements; a measurement living through it all still sees one ordered, gap-free stream.
 TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
-  json entry = ultraBoard(
-      "CON1",
-      json::array(
-          {poisson(1, 3e5),
-           periodic(2, 2e6),
-           {{"type", "pairs"}, {"inputs", {3, 4}}, {"delays_ps", {0, 800}}, {"rate_hz", 1e5}}}));
-  entry["inputs"] = 4;
-  ZeptickImpl& zt = open(entry);
+  ZeptickImpl& zt = open(ultraBoard(
+      "CON1", json::array({poisson(1, 3e5), periodic(2, 2e6), pairs({3, 4}, 800, 1e5)}), 4));
   RecordingMeasurement witness(&zt, {1, 2, 3, 4});
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
@@ -204,39 +207,10 @@ TEST_F(Acquisition, SettingsAndMeasurementsChangeWhileBlocksFlow) {
   EXPECT_FALSE(timesOf(concatenate(witness.blocks()), 1).empty());
 }
 
-using LiveEmulatedSignals = EmulatedTagger;
-
-// Multiplexer 3 puts the internal test signal on an input in place of what is
-// connected: a period of 2 x 2 x divider cycles of the test oscillator, which
-// runs 0.32 % fast against the 2.5 ns clock, changing with the divider, and back
-// to the input's own signal with multiplexer 0.
-TEST_F(LiveEmulatedSignals, TestSignalReplacesTheInputOnMultiplexerThree) {
-  ZeptickImpl& zt = open(ultraBoard("LIVE2", json::array({poisson(7, 2e5)})));
-  constexpr int64_t kSpan = 10000000000;  // 10 ms
-  zt.setTestSignal(7, true);
-  for (int divider : {63, 10}) {
-    zt.setTestSignalDivider(divider);
-    const double period = 4.0 * divider * 2500 * (628006.5 / 630000.0);
-    const std::vector<int64_t> times = timesOf(record({7}, kSpan), 7);
-    ASSERT_NEAR(static_cast<double>(times.size()), static_cast<double>(kSpan) / period, 1.0);
-    for (size_t k = 1; k < times.size(); ++k) {
-      // A few ps of jitter and the error of two calibrated fine bins.
-      ASSERT_NEAR(static_cast<double>(times[k] - times[k - 1]), period, 60.0);
-    }
-    EXPECT_NEAR(
-        static_cast<double>(times.back() - times.front()) / static_cast<double>(times.size() - 1),
-        period, 1.0);
-  }
-  zt.setInputMux(7, 0);
-  // The Poisson source again: 2000 expected, five standard deviations.
-  EXPECT_NEAR(static_cast<double>(timesOf(record({7}, kSpan), 7).size()), 2000.0, 5 * 45.0);
-}
-
-// A board whose USB side drains 1 million words a second, fed 10 million
-// pulses a second: the stream shows overflow begin, missed events and end, in
-// that order, with no time tag inside, every pulse either delivered or
-// counted, and the measurements run on through it.
-TEST_F(LiveEmulatedSignals, OverloadedBufferFramesMissedEventsAndMeasurementsGoOn) {
+// A board draining 1 million words a second, fed 10 million pulses a second: the stream shows
+// overflow begin, missed events and end, no time tag inside, every pulse delivered or counted,
+// and the measurements run on through it.
+TEST_F(Acquisition, OverloadedBufferFramesMissedEventsAndMeasurementsGoOn) {
   constexpr int64_t kPeriod = 100000;  // ps
   json entry = ultraBoard("LIVE3", json::array({periodic(1, kPeriod)}));
   entry["usb_words_per_second"] = 1e6;
@@ -247,11 +221,9 @@ TEST_F(LiveEmulatedSignals, OverloadedBufferFramesMissedEventsAndMeasurementsGoO
   const std::vector<Tag> tags = record({1}, kSpan);
 
   // From the first overflow begin to the last end.
-  const auto begin = std::find_if(tags.begin(), tags.end(),
-                                  [](const Tag& t) { return t.type == Tag::Type::OverflowBegin; });
-  const auto end = std::find_if(tags.rbegin(), tags.rend(), [](const Tag& t) {
-                     return t.type == Tag::Type::OverflowEnd;
-                   }).base();
+  const auto begin = std::ranges::find(tags, Tag::Type::OverflowBegin, &Tag::type);
+  const auto end =
+      std::ranges::find(tags.rbegin(), tags.rend(), Tag::Type::OverflowEnd, &Tag::type).base();
   ASSERT_LT(begin, end);
   int begins = 0, ends = 0;
   int64_t delivered = 0, missed = 0;

@@ -15,15 +15,13 @@ namespace {
 
 using Calibration = EmulatedTagger;
 
-// The test signal has its own oscillator, so its edges sweep every fine bin
-// evenly: the half-second pass at opening already teaches the tables the
-// board's true, uneven bins, and the reported figure is their true RMS error.
-// The pass borrows every input and gives it back: test signals and
-// registrations are what they were.
-TEST_F(Calibration, PassLearnsTheTrueBinsReportsTheirErrorAndLeavesInputsAsFound) {
-  json entry = ultraBoard("CAL1");
-  entry["inputs"] = 4;
-  ZeptickImpl& zt = open(entry);
+// The test signal has its own oscillator, so its edges sweep every fine bin evenly: the pass at
+// opening teaches the tables the board's true, uneven bins, and reports their true RMS error. The
+// pass borrows every input and gives it back: test signals and registrations are as they were.
+// Then a reset restores the defaults and the stream goes on (the Poisson source on input 4).
+TEST_F(Calibration, PassLearnsTheTrueBinsLeavesInputsAsFoundAndResetRestoresDefaults) {
+  ZeptickImpl& zt = open(ultraBoard("CAL1", json::array({poisson(4, 1e5)}), 4));
+  const std::string defaults = zt.getConfiguration();
   const auto model = std::dynamic_pointer_cast<emulator::Board>(board)->streamModel();
   const std::vector<int> channels = zt.getChannelList(ZT_CHANNEL_ALL);
   ASSERT_EQ(channels.size(), 8u);
@@ -53,16 +51,12 @@ TEST_F(Calibration, PassLearnsTheTrueBinsReportsTheirErrorAndLeavesInputsAsFound
   EXPECT_THROW(zt.autoCalibration(nullptr), std::bad_function_call);
   for (int input = 1; input <= 4; ++input) EXPECT_EQ(zt.getTestSignal(input), input == 3);
   EXPECT_EQ(json::parse(zt.getConfiguration())["registered channels"], json({2}));
-}
 
-TEST_F(Calibration, ResetRestoresDefaultsAndKeepsStreaming) {
-  ZeptickImpl& zt = open(ultraBoard("CAL3", json::array({poisson(4, 1e5)})));
-  const std::string defaults = zt.getConfiguration();
   RecordingMeasurement before(&zt, {4});
   zt.setDeadtime(1, 50000);
   zt.setInputDelay(2, 777);
   zt.setTriggerLevel(3, -1.0);
-  zt.setConditionalFilter({5}, {6});
+  zt.setConditionalFilter({1}, {-2});
   zt.setStreamBlockSize(1024, 3);
   zt.setNormalization(false);
   zt.setLED(5);
@@ -83,13 +77,11 @@ TEST_F(Calibration, ResetRestoresDefaultsAndKeepsStreaming) {
   EXPECT_NEAR(collect(rate, &Countrate::getData).at(0), 1e5, 5 * std::sqrt(1e5));
 }
 
-// A host that falls behind the stream sees, in the pass's half second, only a quarter of the
-// test edges a quiet one sees (about 200 000 per input instead of 800 000). The table the
-// user's timing rests on must still hold the full count: later random events then move its
-// edges as little as on a quiet host.
+// A host that falls behind sees a quarter of the pass's test edges (some 200 000 per input, not
+// 800 000). The table must still hold the full count, so that later random events move its edges
+// as little as on a quiet host.
 TEST_F(Calibration, PassCountsTestEdgesNotTime) {
-  json entry = ultraBoard("CALP");
-  entry["inputs"] = 4;
+  json entry = ultraBoard("CALP", json::array(), 4);
   entry["pacing"] = 0.25;
   ZeptickImpl& zt = open(entry);
   std::vector<size_t> sizes;

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -16,14 +17,13 @@ namespace {
 
 using Configuration = EmulatedTagger;
 
-// Each row is one call, in order on one tagger: what it returns (for a setter,
-// the getter read right after it), and the exception it throws or the one
-// warning it logs ("": neither).
+// Each row is one call, in order on one tagger: what it returns (for a setter, the getter read
+// right after it), and the exception it throws or the one warning it logs ("": neither).
 TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   ZeptickImpl& zt = open(ultraBoard("CFG1"));
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  constexpr int kUnknown = 40;
+  constexpr int kNone = 40;  // no such channel
   using Z = ZeptickImpl&;
   struct Row {
     std::function<double(Z)> run;
@@ -32,7 +32,7 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   };
   const std::string events_message = "max_events must be between 256 and 32*10^6 events";
   const std::string latency_message = "max_latency must be between 1 millisecond and 10 seconds";
-  const std::vector<Row> rows = {
+  std::vector<Row> rows = {
       {[](Z z) { return z.setTriggerLevel(3, -10.0), z.getTriggerLevel(3); }, -2.5},
       {[](Z z) { return z.setTriggerLevel(4, 10.0), z.getTriggerLevel(-4); }, 2.5},
       // 1 V: (1 + 2.5) * 65535 / 5 = 45874.5, rounded half away from zero: 45875.
@@ -68,34 +68,8 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
       {[](Z z) { return z.setStreamBlockSize(33554432, 20), z.getStreamBlockSizeEvents(); },
        33554432},
       {[](Z z) { return z.setStreamBlockSize(1000, 10000), z.getStreamBlockSizeLatency(); }, 10000},
-      {[](Z z) { return z.setTriggerLevel(kUnknown, 1.0), 0; }, 0,
-       "Tried to configure the trigger level for an unknown channel"},
-      {[](Z z) { return z.getTriggerLevel(kUnknown); }, 0,
-       "Tried to fetch the trigger level for an unknown channel"},
-      {[](Z z) { return z.setInputMux(kUnknown, 1), 0; }, 0,
-       "Tried to set the input multiplexer of an unknown channel"},
-      {[](Z z) { return z.getInputMux(kUnknown); }, 0,
-       "Tried to get the input multiplexer of an unknown channel"},
-      {[](Z z) { return z.setTestSignal(kUnknown, true), 0; }, 0,
-       "Tried to set the test signal of an unknown channel"},
-      {[](Z z) { return z.getTestSignal(kUnknown); }, 0,
-       "Tried to query the test signal of an unknown channel"},
-      {[](Z z) { return z.setEventDivider(kUnknown, 2), 0; }, 0,
-       "Tried to configure the event divider for an unknown channel"},
-      {[](Z z) { return z.getEventDivider(kUnknown); }, 0,
-       "Tried to query the event divider for an unknown channel"},
-      {[](Z z) { return z.setInputDelay(kUnknown, 5), 0; }, 0,
-       "Tried to set the input delay of an unknown channel"},
-      {[](Z z) { return z.getInputDelay(kUnknown); }, 0,
-       "Tried to get the input delay of an unknown channel"},
-      {[](Z z) { return z.setDeadtime(kUnknown, 5000); }, 0,
-       "Tried to configure the deadtime for an unknown channel"},
-      {[](Z z) { return z.getDeadtime(kUnknown); }, 0,
-       "Tried to query the deadtime for an unknown channel"},
-      {[](Z z) { return z.getHardwareDelayCompensation(kUnknown); }, 0,
-       "Tried to get the hardware delay compensation of an unknown channel"},
       {[](Z z) { return z.registerChannel(0), 0; }, 0, "Tried to register an unknown channel"},
-      {[](Z z) { return z.unregisterChannel(-40), 0; }, 0,
+      {[](Z z) { return z.unregisterChannel(-kNone), 0; }, 0,
        "Tried to unregister an unknown channel"},
       {[](Z z) {
          const int channel = z.getNewVirtualChannel();
@@ -103,6 +77,26 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
        },
        0},
   };
+  // Calls on a channel that does not exist, and what "Tried to ... an unknown channel" says.
+  const std::pair<std::function<double(Z)>, std::string> unknown[] = {
+      {[](Z z) { return z.setTriggerLevel(kNone, 1.0), 0; }, "configure the trigger level for"},
+      {[](Z z) { return z.getTriggerLevel(kNone); }, "fetch the trigger level for"},
+      {[](Z z) { return z.setInputMux(kNone, 1), 0; }, "set the input multiplexer of"},
+      {[](Z z) { return z.getInputMux(kNone); }, "get the input multiplexer of"},
+      {[](Z z) { return z.setTestSignal(kNone, true), 0; }, "set the test signal of"},
+      {[](Z z) { return z.getTestSignal(kNone); }, "query the test signal of"},
+      {[](Z z) { return z.setEventDivider(kNone, 2), 0; }, "configure the event divider for"},
+      {[](Z z) { return z.getEventDivider(kNone); }, "query the event divider for"},
+      {[](Z z) { return z.setInputDelay(kNone, 5), 0; }, "set the input delay of"},
+      {[](Z z) { return z.getInputDelay(kNone); }, "get the input delay of"},
+      {[](Z z) { return z.setDeadtime(kNone, 5000); }, "configure the deadtime for"},
+      {[](Z z) { return z.getDeadtime(kNone); }, "query the deadtime for"},
+      {[](Z z) { return z.getHardwareDelayCompensation(kNone); },
+       "get the hardware delay compensation of"},
+  };
+  for (const auto& [call, what] : unknown) {
+    rows.push_back({call, 0, "Tried to " + what + " an unknown channel"});
+  }
   for (size_t i = 0; i < rows.size(); ++i) {
     const Row& row = rows[i];
     SCOPED_TRACE("row " + std::to_string(i));
@@ -114,8 +108,7 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
       continue;
     }
     EXPECT_NEAR(got, row.value, 1e-6);
-    const std::vector<std::string> messages = log.messages();
-    EXPECT_EQ(messages.size(), row.message.empty() ? 0u : 1u);
+    EXPECT_EQ(log.messages().size(), row.message.empty() ? 0u : 1u);
     EXPECT_TRUE(row.message.empty() || log.contains(LOGGER_WARNING, row.message)) << row.message;
   }
 
@@ -136,10 +129,8 @@ TEST_F(Configuration, SettingsClampRoundValidateAndNameUnknownChannels) {
   }
   EXPECT_EQ(fields, (std::vector<std::tuple<int, int, int>>{
                         {0, 2, 0}, {0, 65535, 0}, {0, 1, 65534}, {3, 1, 0}}));
-}
 
-TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
-  ZeptickImpl& zt = open(ultraBoard("CFG6"));
+  // The conditional filter checks its arguments before it changes anything.
   zt.setConditionalFilter({1}, {2, 3});
   auto message = [&zt](std::vector<int> trigger, std::vector<int> filtered) {
     return invalidArgument([&] { zt.setConditionalFilter(trigger, filtered, false); });
@@ -147,7 +138,7 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(message({1}, {77}),
             "Tried to configure the conditional filter for the unknown channel 77");
   EXPECT_EQ(message({1}, {}),
-            "The conditional filter on device CFG6 requires at least one trigger and at least one "
+            "The conditional filter on device CFG1 requires at least one trigger and at least one "
             "filtered channel.");
   // Triggers, filtered channels, and whether the hardware delays are compensated.
   auto state = [&zt] {
@@ -162,9 +153,9 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   // unregistered itself.
   zt.registerChannel(-4);
   zt.sync();
-  const auto table = dynamic_cast<emulator::Board&>(*board).firmwareSetup().channels;
-  const emulator::ChannelSetup& trigger = table.at(3);
-  const emulator::ChannelSetup& filtered = table.at(18 + 3);
+  const auto filter_table = emulated.firmwareSetup().channels;
+  const emulator::ChannelSetup& trigger = filter_table.at(3);
+  const emulator::ChannelSetup& filtered = filter_table.at(18 + 3);
   EXPECT_EQ(std::tuple(trigger.enabled, trigger.trigger, trigger.filtered, filtered.enabled,
                        filtered.trigger, filtered.filtered),
             std::tuple(true, true, false, true, false, true));
@@ -173,60 +164,45 @@ TEST_F(Configuration, ConditionalFilterChecksBeforeItChanges) {
   EXPECT_EQ(state(), std::tuple(Filter{}, Filter{}, true));
 }
 
-// The report's layout is fixed (indentation, key order, commas, the time
+// The report's layout is fixed (indentation, key order, commas, one-line arrays, the time
 // format), and it shows every setting and counted registration.
 TEST_F(Configuration, ReportKeepsItsLayoutAndShowsTheSettings) {
   ZeptickImpl& zt = open(ultraBoard("REP1"));
   std::vector<std::string> text;
   std::istringstream stream(zt.getConfiguration());
   for (std::string line; std::getline(stream, line);) text.push_back(line);
-  const std::vector<std::string> head = {
-      "{",
-      "  \"current time\": \"9999-99-99 99:99:99 +9999\",",
-      "  \"software version\": \"2.7.0\",",
-      "  \"registered channels\": [],",
-      "  \"serial\": \"REP1\",",
-      "  \"firmware version\": \"",
-      "  \"hardware buffer size\": 67108864,",
-      "  \"normalization\": true,",
-      "  \"test signal divider\": 63,",
-      "  \"channel number scheme\": 2,",
-      "  \"led bitmask\": 0,",
-      "  \"stream block size events\": 131072,",
-      "  \"stream block size latency\": 20,",
-      "  \"devices\": [",
-      "    {",
-      "      \"serial\": \"REP1\",",
-      "      \"model\": \"Zeptick Ultra\",",
-      "      \"resolution\": 9,",
-      "      \"PCB version\": \"1.4b\"",
-      "    }",
-      "  ],",
-      "  \"inputs\": [",
-      "    {",
-      "      \"channel\": [1, -1],",
-      "      \"trigger level\": 0.5,",
-      "      \"input delay\": [0, 0],",
-      "      \"hardware delay compensation\": [1574, 1574],",
-      "      \"deadtime\": [2500, 2500],",
-      "      \"event divider\": [0, 0],",
-      "      \"conditional filter filtered\": [false, false],",
-      "      \"conditional filter triggers\": [false, false],",
-      "      \"input mux\": 0",
-      "    },",
-  };
   // 18 inputs of 11 lines, the last without its comma, and the closing lines.
   ASSERT_EQ(text.size(), 22u + 18u * 11u + 2u);
-  for (size_t i = 0; i < head.size(); ++i) {
-    std::string line = text[i];
-    if (i == 1) {  // the time: any digits and sign
-      for (char& c : line) c = c >= '0' && c <= '9' ? '9' : c == '-' && &c > &line[30] ? '+' : c;
-    }
-    EXPECT_EQ(line.rfind(head[i], 0), 0u) << "line " << i << ": " << text[i];
+  EXPECT_TRUE(std::regex_match(
+      text[1], std::regex(R"(  "current time": "\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4}",)")))
+      << text[1];
+  // Two spaces per level of nesting, then `"key": value` or a bracket; arrays of plain values on
+  // one line.
+  int depth = 0;
+  for (const std::string& line : text) {
+    depth -= line.find_first_of("]}") == line.find_first_not_of(' ');
+    EXPECT_EQ(line.find_first_not_of(' '), static_cast<size_t>(2 * depth)) << line;
+    EXPECT_TRUE(std::regex_match(line, std::regex(R"( *("[^"]+": [^ ].*|[\[\]{}],?))"))) << line;
+    depth += line.back() == '[' || line.back() == '{';
   }
-  EXPECT_EQ(text[text.size() - 3], "    }");
-  EXPECT_EQ(text[text.size() - 2], "  ]");
-  EXPECT_EQ(text[text.size() - 1], "}");
+  EXPECT_EQ(text[3], R"(  "registered channels": [],)");
+  EXPECT_EQ(text[23], R"(      "channel": [1, -1],)");
+  // The keys in their order (an ordered_json keeps them) and the defaults, numbers as written.
+  auto defaults = nlohmann::ordered_json::parse(zt.getConfiguration());
+  defaults.erase("current time");
+  defaults["inputs"] = nlohmann::ordered_json::array({defaults["inputs"][0]});
+  auto want = nlohmann::ordered_json::parse(R"({"software version": "2.7.0",
+      "registered channels": [], "serial": "REP1", "firmware version": "",
+      "hardware buffer size": 67108864, "normalization": true, "test signal divider": 63,
+      "channel number scheme": 2, "led bitmask": 0, "stream block size events": 131072,
+      "stream block size latency": 20, "devices": [{"serial": "REP1", "model": "Zeptick Ultra",
+      "resolution": 9, "PCB version": "1.4b"}], "inputs": [{"channel": [1, -1],
+      "trigger level": 0.5, "input delay": [0, 0], "hardware delay compensation": [1574, 1574],
+      "deadtime": [2500, 2500], "event divider": [0, 0],
+      "conditional filter filtered": [false, false],
+      "conditional filter triggers": [false, false], "input mux": 0}]})");
+  want["firmware version"] = zt.getFirmwareVersion();
+  EXPECT_EQ(defaults.dump(), want.dump());
 
   zt.setInputDelay(2, 1234);
   zt.setInputDelay(-2, -55);
@@ -247,7 +223,6 @@ TEST_F(Configuration, ReportKeepsItsLayoutAndShowsTheSettings) {
   const json report = json::parse(zt.getConfiguration());
   const std::vector<std::pair<std::string, json>> shown = {
       {"/registered channels", {-9, 3}},  // counted: 3 is still registered once
-      {"/firmware version", zt.getFirmwareVersion()},
       {"/normalization", false},
       {"/led bitmask", 0x10001},
       {"/stream block size events", 4096},

@@ -17,7 +17,6 @@ using Type = Tag::Type;
 struct Block {
   std::vector<Tag> tags;
   int64_t end = 0;
-  bool invalid = false;
 };
 
 struct Member {
@@ -56,7 +55,7 @@ Member makeMember(std::mt19937_64& rng, int ordinal, int members, bool ties, int
     block.end = end;
     member.blocks.push_back(block);
   }
-  member.blocks.push_back(Block{{}, end + 1000000, false});  // carries the horizon past the end
+  member.blocks.push_back(Block{{}, end + 1000000});  // carries the horizon past the end
   return member;
 }
 
@@ -86,6 +85,24 @@ std::vector<Tag> referenceMerge(const std::vector<Member>& members) {
   return out;
 }
 
+struct Merged {
+  std::vector<Tag> tags;
+  int64_t blockBegin, blockEnd;
+  uint32_t fence;
+};
+
+// One block of `member` through the merger, and the merged block that comes out.
+Merged feed(DeviceMerger& merger, size_t member, std::vector<Tag> tags, int64_t end, uint32_t fence,
+            uint64_t max_events = 256, bool invalid = false) {
+  ZeptickRunner::Worker worker;
+  worker.tags = std::move(tags);
+  worker.blockEnd = end;
+  worker.fence = fence;
+  worker.streamInvalid = invalid;
+  merger.add(worker, member, max_events);
+  return Merged{worker.tags, worker.blockBegin, worker.blockEnd, worker.fence};
+}
+
 // Feeds every member's blocks in a random interleaving (each member's in order) and checks the
 // merged blocks against the reference: complete, in order, touching, cut only at maxEvents.
 TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) {
@@ -110,11 +127,8 @@ TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) 
         if (left.empty()) break;
         const int m = left[rng() % left.size()];
         const Block& block = group[m].blocks[next[m]++];
-        ZeptickRunner::Worker worker;
-        worker.tags = block.tags;
-        worker.blockEnd = block.end;
-        worker.fence = 7;
-        merger.add(worker, static_cast<size_t>(m), max_events);
+        const Merged worker =
+            feed(merger, static_cast<size_t>(m), block.tags, block.end, 7, max_events);
         ASSERT_EQ(worker.blockBegin, previous_end) << "merged blocks touch";
         ASSERT_GE(worker.blockEnd, worker.blockBegin);
         for (const Tag& tag : worker.tags) {
@@ -130,9 +144,7 @@ TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) 
       }
       // Blocks cut at maxEvents leave the rest for later blocks: empty ones bring it out.
       for (int flush = 0; flush < 1000 && previous_end < group[0].blocks.back().end; ++flush) {
-        ZeptickRunner::Worker worker;
-        worker.blockEnd = group[0].blocks.back().end;
-        merger.add(worker, 0, max_events);
+        const Merged worker = feed(merger, 0, {}, group[0].blocks.back().end, 0, max_events);
         previous_end = worker.blockEnd;
         merged.insert(merged.end(), worker.tags.begin(), worker.tags.end());
       }
@@ -147,21 +159,6 @@ TEST(DeviceMergerTest, RandomInterleavingsMergeLikeASortAndCutOnlyBetweenTimes) 
 // a merged block carries the oldest fence among the chunks it may take tags from, even when it
 // takes several chunks of one member, or a chunk followed by an empty block with a newer fence.
 TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
-  struct Merged {
-    std::vector<Tag> tags;
-    int64_t blockBegin, blockEnd;
-    uint32_t fence;
-  };
-  auto feed = [](DeviceMerger& merger, size_t member, std::vector<Tag> tags, int64_t end,
-                 uint32_t fence, bool invalid = false) {
-    ZeptickRunner::Worker worker;
-    worker.tags = std::move(tags);
-    worker.blockEnd = end;
-    worker.fence = fence;
-    worker.streamInvalid = invalid;
-    merger.add(worker, member, 256);
-    return Merged{worker.tags, worker.blockBegin, worker.blockEnd, worker.fence};
-  };
   DeviceMerger merger(2);
   std::vector<Tag> first(300, Tag{Type::TimeTag, 0, 0, 101, 1000});
   first.push_back(Tag{Type::TimeTag, 0, 0, 101, 2000});
@@ -170,12 +167,11 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
 
   const std::vector<Tag> second = {Tag{Type::Error, 0, 0, CHANNEL_UNUSED, 1500},
                                    Tag{Type::TimeTag, 0, 0, 201, 1600}};
-  const auto cut = feed(merger, 1, second, 1800, 2, true);
-  EXPECT_EQ(cut.tags.size(), 300u);
-  EXPECT_EQ(cut.blockEnd, 1500) << "cut at the first later time";
-  EXPECT_EQ(cut.fence, 2u) << "member 1's waiting chunk";
+  const auto cut = feed(merger, 1, second, 1800, 2, 256, true);
+  // Cut at the first later time, under the fence of member 1's waiting chunk.
+  EXPECT_EQ(std::tuple(cut.tags.size(), cut.blockEnd, cut.fence), std::tuple(300u, 1500, 2u));
 
-  const auto invalid = feed(merger, 1, {}, 2500, 2, true);
+  const auto invalid = feed(merger, 1, {}, 2500, 2, 256, true);
   EXPECT_EQ(invalid.blockBegin, 1500);
   EXPECT_TRUE(testing::sameTags(invalid.tags, second)) << "the 2000 falls while 1 is invalid";
 
@@ -191,8 +187,7 @@ TEST(DeviceMergerTest, EqualTimesInvalidMembersAndFences) {
   feed(ahead, 0, {Tag{Type::TimeTag, 0, 0, 101, 300}}, 400, 5);
   feed(ahead, 0, {}, 500, 6);
   const auto all = feed(ahead, 1, {}, 1000, 6);
-  EXPECT_EQ(all.tags.size(), 2u);
-  EXPECT_EQ(all.fence, 4u);
+  EXPECT_EQ(std::pair(all.tags.size(), all.fence), std::pair(size_t{2}, 4u));
   EXPECT_EQ(feed(ahead, 1, {}, 1100, 6).fence, 6u) << "nothing of member 0 before 6 is left";
 }
 

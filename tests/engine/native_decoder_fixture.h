@@ -26,12 +26,7 @@ struct Block {
 };
 
 inline DecoderDevice device(int64_t ps, int32_t bins, int32_t channelCount) {
-  DecoderDevice d;
-  d.psPerClock = ps;
-  d.binCount = bins;
-  d.channelCount = channelCount;
-  d.serial = "TEST";
-  return d;
+  return {.psPerClock = ps, .binCount = bins, .channelCount = channelCount, .serial = "TEST"};
 }
 
 /// User channel = hardware index + 1, no delay, no filter.

@@ -14,15 +14,8 @@
 #include "support/log_capture.h"
 #include "support/measurement_streams.h"
 
-namespace zeptick {
+namespace zeptick::engine_testing {
 namespace {
-
-using engine_testing::Block;
-using engine_testing::decode;
-using engine_testing::event;
-using engine_testing::plainSettings;
-using engine_testing::rollover;
-using engine_testing::word;
 
 // Events of index 0 spread over ticks of new rollover periods, `counts[b]` of them in bin b.
 std::vector<uint32_t> events(const std::vector<uint32_t>& counts) {
@@ -43,7 +36,7 @@ std::vector<uint32_t> events(const std::vector<uint32_t>& counts) {
 
 TEST(NativeDecoderWordsTest, TablesSwitchAtTenThousandEventsAndDecayAboveAMillion) {
   NativeDecoder decoder;
-  decoder.setup(engine_testing::device(1000, 4, 2), 0);
+  decoder.setup(device(1000, 4, 2), 0);
   auto psecs = [&](bool normalization) {
     decoder.updateDistributions(normalization);
     std::vector<uint32_t> out;
@@ -60,13 +53,13 @@ TEST(NativeDecoderWordsTest, TablesSwitchAtTenThousandEventsAndDecayAboveAMillio
   EXPECT_EQ(decoder.distribution(1, 3).psecs, 750u) << "index 1 saw nothing";
 
   NativeDecoder big;
-  big.setup(engine_testing::device(1000, 4, 2), 0);
+  big.setup(device(1000, 4, 2), 0);
   decode(big, events({600000, 400000}), plainSettings(2, true));
   decode(big, events({0, 0, 0, 1}), plainSettings(2, true));
   decode(big, {}, plainSettings(2, true));
-  EXPECT_EQ(big.distribution(0, 0).count, 540000u);
-  EXPECT_EQ(big.distribution(0, 1).count, 360000u);
-  EXPECT_EQ(big.distribution(0, 3).count, 0u);
+  EXPECT_EQ(std::tuple(big.distribution(0, 0).count, big.distribution(0, 1).count,
+                       big.distribution(0, 3).count),
+            std::tuple(540000u, 360000u, 0u));
   EXPECT_EQ(big.distribution(0, 1).psecs, 599u) << "made from the counts before they decayed";
 }
 
@@ -119,7 +112,7 @@ std::vector<uint32_t> join(std::initializer_list<std::vector<uint32_t>> parts) {
 NativeDecoder syncDecoder(DecoderSyncEpoch& shared) {
   shared.hostClockNs = &fakeClock;
   NativeDecoder d;
-  DecoderDevice dev = engine_testing::device(kPs, 8, 4);
+  DecoderDevice dev = device(kPs, 8, 4);
   dev.syncMode = true;
   dev.sync = &shared;
   d.setup(dev, 0);
@@ -127,15 +120,14 @@ NativeDecoder syncDecoder(DecoderSyncEpoch& shared) {
 }
 
 TEST(NativeDecoderSyncTest, AlignsOnTheCounterWatchesTheLinkAndFollowsTheHostClock) {
-  const DecoderBlockSettings settings = engine_testing::plainSettings(4, false);
+  const DecoderBlockSettings settings = plainSettings(4, false);
   testing::LogCapture log;
   fakeNow = 0;
   DecoderSyncEpoch shared;
   NativeDecoder d = syncDecoder(shared);
   // Before alignment input words are dropped and the block can't be trusted.
   Block b = decode(d, {event(0, 0, 5), word(2, 0, 3, 6), rollover()}, settings);
-  EXPECT_TRUE(b.tags.empty());
-  EXPECT_TRUE(b.invalid);
+  EXPECT_TRUE(b.tags.empty() && b.invalid);
 
   const int64_t t = int64_t{0x01020304} * kPeriod;
   b = decode(d, join({{event(0, 0, 5)}, counter(0x01020304), {event(1, 0, 10), rollover()}}),
@@ -202,4 +194,4 @@ TEST(NativeDecoderSyncTest, AlignsOnTheCounterWatchesTheLinkAndFollowsTheHostClo
 }
 
 }  // namespace
-}  // namespace zeptick
+}  // namespace zeptick::engine_testing

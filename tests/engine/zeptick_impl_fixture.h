@@ -29,12 +29,21 @@ inline json periodic(int input, double period_ps) {
 inline json poisson(int input, double rate_hz) {
   return {{"type", "poisson"}, {"input", input}, {"rate_hz", rate_hz}};
 }
+/// Photon pairs on two inputs (numbers, or "serial:input" across a group), `delay_ps` apart.
+inline json pairs(json inputs, double delay_ps, double rate_hz, double jitter_ps = 0) {
+  return {{"type", "pairs"},
+          {"inputs", std::move(inputs)},
+          {"delays_ps", {0, delay_ps}},
+          {"rate_hz", rate_hz},
+          {"jitter_ps", jitter_ps}};
+}
 
-/// A free-running emulated "Zeptick Ultra" (revision 5: one-based channel
-/// numbers) with the given signal sources.
-inline json ultraBoard(const std::string& serial, json sources = json::array(), int revision = 5) {
-  json entry = boardEntry(serial, 36, revision);
+/// A free-running emulated "Zeptick Ultra" (revision 5: one-based channel numbers) with the given
+/// signal sources and, unless 0, that many inputs instead of its 18.
+inline json ultraBoard(const std::string& serial, json sources = json::array(), int inputs = 0) {
+  json entry = boardEntry(serial, 36, 5);
   entry["sources"] = std::move(sources);
+  if (inputs != 0) entry["inputs"] = inputs;
   return entry;
 }
 
@@ -88,13 +97,10 @@ inline void expectOrderedStream(const std::vector<Block>& blocks) {
   }
 }
 
-/// Emulated boards plus a hardware tagger opened on them.
+/// Emulated boards plus a hardware tagger opened on them. Tests may change the channel number
+/// scheme; it is back at its default after each.
 class EmulatedTagger : public EmulatedBoards {
  protected:
-  void SetUp() override {
-    EmulatedBoards::SetUp();
-    setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_AUTO);
-  }
   void TearDown() override {
     tagger.reset();
     setZeptickChannelNumberScheme(ZT_CHANNEL_NUMBER_SCHEME_AUTO);

@@ -15,7 +15,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -26,8 +25,8 @@
 #include "files/zeptick_virtual_impl.h"
 #include "recording/recording_generator.h"
 #include "support/log_capture.h"
+#include "support/measurement_streams.h"
 #include "support/recording_measurement.h"
-#include "support/test_tagger.h"
 #include "zeptick/time_tag_stream.h"
 
 namespace zeptick::testing {
@@ -138,7 +137,9 @@ class FileBuilder {
     for (uint32_t word : {alignment, 1u, required_version, 0u, 7u, 8u, 9u, 10u}) {
       appendLittleEndian(payload, word, 4);
     }
-    return block(2, payload);
+    block(2, payload);
+    pad = alignment != 0;  // alignment 0: no padding anywhere after the file header
+    return *this;
   }
   /// Entries are (index, channel, inverted channel).
   FileBuilder& channelMap(const std::vector<std::array<int32_t, 3>>& entries) {
@@ -171,7 +172,7 @@ class FileBuilder {
   FileBuilder& end() { return block(1, {}); }
 
   Bytes bytes;
-  bool pad = true;  ///< false for files whose header turns alignment off
+  bool pad = true;
 };
 
 inline uint32_t shortTag(uint32_t value, uint32_t code) { return (value << 8) | code; }
@@ -204,32 +205,18 @@ inline std::vector<Block> readRecording(const std::string& path, bool verify = t
   return blocks;
 }
 
-/// The messages of `expected` in this order, each as an error (the file layer reports every
-/// fault as one), and nothing else.
+/// What `log` caught, each text without the place in the source that tells it, and each an
+/// error: the file layer reports every fault as one.
+inline std::vector<std::string> messageTexts(LogCapture& log) {
+  std::vector<std::string> texts;
+  for (const LogCapture::Entry& entry : log.entries()) {
+    EXPECT_EQ(entry.level, LOGGER_ERROR) << entry.text;
+    texts.push_back(entry.text.substr(entry.text.find(": ") + 2));
+  }
+  return texts;
+}
 inline void expectMessages(LogCapture& log, const std::vector<std::string>& expected) {
-  const std::vector<LogCapture::Entry> entries = log.entries();
-  ASSERT_EQ(entries.size(), expected.size()) << (entries.empty() ? "" : entries[0].text);
-  for (size_t i = 0; i < entries.size(); ++i) {
-    EXPECT_EQ(entries[i].level, LOGGER_ERROR) << entries[i].text;
-    EXPECT_TRUE(entries[i].text.ends_with(expected[i])) << entries[i].text;
-  }
-}
-
-/// Tags as tuples, which gtest compares and prints, so a failure shows the first differing tag.
-using TagFields = std::tuple<int, int, int32_t, int64_t, int>;
-inline std::vector<TagFields> fields(const std::vector<Tag>& tags) {
-  std::vector<TagFields> out;
-  for (const Tag& tag : tags) {
-    out.emplace_back(static_cast<int>(tag.type), tag.missed_events, tag.channel, tag.time,
-                     tag.reserved);
-  }
-  return out;
-}
-
-inline std::vector<Tag> concat(const std::vector<Block>& blocks) {
-  std::vector<Tag> tags;
-  for (const Block& block : blocks) tags.insert(tags.end(), block.tags.begin(), block.tags.end());
-  return tags;
+  EXPECT_EQ(messageTexts(log), expected);
 }
 
 /// A replay tagger on the heap with a measurement that keeps every block. ThreadSanitizer
@@ -252,21 +239,13 @@ struct Replay {
         EXPECT_TRUE(tag.time >= block.begin_time && tag.time < block.end_time) << tag.time;
       }
     }
-    return concat(blocks);
+    return concatenate(blocks);
   }
 
   std::unique_ptr<ZeptickVirtualImpl> tagger;
   std::unique_ptr<RecordingMeasurement> seen = std::make_unique<RecordingMeasurement>(tagger.get());
   std::vector<Block> blocks;  ///< as of the last play() or tags()
 };
-
-/// Waits until every block pushed so far has passed every measurement: blocks pass in order,
-/// and a last empty block carries a new fence.
-inline bool drain(TestZeptick& tagger) {
-  const uint32_t fence = tagger.getFence(true);
-  tagger.pushBlocks({Block{{}, 0, 0}});
-  return tagger.waitForFence(fence, 60000);
-}
 
 /// Blocks with time tags on `channels`, errors, and overflow spans that may cross blocks: inside
 /// a span mostly missed-event counts and now and then a time tag, outside now and then a stray
@@ -339,10 +318,8 @@ inline RecordingPlan smallPlan(uint64_t seed) {
 /// The generator's whole stream in memory: the reference for what the files hold.
 inline std::vector<Tag> generatedTags(const RecordingPlan& plan) {
   RecordingGenerator generator(plan);
-  std::vector<Tag> all;
-  std::vector<Tag> tags;
-  int64_t begin = 0;
-  int64_t end = 0;
+  std::vector<Tag> all, tags;
+  int64_t begin = 0, end = 0;
   while (generator.next(tags, begin, end)) all.insert(all.end(), tags.begin(), tags.end());
   return all;
 }
@@ -352,8 +329,7 @@ inline std::vector<Tag> bufferTags(const TimeTagStreamBuffer& buffer) {
   std::vector<int> channels;
   std::vector<int64_t> times;
   std::vector<uint16_t> missed;
-  std::vector<uint8_t> types;
-  std::vector<uint8_t> overflows;
+  std::vector<uint8_t> types, overflows;
   buffer.getChannels([&](size_t n) { return channels.assign(n, 0), channels.data(); });
   buffer.getTimestamps([&](size_t n) { return times.assign(n, 0), times.data(); });
   buffer.getMissedEvents([&](size_t n) { return missed.assign(n, 0), missed.data(); });

@@ -14,9 +14,7 @@ namespace zeptick::testing {
 namespace {
 
 struct KeyPair {
-  std::string private_pem;
-  std::string public_pem;
-  std::string traditional_pem;  // "BEGIN EC PRIVATE KEY"
+  std::string private_pem, public_pem, traditional_pem;  // the last "BEGIN EC PRIVATE KEY"
 };
 
 KeyPair generateKeyPair(const char* curve) {
@@ -42,23 +40,17 @@ KeyPair generateKeyPair(const char* curve) {
   return pair;
 }
 
-class FileKeys : public ::testing::Test {
- protected:
-  void TearDown() override {
-    setFileSigningKey("");
-    setFileVerificationKey("");
-  }
+// Ends with the built-in pair in force on both sides again, as every other test expects.
+TEST(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
+  ScratchDirectory directory;
   // One block of three tags, signed with the key in force; how many blocks verify.
-  void write(const std::string& name) {
+  const auto write = [&](const std::string& name) {
     writeRecording(directory.file(name),
                    {{{timeTag(1, 10), timeTag(1, 20), timeTag(1, 30)}, 0, 100}}, {{1, -1}});
-  }
-  size_t verified(const std::string& name) { return readRecording(directory.file(name)).size(); }
-
-  ScratchDirectory directory;
-};
-
-TEST_F(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
+  };
+  const auto verified = [&](const std::string& name) {
+    return readRecording(directory.file(name)).size();
+  };
   const KeyPair mine = generateKeyPair("P-256");
   const KeyPair other_curve = generateKeyPair("P-384");
   setFileSigningKey(mine.private_pem);
@@ -88,7 +80,6 @@ TEST_F(FileKeys, OwnKeyPairSignsAndOnlyItsPublicKeyVerifies) {
     EXPECT_EQ(verified("still-mine.ztbin"), 1u);
     EXPECT_TRUE(log.messages().empty());
   }
-  // Back to the built-in pair on both sides.
   setFileSigningKey("");
   setFileVerificationKey("");
   write("builtin.ztbin");
@@ -128,9 +119,9 @@ TEST(ForgedBlocks, ABlockMovedInFromAnotherRecordingIsMarkedAtBothJoins) {
   writeBytes(path, spliced);
   LogCapture log;
   Replay replay(2);
-  EXPECT_EQ(fields(replay.play(path)),
-            fields({timeTag(1, 10), marker(Tag::Type::Error, 100), timeTag(2, 150),
-                    marker(Tag::Type::Error, 200), timeTag(1, 250)}));
+  EXPECT_TRUE(
+      sameTags(replay.play(path), {timeTag(1, 10), marker(Tag::Type::Error, 100), timeTag(2, 150),
+                                   marker(Tag::Type::Error, 200), timeTag(1, 250)}));
   EXPECT_TRUE(log.messages().empty());
 }
 

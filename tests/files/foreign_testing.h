@@ -55,9 +55,7 @@ inline ForeignRead readForeign(const std::string& path) {
     EXPECT_TRUE(reader->decodeBlock(tags, begin, read.errors));
     for (const Tag& tag : tags) {
       EXPECT_TRUE(tag.time >= begin && tag.time < end) << tag.time << " in " << begin;
-      if (!read.tags.empty()) {
-        EXPECT_LE(read.tags.back().time, tag.time);
-      }
+      EXPECT_LE(read.tags.empty() ? tag.time : read.tags.back().time, tag.time);
       read.tags.push_back(tag);
     }
     read.end = end;

@@ -1,8 +1,7 @@
-// Feeds arbitrary text to the emulator's JSON configuration, through the public entry that
-// programs and the ZEPTICK_EMULATOR file reach. It must attach the boards or refuse with
-// std::invalid_argument, never crash, hang or allocate beyond what the text asks for; a
-// configuration it accepts then streams a few thousand words from every board's sources,
-// free-running, with every input enabled, so that source parameters reach the generators.
+// Feeds arbitrary text to the emulator's JSON configuration through its public entry: it attaches
+// the boards or refuses with std::invalid_argument, never crashing, hanging or over-allocating.
+// An accepted configuration then streams a few thousand words, free-running with every input
+// enabled, so that source parameters reach the generators.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,32 +20,22 @@ namespace {
 
 using namespace zeptick::emulator;
 
-FirmwareSetup everythingOn(int inputs) {
-  FirmwareSetup setup;
-  setup.channels.assign(static_cast<size_t>(2 * inputs), ChannelSetup{});
-  for (ChannelSetup& channel : setup.channels) channel.enabled = true;
-  setup.trigger_volts.assign(static_cast<size_t>(inputs), 0.1);
-  setup.buffer_words = 1 << 16;
-  setup.started = true;
-  return setup;
-}
-
 void stream(const BoardConfig& board) {
   StreamParameters parameters = streamParametersOf(board);
   parameters.paced = false;
   StreamModel model(parameters, board.sources);
-  model.configure(everythingOn(board.inputs));
+  FirmwareSetup setup;
+  setup.channels.assign(static_cast<size_t>(2 * board.inputs), ChannelSetup{.enabled = true});
+  setup.trigger_volts.assign(static_cast<size_t>(board.inputs), 0.1);
+  setup.buffer_words = 1 << 16;
+  setup.started = true;
+  model.configure(setup);
   std::vector<unsigned char> words(4096 * 4);
   const long got = model.read(words.data(), static_cast<long>(words.size()));
   if (got != static_cast<long>(words.size())) std::abort();
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&zeptick::fuzz::quiet);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

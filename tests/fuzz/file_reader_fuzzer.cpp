@@ -1,6 +1,5 @@
-// Feeds arbitrary bytes to ZeptickFileReader as a file, with verification off and on. The
-// reader must neither crash, nor read out of bounds, nor allocate more than the bytes justify
-// (scripts/fuzz runs this with a small malloc limit).
+// Feeds arbitrary bytes to ZeptickFileReader as a file, verifying off and on: no crash, no read
+// out of bounds, no allocation beyond what the bytes justify (scripts/fuzz limits malloc).
 
 #include <cstddef>
 #include <cstdint>
@@ -17,8 +16,7 @@ void readAll(const std::string& path, bool verify, size_t size) {
   zeptick::ZeptickFileReader reader(path, verify);
   std::vector<zeptick::Tag> tags;
   uint64_t overflows = 0;
-  int64_t begin = 0;
-  int64_t end = 0;
+  int64_t begin = 0, end = 0;
   bool skip = false;
   while (reader.getBlockRange(begin, end)) {
     // Alternate between the two ways of moving on.
@@ -40,11 +38,6 @@ void readAll(const std::string& path, bool verify, size_t size) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&zeptick::fuzz::quiet);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static zeptick::fuzz::MemoryFile file;

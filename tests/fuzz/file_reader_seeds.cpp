@@ -3,7 +3,6 @@
 // Usage: file_reader_seeds <directory>
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,9 @@
 namespace {
 
 using zeptick::Tag;
+
+Tag timeTag(int32_t channel, int64_t time) { return {Tag::Type::TimeTag, 0, 0, channel, time}; }
+Tag marker(Tag::Type type, int64_t time) { return {type, 0, 0, zeptick::CHANNEL_UNUSED, time}; }
 
 void writeSeed(const std::string& base, const std::vector<std::vector<Tag>>& blocks,
                bool with_marker) {
@@ -33,29 +35,21 @@ void writeSeed(const std::string& base, const std::vector<std::vector<Tag>>& blo
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s <directory>\n", argv[0]);
-    return 2;
-  }
+  if (argc != 2) return 2;
   const std::string directory = argv[1];
-  const Tag::Type time_tag = Tag::Type::TimeTag;
-  const int32_t unused = zeptick::CHANNEL_UNUSED;
 
   writeSeed(directory + "/empty_blocks", {{}, {}}, false);
   writeSeed(directory + "/small",
-            {{{time_tag, 0, 0, 1, 10}, {time_tag, 0, 0, 2, 20}, {time_tag, 0, 0, -1, 20}},
-             {{Tag::Type::Error, 0, 0, unused, 1500}}},
+            {{timeTag(1, 10), timeTag(2, 20), timeTag(-1, 20)}, {marker(Tag::Type::Error, 1500)}},
             true);
   writeSeed(directory + "/overflow",
-            {{{Tag::Type::OverflowBegin, 0, 0, unused, 5},
+            {{marker(Tag::Type::OverflowBegin, 5),
               {Tag::Type::MissedEvents, 0, 300, 1, 5},
-              {Tag::Type::OverflowEnd, 0, 0, unused, 9}},
-             {{time_tag, 0, 0, 1, (int64_t{1} << 24) + 2000},
-              {time_tag, 0, 0, 2, (int64_t{1} << 49) + 7}}},
+              marker(Tag::Type::OverflowEnd, 9)},
+             {timeTag(1, (int64_t{1} << 24) + 2000), timeTag(2, (int64_t{1} << 49) + 7)}},
             false);
   std::vector<Tag> many;  // enough words to be stored compressed
-  for (int64_t i = 0; i < 400; ++i)
-    many.push_back({time_tag, 0, 0, static_cast<int32_t>(1 + i % 2), i * 3});
+  for (int64_t i = 0; i < 400; ++i) many.push_back(timeTag(static_cast<int32_t>(1 + i % 2), i * 3));
   writeSeed(directory + "/compressed", {many}, false);
   return 0;
 }

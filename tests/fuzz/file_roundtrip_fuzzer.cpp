@@ -29,16 +29,14 @@ void noMessages(zeptick::LogLevel, std::string) { std::abort(); }
 
 struct Block {
   std::vector<Tag> tags;
-  int64_t begin_time;
-  int64_t end_time;
+  int64_t begin_time, end_time;
 };
 
 // Eight bytes make a tag: its kind, whether a new block starts before it, its channel, a
 // missed-event count and a time step that may be tiny, beyond 2^24 or 2^48, or backwards.
 std::vector<Block> parse(const uint8_t* data, size_t size) {
   static const int32_t channels[] = {1, -1, 2, 1000000, 5, zeptick::CHANNEL_UNUSED};
-  std::vector<Block> blocks(1);
-  blocks[0].begin_time = -1000000;
+  std::vector<Block> blocks = {Block{{}, -1000000, 0}};
   int64_t time = blocks[0].begin_time;
   for (size_t at = 0; at + 8 <= size; at += 8) {
     const uint8_t* record = data + at;
@@ -96,9 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool overflow = false;
   std::vector<Tag> tags;
   uint64_t overflows = 0;
+  int64_t begin = 0, end = 0;
   for (const Block& block : blocks) {
-    int64_t begin = 0;
-    int64_t end = 0;
     if (!reader.getBlockRange(begin, end) || begin != block.begin_time || end != block.end_time ||
         !reader.decodeBlock(tags, begin, overflows)) {
       std::abort();
@@ -111,8 +108,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     if (!std::equal(tags.begin(), tags.end(), expected.begin(), expected.end(), same)) std::abort();
   }
-  int64_t begin = 0;
-  int64_t end = 0;
   if (reader.getBlockRange(begin, end)) std::abort();
   std::remove(file.c_str());
   return 0;

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the fuzzers share: a logger that drops every message, and an in-memory file that the
-// code under test opens by name like any other.
+// What the fuzzers share: the library's log silenced before the first input, and an in-memory
+// file that the code under test opens by name like any other.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -12,9 +12,12 @@
 
 #include "zeptick/logging.h"
 
-namespace zeptick::fuzz {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  zeptick::setLogger([](zeptick::LogLevel, std::string) {});
+  return 0;
+}
 
-inline void quiet(LogLevel, std::string) {}
+namespace zeptick::fuzz {
 
 class MemoryFile {
  public:

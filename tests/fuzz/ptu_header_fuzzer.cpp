@@ -1,7 +1,6 @@
-// Feeds arbitrary bytes to the PTU header parser, and those it accepts to the whole PTU reader.
-// Neither may crash, read out of bounds, loop for ever, or allocate more than the bytes justify
-// (scripts/fuzz runs this with a small malloc limit). The input is a PTU magic followed by the
-// fuzzer's bytes, so that every run reaches the tags.
+// Feeds a PTU magic and arbitrary bytes to the PTU header parser, and those it accepts to the
+// whole PTU reader: no crash, no read out of bounds, no endless loop, no allocation beyond what
+// the bytes justify (scripts/fuzz limits malloc).
 
 #include <algorithm>
 #include <cstddef>
@@ -14,11 +13,6 @@
 #include "files/foreign/ptu_header.h"
 #include "files/foreign/ptu_recording.h"
 #include "fuzz/fuzz_input.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  zeptick::setLogger(&zeptick::fuzz::quiet);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<char> bytes(8, '\0');  // the magic, padded with NULs

@@ -1,7 +1,6 @@
-// Feeds arbitrary text to the checks of `zeptick serve` requests, the one parser that takes text
-// from the network: a body, read field by field as the handlers read it, and path segments and
-// recording names. Every refusal must be an ApiError naming a field; a name it accepts must stay
-// inside the recording directory.
+// Feeds arbitrary text to the request checks of `zeptick serve`, which take text from the network:
+// bodies read field by field as the handlers do, path segments and recording names. Every
+// refusal is an ApiError naming a field; an accepted name stays inside the recording directory.
 
 #include <cstddef>
 #include <cstdint>

@@ -8,6 +8,11 @@ build_dir=$(cd "$1" && pwd)
 source_dir=$(cd "$2" && pwd)
 expected_version=$3
 
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
@@ -17,10 +22,7 @@ cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 
 # GNUInstallDirs picks lib or lib/<multiarch> depending on the configured prefix.
 pc_file=$(find "$prefix" -name zeptick.pc -path '*/pkgconfig/*' | head -n 1)
-if [[ -z $pc_file ]]; then
-  echo "zeptick.pc was not installed" >&2
-  exit 1
-fi
+[[ -n $pc_file ]] || fail "zeptick.pc was not installed"
 lib_dir=$(dirname "$(dirname "$pc_file")")
 
 echo "== README usage example through pkg-config"
@@ -32,10 +34,8 @@ awk '
   in_block && in_code && /^```[[:space:]]*$/ { in_code = 0; next }
   in_block && in_code { print }
 ' "$source_dir/README.md" >"$readme_example"
-if [[ ! -s $readme_example ]]; then
-  echo "README.md has no \`\`\`cpp block between the usage-example markers" >&2
-  exit 1
-fi
+[[ -s $readme_example ]] ||
+  fail "README.md has no \`\`\`cpp block between the usage-example markers"
 export PKG_CONFIG_PATH="$lib_dir/pkgconfig"
 # Word splitting of pkg-config's output is intended.
 # shellcheck disable=SC2046
@@ -48,8 +48,6 @@ cmake -S "$source_dir/tests/install/cmake_consumer" -B "$work/consumer-build" \
   -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER=g++ >/dev/null
 cmake --build "$work/consumer-build"
 printed=$(LD_LIBRARY_PATH="$lib_dir" "$work/consumer-build/consumer")
-if [[ $printed != "$expected_version" ]]; then
-  echo "consumer printed '$printed', expected '$expected_version'" >&2
-  exit 1
-fi
+[[ $printed == "$expected_version" ]] ||
+  fail "consumer printed '$printed', expected '$expected_version'"
 echo "consumer printed $printed"

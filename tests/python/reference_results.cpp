@@ -1,11 +1,9 @@
-// Replays a recording through a set of measurements in C++ and writes each result as
-// NAME.bin: a text line "dtype extent..." and the raw values, so that the Python tests can
-// compare the binding's arrays with the library's own.
+// Replays a recording through measurements and writes each result as NAME.bin (a line "dtype
+// extent..." and the raw values), for the Python tests to compare the binding's arrays with.
 // usage: zeptick-python-reference RECORDING OUTPUT_DIR
 
 #include <zeptick/zeptick.h>
 
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -33,10 +31,7 @@ void save(const std::string& dir, const std::string& name, const char* dtype, Ge
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s RECORDING OUTPUT_DIR\n", argv[0]);
-    return 2;
-  }
+  if (argc != 3) return 2;
   const std::string dir = argv[2];
   using namespace zeptick;
   ZeptickVirtual* tagger = createZeptickVirtual();

@@ -1,9 +1,6 @@
-"""Runs a notebook with a kernel on this interpreter and fails on any cell error.
-
-The kernel is started with sys.executable itself rather than a kernel spec found on PATH, which
-may name another interpreter without the package's dependencies.
-usage: python3 run_notebook.py NOTEBOOK.ipynb
-"""
+"""Runs a notebook and fails on any cell error. The kernel runs on sys.executable itself: a kernel
+spec found on PATH may name another interpreter without the package's dependencies.
+usage: python3 run_notebook.py NOTEBOOK.ipynb"""
 
 import sys
 
@@ -17,7 +14,4 @@ manager = KernelManager(kernel_cmd=[sys.executable, "-Xfrozen_modules=off", "-m"
 client = NotebookClient(notebook, km=manager, timeout=120)
 client.execute()  # raises CellExecutionError on the first failing cell
 outputs = [o for cell in notebook.cells for o in cell.get("outputs", [])]
-errors = [o for o in outputs if o.get("output_type") == "error"]
-if errors:
-    sys.exit(f"notebook failed: {errors[0]['ename']}: {errors[0]['evalue']}")
 print(f"notebook ran clean: {len(notebook.cells)} cells, {len(outputs)} outputs")

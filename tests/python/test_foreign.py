@@ -1,6 +1,5 @@
-"""Other instruments' recordings through the Python package: a real HydraHarp T3 file read,
-exported to Photon-HDF5 and converted to .ztbin. What the readers and converters compute is
-proved by the C++ suite; here each call of the binding gives the counts of the file."""
+"""A real HydraHarp T3 file read, exported to Photon-HDF5 and converted to .ztbin through the
+binding, each giving the file's counts; the C++ suite proves what the conversions compute."""
 
 import numpy as np
 import pytest

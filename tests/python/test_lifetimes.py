@@ -16,10 +16,9 @@ def test_freeing_a_tagger_with_live_measurements_is_refused(replay):
         rate.getData()
     assert zeptick.freeZeptick(replay) is True
     assert replay.closed
-    with pytest.raises(RuntimeError, match="tagger has been freed"):
-        replay.sync()
-    with pytest.raises(RuntimeError, match="tagger has been freed"):
-        zeptick.Countrate(replay, [1])
+    for call in (replay.sync, lambda: zeptick.Countrate(replay, [1])):
+        with pytest.raises(RuntimeError, match="tagger has been freed"):
+            call()
 
 
 def test_with_block_closes_its_measurements_and_tagger():
@@ -27,10 +26,9 @@ def test_with_block_closes_its_measurements_and_tagger():
         with zeptick.Correlation(tagger, 1, 2) as inner:
             pass
         outer = zeptick.Histogram(tagger, 1, 2)
-    with pytest.raises(RuntimeError, match="closed"):
-        inner.getData()
-    with pytest.raises(RuntimeError, match="closed"):
-        outer.getData()
+    for measurement in (inner, outer):
+        with pytest.raises(RuntimeError, match="closed"):
+            measurement.getData()
     assert tagger.closed
 
 

@@ -48,8 +48,7 @@ class ChannelCount(zeptick.CustomMeasurement):
             self.in_order = False
         self.last_end = end_time
         counted = tags[tags["type"] == 0]["channel"]
-        for i, channel in enumerate(self.channels):
-            self.counts[i] += np.count_nonzero(counted == channel)
+        self.counts += [np.count_nonzero(counted == channel) for channel in self.channels]
 
     def clear(self):
         self.counts[:] = 0
