@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/zeptick_runner.h"
+#include "support/inert_input_runner.h"
 #include "zeptick/iterator_base.h"
 #include "zeptick/tag.h"
 
@@ -18,7 +18,7 @@ namespace zeptick::bench {
 /// claims blocks, up to a budget the benchmark grants. A worker's tag vector is
 /// filled only when it does not hold the pattern yet, so steady state copies
 /// nothing and the figures show the runner and the measurements alone.
-class BenchTagger final : public ZeptickRunner {
+class BenchTagger final : public testing::InertInputRunner {
  public:
   /// `pattern` is shifted per block by `block_span`; its times must lie in [0, block_span).
   BenchTagger(std::vector<Tag> pattern, int64_t block_span, unsigned workers = 0)
@@ -50,18 +50,7 @@ class BenchTagger final : public ZeptickRunner {
   }
 
   int getInvertedChannel(int channel) override { return -channel; }
-  bool isUnusedChannel(int channel) override { return channel == CHANNEL_UNUSED; }
   std::string getConfiguration() override { return "{}"; }
-  void setInputDelay(int, int64_t) override {}
-  int64_t getInputDelay(int) override { return 0; }
-  int64_t setDeadtime(int, int64_t deadtime) override { return deadtime; }
-  int64_t getDeadtime(int) override { return 0; }
-  void setTestSignal(std::vector<int>, bool) override {}
-  void setTestSignal(int, bool) override {}
-  bool getTestSignal(int) override { return false; }
-  int64_t getOverflows() override { return 0; }
-  void clearOverflows() override {}
-  int64_t getOverflowsAndClear() override { return 0; }
   int getNewVirtualChannel() override { return 1000; }
   void registerChannel(int) override {}
   void unregisterChannel(int) override {}

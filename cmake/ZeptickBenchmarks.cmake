@@ -9,6 +9,8 @@ foreach(source IN LISTS zeptick_bench_sources)
   set(target bench_${stem})
   add_executable(${target} "${source}")
   target_link_libraries(${target} PRIVATE zeptick_internal zeptick_recording benchmark::benchmark)
+  # The streaming doubles of tests/support serve the benchmarks' taggers too.
+  target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
   zeptick_set_warnings(${target})
   # Some read the shared real recordings beside the source tree.
   target_compile_definitions(${target} PRIVATE ZEPTICK_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

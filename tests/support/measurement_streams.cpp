@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <stdexcept>
 #include <tuple>
 
 namespace zeptick::testing {
@@ -102,7 +103,8 @@ std::vector<Block> deliver(TestTaggerCore& tagger, std::vector<Block> blocks) {
   // tagger serves no idle blocks.
   const uint32_t fence = tagger.getFence(true);
   tagger.pushBlocks({Block{{}, 0, 0}});
-  tagger.waitForFence(fence, -1);
+  // A measurement that never finishes a block fails the test instead of hanging it.
+  if (!tagger.waitForFence(fence, 60000)) throw std::runtime_error("blocks not delivered in 60 s");
   return pushed;
 }
 

@@ -60,7 +60,7 @@ std::vector<Tag> concatenate(const std::vector<Block>& blocks);
 
 /// Queues `blocks` on a running tagger, waits until every measurement has
 /// processed them and returns them as delivered (shifted to where the stream
-/// stood). Works with and without idle blocks.
+/// stood). Works with and without idle blocks; throws after waiting 60 s.
 std::vector<Block> deliver(TestTaggerCore& tagger, std::vector<Block> blocks);
 
 /// Field by field equality of two tag sequences; on failure, the first

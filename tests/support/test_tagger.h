@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/zeptick_runner.h"
+#include "support/inert_input_runner.h"
 #include "zeptick/zeptick_hardware.h"
 
 namespace zeptick::testing {
@@ -25,9 +25,8 @@ struct Block {
 /// A block carries the fence current when it was queued, as data that reached
 /// an instrument does, so sync() covers every block pushed before it.
 /// Inputs are 1..N with falling edges -1..-N (N is 8 unless a test asks for more);
-/// virtual channels start at 1000. Settings of the inputs are accepted and ignored, and no
-/// overflow is counted: no measurement under test reads them back.
-class TestTaggerCore : public ZeptickRunner {
+/// virtual channels start at 1000.
+class TestTaggerCore : public InertInputRunner {
  public:
   /// Shifts `blocks` so the first begins where the stream ends, queues them,
   /// and returns them as they will be delivered. Spans must touch.
@@ -42,18 +41,7 @@ class TestTaggerCore : public ZeptickRunner {
   int getInvertedChannel(int channel) override {
     return isInput(channel) ? -channel : CHANNEL_UNUSED;
   }
-  bool isUnusedChannel(int channel) override { return channel == CHANNEL_UNUSED; }
   std::string getConfiguration() override { return "{\"tagger\": \"test\"}"; }
-  void setInputDelay(int, int64_t) override {}
-  int64_t getInputDelay(int) override { return 0; }
-  int64_t setDeadtime(int, int64_t deadtime) override { return deadtime; }
-  int64_t getDeadtime(int) override { return 0; }
-  void setTestSignal(std::vector<int>, bool) override {}
-  void setTestSignal(int, bool) override {}
-  bool getTestSignal(int) override { return false; }
-  int64_t getOverflows() override { return 0; }
-  void clearOverflows() override {}
-  int64_t getOverflowsAndClear() override { return 0; }
   int getNewVirtualChannel() override;
   void registerChannel(int channel) override { countRegistration(channel, 1); }
   void unregisterChannel(int channel) override { countRegistration(channel, -1); }

@@ -183,6 +183,7 @@ class Api(unittest.TestCase):
             ("POST", "/api/channels/1", b'{"trigger_level": 1e9}', "trigger_level"),
             ("POST", "/api/channels/1", b'{"input_delay": "3 parsecs"}', "input_delay"),
             ("POST", "/api/channels/1", b'{"input_delay": 1e30}', "input_delay"),
+            ("POST", "/api/channels/1", b'{"input_delay": 1000000000000000000}', "input_delay"),
             ("POST", "/api/channels/1", b'{"dead_time": -1}', "dead_time"),
             ("POST", "/api/channels/1", b'{"test_signal": "yes"}', "test_signal"),
             ("POST", "/api/channels/1", b'{"enabled": 1}', "enabled"),
