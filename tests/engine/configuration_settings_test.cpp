@@ -1,9 +1,9 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -177,16 +177,16 @@ TEST_F(Configuration, ReportKeepsItsLayoutAndShowsTheSettings) {
   for (std::string line; std::getline(stream, line);) text.push_back(line);
   // 18 inputs of 11 lines, the last without its comma, and the closing lines.
   ASSERT_EQ(text.size(), 22u + 18u * 11u + 2u);
-  EXPECT_TRUE(std::regex_match(
-      text[1], std::regex(R"(  "current time": "\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4}",)")))
-      << text[1];
+  // gtest's POSIX expressions: no \d, and a bracket expression lists `]` first.
+  EXPECT_THAT(text[1], ::testing::MatchesRegex(R"(  "current time": "[0-9]{4}-[0-9]{2}-[0-9]{2})"
+                                               R"( [0-9]{2}:[0-9]{2}:[0-9]{2} [+-][0-9]{4}",)"));
   // Two spaces per level of nesting, then `"key": value` or a bracket; arrays of plain values on
   // one line.
   int depth = 0;
   for (const std::string& line : text) {
     depth -= line.find_first_of("]}") == line.find_first_not_of(' ');
     EXPECT_EQ(line.find_first_not_of(' '), static_cast<size_t>(2 * depth)) << line;
-    EXPECT_TRUE(std::regex_match(line, std::regex(R"( *("[^"]+": [^ ].*|[\[\]{}],?))"))) << line;
+    EXPECT_THAT(line, ::testing::MatchesRegex(R"( *("[^"]+": [^ ].*|[][{}],?))"));
     depth += line.back() == '[' || line.back() == '{';
   }
   EXPECT_EQ(text[3], R"(  "registered channels": [],)");
