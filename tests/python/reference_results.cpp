@@ -4,6 +4,7 @@
 
 #include <zeptick/zeptick.h>
 
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -31,7 +32,10 @@ void save(const std::string& dir, const std::string& name, const char* dtype, Ge
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s RECORDING OUTPUT_DIR\n", argv[0]);
+    return 2;
+  }
   const std::string dir = argv[2];
   using namespace zeptick;
   ZeptickVirtual* tagger = createZeptickVirtual();

@@ -1,5 +1,5 @@
-"""Runs a notebook and fails on any cell error. The kernel runs on sys.executable itself: a kernel
-spec found on PATH may name another interpreter without the package's dependencies.
+"""Runs a notebook and fails on any cell error. The kernel runs on sys.executable itself: a Jupyter
+kernel found on PATH may name another interpreter without the package's dependencies.
 usage: python3 run_notebook.py NOTEBOOK.ipynb"""
 
 import sys
